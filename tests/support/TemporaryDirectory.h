@@ -1,0 +1,43 @@
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+/// A fresh folder under the system's temporary directory, removed with everything in it
+/// when the object goes away.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    /// The absolute path of `relative` inside the folder, as a string.
+    std::string operator/(const std::string& relative) const { return (path_ / relative).string(); }
+
+    /// Writes `contents` to `relative`, making the folders on the way.
+    std::string writeFile(const std::string& relative, const std::string& contents) const;
+    /// Makes the folder `relative` and its parents.
+    std::string makeFolder(const std::string& relative) const;
+
+private:
+    std::filesystem::path path_;
+};
+
+/// Sets an environment variable, or unsets it for nullptr, for the object's lifetime.
+class ScopedEnvironment {
+public:
+    ScopedEnvironment(const char* name, const char* value);
+    ~ScopedEnvironment();
+    ScopedEnvironment(const ScopedEnvironment&) = delete;
+    ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
+
+private:
+    std::string name_;
+    std::string previous_;
+    bool hadPrevious_;
+};
+
+/// The whole content of a file, or "" when it cannot be read.
+std::string readWholeFile(const std::string& path);

@@ -1,0 +1,446 @@
+#include "CoreKestly/Platform/DCIRunLoop.h"
+
+#include "CoreKestly/Platform/DCIRunLoopInternal.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <future>
+#include <limits>
+#include <string>
+
+namespace {
+using Clock = DCIRunLoop::Clock;
+using Entry = DCIRunLoopSource::Entry;
+
+// epoll reports carry these ids for the loop's own descriptors; sources are numbered after them.
+constexpr uint64_t kWakeId = 0;
+constexpr uint64_t kTimerId = 1;
+constexpr uint64_t kFirstSourceId = 2;
+constexpr int kMaxEventsPerPass = 64;
+
+void reportProblem(const std::string& problem) {
+    // The logger is built on run loops, so standard error is all a loop has; one write keeps
+    // lines of several threads apart.
+    const std::string line = "kestly: " + problem + "\n";
+    while (::write(STDERR_FILENO, line.data(), line.size()) < 0 && errno == EINTR) {}
+}
+
+template <typename Function>
+void invokeReportingExceptions(Function&& function) noexcept {
+    try {
+        function();
+    } catch (const std::exception& exception) {
+        reportProblem(std::string("uncaught exception in run-loop callback: ") + exception.what());
+    } catch (...) {
+        reportProblem("uncaught exception in run-loop callback: not a std::exception");
+    }
+}
+
+void bumpCounter(int fd) {
+    const uint64_t one = 1;
+    while (::write(fd, &one, sizeof one) < 0 && errno == EINTR) {}
+}
+
+void drainCounter(int fd) {
+    uint64_t count;
+    while (::read(fd, &count, sizeof count) < 0 && errno == EINTR) {}
+}
+
+bool watch(int epollFd, int operation, int fd, uint32_t events, uint64_t id) {
+    epoll_event event{};
+    event.events = events;
+    event.data.u64 = id;
+    return epoll_ctl(epollFd, operation, fd, &event) == 0;
+}
+
+/// `start + interval`, saturating: intervals such as "never" must not overflow the clock.
+Clock::time_point later(Clock::time_point start, Clock::duration interval) {
+    if (interval <= Clock::duration::zero()) return start;
+    if (interval > Clock::time_point::max() - start) return Clock::time_point::max();
+    return start + interval;
+}
+
+int millisecondsUntil(Clock::time_point deadline) {
+    if (deadline == Clock::time_point::max()) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::clamp<int64_t>(left, 0, std::numeric_limits<int>::max()));
+}
+
+std::shared_ptr<Entry> makeEntry(const std::shared_ptr<DCIRunLoop::State>& state, Entry::Kind kind,
+                                 Entry::Callback callback) {
+    return std::make_shared<Entry>(state, kind, state->nextSourceId.fetch_add(1, std::memory_order_relaxed),
+                                   std::move(callback));
+}
+
+/// One turn of a loop: waits for readiness, then runs the closures, signal sources, timers and
+/// descriptor sources that are ready. Each callback is claimed under the mutex just before it
+/// runs, so a source detached meanwhile, or already handled by a run nested in an earlier
+/// callback of this pass, is skipped.
+class Pass {
+public:
+    Pass(DCIRunLoop::State& state, bool stoppable) : state_(state), stoppable_(stoppable), number_(++state.passCount) {}
+
+    std::optional<bool> run(int timeoutMs) {
+        epoll_event events[kMaxEventsPerPass];
+        int count = epoll_wait(state_.epollFd, events, kMaxEventsPerPass, timeoutMs);
+        if (count < 0) {
+            if (errno != EINTR) return std::nullopt;
+            count = 0;
+        }
+        // Drained before scanning, so that what is signalled or queued from here on wakes the
+        // next pass.
+        for (int i = 0; i < count; ++i) {
+            if (events[i].data.u64 == kWakeId) drainCounter(state_.wakeFd);
+            if (events[i].data.u64 == kTimerId) drainCounter(state_.timerFd);
+        }
+        runClosures();
+        runSignalSources();
+        runTimers();
+        runDescriptorSources(events, count);
+        // Work left behind by a stop must keep the descriptor readable for the next pass.
+        if (interrupted_) state_.wake();
+        return ranCallback_;
+    }
+
+private:
+    bool mayGoOn() {
+        if (stoppable_ && !interrupted_ && state_.stopRequested.load(std::memory_order_acquire)) interrupted_ = true;
+        return !interrupted_;
+    }
+
+    void runClosures() {
+        size_t queued;
+        {
+            std::lock_guard lock(state_.mutex);
+            queued = state_.closures.size();
+        }
+        // Only those queued before the pass: a closure that queues another must not starve the
+        // sources. One at a time, so a run nested in a closure keeps the order.
+        for (; queued > 0 && mayGoOn(); --queued) {
+            DCIRunLoop::Closure closure;
+            {
+                std::lock_guard lock(state_.mutex);
+                if (state_.closures.empty()) return;
+                closure = std::move(state_.closures.front());
+                state_.closures.pop_front();
+            }
+            ++state_.callbacksRunning;
+            invokeReportingExceptions(closure);
+            --state_.callbacksRunning;
+            ranCallback_ = true;
+        }
+    }
+
+    void runSignalSources() {
+        std::vector<std::shared_ptr<Entry>> raised;
+        {
+            std::lock_guard lock(state_.mutex);
+            for (const auto& entry : state_.signalSources)
+                if (entry->signalled.load(std::memory_order_relaxed)) raised.push_back(entry);
+        }
+        for (const auto& entry : raised) {
+            if (!mayGoOn()) return;
+            if (claim(*entry, [&] { return entry->signalled.exchange(false, std::memory_order_acq_rel); }))
+                invoke(entry, 0);
+        }
+    }
+
+    void runTimers() {
+        std::vector<std::shared_ptr<Entry>> due;
+        {
+            std::lock_guard lock(state_.mutex);
+            const auto now = Clock::now();
+            std::copy_if(state_.timers.begin(), state_.timers.end(), std::back_inserter(due),
+                         [&](const auto& entry) { return entry->deadline <= now; });
+            std::sort(due.begin(), due.end(), [](const auto& a, const auto& b) { return a->deadline < b->deadline; });
+        }
+        for (const auto& entry : due) {
+            if (!mayGoOn()) return;
+            if (claim(*entry, [&] { return fire(*entry); })) invoke(entry, 0);
+        }
+    }
+
+    /// With the mutex held: whether the timer is still due and, if so, its next deadline.
+    bool fire(Entry& timer) {
+        const auto now = Clock::now();
+        if (timer.deadline > now) return false;
+        if (timer.repeats) {
+            timer.deadline = later(timer.deadline, timer.interval);
+            if (timer.deadline <= now) timer.deadline = later(now, timer.interval);
+        } else {
+            timer.detached = true;
+            std::erase_if(state_.timers, [&](const auto& entry) { return entry.get() == &timer; });
+        }
+        state_.armTimerDescriptor();
+        return true;
+    }
+
+    void runDescriptorSources(const epoll_event* events, int count) {
+        std::vector<std::pair<std::shared_ptr<Entry>, uint32_t>> ready;
+        {
+            std::lock_guard lock(state_.mutex);
+            for (int i = 0; i < count; ++i) {
+                const uint64_t id = events[i].data.u64;  // a copy: epoll_event is packed
+                const auto found = state_.fileDescriptorSources.find(id);
+                if (found != state_.fileDescriptorSources.end()) ready.emplace_back(found->second, events[i].events);
+            }
+        }
+        for (const auto& [entry, occurred] : ready) {
+            if (!mayGoOn()) return;
+            Entry& source = *entry;
+            const bool fresh = claim(source, [&] {
+                if (source.lastPass >= number_) return false;
+                source.lastPass = number_;
+                return true;
+            });
+            if (fresh) invoke(entry, occurred);
+        }
+    }
+
+    template <typename Condition>
+    bool claim(Entry& entry, Condition stillReady) {
+        std::lock_guard lock(state_.mutex);
+        if (entry.detached || !stillReady()) return false;
+        ++entry.runningCallbacks;
+        return true;
+    }
+
+    void invoke(const std::shared_ptr<Entry>& entry, uint32_t events) {
+        ++state_.callbacksRunning;
+        invokeReportingExceptions([&] { entry->callback(events); });
+        --state_.callbacksRunning;
+        ranCallback_ = true;
+        std::lock_guard lock(state_.mutex);
+        if (--entry->runningCallbacks == 0 && entry->detached) state_.callbackReturned.notify_all();
+    }
+
+    DCIRunLoop::State& state_;
+    const bool stoppable_;
+    const uint64_t number_;
+    bool ranCallback_ = false;
+    bool interrupted_ = false;
+};
+}  // namespace
+
+// MARK: - State
+
+DCIRunLoop::State::State(pid_t owner)
+    : ownerThread(owner),
+      epollFd(epoll_create1(EPOLL_CLOEXEC)),
+      wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      timerFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      nextSourceId(kFirstSourceId) {
+    const bool usable = epollFd >= 0 && wakeFd >= 0 && timerFd >= 0 &&
+                        watch(epollFd, EPOLL_CTL_ADD, wakeFd, EPOLLIN, kWakeId) &&
+                        watch(epollFd, EPOLL_CTL_ADD, timerFd, EPOLLIN, kTimerId);
+    // Without descriptors every run returns at once; nothing else can be done about it here.
+    if (!usable) reportProblem(std::string("cannot create a run loop: ") + std::strerror(errno));
+}
+
+DCIRunLoop::State::~State() {
+    for (int fd : {epollFd, wakeFd, timerFd})
+        if (fd >= 0) ::close(fd);
+}
+
+bool DCIRunLoop::State::isOwnerThread() const { return gettid() == ownerThread; }
+
+void DCIRunLoop::State::wake() const { bumpCounter(wakeFd); }
+
+void DCIRunLoop::State::close() {
+    std::deque<Closure> droppedClosures;
+    std::vector<std::shared_ptr<Entry>> droppedSources;
+    {
+        std::lock_guard lock(mutex);
+        closed = true;
+        droppedClosures.swap(closures);
+        droppedSources = std::move(signalSources);
+        droppedSources.insert(droppedSources.end(), timers.begin(), timers.end());
+        for (auto& [id, entry] : fileDescriptorSources) droppedSources.push_back(entry);
+        signalSources.clear();
+        timers.clear();
+        fileDescriptorSources.clear();
+        for (const auto& entry : droppedSources) entry->detached = true;
+    }
+    // Destroyed here, unlocked: what the closures and callbacks hold may call back into the loop.
+}
+
+bool DCIRunLoop::State::runUntil(Clock::time_point deadline, const std::function<bool()>* predicate) {
+    if (!isOwnerThread()) return false;
+    // Nested in a callback, the work an outer pass has collected but not yet run is ready
+    // without the descriptor saying so: the first pass looks without waiting.
+    bool mayWait = true;
+    for (;;) {
+        if (predicate && (*predicate)()) return true;
+        if (stopRequested.exchange(false, std::memory_order_acq_rel)) return false;
+        if (Clock::now() >= deadline) return false;
+        if (!runPass(mayWait ? millisecondsUntil(deadline) : 0, true)) return false;
+        mayWait = true;
+    }
+}
+
+std::optional<bool> DCIRunLoop::State::runPass(int timeoutMs, bool stoppable) {
+    return Pass(*this, stoppable).run(timeoutMs);
+}
+
+void DCIRunLoop::State::detach(Entry& entry) {
+    std::unique_lock lock(mutex);
+    if (!entry.detached) {
+        entry.detached = true;
+        const auto isEntry = [&](const auto& attached) { return attached.get() == &entry; };
+        switch (entry.kind) {
+        case Entry::Kind::signal:
+            std::erase_if(signalSources, isEntry);
+            break;
+        case Entry::Kind::timer:
+            std::erase_if(timers, isEntry);
+            armTimerDescriptor();
+            break;
+        case Entry::Kind::fileDescriptor:
+            // Fails harmlessly when the owner has already closed the descriptor.
+            epoll_ctl(epollFd, EPOLL_CTL_DEL, entry.fileDescriptor, nullptr);
+            fileDescriptorSources.erase(entry.id);
+            break;
+        }
+    }
+    // On the loop's own thread the running callback is the caller, or encloses it.
+    if (!isOwnerThread()) callbackReturned.wait(lock, [&] { return entry.runningCallbacks == 0; });
+}
+
+void DCIRunLoop::State::armTimerDescriptor() {
+    itimerspec when{};  // all zero disarms
+    const auto earliest = std::min_element(timers.begin(), timers.end(),
+                                           [](const auto& a, const auto& b) { return a->deadline < b->deadline; });
+    if (earliest != timers.end()) {
+        // Both count from the same CLOCK_MONOTONIC origin; zero would disarm, so at least 1 ns.
+        const int64_t ns = std::max<int64_t>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>((*earliest)->deadline.time_since_epoch()).count(), 1);
+        when.it_value.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
+        when.it_value.tv_nsec = static_cast<long>(ns % 1'000'000'000);
+    }
+    timerfd_settime(timerFd, TFD_TIMER_ABSTIME, &when, nullptr);
+}
+
+// MARK: - Loop
+
+DCIRunLoop& DCIRunLoop::main() {
+    // Deliberately leaked: other threads may still signal and perform on it while the process
+    // runs its static destructors.
+    static DCIRunLoop* const loop = new DCIRunLoop(getpid());
+    return *loop;
+}
+
+DCIRunLoop& DCIRunLoop::current() {
+    if (DCIIsMainThread()) return main();
+    thread_local const std::unique_ptr<DCIRunLoop> loop(new DCIRunLoop(gettid()));
+    return *loop;
+}
+
+DCIRunLoop::DCIRunLoop(int ownerThreadId) : state_(std::make_shared<State>(ownerThreadId)) {}
+
+DCIRunLoop::~DCIRunLoop() { state_->close(); }
+
+void DCIRunLoop::run() { state_->runUntil(Clock::time_point::max(), nullptr); }
+
+void DCIRunLoop::runUntil(Clock::time_point deadline) { state_->runUntil(deadline, nullptr); }
+
+bool DCIRunLoop::runUntil(const std::function<bool()>& predicate, Clock::duration timeout) {
+    return state_->runUntil(later(Clock::now(), timeout), &predicate);
+}
+
+bool DCIRunLoop::runOnce() {
+    if (!state_->isOwnerThread()) return false;
+    return state_->runPass(0, false).value_or(false);
+}
+
+// Calls from other threads hold the state for their whole length: once the loop sees their
+// work, its thread may end and destroy the loop object while they are still returning.
+
+void DCIRunLoop::stop() {
+    const std::shared_ptr<State> state = state_;
+    state->stopRequested.store(true, std::memory_order_release);
+    state->wake();
+}
+
+int DCIRunLoop::fileDescriptor() const { return state_->epollFd; }
+
+bool DCIRunLoop::isCurrent() const { return state_->isOwnerThread(); }
+
+void DCIRunLoop::performAsync(Closure closure) {
+    const std::shared_ptr<State> state = state_;
+    {
+        std::lock_guard lock(state->mutex);
+        // Only a closure being dropped by close() can get here; it goes with the loop.
+        if (state->closed) return;
+        state->closures.push_back(std::move(closure));
+    }
+    state->wake();
+}
+
+void DCIRunLoop::performSync(const Closure& closure) {
+    if (isCurrent()) {
+        invokeReportingExceptions(closure);
+        return;
+    }
+    auto done = std::make_shared<std::promise<void>>();
+    const std::future<void> finished = done->get_future();
+    performAsync([&closure, done = std::move(done)] {
+        invokeReportingExceptions(closure);
+        done->set_value();
+    });
+    // Also returns if the loop dies first: the dropped closure breaks the promise.
+    finished.wait();
+}
+
+std::unique_ptr<DCIRunLoopSource> DCIRunLoop::addSignalSource(Closure callback) {
+    auto entry = makeEntry(state_, Entry::Kind::signal, [callback = std::move(callback)](uint32_t) { callback(); });
+    std::lock_guard lock(state_->mutex);
+    state_->signalSources.push_back(entry);
+    return std::make_unique<DCIRunLoopSource>(std::move(entry));
+}
+
+std::unique_ptr<DCIRunLoopSource> DCIRunLoop::addFileDescriptorSource(int fd, uint32_t events,
+                                                                      std::function<void(uint32_t)> callback) {
+    auto entry = makeEntry(state_, Entry::Kind::fileDescriptor, std::move(callback));
+    entry->fileDescriptor = fd;
+    std::lock_guard lock(state_->mutex);
+    if (!watch(state_->epollFd, EPOLL_CTL_ADD, fd, events, entry->id)) return nullptr;
+    state_->fileDescriptorSources.emplace(entry->id, entry);
+    return std::make_unique<DCIRunLoopSource>(std::move(entry));
+}
+
+void DCIRunLoop::modifyFileDescriptorSource(DCIRunLoopSource& source, uint32_t events) {
+    Entry& entry = source.entry();
+    std::lock_guard lock(state_->mutex);
+    if (entry.loop != state_ || entry.kind != Entry::Kind::fileDescriptor || entry.detached) return;
+    watch(state_->epollFd, EPOLL_CTL_MOD, entry.fileDescriptor, events, entry.id);
+}
+
+std::unique_ptr<DCIRunLoopSource> DCIRunLoop::addTimer(Clock::duration interval, bool repeats, Closure callback) {
+    auto entry = makeEntry(state_, Entry::Kind::timer, [callback = std::move(callback)](uint32_t) { callback(); });
+    entry->interval = std::max(interval, Clock::duration::zero());
+    entry->repeats = repeats;
+    std::lock_guard lock(state_->mutex);
+    entry->deadline = later(Clock::now(), entry->interval);
+    state_->timers.push_back(entry);
+    state_->armTimerDescriptor();
+    return std::make_unique<DCIRunLoopSource>(std::move(entry));
+}
+
+// MARK: - Sources
+
+DCIRunLoopSource::~DCIRunLoopSource() { entry_->loop->detach(*entry_); }
+
+void DCIRunLoopSource::signal() {
+    // The hot path of every event post: one exchange, and a write only for the first signal
+    // since the callback last ran.
+    if (!entry_->signalled.exchange(true, std::memory_order_acq_rel)) entry_->loop->wake();
+}
+
+bool DCIIsMainThread() { return gettid() == getpid(); }

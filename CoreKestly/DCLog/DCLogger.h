@@ -1,0 +1,83 @@
+#pragma once
+
+#include "CoreKestly/Platform/DCIFormat.h"
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+
+/// The library's log file. Every message is appended as one entry, "%Y-%m-%d %H:%M:%S: "
+/// (local time at the moment of writing), the message and "\n", by one writer thread, so
+/// entries keep the order in which they were logged and never interleave, and no caller ever
+/// waits for the disk.
+///
+/// When a logger starts, the log of the run before becomes the previous log and an empty
+/// current log is begun, so one generation survives. Nothing about the file is ever
+/// reported: when it cannot be rotated, opened or written, entries are silently lost and the
+/// standard-error echo of `DCLogInfo` and `DCLogError` still happens.
+class DCLogger {
+public:
+    /// The process's logger, made on first use with the per-user temporary directory
+    /// (`TMPDIR`, else /tmp) and kept until the process ends.
+    static DCLogger& sharedLogger();
+
+    /// A logger whose files live in `directory`: rotates them and starts the writer.
+    explicit DCLogger(const std::string& directory);
+    /// Writes what is still queued, then stops the writer and closes the file.
+    ~DCLogger();
+    DCLogger(const DCLogger&) = delete;
+    DCLogger& operator=(const DCLogger&) = delete;
+
+    /// The path of "com.kestly.current.log".
+    const std::string& currentLogFileURL() const { return currentLogFileURL_; }
+    /// The path of "com.kestly.previous.log".
+    const std::string& previousLogFileURL() const { return previousLogFileURL_; }
+    /// The open current log, or -1 when it could not be opened.
+    int logFile() const { return logFile_; }
+
+    /// Queues one entry and returns at once. Any thread.
+    void log(std::string message);
+    /// Waits until every entry queued before the call is written.
+    void flush();
+
+private:
+    void writeEntries();
+    void writeEntry(const std::string& message) const;
+
+    const std::string currentLogFileURL_;
+    const std::string previousLogFileURL_;
+    int logFile_ = -1;
+
+    std::mutex mutex_;
+    std::condition_variable wake_;       // the writer waits here for entries
+    std::condition_variable written_;    // flush waits here for the writer
+    std::deque<std::string> pending_;
+    uint64_t queuedCount_ = 0;
+    uint64_t writtenCount_ = 0;
+    bool stopping_ = false;
+    std::thread writer_;  // last: starts after every member it uses
+};
+
+/// Whether `DCLogInfo` is silenced: `VERBOSE_LOGGING` is exactly "no". Read at every call.
+bool DCLogInfoIsSilenced();
+/// Echoes `message` to standard error as one line stamped with the time, the process name and
+/// ids, and appends it to the shared logger's file.
+void DCLogMessage(std::string message);
+
+/// Logs information, unless `VERBOSE_LOGGING` is "no". The format takes the platform's
+/// conversions (`%@`, `%d`, `%lu`, `%s`...), see `DCIFormat`.
+template <class... Args>
+void DCLogInfo(std::string_view format, const Args&... args) {
+    if (DCLogInfoIsSilenced()) return;
+    DCLogMessage(DCIFormat(format, args...));
+}
+
+/// Logs an error, whatever `VERBOSE_LOGGING` says.
+template <class... Args>
+void DCLogError(std::string_view format, const Args&... args) {
+    DCLogMessage(DCIFormat(format, args...));
+}

@@ -1,0 +1,133 @@
+#include "CoreKestly/Events/DCIEventManager.h"
+
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/Platform/DCIMPSCQueue.h"
+#include "CoreKestly/Platform/DCIRunLoop.h"
+
+#include <atomic>
+#include <exception>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+// The bus's transport (the queue and the main loop's source) is made once and kept for the
+// life of the process, so a worker that posts while the last listener is being removed
+// never touches freed memory. What comes and goes with the listeners is a *generation*:
+// every registration period gets a new number, each queued event carries the number that was
+// live when it was posted, and the drain delivers only events of the live generation. Events
+// of a released generation are thus dropped, as the bus's contract says, without any lock
+// on the posting path.
+class EventBus {
+public:
+    static EventBus& shared() {
+        // Deliberately never destroyed: threads may still post while the process exits.
+        static EventBus* const bus = new EventBus;
+        return *bus;
+    }
+
+    void post(std::shared_ptr<DCIEvent> event) {
+        const uint64_t generation = liveGeneration_.load(std::memory_order_acquire);
+        if (generation == kNoGeneration || !event) return;
+        queue_.push(QueuedEvent{std::move(event), generation});
+        source_->signal();
+    }
+
+    void add(const std::shared_ptr<DCIObject>& object) {
+        std::lock_guard lock(mutex_);
+        if (liveGeneration_.load(std::memory_order_relaxed) == kNoGeneration) beginGeneration();
+        auto listener = std::dynamic_pointer_cast<DCIEventListener>(object);
+        if (!listener || indexOf(listener) != kNotFound) return;
+        listeners_.push_back(std::move(listener));
+    }
+
+    void remove(const std::shared_ptr<DCIObject>& object) {
+        std::lock_guard lock(mutex_);
+        if (liveGeneration_.load(std::memory_order_relaxed) == kNoGeneration) return;
+        if (auto listener = std::dynamic_pointer_cast<DCIEventListener>(object)) {
+            if (const size_t index = indexOf(listener); index != kNotFound) listeners_.erase(listeners_.begin() + index);
+        }
+        std::erase_if(listeners_, [](const auto& entry) { return entry.expired(); });
+        if (listeners_.empty()) liveGeneration_.store(kNoGeneration, std::memory_order_release);
+    }
+
+    bool exists() const { return liveGeneration_.load(std::memory_order_acquire) != kNoGeneration; }
+
+private:
+    struct QueuedEvent {
+        std::shared_ptr<DCIEvent> event;
+        uint64_t generation;
+    };
+    static constexpr uint64_t kNoGeneration = 0;
+    static constexpr size_t kNotFound = static_cast<size_t>(-1);
+    static constexpr int kEventsPerDrain = 4096;
+
+    // Called with the mutex held.
+    void beginGeneration() {
+        if (!source_) source_ = DCIRunLoop::main().addSignalSource([this] { drain(); });
+        liveGeneration_.store(++lastGeneration_, std::memory_order_release);
+    }
+
+    // Called with the mutex held. Listeners are the same when they share an owner.
+    size_t indexOf(const std::shared_ptr<DCIEventListener>& listener) const {
+        for (size_t i = 0; i < listeners_.size(); ++i) {
+            if (!listeners_[i].owner_before(listener) && !listener.owner_before(listeners_[i])) return i;
+        }
+        return kNotFound;
+    }
+
+    // The listeners of the live generation, held for the delivery of one event; none when
+    // the event belongs to a released generation.
+    std::vector<std::shared_ptr<DCIEventListener>> snapshotFor(uint64_t generation) {
+        std::lock_guard lock(mutex_);
+        std::vector<std::shared_ptr<DCIEventListener>> snapshot;
+        if (generation != liveGeneration_.load(std::memory_order_relaxed)) return snapshot;
+        snapshot.reserve(listeners_.size());
+        for (const auto& entry : listeners_) {
+            if (auto listener = entry.lock()) snapshot.push_back(std::move(listener));
+        }
+        return snapshot;
+    }
+
+    // On the main thread. Takes the queued events in order, including those posted by
+    // listeners while it runs; each event reaches all its listeners before the next one is
+    // taken. Producers that post as fast as the listeners consume would keep one drain going
+    // for ever and starve the rest of the main loop, so a drain hands the loop back after a
+    // batch and signals itself to go on.
+    void drain() {
+        for (int delivered = 0; delivered < kEventsPerDrain; ++delivered) {
+            auto queued = queue_.pop();
+            if (!queued) return;
+            for (const auto& listener : snapshotFor(queued->generation)) deliver(*listener, queued->event);
+        }
+        source_->signal();
+    }
+
+    static void deliver(DCIEventListener& listener, const std::shared_ptr<DCIEvent>& event) {
+        try {
+            listener.handleEvent(event);
+        } catch (const std::exception& exception) {
+            DCLogError("Listener %@ threw while handling event %@: %s", listener, *event, exception.what());
+        } catch (...) {
+            DCLogError("Listener %@ threw while handling event %@", listener, *event);
+        }
+    }
+
+    DCIMPSCQueue<QueuedEvent> queue_;
+    std::unique_ptr<DCIRunLoopSource> source_;
+    std::atomic<uint64_t> liveGeneration_{kNoGeneration};
+
+    std::mutex mutex_;  // guards the listeners, the generation counter and the source's creation
+    uint64_t lastGeneration_ = kNoGeneration;
+    std::vector<std::weak_ptr<DCIEventListener>> listeners_;
+};
+
+}  // namespace
+
+void DCIEventManager::addListener(const std::shared_ptr<DCIObject>& object) { EventBus::shared().add(object); }
+
+void DCIEventManager::removeListener(const std::shared_ptr<DCIObject>& object) { EventBus::shared().remove(object); }
+
+void DCIEventManager::postEvent(std::shared_ptr<DCIEvent> event) { EventBus::shared().post(std::move(event)); }
+
+bool DCIEventManager::hasSharedInstance() { return EventBus::shared().exists(); }

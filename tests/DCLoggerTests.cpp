@@ -1,0 +1,169 @@
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+const std::regex kStampedEntry(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}: (.*)$)");
+
+// Sends standard error to a file for the object's lifetime.
+class CapturedStandardError {
+public:
+    explicit CapturedStandardError(const std::string& path) : saved_(dup(STDERR_FILENO)) {
+        const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(file, STDERR_FILENO);
+        close(file);
+    }
+    ~CapturedStandardError() {
+        dup2(saved_, STDERR_FILENO);
+        close(saved_);
+    }
+
+private:
+    int saved_;
+};
+
+// What DCLogInfo and DCLogError write to standard error and to the shared log file.
+struct Logged {
+    std::string standardError;
+    std::string logFile;
+};
+
+template <class Log>
+Logged capture(const TemporaryDirectory& folder, Log&& log) {
+    auto& logger = DCLogger::sharedLogger();
+    logger.flush();
+    const size_t logStart = readWholeFile(logger.currentLogFileURL()).size();
+    const std::string errPath = folder / "stderr.txt";
+    {
+        CapturedStandardError captured(errPath);
+        log();
+    }
+    logger.flush();
+    return {readWholeFile(errPath), readWholeFile(logger.currentLogFileURL()).substr(logStart)};
+}
+
+}  // namespace
+
+TEST(DCLogger, StartingALoggerRotatesOneGeneration) {
+    TemporaryDirectory folder;
+    folder.writeFile("com.kestly.previous.log", "two runs ago\n");
+    folder.writeFile("com.kestly.current.log", "the last run\n");
+
+    DCLogger logger(folder.path().string());
+    EXPECT_EQ(logger.currentLogFileURL(), folder / "com.kestly.current.log");
+    EXPECT_EQ(logger.previousLogFileURL(), folder / "com.kestly.previous.log");
+    EXPECT_GE(logger.logFile(), 0);
+    EXPECT_EQ(readWholeFile(folder / "com.kestly.previous.log"), "the last run\n");
+    EXPECT_EQ(readWholeFile(folder / "com.kestly.current.log"), "");
+
+    logger.log("first entry");
+    logger.flush();
+    const auto lines = linesOf(readWholeFile(logger.currentLogFileURL()));
+    ASSERT_EQ(lines.size(), 1u);
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(lines[0], match, kStampedEntry)) << lines[0];
+    EXPECT_EQ(match[1], "first entry");
+}
+
+TEST(DCLogger, AFirstRunHasNoPreviousLog) {
+    TemporaryDirectory folder;
+    DCLogger logger(folder.path().string());
+    EXPECT_FALSE(std::filesystem::exists(logger.previousLogFileURL()));
+    EXPECT_TRUE(std::filesystem::exists(logger.currentLogFileURL()));
+}
+
+TEST(DCLogger, AMultiLineMessageIsOneEntryStampedOnce) {
+    TemporaryDirectory folder;
+    {
+        DCLogger logger(folder.path().string());
+        logger.log("top line\nsecond line");
+        logger.log("after");
+    }  // the destructor writes what is queued
+    const auto lines = linesOf(readWholeFile(folder / "com.kestly.current.log"));
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_TRUE(std::regex_match(lines[0], kStampedEntry));
+    EXPECT_TRUE(lines[0].ends_with(": top line"));
+    EXPECT_EQ(lines[1], "second line");
+    EXPECT_TRUE(std::regex_match(lines[2], kStampedEntry));
+}
+
+TEST(DCLogger, EntriesOfConcurrentThreadsStayWholeAndInEachThreadsOrder) {
+    TemporaryDirectory folder;
+    constexpr int kPerThread = 500;
+    {
+        DCLogger logger(folder.path().string());
+        auto writer = [&logger](char tag) {
+            for (int i = 0; i < kPerThread; ++i) logger.log(std::string(1, tag) + std::to_string(i) + std::string(300, tag));
+        };
+        std::thread a(writer, 'a'), b(writer, 'b');
+        a.join();
+        b.join();
+    }
+    int next[2] = {0, 0};
+    for (const auto& line : linesOf(readWholeFile(folder / "com.kestly.current.log"))) {
+        std::smatch match;
+        ASSERT_TRUE(std::regex_match(line, match, kStampedEntry)) << line;
+        const std::string message = match[1];
+        const char tag = message[0];
+        ASSERT_TRUE(tag == 'a' || tag == 'b');
+        const int index = std::stoi(message.substr(1));
+        EXPECT_EQ(index, next[tag - 'a']++);
+        EXPECT_EQ(message, std::string(1, tag) + std::to_string(index) + std::string(300, tag));
+    }
+    EXPECT_EQ(next[0], kPerThread);
+    EXPECT_EQ(next[1], kPerThread);
+}
+
+TEST(DCLogger, AFolderThatCannotBeWrittenLosesEntriesQuietly) {
+    DCLogger logger("/proc/kestly-no-such-folder");
+    EXPECT_EQ(logger.logFile(), -1);
+    logger.log("goes nowhere");
+    logger.flush();
+}
+
+TEST(DCLogInfo, IsSilencedOnlyByVerboseLoggingExactlyNo) {
+    TemporaryDirectory folder;
+    struct Case {
+        const char* value;
+        bool logs;
+    };
+    for (const Case& c : {Case{"no", false}, Case{nullptr, true}, Case{"NO", true}, Case{"yes", true}, Case{"", true}}) {
+        ScopedEnvironment verbose("VERBOSE_LOGGING", c.value);
+        const std::string marker = std::string("info marker ") + (c.value ? c.value : "unset");
+        const Logged logged = capture(folder, [&] { DCLogInfo("%s %d", marker.c_str(), 17); });
+        const std::string expected = marker + " 17";
+        EXPECT_EQ(logged.standardError.find(expected) != std::string::npos, c.logs) << marker;
+        EXPECT_EQ(logged.logFile.find(expected) != std::string::npos, c.logs) << marker;
+    }
+}
+
+TEST(DCLogError, LogsWhateverVerboseLoggingSaysWithTheEchoOnOneLine) {
+    TemporaryDirectory folder;
+    ScopedEnvironment verbose("VERBOSE_LOGGING", "no");
+    const Logged logged = capture(folder, [] { DCLogError("Not setting nil object for key %@", "sourcePath"); });
+
+    const auto echo = linesOf(logged.standardError);
+    ASSERT_EQ(echo.size(), 1u);
+    // time, process name and ids, then the message
+    EXPECT_TRUE(std::regex_match(echo[0], std::regex(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \S+\[\d+:\d+\] )"
+                                                     R"(Not setting nil object for key sourcePath$)")))
+        << echo[0];
+    const auto entries = linesOf(logged.logFile);
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_TRUE(entries[0].ends_with(": Not setting nil object for key sourcePath"));
+}

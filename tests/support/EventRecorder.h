@@ -1,0 +1,44 @@
+#pragma once
+
+#include "CoreKestly/Events/DCIEventManager.h"
+#include "CoreKestly/Platform/DCIRunLoop.h"
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <vector>
+
+/// A listener that keeps every event it is handed, and whether it came on the main thread;
+/// `onEvent` lets a test act from inside `handleEvent`.
+class EventRecorder : public DCIEventListener {
+public:
+    std::vector<std::shared_ptr<DCIEvent>> events;
+    bool allOnMainThread = true;
+    std::function<void(const std::shared_ptr<DCIEvent>&)> onEvent;
+
+    void handleEvent(const std::shared_ptr<DCIEvent>& event) override {
+        allOnMainThread = allOnMainThread && DCIIsMainThread();
+        events.push_back(event);
+        if (onEvent) onEvent(event);
+    }
+
+    /// The types of the received events of `category`, in arrival order.
+    std::vector<uint64_t> typesOfCategory(uint64_t category) const {
+        std::vector<uint64_t> types;
+        for (const auto& event : events) {
+            if (event->category() == category) types.push_back(event->type());
+        }
+        return types;
+    }
+};
+
+/// Runs the main loop until `predicate` holds or five seconds have passed.
+inline bool pumpMainLoopUntil(const std::function<bool()>& predicate,
+                              std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    return DCIRunLoop::main().runUntil(predicate, timeout);
+}
+
+/// Runs the main loop long enough for anything already queued to be delivered.
+inline void pumpMainLoopBriefly() {
+    DCIRunLoop::main().runUntil(DCIRunLoop::Clock::now() + std::chrono::milliseconds(50));
+}

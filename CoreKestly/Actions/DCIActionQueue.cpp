@@ -1,0 +1,122 @@
+#include "CoreKestly/Actions/DCIActionQueue.h"
+
+#include <algorithm>
+#include <map>
+
+/// The paused observers of one queue. Its lock also serialises pause and resume, so each real
+/// transition is announced exactly once however many threads race; it is recursive so that an
+/// observer may pause, resume or (un)register from its callback.
+struct DCIPausedObservation::Registry {
+    std::recursive_mutex mutex;
+    std::map<uint64_t, DCIPausedObserver> observers;
+    uint64_t nextIdentifier = 0;
+
+    // Called with `mutex` held. Each observer is looked up again before its call, since an
+    // earlier one may have removed it, and called through a copy, since it may remove itself.
+    void notify(bool isPrior, bool paused) {
+        std::vector<uint64_t> identifiers;
+        for (const auto& [identifier, observer] : observers) identifiers.push_back(identifier);
+        for (const uint64_t identifier : identifiers) {
+            const auto registered = observers.find(identifier);
+            if (registered == observers.end()) continue;
+            const DCIPausedObserver observer = registered->second;
+            observer(isPrior, paused);
+        }
+    }
+};
+
+DCIPausedObservation::~DCIPausedObservation() {
+    const auto registry = registry_.lock();
+    if (!registry) return;
+    std::lock_guard lock(registry->mutex);
+    registry->observers.erase(identifier_);
+}
+
+DCIActionQueue::DCIActionQueue()
+    : priorityChangesSeen_(DCIAction::waitingPriorityChanges()),
+      pausedObservers_(std::make_shared<DCIPausedObservation::Registry>()) {}
+
+std::shared_ptr<DCIActionQueue> DCIActionQueue::init() { return std::shared_ptr<DCIActionQueue>(new DCIActionQueue()); }
+
+DCIActionQueue::~DCIActionQueue() {
+    for (const auto& entry : heap_) --entry.action->waitingCount_;
+}
+
+bool DCIActionQueue::isHandedOutAfter(const Entry& a, const Entry& b) {
+    if (a.priority != b.priority) return a.priority > b.priority;
+    // Newest first. Timestamps decide wherever they differ, as `compareTo` does; the creation
+    // sequence orders equal ones, which keeps the ordering strict (std::*_heap needs that).
+    if (a.created != b.created) return a.created < b.created;
+    return a.creationSequence < b.creationSequence;
+}
+
+void DCIActionQueue::addAction(const std::shared_ptr<DCIAction>& action) {
+    if (!action) return;
+    std::lock_guard lock(mutex_);
+    if (!waiting_.insert(action.get()).second) return;
+    // Counted as waiting before its priority is read: see DCIAction::announcePriorityChange.
+    ++action->waitingCount_;
+    heap_.push_back(Entry{action->priority(), action->timestamp().timePoint(), action->creationSequence_, action});
+    std::push_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
+    action->changeStatus(DCIActionStatusPending);
+}
+
+std::shared_ptr<DCIAction> DCIActionQueue::popNextAction() {
+    if (!running()) return nullptr;
+    std::lock_guard lock(mutex_);
+    if (heap_.empty()) return nullptr;
+    catchUpWithPriorityChanges();
+    std::pop_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
+    auto action = std::move(heap_.back().action);
+    heap_.pop_back();
+    waiting_.erase(action.get());
+    --action->waitingCount_;
+    return action;
+}
+
+void DCIActionQueue::catchUpWithPriorityChanges() {
+    // Read before the priorities: a change that lands during the pass is caught next time.
+    const uint64_t changes = DCIAction::waitingPriorityChanges();
+    if (changes == priorityChangesSeen_) return;
+    priorityChangesSeen_ = changes;
+    bool reordered = false;
+    for (auto& entry : heap_) {
+        const uint64_t priority = entry.action->priority();
+        reordered = reordered || priority != entry.priority;
+        entry.priority = priority;
+    }
+    if (reordered) std::make_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
+}
+
+std::vector<std::shared_ptr<DCIAction>> DCIActionQueue::queue() const {
+    std::vector<Entry> entries;
+    {
+        std::lock_guard lock(mutex_);
+        entries = heap_;
+    }
+    for (auto& entry : entries) entry.priority = entry.action->priority();
+    std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return isHandedOutAfter(b, a); });
+    std::vector<std::shared_ptr<DCIAction>> actions;
+    actions.reserve(entries.size());
+    for (auto& entry : entries) actions.push_back(std::move(entry.action));
+    return actions;
+}
+
+void DCIActionQueue::pause() { changePaused(true); }
+
+void DCIActionQueue::resume() { changePaused(false); }
+
+void DCIActionQueue::changePaused(bool paused) {
+    std::lock_guard lock(pausedObservers_->mutex);
+    if (this->paused() == paused) return;
+    pausedObservers_->notify(true, !paused);
+    running_.store(!paused);
+    pausedObservers_->notify(false, paused);
+}
+
+std::unique_ptr<DCIPausedObservation> DCIActionQueue::addPausedObserver(DCIPausedObserver observer) {
+    std::lock_guard lock(pausedObservers_->mutex);
+    const uint64_t identifier = pausedObservers_->nextIdentifier++;
+    pausedObservers_->observers.emplace(identifier, std::move(observer));
+    return std::unique_ptr<DCIPausedObservation>(new DCIPausedObservation(pausedObservers_, identifier));
+}

@@ -1,0 +1,325 @@
+#include "CoreKestly/Actions/DCIActionQueue.h"
+#include "CoreKestly/CoreKestlyKeys.h"
+#include "support/EventRecorder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <set>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+using Actions = std::vector<std::shared_ptr<DCIAction>>;
+
+std::shared_ptr<DCIAction> actionWithPriority(uint64_t priority) {
+    auto action = DCIAction::init();
+    action->setPriority(priority);
+    return action;
+}
+
+// Takes from the queue until it answers nothing.
+Actions drain(DCIActionQueue& queue) {
+    Actions taken;
+    while (auto action = queue.popNextAction()) taken.push_back(std::move(action));
+    return taken;
+}
+
+// The pending-status events reach a real listener on the main thread; the bus is gone again
+// after each test, so no test sees another's events.
+class DCIActionQueueTest : public ::testing::Test {
+protected:
+    void SetUp() override { DCIEventManager::addListener(recorder_); }
+    void TearDown() override { DCIEventManager::removeListener(recorder_); }
+
+    // The (new, previous) statuses announced for `action` once the main loop has delivered
+    // what is queued.
+    std::vector<std::pair<int64_t, int64_t>> statusChangesOf(const std::shared_ptr<DCIAction>& action) {
+        pumpMainLoopBriefly();
+        std::vector<std::pair<int64_t, int64_t>> changes;
+        for (const auto& event : recorder_->events) {
+            if (event->action() != action) continue;
+            changes.emplace_back(*event->contextValue(kDCIActionStatusKey)->int64Value(),
+                                 *event->contextValue(kDCIActionPreviousStatusKey)->int64Value());
+        }
+        return changes;
+    }
+
+    std::shared_ptr<DCIActionQueue> queue_ = DCIActionQueue::init();
+    std::shared_ptr<EventRecorder> recorder_ = std::make_shared<EventRecorder>();
+};
+
+}  // namespace
+
+TEST_F(DCIActionQueueTest, HandsOutTheSmallestPriorityValueFirst) {
+    const auto five = actionWithPriority(5);
+    const auto one = actionWithPriority(1);
+    const auto three = actionWithPriority(3);
+    for (const auto& action : {five, one, three}) queue_->addAction(action);
+    EXPECT_EQ(drain(*queue_), (Actions{one, three, five}));
+}
+
+TEST_F(DCIActionQueueTest, HandsOutTheNewestFirstAmongEqualPriorities) {
+    // Created in quick succession, many share a clock tick: creation order still decides.
+    Actions byCreation;
+    for (int i = 0; i < 300; ++i) byCreation.push_back(actionWithPriority(static_cast<uint64_t>(i % 3)));
+    Actions scrambled = byCreation;
+    std::shuffle(scrambled.begin(), scrambled.end(), std::mt19937(7));
+    for (const auto& action : scrambled) queue_->addAction(action);
+
+    Actions expected;
+    for (uint64_t priority = 0; priority < 3; ++priority) {
+        for (auto action = byCreation.rbegin(); action != byCreation.rend(); ++action) {
+            if ((*action)->priority() == priority) expected.push_back(*action);
+        }
+    }
+    EXPECT_EQ(queue_->queue(), expected);
+    EXPECT_EQ(drain(*queue_), expected);
+}
+
+TEST_F(DCIActionQueueTest, FollowsTheOrderWhileActionsComeGoAndChangePriority) {
+    // A plain model of what waits, each action with its rank of creation: the next to hand
+    // out has the smallest priority and, among those, the highest rank.
+    std::mt19937 random(11);
+    std::vector<std::pair<size_t, std::shared_ptr<DCIAction>>> waiting;
+    size_t created = 0;
+    for (int step = 0; step < 3000; ++step) {
+        const auto choice = random() % 10;
+        if (choice < 5) {
+            waiting.emplace_back(created++, actionWithPriority(random() % 20));
+            queue_->addAction(waiting.back().second);
+        } else if (choice < 7 && !waiting.empty()) {
+            waiting[random() % waiting.size()].second->setPriority(random() % 20);
+        } else {
+            const auto next = std::min_element(waiting.begin(), waiting.end(), [](const auto& a, const auto& b) {
+                return std::make_tuple(a.second->priority(), b.first) < std::make_tuple(b.second->priority(), a.first);
+            });
+            const auto expected = next == waiting.end() ? nullptr : next->second;
+            ASSERT_EQ(queue_->popNextAction(), expected) << "step " << step;
+            if (expected) waiting.erase(next);
+        }
+    }
+    EXPECT_EQ(queue_->queue().size(), waiting.size());
+}
+
+TEST_F(DCIActionQueueTest, APriorityChangedWhileWaitingCountsAtTheNextHandOut) {
+    const auto a = actionWithPriority(5);
+    const auto b = actionWithPriority(3);
+    const auto c = actionWithPriority(4);
+    for (const auto& action : {a, b, c}) queue_->addAction(action);
+    EXPECT_EQ(queue_->popNextAction(), b);
+
+    a->setPriority(1);
+    EXPECT_EQ(queue_->popNextAction(), a);
+    EXPECT_EQ(queue_->popNextAction(), c);
+
+    // Through the tree: the group's parent does not wait, its children do.
+    const auto group = DCIAction::init();
+    const auto member = actionWithPriority(10);
+    const auto other = actionWithPriority(6);
+    member->setParent(group);
+    queue_->addAction(member);
+    queue_->addAction(other);
+    group->recursivelyIncrementPriority(-8);
+    EXPECT_EQ(queue_->popNextAction(), member);
+    EXPECT_EQ(queue_->popNextAction(), other);
+}
+
+TEST_F(DCIActionQueueTest, AWaitingActionIsHeldOnceAndAnnouncedOnce) {
+    const auto action = DCIAction::init();
+    queue_->addAction(action);
+    queue_->addAction(action);
+    queue_->addAction(nullptr);
+    EXPECT_EQ(action->status(), DCIActionStatusPending);
+    EXPECT_EQ(queue_->queue(), Actions{action});
+    EXPECT_EQ(drain(*queue_), Actions{action});
+    EXPECT_EQ(statusChangesOf(action), (std::vector<std::pair<int64_t, int64_t>>{{2, 0}}));
+}
+
+TEST_F(DCIActionQueueTest, AFinishedActionIsQueuedAgainAsPending) {
+    const auto action = DCIAction::init();
+    queue_->addAction(action);
+    ASSERT_EQ(queue_->popNextAction(), action);
+    action->changeStatus(DCIActionStatusCompleted);
+
+    queue_->addAction(action);
+    EXPECT_EQ(action->status(), DCIActionStatusPending);
+    EXPECT_EQ(queue_->popNextAction(), action);
+    EXPECT_EQ(statusChangesOf(action), (std::vector<std::pair<int64_t, int64_t>>{{2, 0}, {7, 2}, {2, 7}}));
+}
+
+TEST_F(DCIActionQueueTest, AnActionMayWaitInTwoQueues) {
+    const auto other = DCIActionQueue::init();
+    const auto shared = actionWithPriority(5);
+    const auto local = actionWithPriority(3);
+    queue_->addAction(shared);
+    queue_->addAction(local);
+    other->addAction(shared);
+    EXPECT_EQ(other->popNextAction(), shared);
+
+    // Taken from one queue, it still waits in the other and still moves there.
+    shared->setPriority(1);
+    EXPECT_EQ(drain(*queue_), (Actions{shared, local}));
+}
+
+TEST_F(DCIActionQueueTest, EmptyAndPausedQueuesHandOutNothing) {
+    EXPECT_EQ(queue_->popNextAction(), nullptr);
+    EXPECT_TRUE(queue_->running());
+
+    const auto first = DCIAction::init();
+    queue_->addAction(first);
+    queue_->pause();
+    EXPECT_TRUE(queue_->paused());
+    EXPECT_EQ(queue_->popNextAction(), nullptr);
+
+    const auto second = DCIAction::init();
+    queue_->addAction(second);
+    EXPECT_EQ(second->status(), DCIActionStatusPending);
+    EXPECT_EQ(queue_->popNextAction(), nullptr);
+
+    queue_->resume();
+    EXPECT_EQ(drain(*queue_), (Actions{second, first}));
+}
+
+TEST_F(DCIActionQueueTest, PauseAndResumeAreAnnouncedOnlyOnRealTransitions) {
+    struct Notification {
+        bool isPrior;
+        bool paused;
+        bool queuePaused;
+        std::thread::id thread;
+        bool operator==(const Notification&) const = default;
+    };
+    std::vector<Notification> heard;
+    auto observation = queue_->addPausedObserver([&](bool isPrior, bool paused) {
+        heard.push_back({isPrior, paused, queue_->paused(), std::this_thread::get_id()});
+    });
+    const auto here = std::this_thread::get_id();
+
+    queue_->resume();
+    EXPECT_TRUE(heard.empty());
+
+    std::thread::id pauser;
+    std::thread([&] {
+        pauser = std::this_thread::get_id();
+        queue_->pause();
+        queue_->pause();
+    }).join();
+    EXPECT_EQ(heard, (std::vector<Notification>{{true, false, false, pauser}, {false, true, true, pauser}}));
+
+    heard.clear();
+    queue_->resume();
+    EXPECT_EQ(heard, (std::vector<Notification>{{true, true, true, here}, {false, false, false, here}}));
+
+    heard.clear();
+    queue_->setRunning(false);
+    queue_->setRunning(true);
+    observation.reset();
+    queue_->pause();
+    EXPECT_TRUE(heard.empty());
+}
+
+TEST_F(DCIActionQueueTest, ObserversMayChangeTheQueueFromTheirCallback) {
+    int calls = 0;
+    std::unique_ptr<DCIPausedObservation> observation;
+    observation = queue_->addPausedObserver([&](bool isPrior, bool paused) {
+        ++calls;
+        if (!isPrior && paused) {
+            observation.reset();
+            queue_->resume();
+        }
+    });
+    queue_->pause();
+    EXPECT_EQ(calls, 2);
+    EXPECT_TRUE(queue_->running());
+
+    // An observation may outlive its queue.
+    auto late = queue_->addPausedObserver([](bool, bool) {});
+    queue_.reset();
+    late.reset();
+}
+
+// Without a listener, so that no status event keeps an action alive.
+TEST(DCIActionQueue, HoldsActionsOnlyWhileTheyWait) {
+    auto queue = DCIActionQueue::init();
+    std::weak_ptr<DCIAction> taken;
+    std::weak_ptr<DCIAction> left;
+    {
+        auto first = actionWithPriority(1);
+        auto second = actionWithPriority(2);
+        taken = first;
+        left = second;
+        queue->addAction(first);
+        queue->addAction(second);
+    }
+    EXPECT_FALSE(taken.expired());
+    queue->popNextAction();
+    EXPECT_TRUE(taken.expired());
+    EXPECT_FALSE(left.expired());
+    queue.reset();
+    EXPECT_TRUE(left.expired());
+}
+
+TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
+    constexpr size_t kAdders = 2;
+    constexpr size_t kPerAdder = 3000;
+    constexpr size_t kTakers = 4;
+    constexpr size_t kTotal = kAdders * kPerAdder;
+    Actions all;
+    for (size_t i = 0; i < kTotal; ++i) all.push_back(actionWithPriority(i % 17));
+
+    std::atomic<size_t> takenCount{0};
+    std::vector<Actions> takenBy(kTakers);
+    std::vector<std::thread> threads;
+    for (size_t adder = 0; adder < kAdders; ++adder) {
+        threads.emplace_back([&, adder] {
+            for (size_t i = adder * kPerAdder; i < (adder + 1) * kPerAdder; ++i) queue_->addAction(all[i]);
+        });
+    }
+    for (size_t taker = 0; taker < kTakers; ++taker) {
+        threads.emplace_back([&, taker] {
+            while (takenCount < kTotal) {
+                if (auto action = queue_->popNextAction()) {
+                    takenBy[taker].push_back(std::move(action));
+                    ++takenCount;
+                } else {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    // Reorders waiting actions and pauses hand-out now and then, while all of the above runs.
+    threads.emplace_back([&] {
+        std::mt19937 random(3);
+        for (int round = 0; takenCount < kTotal; ++round) {
+            all[random() % kTotal]->setPriority(random() % 17);
+            if (round % 64 == 0) queue_->pause();
+            if (round % 64 == 1) queue_->resume();
+        }
+        queue_->resume();
+    });
+    for (auto& thread : threads) thread.join();
+
+    std::set<DCIAction*> distinct;
+    size_t handedOut = 0;
+    for (const auto& taken : takenBy) {
+        handedOut += taken.size();
+        for (const auto& action : taken) distinct.insert(action.get());
+    }
+    EXPECT_EQ(handedOut, kTotal);
+    EXPECT_EQ(distinct.size(), kTotal);
+    EXPECT_EQ(queue_->popNextAction(), nullptr);
+
+    // Each was announced pending once, from the adders' threads, without their waiting for
+    // the main thread, which was blocked in join.
+    ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder_->events.size() == kTotal; }));
+    std::set<DCIAction*> announced;
+    for (const auto& event : recorder_->events) {
+        EXPECT_EQ(event->contextValue(kDCIActionStatusKey)->int64Value(), DCIActionStatusPending);
+        announced.insert(event->action().get());
+    }
+    EXPECT_EQ(announced.size(), kTotal);
+}

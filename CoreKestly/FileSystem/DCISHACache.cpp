@@ -1,0 +1,167 @@
+#include "CoreKestly/FileSystem/DCISHACache.h"
+
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/FileSystem/DCISHACacheStoreInternal.h"
+#include "CoreKestly/FileSystem/KSTFileHash.h"
+#include "CoreKestly/Platform/DCIFormat.h"
+#include "CoreKestly/Platform/DCISerialExecutorInternal.h"
+
+#include <chrono>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+std::shared_ptr<DCISHACache> DCISHACache::initWithCachePath(const std::string& cachePath,
+                                                            DCISasIDCalculator sasIDCaclulator) {
+    auto cache = std::shared_ptr<DCISHACache>(new DCISHACache(cachePath, std::move(sasIDCaclulator)));
+    cache->loadCachedSHAData();
+    return cache;
+}
+
+DCISHACache::DCISHACache(std::string cachePath, DCISasIDCalculator sasIDCalculator)
+    : shaCachePath_(std::move(cachePath)),
+      sasIDCalculator_(std::move(sasIDCalculator)),
+      store_(std::make_unique<DCISHACacheStore>(shaCachePath_)),
+      executor_(std::make_unique<DCISerialExecutor>("kestly.shacache")) {}
+
+DCISHACache::~DCISHACache() {
+    executor_.reset();  // finishes the writes already scheduled
+    const auto changes = takeUnsavedChanges();
+    if (!changes.empty()) store_->write(changes);
+}
+
+std::map<std::string, DCISHACacheRecord> DCISHACache::shaCache() const {
+    std::shared_lock lock(accessMutex_);
+    return {shaCache_.begin(), shaCache_.end()};
+}
+
+bool DCISHACache::dirty() const {
+    std::shared_lock lock(accessMutex_);
+    return !unsavedPaths_.empty();
+}
+
+DCISasIDCalculator DCISHACache::sasIDCalculator() const {
+    std::lock_guard lock(calculatorMutex_);
+    return sasIDCalculator_;
+}
+
+void DCISHACache::setSasIDCalculator(DCISasIDCalculator sasIDCalculator) {
+    std::lock_guard lock(calculatorMutex_);
+    sasIDCalculator_ = std::move(sasIDCalculator);
+}
+
+std::optional<std::string> DCISHACache::SHAForFile(const std::string& path) {
+    return SHAForFile(path, false);
+}
+
+std::optional<std::string> DCISHACache::SHAForFileEco(const std::string& path) {
+    return SHAForFile(path, true);
+}
+
+std::optional<std::string> DCISHACache::SHAForFile(const std::string& path, bool eco) {
+    // A record whose hashing failed has no "sha" and counts as a miss, so it is tried again.
+    return answerForFile(path, eco, [](const DCISHACacheRecord& record) { return record.sha; });
+}
+
+std::optional<std::string> DCISHACache::SasIDForFile(const std::string& path) {
+    auto sasID = answerForFile(path, false, [](const DCISHACacheRecord& record) {
+        return std::optional<std::string>(record.sasID);
+    });
+    if (sasID && sasID->empty()) return std::nullopt;
+    return sasID;
+}
+
+std::optional<std::string> DCISHACache::answerForFile(const std::string& path, bool eco, Answer answer) {
+    const auto modificationDate = modificationDateForFile(path);
+    if (!modificationDate) return std::nullopt;
+    {
+        std::shared_lock lock(accessMutex_);
+        const auto found = shaCache_.find(path);
+        if (found != shaCache_.end() && found->second.mdate == *modificationDate) {
+            if (auto cached = answer(found->second)) return cached;
+        }
+    }
+    // Hashing and the calculator run without the lock: a long hash holds back no one.
+    return answer(*cacheFile(path, eco, modificationDate));
+}
+
+std::optional<DCISHACacheRecord> DCISHACache::cacheFile(const std::string& path, bool eco,
+                                                        const std::optional<DCIDate>& modificationDate) {
+    if (!modificationDate) return std::nullopt;
+    DCISHACacheRecord record{*modificationDate, eco ? KSTSha256ForFileAtPathEco(path) : KSTSha256ForFileAtPath(path),
+                             ""};
+    if (!record.sha) DCLogError("Unable to calcualate SHA for %@", path);
+    if (const auto calculator = sasIDCalculator()) record.sasID = calculator(path).value_or("");
+    store(path, record);
+    return record;
+}
+
+std::optional<DCIDate> DCISHACache::modificationDateForFile(const std::string& path) {
+    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    if (descriptor < 0) return std::nullopt;
+    struct stat status {};
+    const bool known = ::fstat(descriptor, &status) == 0;
+    ::close(descriptor);
+    if (!known) return std::nullopt;
+    return DCIDate(DCIDate::Clock::time_point(std::chrono::seconds(status.st_mtim.tv_sec)));
+}
+
+void DCISHACache::loadCachedSHAData() {
+    std::vector<std::pair<std::string, DCISHACacheRecord>> stored;
+    executor_->runAndWait([&] { stored = store_->readAllRecords(); });
+
+    std::unordered_map<std::string, DCISHACacheRecord> kept;
+    std::unordered_set<std::string> dropped;
+    kept.reserve(stored.size());
+    for (auto& [path, record] : stored) {
+        if (modificationDateForFile(path) == record.mdate) {
+            kept.emplace(std::move(path), std::move(record));
+        } else {
+            dropped.insert(std::move(path));  // removed from the file at the next persist
+        }
+    }
+
+    std::unique_lock lock(accessMutex_);
+    shaCache_ = std::move(kept);
+    unsavedPaths_ = std::move(dropped);
+}
+
+void DCISHACache::store(const std::string& path, const DCISHACacheRecord& record) {
+    std::unique_lock lock(accessMutex_);
+    shaCache_.insert_or_assign(path, record);
+    unsavedPaths_.insert(path);
+}
+
+void DCISHACache::persist() {
+    auto changes = takeUnsavedChanges();
+    if (changes.empty()) return;
+    executor_->submit([this, changes = std::move(changes)] {
+        if (store_->write(changes)) return;
+        // The in-memory records are the newest, so marking their paths unsaved again is enough
+        // for the next persist to retry.
+        std::unique_lock lock(accessMutex_);
+        for (const auto& change : changes) unsavedPaths_.insert(change.first);
+    });
+}
+
+void DCISHACache::waitUntilPersisted() {
+    executor_->waitUntilIdle();
+}
+
+std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> DCISHACache::takeUnsavedChanges() {
+    std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> changes;
+    std::unique_lock lock(accessMutex_);
+    changes.reserve(unsavedPaths_.size());
+    for (const auto& path : unsavedPaths_) {
+        const auto found = shaCache_.find(path);
+        changes.emplace_back(path, found == shaCache_.end() ? std::nullopt : std::optional(found->second));
+    }
+    unsavedPaths_.clear();
+    return changes;
+}
+
+std::string DCISHACache::description() const {
+    std::shared_lock lock(accessMutex_);
+    return DCIFormat("<DCISHACache: %@, %lu records>", shaCachePath_, shaCache_.size());
+}

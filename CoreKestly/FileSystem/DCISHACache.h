@@ -1,0 +1,145 @@
+#pragma once
+
+#include "CoreKestly/Platform/DCIDate.h"
+#include "CoreKestly/Platform/DCIObject.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <shared_mutex>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+class DCISerialExecutor;
+class DCISHACacheStore;
+
+/// Computes the service-side sample identifier (`sasID`) of the file at `path`, or nothing.
+/// Supplied by the application; called on the thread of the lookup that missed, at most once
+/// per miss, after the file was hashed.
+using DCISasIDCalculator = std::function<std::optional<std::string>(const std::string& path)>;
+
+/// What the cache knows of one file.
+struct DCISHACacheRecord {
+    /// The file's modification time in whole seconds, measured just before hashing. The
+    /// record answers for the file only while its modification time is still this one.
+    DCIDate mdate;
+    /// The SHA-256 as 64 lower-case hex characters; nothing when hashing failed.
+    std::optional<std::string> sha;
+    /// The calculator's answer; "" when there is no calculator or it answered nothing.
+    std::string sasID;
+
+    friend bool operator==(const DCISHACacheRecord&, const DCISHACacheRecord&) = default;
+};
+
+/// Remembers, per file path, the file's SHA-256 and `sasID` with the modification time at
+/// which they were computed, and keeps them in an SQLite file between runs, so that files
+/// whose modification time is unchanged are never read again.
+///
+/// Paths are keys exactly as given: no standardisation, so two spellings of one file are two
+/// entries. Modification times are whole seconds: a file rewritten within the second of its
+/// cached time keeps its cached values.
+///
+/// The cache file holds one row per path (path, "mdate", "sha", "sasID"). Every write is one
+/// SQLite transaction (write-ahead log), so a process killed at any moment leaves a file that
+/// loads. A file at the cache path that is not such a database is logged, renamed to
+/// "<path>.corrupt-<UTC date and time>" and replaced by an empty cache; nothing is deleted.
+/// When the file cannot be opened at all (no folder, no permission) the cache works in
+/// memory only and says so once in the log.
+///
+/// Threads: lookups from any number of threads run side by side; a change (a new record, a
+/// load, the hand-over of changes to `persist`) runs alone and briefly. A miss hashes the
+/// file and calls the calculator without holding any lock, so a long hash never holds back
+/// other lookups or changes, and the calculator may call back into the cache. Two threads
+/// that miss on one path both hash it; the record stored last wins. Writes to the file run
+/// on the cache's own background thread, one at a time, in the order they were scheduled.
+class DCISHACache : public DCIObject {
+public:
+    /// A cache on the file at `cachePath` (its folder must exist), with the file's records
+    /// loaded and those of files whose modification time changed already dropped.
+    /// `sasIDCaclulator` may be empty: every `sasID` is then "".
+    static std::shared_ptr<DCISHACache> initWithCachePath(const std::string& cachePath,
+                                                          DCISasIDCalculator sasIDCaclulator);
+
+    /// Waits for the writes already scheduled, then writes what is still unsaved, on the
+    /// destroying thread.
+    ~DCISHACache() override;
+    DCISHACache(const DCISHACache&) = delete;
+    DCISHACache& operator=(const DCISHACache&) = delete;
+
+    const std::string& shaCachePath() const { return shaCachePath_; }
+    /// A copy of the in-memory records, by path.
+    std::map<std::string, DCISHACacheRecord> shaCache() const;
+    /// Whether the in-memory cache holds changes that no write has been scheduled for yet.
+    bool dirty() const;
+    DCISasIDCalculator sasIDCalculator() const;
+    void setSasIDCalculator(DCISasIDCalculator sasIDCalculator);
+
+    /// The file's SHA-256: the cached one while its modification time is unchanged, else
+    /// computed at full speed and stored. Nothing, and no entry, when the file cannot be
+    /// opened (an empty path included); nothing when it can be opened but not hashed, which
+    /// stores a record without "sha" so the next lookup tries again.
+    std::optional<std::string> SHAForFile(const std::string& path);
+    /// As `SHAForFile`, hashing a miss with `KSTSha256ForFileAtPathEco`.
+    std::optional<std::string> SHAForFileEco(const std::string& path);
+    std::optional<std::string> SHAForFile(const std::string& path, bool eco);
+
+    /// The file's `sasID` from a record valid for its current modification time, else from a
+    /// new record (which hashes the file too). Nothing when the file cannot be opened and
+    /// when the stored `sasID` is "": the calculator is not asked again until the file changes.
+    std::optional<std::string> SasIDForFile(const std::string& path);
+
+    /// Hashes the file (eco or full speed), asks the calculator and stores the new record
+    /// under `path` with `modificationDate` as its "mdate", replacing any earlier one. Logs
+    /// "Unable to calcualate SHA for <path>" when hashing fails. With no date it stores
+    /// nothing and answers nothing.
+    std::optional<DCISHACacheRecord> cacheFile(const std::string& path, bool eco,
+                                               const std::optional<DCIDate>& modificationDate);
+
+    /// The modification time of the file at `path` in whole seconds, read through a
+    /// descriptor opened read-only (so links are followed); nothing when it cannot be opened.
+    static std::optional<DCIDate> modificationDateForFile(const std::string& path);
+
+    /// Replaces the in-memory records with the file's, keeping only those whose file still has
+    /// the recorded modification time. Dropped records are removed from the file at the next
+    /// `persist`. Records not yet written when this is called are lost.
+    void loadCachedSHAData();
+
+    /// Schedules the write of every change since the last one, returning at once. Does
+    /// nothing when nothing changed. The write is one transaction touching only the changed
+    /// and dropped records. A write that fails is logged and its changes become unsaved again.
+    void persist();
+
+    /// Blocks until every write scheduled by `persist` before the call has finished.
+    void waitUntilPersisted();
+
+    /// "<DCISHACache: PATH, N records>"
+    std::string description() const override;
+
+private:
+    DCISHACache(std::string cachePath, DCISasIDCalculator sasIDCalculator);
+
+    // The answer a record valid for the file's current modification time gives, else the
+    // answer of a new record; nothing when the file cannot be opened.
+    using Answer = std::optional<std::string> (*)(const DCISHACacheRecord&);
+    std::optional<std::string> answerForFile(const std::string& path, bool eco, Answer answer);
+    void store(const std::string& path, const DCISHACacheRecord& record);
+    // Hands every unsaved change over for writing; the cache is clean afterwards.
+    std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> takeUnsavedChanges();
+
+    const std::string shaCachePath_;
+
+    mutable std::mutex calculatorMutex_;
+    DCISasIDCalculator sasIDCalculator_;
+
+    mutable std::shared_mutex accessMutex_;  // guards the two members below
+    std::unordered_map<std::string, DCISHACacheRecord> shaCache_;
+    std::unordered_set<std::string> unsavedPaths_;  // changed or dropped since the last scheduled write
+
+    std::unique_ptr<DCISHACacheStore> store_;      // used on the executor's thread, then by the destructor
+    std::unique_ptr<DCISerialExecutor> executor_;  // last: its thread stops before the members it uses go
+};

@@ -1,0 +1,191 @@
+#include "CoreKestly/FileSystem/DCISHACacheStoreInternal.h"
+
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/Platform/DCISQLiteDatabaseInternal.h"
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <system_error>
+
+namespace {
+
+// Marks the file as ours, so a database of another application is never taken for a cache.
+constexpr int64_t kApplicationID = 0x4B534843;  // "KSHC"
+
+// STRICT keeps every row's types what the reader expects, whoever wrote it.
+constexpr std::string_view kCreateTable =
+    "CREATE TABLE IF NOT EXISTS records ("
+    "path TEXT PRIMARY KEY NOT NULL, mdate INTEGER NOT NULL, sha TEXT, sasID TEXT NOT NULL"
+    ") STRICT, WITHOUT ROWID";
+
+constexpr std::string_view kSelectRecords = "SELECT path, mdate, sha, sasID FROM records";
+constexpr std::string_view kUpsertRecord =
+    "INSERT OR REPLACE INTO records (path, mdate, sha, sasID) VALUES (?1, ?2, ?3, ?4)";
+constexpr std::string_view kDeleteRecord = "DELETE FROM records WHERE path = ?1";
+
+// The journal files SQLite may keep beside a database; they travel with it when it is set aside.
+constexpr const char* kJournalSuffixes[] = {"-wal", "-shm", "-journal"};
+
+int64_t secondsSince1970(const DCIDate& date) {
+    return std::chrono::duration_cast<std::chrono::seconds>(date.timePoint().time_since_epoch()).count();
+}
+
+DCIDate dateWithSecondsSince1970(int64_t seconds) {
+    return DCIDate(DCIDate::Clock::time_point(std::chrono::seconds(seconds)));
+}
+
+// "<path>.corrupt-20240131T235959Z", with "-2", "-3"... when that name is taken already.
+std::string setAsidePath(const std::string& path) {
+    const std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", &utc);
+    const std::string base = path + ".corrupt-" + stamp;
+    std::string candidate = base;
+    std::error_code error;
+    for (int suffix = 2; std::filesystem::exists(candidate, error); ++suffix) {
+        candidate = base + "-" + std::to_string(suffix);
+    }
+    return candidate;
+}
+
+}  // namespace
+
+DCISHACacheStore::DCISHACacheStore(std::string path) : path_(std::move(path)) {
+    open();
+}
+
+DCISHACacheStore::~DCISHACacheStore() {
+    close();
+}
+
+void DCISHACacheStore::open() {
+    if (path_.empty()) return workWithoutFile("no path given");  // SQLite would make a temporary file
+    std::string failure;
+    database_ = DCISQLiteDatabase::open(path_, failure);
+    if (!database_) return workWithoutFile(failure);
+
+    switch (inspect()) {
+    case FileState::Cache:
+        break;
+    case FileState::Empty:
+        if (!createSchema()) return workWithoutFile(database_->lastErrorMessage());
+        break;
+    case FileState::Foreign:
+        return setAsideAndReopen("a database of another kind");
+    case FileState::Damaged:
+        return setAsideAndReopen(database_->lastErrorMessage());
+    case FileState::Unusable:
+        return workWithoutFile(database_->lastErrorMessage());
+    }
+    // Only a file known to be ours is switched to the write-ahead log: a foreign file that is
+    // set aside must leave exactly as it was found.
+    database_->execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL");
+    if (!prepareStatements()) workWithoutFile(database_->lastErrorMessage());
+}
+
+DCISHACacheStore::FileState DCISHACacheStore::inspect() {
+    const auto objectCount = database_->queryInt64("SELECT count(*) FROM sqlite_master");
+    if (!objectCount) {
+        return database_->lastFailure() == DCISQLiteFailure::DamagedFile ? FileState::Damaged : FileState::Unusable;
+    }
+    if (*objectCount == 0) return FileState::Empty;
+    if (database_->queryInt64("PRAGMA application_id") != kApplicationID || !database_->prepare(kSelectRecords)) {
+        return FileState::Foreign;
+    }
+    return FileState::Cache;
+}
+
+bool DCISHACacheStore::createSchema() {
+    DCISQLiteTransaction transaction(*database_);
+    return transaction.isActive() && database_->execute(kCreateTable) &&
+           database_->execute("PRAGMA application_id = " + std::to_string(kApplicationID)) && transaction.commit();
+}
+
+bool DCISHACacheStore::prepareStatements() {
+    auto upsert = database_->prepare(kUpsertRecord);
+    auto erase = database_->prepare(kDeleteRecord);
+    if (!upsert || !erase) return false;
+    upsertRecord_ = std::make_unique<DCISQLiteStatement>(std::move(*upsert));
+    deleteRecord_ = std::make_unique<DCISQLiteStatement>(std::move(*erase));
+    return true;
+}
+
+void DCISHACacheStore::close() {
+    upsertRecord_.reset();
+    deleteRecord_.reset();
+    database_.reset();
+}
+
+void DCISHACacheStore::setAsideAndReopen(const std::string& reason) {
+    close();
+    const std::string asidePath = setAsidePath(path_);
+    std::error_code error;
+    std::filesystem::rename(path_, asidePath, error);
+    if (error) {
+        DCLogError("Unable to set aside the unusable SHA cache %@ (%@): %@", path_, reason, error.message());
+        return workWithoutFile(reason);
+    }
+    for (const char* suffix : kJournalSuffixes) {
+        std::error_code journalError;
+        std::filesystem::rename(path_ + suffix, asidePath + suffix, journalError);  // most are absent
+    }
+    DCLogError("SHA cache %@ could not be used (%@); set aside as %@ and started empty", path_, reason, asidePath);
+    open();
+}
+
+void DCISHACacheStore::workWithoutFile(const std::string& reason) {
+    close();
+    DCLogError("Unable to open SHA cache %@ (%@); caching in memory only", path_, reason);
+}
+
+std::vector<std::pair<std::string, DCISHACacheRecord>> DCISHACacheStore::readAllRecords() {
+    std::vector<std::pair<std::string, DCISHACacheRecord>> records;
+    if (!database_) return records;
+    auto select = database_->prepare(kSelectRecords);
+    auto step = select ? select->step() : DCISQLiteStatement::Step::Failed;
+    for (; step == DCISQLiteStatement::Step::Row; step = select->step()) {
+        records.emplace_back(select->columnText(0).value_or(""),
+                             DCISHACacheRecord{dateWithSecondsSince1970(select->columnInt64(1)),
+                                               select->columnText(2), select->columnText(3).value_or("")});
+    }
+    if (step == DCISQLiteStatement::Step::Done) return records;
+
+    const std::string reason = database_->lastErrorMessage();
+    const bool damaged = database_->lastFailure() == DCISQLiteFailure::DamagedFile;
+    select.reset();
+    if (damaged) {
+        setAsideAndReopen(reason);
+    } else {
+        DCLogError("Unable to read SHA cache %@: %@", path_, reason);
+    }
+    return {};
+}
+
+bool DCISHACacheStore::write(const std::vector<Change>& changes) {
+    if (!database_) return true;
+    DCISQLiteTransaction transaction(*database_);
+    bool written = transaction.isActive();
+    for (auto change = changes.begin(); written && change != changes.end(); ++change) {
+        written = writeChange(*change);
+    }
+    if (written && transaction.commit()) return true;
+    DCLogError("Unable to write SHA cache %@: %@", path_, database_->lastErrorMessage());
+    return false;
+}
+
+bool DCISHACacheStore::writeChange(const Change& change) {
+    const auto& [path, record] = change;
+    DCISQLiteStatement& statement = record ? *upsertRecord_ : *deleteRecord_;
+    bool bound = statement.bind(1, path);
+    if (record) {
+        bound = bound && statement.bind(2, secondsSince1970(record->mdate)) &&
+                (record->sha ? statement.bind(3, *record->sha) : statement.bindNull(3)) &&
+                statement.bind(4, record->sasID);
+    }
+    const bool done = bound && statement.step() == DCISQLiteStatement::Step::Done;
+    statement.reset();
+    return done;
+}

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "CoreKestly/FileSystem/DCISHACache.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+class DCISQLiteDatabase;
+class DCISQLiteStatement;
+
+/// The file behind a `DCISHACache`: an SQLite database with one row per path, written through
+/// a write-ahead log so that every write is all or nothing even if the process dies in it.
+///
+/// A file at the path that is not such a database (another file, a damaged database, a
+/// database of another shape) is logged, renamed to "<path>.corrupt-<UTC time>" with its
+/// journal files, and replaced by an empty cache. A file that cannot be opened or created
+/// leaves the store working without a file: it reads nothing and its writes succeed unstored.
+/// Used by one thread at a time.
+class DCISHACacheStore {
+public:
+    /// A path and its new record, or nothing to remove the path's row.
+    using Change = std::pair<std::string, std::optional<DCISHACacheRecord>>;
+
+    explicit DCISHACacheStore(std::string path);
+    ~DCISHACacheStore();
+    DCISHACacheStore(const DCISHACacheStore&) = delete;
+    DCISHACacheStore& operator=(const DCISHACacheStore&) = delete;
+
+    /// Every record in the file; none when it was found damaged (and set aside) or unreadable.
+    std::vector<std::pair<std::string, DCISHACacheRecord>> readAllRecords();
+
+    /// Writes all `changes` in one transaction. False, with a log line, when nothing was written.
+    bool write(const std::vector<Change>& changes);
+
+private:
+    enum class FileState { Cache, Empty, Foreign, Damaged, Unusable };
+
+    void open();
+    FileState inspect();
+    bool createSchema();
+    bool prepareStatements();
+    void close();
+    void setAsideAndReopen(const std::string& reason);
+    void workWithoutFile(const std::string& reason);
+    bool writeChange(const Change& change);
+
+    const std::string path_;
+    std::unique_ptr<DCISQLiteDatabase> database_;  // nothing while working without a file
+    // After the database: statements must be finalised before their connection closes.
+    std::unique_ptr<DCISQLiteStatement> upsertRecord_;
+    std::unique_ptr<DCISQLiteStatement> deleteRecord_;
+};

@@ -1,0 +1,150 @@
+#include "CoreKestly/FileSystem/KSTFileHash.h"
+
+#include <openssl/evp.h>
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr size_t kReadChunkSize = 4096;
+
+// Eco mode works in slices of a little over 40 ms, each followed by 14 ms of rest; the last,
+// shorter slice rests in the same proportion.
+constexpr std::chrono::nanoseconds kEcoWorkingSlice{40'000'000};
+constexpr std::chrono::nanoseconds kEcoPause{14'000'000};
+constexpr double kEcoTailFactor = 0.35;
+
+// steady_clock counts nanoseconds on Linux, so there is no tick conversion to fetch and share.
+using MonotonicClock = std::chrono::steady_clock;
+static_assert(std::is_same_v<MonotonicClock::duration, std::chrono::nanoseconds>);
+
+class ReadOnlyFile {
+public:
+    // Only regular files are opened: a FIFO or a device could block the caller or never end.
+    // O_NONBLOCK keeps the open itself from waiting on a FIFO; it changes nothing for files.
+    explicit ReadOnlyFile(const std::string& path)
+        : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)) {
+        struct stat status {};
+        if (descriptor_ >= 0 && (::fstat(descriptor_, &status) != 0 || !S_ISREG(status.st_mode))) close();
+        if (descriptor_ >= 0) ::posix_fadvise(descriptor_, 0, 0, POSIX_FADV_SEQUENTIAL);
+    }
+    ~ReadOnlyFile() { close(); }
+    ReadOnlyFile(const ReadOnlyFile&) = delete;
+    ReadOnlyFile& operator=(const ReadOnlyFile&) = delete;
+
+    bool isOpen() const { return descriptor_ >= 0; }
+
+    // Up to `size` bytes: the count read, 0 at the end of the file, -1 on an error.
+    ssize_t read(unsigned char* buffer, size_t size) const {
+        ssize_t count;
+        do {
+            count = ::read(descriptor_, buffer, size);
+        } while (count < 0 && errno == EINTR);
+        return count;
+    }
+
+private:
+    void close() {
+        if (descriptor_ >= 0) ::close(descriptor_);
+        descriptor_ = -1;
+    }
+
+    int descriptor_;
+};
+
+class Sha256Digest {
+public:
+    Sha256Digest() : context_(EVP_MD_CTX_new()) {
+        if (context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1) context_.reset();
+    }
+
+    bool isValid() const { return context_ != nullptr; }
+    bool update(const unsigned char* bytes, size_t count) {
+        return EVP_DigestUpdate(context_.get(), bytes, count) == 1;
+    }
+
+    // The digest as 64 lower-case hex characters, byte 0 first; nothing if OpenSSL fails.
+    std::optional<std::string> hexDigest() {
+        std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+        unsigned int length = 0;
+        if (EVP_DigestFinal_ex(context_.get(), digest.data(), &length) != 1) return std::nullopt;
+        static constexpr char kHexDigits[] = "0123456789abcdef";
+        std::string text(2 * length, '\0');
+        for (unsigned int i = 0; i < length; ++i) {
+            text[2 * i] = kHexDigits[digest[i] >> 4];
+            text[2 * i + 1] = kHexDigits[digest[i] & 0x0f];
+        }
+        return text;
+    }
+
+private:
+    struct ContextFree {
+        void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+    };
+    std::unique_ptr<EVP_MD_CTX, ContextFree> context_;
+};
+
+// Feeds the whole file to `digest` one chunk at a time, calling `afterChunk` after each
+// chunk. False on a read or digest error: what was fed so far must then be discarded.
+template <class AfterChunk>
+bool feedFile(const ReadOnlyFile& file, Sha256Digest& digest, AfterChunk afterChunk) {
+    std::array<unsigned char, kReadChunkSize> buffer;
+    for (;;) {
+        const ssize_t count = file.read(buffer.data(), buffer.size());
+        if (count == 0) return true;
+        if (count < 0 || !digest.update(buffer.data(), static_cast<size_t>(count))) return false;
+        afterChunk();
+    }
+}
+
+// Keeps eco hashing to its slices of work and rest.
+class EcoPacer {
+public:
+    void chunkDone() {
+        workingTime_ = MonotonicClock::now() - sliceStart_;
+        if (workingTime_ <= kEcoWorkingSlice) return;
+        std::this_thread::sleep_for(kEcoPause);
+        sliceStart_ = MonotonicClock::now();
+        workingTime_ = {};
+    }
+
+    void restAfterLastSlice() const {
+        const auto tail = std::chrono::nanoseconds(static_cast<int64_t>(kEcoTailFactor * workingTime_.count()));
+        if (tail > std::chrono::nanoseconds::zero()) std::this_thread::sleep_for(tail);
+    }
+
+private:
+    MonotonicClock::time_point sliceStart_ = MonotonicClock::now();
+    std::chrono::nanoseconds workingTime_{};
+};
+
+}  // namespace
+
+std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path) {
+    const ReadOnlyFile file(path);
+    if (!file.isOpen()) return std::nullopt;
+    Sha256Digest digest;
+    if (!digest.isValid() || !feedFile(file, digest, [] {})) return std::nullopt;
+    return digest.hexDigest();
+}
+
+std::optional<std::string> KSTSha256ForFileAtPathEco(const std::string& path) {
+    const ReadOnlyFile file(path);
+    if (!file.isOpen()) return std::nullopt;
+    Sha256Digest digest;
+    if (!digest.isValid()) return std::nullopt;
+    EcoPacer pacer;
+    const bool complete = feedFile(file, digest, [&] { pacer.chunkDone(); });
+    pacer.restAfterLastSlice();  // a failed read rests too: the work was done all the same
+    if (!complete) return std::nullopt;
+    return digest.hexDigest();
+}

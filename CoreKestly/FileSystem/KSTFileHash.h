@@ -1,0 +1,21 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+// The content identity of a file: the SHA-256 of its whole content as 64 lower-case
+// hexadecimal characters, byte 0 of the digest first.
+//
+// Both functions stream the file through one 4,096-byte buffer whatever its size, follow a
+// final symbolic link, and answer nothing on any failure (nothing at the path, a folder, a
+// dangling link, no permission, a read error part-way): a partial digest is never returned.
+// They log nothing and touch no cache. Safe to call from any number of threads at once.
+
+/// Hashes the file at `path` as fast as it can be read.
+std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path);
+
+/// The same digest as `KSTSha256ForFileAtPath`, but the calling thread rests so that it
+/// works at most a little over 40 ms at a time: after each slice of more than 40 ms of
+/// reading and hashing it sleeps 14 ms, and after the last chunk, success or failure, it
+/// sleeps 0.35 of the working time of the last slice. Only the calling thread is slowed.
+std::optional<std::string> KSTSha256ForFileAtPathEco(const std::string& path);

@@ -1,0 +1,379 @@
+#include "CoreKestly/FileSystem/DCISHACache.h"
+
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/FileSystem/KSTFileHash.h"
+#include "CoreKestly/Platform/DCISQLiteDatabaseInternal.h"
+#include "support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include <csignal>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_THREAD__)
+#define KESTLY_UNDER_THREAD_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KESTLY_UNDER_THREAD_SANITIZER 1
+#endif
+#endif
+
+namespace {
+
+// An arbitrary whole second to give files, well away from the time the test runs.
+constexpr time_t kSomeSecond = 1'600'000'000;
+
+void setModificationTime(const std::string& path, time_t seconds, long nanoseconds = 0) {
+    const timespec times[2] = {{0, UTIME_OMIT}, {seconds, nanoseconds}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+}
+
+DCIDate dateAt(time_t seconds) {
+    return DCIDate(DCIDate::Clock::time_point(std::chrono::seconds(seconds)));
+}
+
+std::string logSoFar() {
+    DCLogger::sharedLogger().flush();
+    return readWholeFile(DCLogger::sharedLogger().currentLogFileURL());
+}
+
+// The cache file's rows, read behind the cache's back: path → sasID.
+std::map<std::string, std::string> storedSasIDs(const std::string& cachePath) {
+    std::string failure;
+    auto database = DCISQLiteDatabase::open(cachePath, failure);
+    std::map<std::string, std::string> rows;
+    auto select = database->prepare("SELECT path, sasID FROM records");
+    while (select && select->step() == DCISQLiteStatement::Step::Row) {
+        rows[*select->columnText(0)] = *select->columnText(1);
+    }
+    return rows;
+}
+
+std::vector<std::filesystem::path> setAsideFiles(const TemporaryDirectory& folder) {
+    std::vector<std::filesystem::path> found;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+        if (entry.path().filename().string().find(".corrupt-") != std::string::npos) found.push_back(entry.path());
+    }
+    return found;
+}
+
+class SHACacheTest : public ::testing::Test {
+protected:
+    // Answers "sas:<name>" and counts its calls: one call per miss.
+    DCISasIDCalculator countingCalculator() {
+        return [this](const std::string& path) {
+            ++calculatorCalls;
+            return std::optional<std::string>("sas:" + std::filesystem::path(path).filename().string());
+        };
+    }
+
+    std::shared_ptr<DCISHACache> makeCache() { return DCISHACache::initWithCachePath(cachePath, countingCalculator()); }
+
+    TemporaryDirectory folder;
+    const std::string cachePath = folder / "sha.cache";
+    std::atomic<int> calculatorCalls{0};
+};
+
+TEST_F(SHACacheTest, AnswersFromItsRecordWhileTheModificationTimeIsUnchanged) {
+    const std::string path = folder.writeFile("a.wav", "first content");
+    setModificationTime(path, kSomeSecond);
+    auto cache = makeCache();
+
+    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(cache->SHAForFileEco(path), KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(cache->SasIDForFile(path), "sas:a.wav");
+    EXPECT_EQ(calculatorCalls, 1);
+    EXPECT_EQ(cache->shaCache().at(path),
+              (DCISHACacheRecord{dateAt(kSomeSecond), KSTSha256ForFileAtPath(path), "sas:a.wav"}));
+
+    folder.writeFile("a.wav", "second content");
+    setModificationTime(path, kSomeSecond + 1);
+    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(calculatorCalls, 2);
+}
+
+TEST_F(SHACacheTest, KeepsTheOldHashOfAFileRewrittenWithinTheSameSecond) {
+    const std::string path = folder.writeFile("a.wav", "first content");
+    setModificationTime(path, kSomeSecond, 200'000'000);
+    auto cache = makeCache();
+    const auto firstHash = cache->SHAForFile(path);
+
+    folder.writeFile("a.wav", "second content");
+    setModificationTime(path, kSomeSecond, 800'000'000);
+    EXPECT_EQ(cache->SHAForFile(path), firstHash);
+    EXPECT_NE(firstHash, KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(calculatorCalls, 1);
+}
+
+TEST_F(SHACacheTest, AnswersNothingAndStoresNothingWithoutAFile) {
+    auto cache = makeCache();
+    EXPECT_FALSE(cache->SHAForFile(folder / "missing.wav"));
+    EXPECT_FALSE(cache->SasIDForFile(folder / "missing.wav"));
+    EXPECT_FALSE(cache->SHAForFile(""));
+    EXPECT_FALSE(cache->cacheFile(folder.writeFile("b.wav", "b"), false, std::nullopt));
+    EXPECT_TRUE(cache->shaCache().empty());
+    EXPECT_FALSE(cache->dirty());
+    EXPECT_EQ(calculatorCalls, 0);
+}
+
+TEST_F(SHACacheTest, StoresAnEmptySasIDWhenThereIsNoAnswer) {
+    const std::string path = folder.writeFile("a.wav", "content");
+    {
+        auto cache = DCISHACache::initWithCachePath(cachePath, nullptr);
+        EXPECT_FALSE(cache->SasIDForFile(path));
+        EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
+    }
+    EXPECT_EQ(storedSasIDs(cachePath), (std::map<std::string, std::string>{{path, ""}}));
+
+    // A calculator that answers nothing is asked once; the empty answer is remembered.
+    int calls = 0;
+    auto cache = DCISHACache::initWithCachePath(cachePath + "-2", [&](const std::string&) {
+        ++calls;
+        return std::optional<std::string>();
+    });
+    EXPECT_FALSE(cache->SasIDForFile(path));
+    EXPECT_FALSE(cache->SasIDForFile(path));
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
+    // A folder opens and has a modification time, but has no content to hash.
+    const std::string path = folder.makeFolder("not a file");
+    auto cache = makeCache();
+    EXPECT_FALSE(cache->SHAForFile(path));
+    EXPECT_NE(logSoFar().find("Unable to calcualate SHA for " + path), std::string::npos);
+    ASSERT_EQ(cache->shaCache().count(path), 1u);
+    EXPECT_FALSE(cache->shaCache().at(path).sha);
+
+    EXPECT_FALSE(cache->SHAForFile(path));
+    EXPECT_EQ(calculatorCalls, 2);
+}
+
+TEST_F(SHACacheTest, PersistWritesOnlyWhatChanged) {
+    const std::string first = folder.writeFile("first.wav", "first");
+    const std::string second = folder.writeFile("second.wav", "second");
+    auto cache = makeCache();
+    std::string failure;
+    auto observer = DCISQLiteDatabase::open(cachePath, failure);
+    // data_version moves whenever another connection commits to the file.
+    const auto writeCount = [&] { return observer->queryInt64("PRAGMA data_version"); };
+    const auto persistAndWait = [&] {
+        cache->persist();
+        cache->waitUntilPersisted();
+    };
+
+    auto version = writeCount();
+    persistAndWait();
+    EXPECT_EQ(writeCount(), version) << "nothing changed, nothing written";
+
+    cache->SHAForFile(first);
+    cache->SHAForFile(second);
+    EXPECT_TRUE(cache->dirty());
+    persistAndWait();
+    EXPECT_FALSE(cache->dirty());
+    EXPECT_NE(writeCount(), version);
+    version = writeCount();
+    persistAndWait();
+    EXPECT_EQ(writeCount(), version);
+
+    // A row changed behind the cache's back survives a persist of another record's change.
+    ASSERT_TRUE(observer->execute("UPDATE records SET sasID = 'edited' WHERE path = '" + second + "'"));
+    setModificationTime(first, kSomeSecond);
+    cache->SHAForFile(first);
+    persistAndWait();
+    EXPECT_EQ(storedSasIDs(cachePath),
+              (std::map<std::string, std::string>{{first, "sas:first.wav"}, {second, "edited"}}));
+}
+
+TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
+    const std::string kept = folder.writeFile("kept.wav", "kept");
+    const std::string modified = folder.writeFile("modified.wav", "modified");
+    const std::string deleted = folder.writeFile("deleted.wav", "deleted");
+    {
+        auto cache = makeCache();
+        for (const auto& path : {kept, modified, deleted}) cache->SHAForFile(path);
+        cache->persist();
+    }
+    setModificationTime(modified, kSomeSecond);
+    std::filesystem::remove(deleted);
+
+    auto reloaded = makeCache();
+    EXPECT_EQ(reloaded->shaCache().size(), 1u);
+    EXPECT_EQ(reloaded->SHAForFile(kept), KSTSha256ForFileAtPath(kept));
+    EXPECT_EQ(reloaded->SasIDForFile(kept), "sas:kept.wav");
+    EXPECT_EQ(calculatorCalls, 3) << "the kept file is not read again";
+    EXPECT_TRUE(reloaded->dirty()) << "the dropped records are to be removed from the file";
+    reloaded->persist();
+    reloaded->waitUntilPersisted();
+    EXPECT_EQ(storedSasIDs(cachePath), (std::map<std::string, std::string>{{kept, "sas:kept.wav"}}));
+}
+
+TEST_F(SHACacheTest, WritesUnsavedChangesWhenDestroyed) {
+    const std::string path = folder.writeFile("a.wav", "content");
+    makeCache()->SHAForFile(path);
+    EXPECT_EQ(makeCache()->shaCache().count(path), 1u);
+}
+
+TEST_F(SHACacheTest, ReloadSeesTheWritesScheduledBeforeIt) {
+    std::vector<std::string> paths;
+    for (int i = 0; i < 200; ++i) paths.push_back(folder.writeFile("f" + std::to_string(i), std::to_string(i)));
+    auto cache = makeCache();
+    for (const auto& path : paths) cache->SHAForFile(path);
+    cache->persist();
+    cache->loadCachedSHAData();
+    EXPECT_EQ(cache->shaCache().size(), paths.size());
+    EXPECT_FALSE(cache->dirty());
+}
+
+TEST_F(SHACacheTest, WorksInMemoryWhenItsFileCannotBeMade) {
+    const std::string path = folder.writeFile("a.wav", "content");
+    auto cache = DCISHACache::initWithCachePath(folder / "no such folder/sha.cache", countingCalculator());
+    EXPECT_NE(logSoFar().find("caching in memory only"), std::string::npos);
+    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(calculatorCalls, 1);
+    cache->persist();
+    cache->waitUntilPersisted();
+    EXPECT_FALSE(std::filesystem::exists(folder / "no such folder"));
+}
+
+// What sits at the cache path when a cache is made there, for the cases where it is set aside.
+struct UnusableFile {
+    const char* name;
+    void (*make)(const std::string& path);
+};
+
+class UnusableCacheFileTest : public SHACacheTest, public ::testing::WithParamInterface<UnusableFile> {};
+
+TEST_P(UnusableCacheFileTest, IsSetAsideAndReplacedByAnEmptyCache) {
+    GetParam().make(cachePath);
+    const std::string original = readWholeFile(cachePath);
+    const std::string path = folder.writeFile("a.wav", "content");
+
+    auto cache = makeCache();
+    EXPECT_TRUE(cache->shaCache().empty());
+    const auto asideFiles = setAsideFiles(folder);
+    ASSERT_EQ(asideFiles.size(), 1u);
+    EXPECT_EQ(readWholeFile(asideFiles[0]), original) << "nothing of the user's is lost";
+    EXPECT_NE(logSoFar().find("SHA cache " + cachePath + " could not be used"), std::string::npos);
+
+    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
+    cache.reset();
+    EXPECT_EQ(makeCache()->shaCache().count(path), 1u);
+    EXPECT_EQ(setAsideFiles(folder).size(), 1u);
+}
+
+void writeText(const std::string& path) {
+    std::ofstream(path) << "path,sha\n/some/file,not a database\n";
+}
+
+void makeForeignDatabase(const std::string& path) {
+    std::string failure;
+    auto database = DCISQLiteDatabase::open(path, failure);
+    database->execute("CREATE TABLE songs (title TEXT); INSERT INTO songs VALUES ('one')");
+}
+
+// A cache whose first table page is overwritten: opens fine, fails while its records are read.
+void makeDamagedCache(const std::string& path) {
+    const std::string folder = std::filesystem::path(path).parent_path();
+    {
+        auto cache = DCISHACache::initWithCachePath(path, nullptr);
+        for (int i = 0; i < 100; ++i) {
+            const std::string file = folder + "/damaged-" + std::to_string(i);
+            std::ofstream(file) << i;
+            cache->SHAForFile(file);
+        }
+    }
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(4096);
+    file << std::string(4096, '\xff');
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, UnusableCacheFileTest,
+                         ::testing::Values(UnusableFile{"Text", &writeText},
+                                           UnusableFile{"ForeignDatabase", &makeForeignDatabase},
+                                           UnusableFile{"DamagedRecords", &makeDamagedCache}),
+                         [](const ::testing::TestParamInfo<UnusableFile>& file) { return file.param.name; });
+
+TEST_F(SHACacheTest, AProcessKilledWhileWritingLeavesACacheThatLoads) {
+#ifdef KESTLY_UNDER_THREAD_SANITIZER
+    GTEST_SKIP() << "the thread sanitizer does not allow threads in the child of a threaded fork";
+#endif
+    std::vector<std::string> paths;
+    for (int i = 0; i < 500; ++i) paths.push_back(folder.writeFile("f" + std::to_string(i), std::to_string(i)));
+
+    for (const int delayMilliseconds : {20, 70, 150, 300}) {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            // Rewrites every record, round after round, until it is killed.
+            auto cache = DCISHACache::initWithCachePath(cachePath, nullptr);
+            for (time_t round = kSomeSecond;; ++round) {
+                for (const auto& path : paths) cache->cacheFile(path, false, dateAt(round));
+                cache->persist();
+                cache->waitUntilPersisted();
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(delayMilliseconds));
+        kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+
+        std::string failure;
+        EXPECT_EQ(DCISQLiteDatabase::open(cachePath, failure)->queryText("PRAGMA integrity_check"), "ok");
+        makeCache();
+        EXPECT_TRUE(setAsideFiles(folder).empty()) << "after " << delayMilliseconds << " ms";
+    }
+}
+
+TEST_F(SHACacheTest, LookupsFromSeveralThreadsRunAlongsideChangesAndPersist) {
+    std::vector<std::string> paths;
+    std::vector<std::optional<std::string>> hashes;
+    for (int i = 0; i < 40; ++i) {
+        paths.push_back(folder.writeFile("f" + std::to_string(i), "content " + std::to_string(i)));
+        hashes.push_back(KSTSha256ForFileAtPath(paths.back()));
+    }
+    auto cache = makeCache();
+    std::atomic<bool> stop{false};
+    std::atomic<int> wrongAnswers{0};
+    std::vector<std::thread> readers;
+    for (int reader = 0; reader < 4; ++reader) {
+        readers.emplace_back([&] {
+            do {
+                for (size_t i = 0; i < paths.size(); ++i) {
+                    if (cache->SHAForFile(paths[i]) != hashes[i]) ++wrongAnswers;
+                    if (cache->SasIDForFile(paths[i]) != "sas:f" + std::to_string(i)) ++wrongAnswers;
+                }
+            } while (!stop);
+        });
+    }
+    // New modification times turn lookups into misses, so records keep changing under the readers.
+    for (int round = 0; round < 60; ++round) {
+        setModificationTime(paths[static_cast<size_t>(round) % paths.size()], kSomeSecond + round);
+        cache->persist();
+        if (round == 30) cache->loadCachedSHAData();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    stop = true;
+    for (auto& reader : readers) reader.join();
+    EXPECT_EQ(wrongAnswers, 0);
+
+    cache.reset();
+    const auto records = makeCache()->shaCache();
+    ASSERT_EQ(records.size(), paths.size());
+    for (size_t i = 0; i < paths.size(); ++i) EXPECT_EQ(records.at(paths[i]).sha, hashes[i]);
+}
+
+}  // namespace

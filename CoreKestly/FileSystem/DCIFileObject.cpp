@@ -1,0 +1,88 @@
+#include "CoreKestly/FileSystem/DCIFileObject.h"
+
+#include "CoreKestly/FileSystem/DCIFolderObject.h"
+#include "CoreKestly/FileSystem/KSTFileHash.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+std::string pathInFolder(const std::shared_ptr<DCIFolderObject>& folder, const std::string& name) {
+    return folder ? KestlyPath::appendingComponent(folder->absolutePath(), name) : std::string();
+}
+
+std::shared_ptr<const std::string> storedString(const std::optional<std::string>& value) {
+    return value ? std::make_shared<const std::string>(*value) : nullptr;
+}
+
+std::optional<std::string> loadedString(const std::shared_ptr<const std::string>& value) {
+    return value ? std::optional<std::string>(*value) : std::nullopt;
+}
+
+}  // namespace
+
+DCIFileObject::DCIFileObject(const std::string& name, const std::shared_ptr<DCIFolderObject>& folder)
+    : name_(name), parent_(folder), absolutePath_(pathInFolder(folder, name)), compareHash_(DCIPathHash(absolutePath_)) {}
+
+std::shared_ptr<DCIFileObject> DCIFileObject::initWithFileName(const std::string& name,
+                                                               const std::shared_ptr<DCIFolderObject>& inFolder) {
+    if (!inFolder) return nullptr;
+    std::shared_ptr<DCIFileObject> file(new DCIFileObject(name, inFolder));
+    return file->updateAttributes() ? file : nullptr;
+}
+
+bool DCIFileObject::updateAttributes() {
+    // O_NONBLOCK: opening a FIFO that carries a name of interest must not wait for a writer.
+    const int descriptor = open(absolutePath_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (descriptor < 0) return false;
+    struct stat status;
+    const bool statusRead = fstat(descriptor, &status) == 0;
+    close(descriptor);
+    if (!statusRead) return false;
+    modifiedSeconds_.store(status.st_mtim.tv_sec, std::memory_order_relaxed);
+    createdSeconds_.store(status.st_ctim.tv_sec, std::memory_order_relaxed);
+    return true;
+}
+
+DCIDate DCIFileObject::modifiedDate() const {
+    return DCIDate::dateWithTimeIntervalSince1970(static_cast<double>(modifiedSeconds_.load(std::memory_order_relaxed)));
+}
+
+DCIDate DCIFileObject::createdDate() const {
+    return DCIDate::dateWithTimeIntervalSince1970(static_cast<double>(createdSeconds_.load(std::memory_order_relaxed)));
+}
+
+std::string DCIFileObject::relativePath() const {
+    const auto folder = parent();
+    return folder ? KestlyPath::appendingComponent(folder->relativePath(), name_) : name_;
+}
+
+std::optional<std::string> DCIFileObject::pathRelativeToFolder(const std::shared_ptr<DCIFolderObject>& folder) const {
+    const auto parentFolder = parent();
+    if (!parentFolder) return std::nullopt;
+    const auto folderPath = parentFolder->pathRelativeToFolder(folder);
+    if (!folderPath) return std::nullopt;
+    return KestlyPath::appendingComponent(*folderPath, name_);
+}
+
+std::optional<std::string> DCIFileObject::fileHash() const {
+    if (auto stored = fileHash_.load()) return *stored;
+    // Two threads may both get here and hash the file; both store the same value.
+    auto computed = KSTSha256ForFileAtPath(absolutePath_);
+    if (computed) fileHash_.store(storedString(computed));
+    return computed;
+}
+
+void DCIFileObject::setFileHash(const std::optional<std::string>& fileHash) { fileHash_.store(storedString(fileHash)); }
+
+std::optional<std::string> DCIFileObject::sasID() const { return loadedString(sasID_.load()); }
+
+void DCIFileObject::setSasID(const std::optional<std::string>& sasID) { sasID_.store(storedString(sasID)); }
+
+bool DCIFileObject::isEqual(const DCIObject& other) const {
+    const auto* file = dynamic_cast<const DCIFileObject*>(&other);
+    return file && file->hash() == hash();
+}

@@ -1,0 +1,86 @@
+#pragma once
+
+#include "CoreKestly/FileSystem/DCIPathIdentity.h"
+#include "CoreKestly/Platform/DCIDate.h"
+#include "CoreKestly/Platform/DCIObject.h"
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_set>
+
+class DCIFolderObject;
+
+/// One file of interest in the watched tree, a leaf of a `DCIFolderObject`: its name, its two
+/// dates, its content hash and its `sasID`. Its folder owns it; it refers to the folder weakly.
+///
+/// A file object is the file at one absolute path: that path is fixed when the object is made
+/// (renaming a folder above it later changes nothing) and decides identity, so the objects
+/// for one path in two scans of the tree are equal whatever their contents. Content changes
+/// and moves are found by comparing `fileHash()` values.
+///
+/// Every accessor may be called from any thread.
+class DCIFileObject : public DCIObject {
+public:
+    /// The file `name` in `inFolder`, with its dates read from disk; nullptr when there is no
+    /// folder or the file cannot be opened for reading (missing, a dangling link, no permission).
+    static std::shared_ptr<DCIFileObject> initWithFileName(const std::string& name,
+                                                           const std::shared_ptr<DCIFolderObject>& inFolder);
+
+    /// Rereads both dates through a descriptor opened read-only, so a link gives its target's
+    /// dates. False, with the dates left as they were, when the file cannot be opened or its
+    /// status read.
+    bool updateAttributes();
+
+    /// The entry's name inside its folder.
+    const std::string& name() const { return name_; }
+    /// The content modification time (st_mtime), whole seconds.
+    DCIDate modifiedDate() const;
+    /// The status-change time (st_ctime), whole seconds; not the birth time.
+    DCIDate createdDate() const;
+    /// The folder that holds the file; nullptr once that folder is gone.
+    std::shared_ptr<DCIFolderObject> parent() const { return parent_.lock(); }
+
+    /// The folder's absolute path joined with `name()`, as it was when the object was made.
+    const std::string& absolutePath() const { return absolutePath_; }
+    /// The path from the root of the tree: the names of the folders below the root, outermost
+    /// first, then `name()`; only `name()` once the folder is gone.
+    std::string relativePath() const;
+    /// The path from `folder` to this file ("../b/name" and the like), or nothing when there
+    /// is no folder or the two share no ancestor.
+    std::optional<std::string> pathRelativeToFolder(const std::shared_ptr<DCIFolderObject>& folder) const;
+
+    /// The stored content hash; when none is stored yet, the file is hashed at full speed on
+    /// the calling thread, bypassing every cache, and a result is stored. Nothing when the
+    /// file cannot be hashed; the next call tries again.
+    std::optional<std::string> fileHash() const;
+    void setFileHash(const std::optional<std::string>& fileHash);
+    std::optional<std::string> sasID() const;
+    void setSasID(const std::optional<std::string>& sasID);
+
+    /// The identity value, `DCIPathHash` of `absolutePath()`.
+    uint64_t hash() const { return compareHash_; }
+    /// True when `other` is a file object with the same identity value. Contents, dates and
+    /// `sasID` play no part.
+    bool isEqual(const DCIObject& other) const;
+
+    /// The absolute path.
+    std::string description() const override { return absolutePath_; }
+
+private:
+    DCIFileObject(const std::string& name, const std::shared_ptr<DCIFolderObject>& folder);
+
+    const std::string name_;
+    const std::weak_ptr<DCIFolderObject> parent_;
+    const std::string absolutePath_;
+    const uint64_t compareHash_;
+    std::atomic<int64_t> modifiedSeconds_{0};
+    std::atomic<int64_t> createdSeconds_{0};
+    mutable std::atomic<std::shared_ptr<const std::string>> fileHash_;
+    std::atomic<std::shared_ptr<const std::string>> sasID_;
+};
+
+/// A snapshot of files, one member per absolute path.
+using DCIFileSet = std::unordered_set<std::shared_ptr<DCIFileObject>, DCIIdentityHash, DCIIdentityEqual>;

@@ -1,0 +1,142 @@
+#pragma once
+
+#include "CoreKestly/FileSystem/DCIFileObject.h"
+#include "CoreKestly/FileSystem/DCIFileQueries.h"
+#include "CoreKestly/FileSystem/DCIPathIdentity.h"
+#include "CoreKestly/Platform/DCIObject.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+class DCIFolderObject;
+
+/// A folder's direct files of interest or sub-folders, by entry name as the listing spells it.
+using DCIFileDictionary = std::map<std::string, std::shared_ptr<DCIFileObject>, std::less<>>;
+using DCIFolderDictionary = std::map<std::string, std::shared_ptr<DCIFolderObject>, std::less<>>;
+
+/// A snapshot of folders, one member per absolute path.
+using DCIFolderSet = std::unordered_set<std::shared_ptr<DCIFolderObject>, DCIIdentityHash, DCIIdentityEqual>;
+
+/// One folder of the watched tree. Made for a path, it scans its directory at once and builds
+/// its whole subtree: a sub-folder for every entry that is a folder or a link to one (hidden
+/// ones too), a `DCIFileObject` for every other entry the tree's queries call of interest and
+/// that can be opened. A folder owns its sub-folders and files; they refer to it weakly, so
+/// whoever holds the root keeps the tree alive.
+///
+/// The tree is tied to the `DCIFileQueries` it was built with, held weakly: once that object
+/// is gone the tree sees no file of interest and hashes files itself, uncached.
+///
+/// A link leading back to a folder on its own path (to itself or an ancestor, by device and
+/// inode) becomes a sub-folder that is not listed, so the scan always ends.
+///
+/// Threads: a tree is built and changed by one thread at a time; anyone may read it meanwhile.
+/// The dictionaries are replaced, never edited, so a dictionary obtained from `files()` or
+/// `subFolders()` never changes under its holder. The tree takes no lock of its own.
+class DCIFolderObject : public DCIObject, public std::enable_shared_from_this<DCIFolderObject> {
+public:
+    /// The folder at the absolute `path` under `inFolder` (nullptr for a root), with its whole
+    /// subtree built through `fileQueries`; nullptr when nothing exists at the path. A path to
+    /// a file gives a folder without entries.
+    static std::shared_ptr<DCIFolderObject> initWithPath(const std::string& path,
+                                                         const std::shared_ptr<DCIFolderObject>& inFolder,
+                                                         std::weak_ptr<DCIFileQueries> fileQueries);
+
+    /// Whether an item (of any kind, a link not followed) still exists at `absolutePath()`.
+    bool exists() const;
+
+    /// Lists the directory again and replaces both dictionaries with the fresh subtree. A
+    /// directory that cannot be listed gives a folder without entries.
+    void buildFileAndFolderList();
+
+    /// Hashes every file of the subtree through the queries' caches, setting each file's
+    /// `fileHash` and `sasID`; a file the queries cannot answer for is hashed directly. True
+    /// when every file ends with a hash; every file is tried even after one failed.
+    bool generateHashes();
+
+    /// Brings the entry `name` (one path component) in line with the disk: a file of interest
+    /// is replaced by a new file object without hash, or removed when it cannot be opened; a
+    /// new folder is added with its subtree; a vanished entry is removed. Interest is asked
+    /// before folder-ness, so a folder with a name of interest becomes a file. True when the
+    /// folder's contents changed. A folder already present, an existing entry of no interest,
+    /// an unknown missing name, or a `name` that is not one component changes nothing.
+    bool updateItemAtSubPath(const std::string& name);
+
+    /// Every file object in the subtree.
+    DCIFileSet gatherFiles() const;
+    /// Every folder below this one, this one excluded.
+    DCIFolderSet gatherFolders() const;
+
+    /// The first file whose `fileHash()` is `hash`, depth first, a folder's own files before
+    /// its sub-folders; files without a hash are hashed on the way. nullptr for no hash.
+    std::shared_ptr<DCIFileObject> searchForFileWithHash(const std::optional<std::string>& hash) const;
+    /// As `searchForFileWithHash`, comparing the stored `sasID`s.
+    std::shared_ptr<DCIFileObject> searchForFileWithSasID(const std::optional<std::string>& sasID) const;
+
+    const std::string& absolutePath() const { return absolutePath_; }
+    /// The path from the root: "" for the root, else the parent's relative path joined with
+    /// this folder's last path component.
+    std::string relativePath() const;
+    /// The folder that holds this one; nullptr for a root and once the parent is gone.
+    std::shared_ptr<DCIFolderObject> parent() const { return parent_.lock(); }
+    /// The topmost ancestor; the folder itself when it has no parent.
+    std::shared_ptr<DCIFolderObject> root() const;
+    /// The path from `folder` to this folder: ".." for every level from `folder` up to their
+    /// lowest common ancestor, then the names down to this one. "" for the folder itself;
+    /// nothing for no folder or a folder of an unrelated tree. Folders of different builds
+    /// of one tree meet by path.
+    std::optional<std::string> pathRelativeToFolder(const std::shared_ptr<DCIFolderObject>& folder) const;
+
+    /// The current dictionaries; never null, never changed once handed out.
+    std::shared_ptr<const DCIFileDictionary> files() const { return files_.load(); }
+    std::shared_ptr<const DCIFolderDictionary> subFolders() const { return subFolders_.load(); }
+
+    /// `DCIPathHash` of `absolutePath()`.
+    uint64_t hash() const { return pathHash_; }
+    /// True when `other` is a folder object with the same absolute path.
+    bool isEqual(const DCIObject& other) const;
+
+    /// The absolute path.
+    std::string description() const override { return absolutePath_; }
+
+private:
+    /// Where a directory lives: what a link that loops back shares with the folder it leads to.
+    struct DirectoryIdentity {
+        uint64_t device;
+        uint64_t inode;
+        friend bool operator==(const DirectoryIdentity&, const DirectoryIdentity&) = default;
+    };
+
+    DCIFolderObject(const std::string& path, const std::shared_ptr<DCIFolderObject>& parent,
+                    std::weak_ptr<DCIFileQueries> fileQueries, std::optional<DirectoryIdentity> identity);
+
+    /// An existing entry of the directory; a folder (or a link to one) carries its identity.
+    struct ListedEntry {
+        std::string name;
+        std::optional<DirectoryIdentity> folderIdentity;
+    };
+
+    static std::shared_ptr<DCIFolderObject> makeFolder(const std::string& path,
+                                                       const std::shared_ptr<DCIFolderObject>& parent,
+                                                       std::weak_ptr<DCIFileQueries> fileQueries,
+                                                       std::optional<DirectoryIdentity> identity);
+    bool leadsBackToAncestor() const;
+    std::vector<ListedEntry> listEntries() const;
+    std::shared_ptr<DCIFileObject> findFile(const std::function<bool(const DCIFileObject&)>& matches) const;
+    void collectFiles(DCIFileSet& files) const;
+    void collectFolders(DCIFolderSet& folders) const;
+
+    const std::string absolutePath_;
+    const std::weak_ptr<DCIFolderObject> parent_;
+    const std::weak_ptr<DCIFileQueries> fileQueries_;
+    const std::optional<DirectoryIdentity> identity_;  // of the directory found at creation
+    const uint64_t pathHash_;
+    std::atomic<std::shared_ptr<const DCIFileDictionary>> files_;
+    std::atomic<std::shared_ptr<const DCIFolderDictionary>> subFolders_;
+};

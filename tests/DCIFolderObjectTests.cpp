@@ -1,0 +1,447 @@
+#include "CoreKestly/FileSystem/DCICachedFileQueries.h"
+#include "CoreKestly/FileSystem/DCIFolderObject.h"
+#include "CoreKestly/FileSystem/DCISHACache.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include "support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kSHA256OfABC = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+
+template <class Set>
+std::set<std::string> relativePaths(const Set& items) {
+    std::set<std::string> paths;
+    for (const auto& item : items) paths.insert(item->relativePath());
+    return paths;
+}
+
+// Trees whose files of interest are Live sets (by extension), "project.json" files (by name)
+// and wav samples, hashed through two real caches. The sasID calculator counts its calls,
+// which happen once per cache miss.
+class DCIFolderObjectTests : public ::testing::Test {
+protected:
+    DCIFolderObjectTests() {
+        auto calculator = [this](const std::string& path) -> std::optional<std::string> {
+            ++calculatorCalls;
+            return "sas-" + KestlyPath::lastComponent(path);
+        };
+        primaryCache = DCISHACache::initWithCachePath(caches / "primary.sqlite", calculator);
+        sampleCache = DCISHACache::initWithCachePath(caches / "secondary.sqlite", calculator);
+        queries = std::make_shared<DCICachedFileQueries>(DCIFileKinds{{"als"}, {"project.json"}, {"wav"}},
+                                                         primaryCache, sampleCache);
+    }
+
+    std::shared_ptr<DCIFolderObject> buildTree() {
+        return DCIFolderObject::initWithPath(root.path().string(), nullptr, queries);
+    }
+
+    static std::shared_ptr<DCIFolderObject> folderAt(const std::shared_ptr<DCIFolderObject>& tree,
+                                                     const std::string& relativePath) {
+        auto folder = tree;
+        for (const auto& name : KestlyPath::components(relativePath)) folder = folder->subFolders()->at(name);
+        return folder;
+    }
+
+    TemporaryDirectory root;
+    TemporaryDirectory caches;
+    std::atomic<int> calculatorCalls{0};
+    std::shared_ptr<DCISHACache> primaryCache;
+    std::shared_ptr<DCISHACache> sampleCache;
+    std::shared_ptr<DCIFileQueries> queries;
+};
+
+TEST_F(DCIFolderObjectTests, IsMadeForAnyExistingItem) {
+    EXPECT_EQ(DCIFolderObject::initWithPath(root / "missing", nullptr, queries), nullptr);
+
+    const std::string file = root.writeFile("kick.wav", "abc");
+    const auto folderAtFile = DCIFolderObject::initWithPath(file, nullptr, queries);
+    ASSERT_NE(folderAtFile, nullptr);
+    EXPECT_TRUE(folderAtFile->files()->empty());
+    EXPECT_TRUE(folderAtFile->subFolders()->empty());
+
+    const auto tree = buildTree();
+    ASSERT_NE(tree, nullptr);
+    EXPECT_TRUE(tree->exists());
+    EXPECT_EQ(tree->absolutePath(), root.path().string());
+    EXPECT_EQ(tree->description(), tree->absolutePath());
+    EXPECT_EQ(tree->relativePath(), "");
+    EXPECT_EQ(tree->parent(), nullptr);
+    EXPECT_EQ(tree->root(), tree);
+    fs::remove_all(root.path());
+    EXPECT_FALSE(tree->exists());
+}
+
+TEST_F(DCIFolderObjectTests, ScanTakesEveryFolderAndTheFilesOfInterest) {
+    root.writeFile("Song.ALS", "a");
+    root.writeFile("notes.txt", "a");
+    root.writeFile("kick.WAV", "a");
+    root.writeFile(".hidden.wav", "a");
+    root.writeFile(".wav", "a");  // hidden, with no extension
+    root.writeFile("song.als.bak", "a");
+    root.writeFile("sub/project.json", "a");
+    root.writeFile("sub/other.json", "a");
+    root.writeFile(".git/objects/blob.wav", "a");
+    root.makeFolder("empty");
+    root.makeFolder("Kit.als");  // a folder, whatever its name
+
+    const auto tree = buildTree();
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(relativePaths(tree->gatherFiles()),
+              (std::set<std::string>{"Song.ALS", "kick.WAV", ".hidden.wav", "sub/project.json",
+                                     ".git/objects/blob.wav"}));
+    EXPECT_EQ(relativePaths(tree->gatherFolders()),
+              (std::set<std::string>{"sub", "empty", "Kit.als", ".git", ".git/objects"}));
+    EXPECT_EQ(folderAt(tree, ".git/objects")->relativePath(), ".git/objects");
+    EXPECT_EQ(folderAt(tree, ".git/objects")->parent(), folderAt(tree, ".git"));
+    EXPECT_EQ(folderAt(tree, ".git/objects")->root(), tree);
+}
+
+TEST_F(DCIFolderObjectTests, LinksCountAsWhatTheyLeadTo) {
+    root.writeFile("real/kick.wav", "abc");
+    root.writeFile("real/readme.txt", "abc");
+    fs::create_directory_symlink(root / "real", root / "linked");
+    fs::create_symlink(root / "real/kick.wav", root / "alias.wav");
+    fs::create_symlink(root / "real/readme.txt", root / "alias.txt.wav");
+    fs::create_symlink(root / "real/readme.txt", root / "alias.txt");
+    fs::create_symlink(root / "nowhere.wav", root / "dangling.wav");
+    fs::create_symlink(root / "nowhere", root / "dangling-folder");
+
+    const auto tree = buildTree();
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(relativePaths(tree->gatherFolders()), (std::set<std::string>{"real", "linked"}));
+    EXPECT_EQ(relativePaths(tree->gatherFiles()),
+              (std::set<std::string>{"real/kick.wav", "linked/kick.wav", "alias.wav", "alias.txt.wav"}));
+    EXPECT_EQ(folderAt(tree, "linked")->absolutePath(), root / "linked");
+    EXPECT_EQ(folderAt(tree, "linked")->files()->at("kick.wav")->absolutePath(), root / "linked/kick.wav");
+}
+
+TEST_F(DCIFolderObjectTests, LinksBackToAnAncestorAreNotFollowedAgain) {
+    root.writeFile("a/b/deep.wav", "abc");
+    root.writeFile("p/r.wav", "abc");
+    root.writeFile("q/s.wav", "abc");
+    fs::create_directory_symlink("..", root / "a/up");           // to the root
+    fs::create_directory_symlink(".", root / "self");            // to itself
+    fs::create_directory_symlink("../../a", root / "a/b/toA");   // to its grandparent
+    fs::create_directory_symlink("../q", root / "p/toQ");        // two siblings that lead to
+    fs::create_directory_symlink("../p", root / "q/toP");        // each other
+
+    const auto tree = buildTree();
+    ASSERT_NE(tree, nullptr);
+    EXPECT_EQ(relativePaths(tree->gatherFolders()),
+              (std::set<std::string>{"a", "a/up", "a/b", "a/b/toA", "self", "p", "p/toQ", "p/toQ/toP", "q", "q/toP",
+                                     "q/toP/toQ"}));
+    EXPECT_EQ(relativePaths(tree->gatherFiles()),
+              (std::set<std::string>{"a/b/deep.wav", "p/r.wav", "p/toQ/s.wav", "q/s.wav", "q/toP/r.wav"}));
+    for (const char* loop : {"a/up", "self", "a/b/toA", "p/toQ/toP", "q/toP/toQ"}) {
+        EXPECT_TRUE(folderAt(tree, loop)->files()->empty()) << loop;
+        EXPECT_TRUE(folderAt(tree, loop)->subFolders()->empty()) << loop;
+    }
+
+    // The same guard holds for a loop that appears later.
+    fs::create_directory_symlink("..", root / "a/b/again");
+    const auto b = folderAt(tree, "a/b");
+    EXPECT_TRUE(b->updateItemAtSubPath("again"));
+    EXPECT_TRUE(folderAt(tree, "a/b/again")->subFolders()->empty());
+}
+
+TEST_F(DCIFolderObjectTests, AnUnlistableFolderHasNoEntries) {
+    if (geteuid() == 0) GTEST_SKIP() << "permissions do not bind the superuser";
+    root.writeFile("locked/kick.wav", "abc");
+    fs::permissions(root / "locked", fs::perms::none);
+    const auto tree = buildTree();
+    EXPECT_EQ(relativePaths(tree->gatherFolders()), std::set<std::string>{"locked"});
+    EXPECT_TRUE(tree->gatherFiles().empty());
+}
+
+TEST_F(DCIFolderObjectTests, ADeepTreeHoldsFewDescriptorsOpen) {
+    std::string deepest;
+    for (int level = 0; level < 80; ++level) deepest += "d/";
+    root.writeFile(deepest + "bottom.wav", "abc");
+
+    // Allow only a few more descriptors than are open now, far fewer than the tree is deep.
+    const auto openNow = std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
+    rlimit original;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &original), 0);
+    rlimit tight = original;
+    tight.rlim_cur = static_cast<rlim_t>(openNow + 16);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    const auto tree = buildTree();
+    setrlimit(RLIMIT_NOFILE, &original);
+
+    EXPECT_EQ(relativePaths(tree->gatherFiles()), std::set<std::string>{deepest + "bottom.wav"});
+}
+
+TEST_F(DCIFolderObjectTests, GenerateHashesFillsEveryFileThroughTheCaches) {
+    root.writeFile("Song.als", "abc");
+    root.writeFile("a/b/kick.wav", "abc");
+    root.writeFile("a/snare.wav", "different");
+    root.writeFile("a/project.json", "abc");
+    const auto tree = buildTree();
+    ASSERT_TRUE(tree->generateHashes());
+    EXPECT_EQ(calculatorCalls, 4);
+    // Primary files by extension or name go to the primary cache, samples to the other.
+    std::set<std::string> primaryPaths, samplePaths;
+    for (const auto& [path, record] : primaryCache->shaCache()) primaryPaths.insert(path);
+    for (const auto& [path, record] : sampleCache->shaCache()) samplePaths.insert(path);
+    EXPECT_EQ(primaryPaths, (std::set<std::string>{root / "Song.als", root / "a/project.json"}));
+    EXPECT_EQ(samplePaths, (std::set<std::string>{root / "a/b/kick.wav", root / "a/snare.wav"}));
+    for (const auto& file : tree->gatherFiles()) {
+        ASSERT_TRUE(file->fileHash()) << file->relativePath();
+        EXPECT_EQ(file->fileHash()->size(), 64u);
+        EXPECT_EQ(file->sasID(), "sas-" + file->name());
+    }
+    EXPECT_EQ(folderAt(tree, "a/b")->files()->at("kick.wav")->fileHash(), kSHA256OfABC);
+
+    // A fresh build of the unchanged tree is answered by the caches without reading a file.
+    const auto again = buildTree();
+    ASSERT_TRUE(again->generateHashes());
+    EXPECT_EQ(calculatorCalls, 4);
+    EXPECT_EQ(folderAt(again, "a/b")->files()->at("kick.wav")->sasID(), "sas-kick.wav");
+}
+
+TEST_F(DCIFolderObjectTests, GenerateHashesAnswersNoForAVanishedFileAndHashesTheOthers) {
+    root.writeFile("top.wav", "abc");
+    root.writeFile("a/b/c/gone.wav", "abc");
+    root.writeFile("a/b/c/stays.wav", "abc");
+    root.writeFile("z/later.wav", "abc");
+    const auto tree = buildTree();
+    fs::remove(root / "a/b/c/gone.wav");
+
+    EXPECT_FALSE(tree->generateHashes());
+    for (const auto& file : tree->gatherFiles()) {
+        if (file->name() == "gone.wav") {
+            EXPECT_EQ(file->fileHash(), std::nullopt);
+        } else {
+            EXPECT_EQ(file->fileHash(), kSHA256OfABC) << file->relativePath();
+            EXPECT_EQ(file->sasID(), "sas-" + file->name()) << file->relativePath();
+        }
+    }
+}
+
+TEST_F(DCIFolderObjectTests, ATreeWhoseQueriesAreGoneSeesNoFileOfInterestAndHashesByItself) {
+    root.writeFile("a/kick.wav", "abc");
+    const auto tree = buildTree();
+    const auto a = folderAt(tree, "a");
+    queries.reset();
+
+    EXPECT_TRUE(tree->generateHashes());
+    const auto kick = a->files()->at("kick.wav");
+    EXPECT_EQ(kick->fileHash(), kSHA256OfABC);
+    EXPECT_EQ(kick->sasID(), std::nullopt);
+    EXPECT_EQ(calculatorCalls, 0);
+
+    a->buildFileAndFolderList();
+    EXPECT_TRUE(a->files()->empty());
+}
+
+TEST_F(DCIFolderObjectTests, UpdateAddsAndRefreshesFilesOfInterest) {
+    root.writeFile("a/kick.wav", "abc");
+    const auto tree = buildTree();
+    ASSERT_TRUE(tree->generateHashes());
+    const auto a = folderAt(tree, "a");
+    const auto before = a->files();
+    const auto oldKick = before->at("kick.wav");
+
+    root.writeFile("a/snare.wav", "new");
+    EXPECT_TRUE(a->updateItemAtSubPath("snare.wav"));
+    ASSERT_TRUE(a->files()->contains("snare.wav"));
+    EXPECT_EQ(a->files()->at("snare.wav")->sasID(), std::nullopt) << "an updated file is not hashed yet";
+
+    root.writeFile("a/kick.wav", "changed");
+    EXPECT_TRUE(a->updateItemAtSubPath("kick.wav"));
+    const auto newKick = a->files()->at("kick.wav");
+    EXPECT_NE(newKick, oldKick);
+    EXPECT_TRUE(newKick->isEqual(*oldKick));
+    EXPECT_EQ(newKick->sasID(), std::nullopt);
+
+    // The dictionary handed out before the updates never changed.
+    EXPECT_EQ(before->size(), 1u);
+    EXPECT_EQ(before->at("kick.wav"), oldKick);
+    EXPECT_EQ(oldKick->sasID(), "sas-kick.wav");
+}
+
+TEST_F(DCIFolderObjectTests, UpdateAddsANewFolderWithItsSubtreeButKeepsAKnownOne) {
+    root.writeFile("a/kick.wav", "abc");
+    const auto tree = buildTree();
+    const auto a = folderAt(tree, "a");
+
+    root.writeFile("a/kick.wav", "changed");
+    EXPECT_FALSE(tree->updateItemAtSubPath("a"));
+    EXPECT_EQ(folderAt(tree, "a"), a);
+
+    root.writeFile("new/deeper/snare.wav", "abc");
+    EXPECT_TRUE(tree->updateItemAtSubPath("new"));
+    EXPECT_EQ(relativePaths(folderAt(tree, "new")->gatherFiles()), std::set<std::string>{"new/deeper/snare.wav"});
+    EXPECT_EQ(folderAt(tree, "new")->parent(), tree);
+}
+
+TEST_F(DCIFolderObjectTests, UpdateRemovesWhatVanished) {
+    root.writeFile("a/kick.wav", "abc");
+    root.writeFile("b/snare.wav", "abc");
+    const auto tree = buildTree();
+    const auto a = folderAt(tree, "a");
+
+    fs::remove(root / "a/kick.wav");
+    EXPECT_TRUE(a->updateItemAtSubPath("kick.wav"));
+    EXPECT_TRUE(a->files()->empty());
+
+    fs::remove_all(root / "b");
+    EXPECT_TRUE(tree->updateItemAtSubPath("b"));
+    EXPECT_FALSE(tree->subFolders()->contains("b"));
+    EXPECT_TRUE(tree->subFolders()->contains("a"));
+}
+
+TEST_F(DCIFolderObjectTests, UpdateChangesNothingForNamesItNeedNotHold) {
+    root.writeFile("a/kick.wav", "abc");
+    root.writeFile("notes.txt", "abc");
+    const auto tree = buildTree();
+    const auto files = tree->files();
+    const auto subFolders = tree->subFolders();
+
+    EXPECT_FALSE(tree->updateItemAtSubPath("never-there.wav"));
+    EXPECT_FALSE(tree->updateItemAtSubPath("notes.txt"));
+    EXPECT_FALSE(tree->updateItemAtSubPath("a/kick.wav"));
+    EXPECT_FALSE(tree->updateItemAtSubPath(".."));
+    EXPECT_FALSE(tree->updateItemAtSubPath(""));
+    EXPECT_EQ(*tree->files(), *files);
+    EXPECT_EQ(*tree->subFolders(), *subFolders);
+}
+
+TEST_F(DCIFolderObjectTests, UpdateAsksAboutInterestBeforeFolderness) {
+    root.writeFile("Kit.wav/inside.wav", "abc");
+    const auto tree = buildTree();
+    EXPECT_TRUE(tree->subFolders()->contains("Kit.wav"));
+    EXPECT_TRUE(tree->files()->empty());
+
+    EXPECT_TRUE(tree->updateItemAtSubPath("Kit.wav"));
+    EXPECT_TRUE(tree->files()->contains("Kit.wav"));
+    EXPECT_FALSE(tree->generateHashes()) << "a folder has no content hash";
+}
+
+TEST_F(DCIFolderObjectTests, SnapshotsHoldTheSubtree) {
+    root.writeFile("top.wav", "abc");
+    root.writeFile("a/b/deep.wav", "abc");
+    root.makeFolder("a/leaf");
+    const auto tree = buildTree();
+
+    EXPECT_EQ(relativePaths(tree->gatherFiles()), (std::set<std::string>{"top.wav", "a/b/deep.wav"}));
+    EXPECT_EQ(relativePaths(folderAt(tree, "a")->gatherFiles()), std::set<std::string>{"a/b/deep.wav"});
+    EXPECT_EQ(relativePaths(tree->gatherFolders()), (std::set<std::string>{"a", "a/b", "a/leaf"}));
+    EXPECT_FALSE(tree->gatherFolders().contains(tree));
+    EXPECT_TRUE(folderAt(tree, "a/leaf")->gatherFolders().empty());
+
+    // Snapshots of two builds meet by path.
+    const auto again = buildTree();
+    const DCIFolderSet oldFolders = tree->gatherFolders();
+    for (const auto& folder : again->gatherFolders()) EXPECT_TRUE(oldFolders.contains(folder)) << folder->relativePath();
+    const DCIFileSet oldFiles = tree->gatherFiles();
+    for (const auto& file : again->gatherFiles()) EXPECT_TRUE(oldFiles.contains(file)) << file->relativePath();
+}
+
+TEST_F(DCIFolderObjectTests, PathRelativeToFolder) {
+    for (const char* folder : {"a/b/c", "a/d", "x/y"}) root.makeFolder(folder);
+    const auto tree = buildTree();
+    const auto a = folderAt(tree, "a");
+    const auto b = folderAt(tree, "a/b");
+    const auto c = folderAt(tree, "a/b/c");
+    const auto d = folderAt(tree, "a/d");
+    const auto y = folderAt(tree, "x/y");
+
+    EXPECT_EQ(b->relativePath(), "a/b");
+    EXPECT_EQ(d->pathRelativeToFolder(b), "../d");        // siblings
+    EXPECT_EQ(b->pathRelativeToFolder(b), "");            // itself
+    EXPECT_EQ(a->pathRelativeToFolder(c), "../..");       // an ancestor
+    EXPECT_EQ(tree->pathRelativeToFolder(c), "../../.."); // the root
+    EXPECT_EQ(c->pathRelativeToFolder(tree), "a/b/c");    // below
+    EXPECT_EQ(c->pathRelativeToFolder(y), "../../a/b/c"); // cousins
+    EXPECT_EQ(c->pathRelativeToFolder(nullptr), std::nullopt);
+
+    // A folder of another build of the same tree is met by path; one of another tree never.
+    EXPECT_EQ(c->pathRelativeToFolder(folderAt(buildTree(), "a/d")), "../b/c");
+    TemporaryDirectory elsewhere;
+    elsewhere.makeFolder("a/b");
+    const auto unrelated = DCIFolderObject::initWithPath(elsewhere.path().string(), nullptr, queries);
+    EXPECT_EQ(c->pathRelativeToFolder(folderAt(unrelated, "a/b")), std::nullopt);
+    EXPECT_EQ(c->pathRelativeToFolder(unrelated), std::nullopt);
+}
+
+TEST_F(DCIFolderObjectTests, IdentityIsTheAbsolutePath) {
+    root.makeFolder("a/b");
+    const auto first = buildTree();
+    const auto second = buildTree();
+    EXPECT_NE(folderAt(first, "a"), folderAt(second, "a"));
+    EXPECT_TRUE(folderAt(first, "a")->isEqual(*folderAt(second, "a")));
+    EXPECT_EQ(folderAt(first, "a")->hash(), folderAt(second, "a")->hash());
+    EXPECT_FALSE(folderAt(first, "a")->isEqual(*folderAt(first, "a/b")));
+    EXPECT_TRUE(first->isEqual(*second));
+}
+
+TEST_F(DCIFolderObjectTests, SearchFindsTheNearestMatchFirst) {
+    root.writeFile("a/b/deep.wav", "abc");
+    root.writeFile("a/near.wav", "abc");
+    root.writeFile("z/unique.wav", "unique");
+    const auto tree = buildTree();
+
+    EXPECT_EQ(tree->searchForFileWithHash(std::nullopt), nullptr);
+    EXPECT_EQ(tree->searchForFileWithSasID(std::nullopt), nullptr);
+    EXPECT_EQ(tree->searchForFileWithHash(std::string(64, '0')), nullptr);
+
+    // Files without a hash are hashed by the search itself.
+    const auto near = tree->searchForFileWithHash(kSHA256OfABC);
+    ASSERT_NE(near, nullptr);
+    EXPECT_EQ(near->relativePath(), "a/near.wav");
+    EXPECT_EQ(folderAt(tree, "a/b")->searchForFileWithHash(kSHA256OfABC)->relativePath(), "a/b/deep.wav");
+
+    // sasIDs are only compared once stored.
+    EXPECT_EQ(tree->searchForFileWithSasID("sas-unique.wav"), nullptr);
+    ASSERT_TRUE(tree->generateHashes());
+    const auto unique = tree->searchForFileWithSasID("sas-unique.wav");
+    ASSERT_NE(unique, nullptr);
+    EXPECT_EQ(unique->relativePath(), "z/unique.wav");
+    EXPECT_EQ(tree->searchForFileWithHash(unique->fileHash()), unique);
+}
+
+TEST_F(DCIFolderObjectTests, ReadersKeepAnUnchangingDictionaryWhileUpdatesRun) {
+    root.writeFile("a/kick.wav", "abc");
+    const auto a = folderAt(buildTree(), "a");
+    const std::set<std::set<std::string>> possible = {{"kick.wav"}, {"kick.wav", "snare.wav"}};
+    std::atomic<bool> done{false};
+    std::atomic<int> unexpected{0};
+    std::jthread reader([&] {
+        while (!done) {
+            const auto files = a->files();
+            std::set<std::string> names;
+            for (const auto& [name, file] : *files) names.insert(file->name());
+            if (!possible.contains(names) || names.size() != files->size()) ++unexpected;
+        }
+    });
+    for (int round = 0; round < 200; ++round) {
+        root.writeFile("a/snare.wav", "abc");
+        EXPECT_TRUE(a->updateItemAtSubPath("snare.wav"));
+        fs::remove(root / "a/snare.wav");
+        EXPECT_TRUE(a->updateItemAtSubPath("snare.wav"));
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(unexpected, 0);
+}
+
+}  // namespace

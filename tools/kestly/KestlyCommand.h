@@ -1,0 +1,18 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+
+/// One subcommand of `kestly`: it adds its options to the program's parser and leaves
+/// behind what runs it once the command line has been parsed. `run` answers the exit
+/// status: 0 for success, 1 when the work failed, 2 for input that cannot be used.
+struct KestlyCommand {
+    CLI::App* subcommand;
+    std::function<int()> run;
+};
+
+// The subcommands; each lives in a file of its own and main.cpp lists them.
+KestlyCommand addHashCommand(CLI::App& app);
+KestlyCommand addScanCommand(CLI::App& app);
+KestlyCommand addManifestCommand(CLI::App& app);

@@ -1,0 +1,256 @@
+// kestly scan: builds and hashes the tree of a folder through the two SHA caches, as the file
+// manager does when it starts watching, and tells what it found and what it had to read.
+
+#include "KestlyCommand.h"
+
+#include "CoreKestly/FileSystem/DCICachedFileQueries.h"
+#include "CoreKestly/FileSystem/DCIFolderObject.h"
+#include "CoreKestly/FileSystem/DCISHACache.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct ScanOptions {
+    std::string root;
+    DCIFileKinds kinds;
+    std::string primaryCache;
+    std::string secondaryCache;
+    bool json = false;
+};
+
+// The files the caches could not answer for, which were read, and their bytes.
+struct ReadCounts {
+    std::atomic<uint64_t> files{0};
+    std::atomic<uint64_t> bytes{0};
+};
+
+// A cache calls its sasID calculator once per miss, right after reading the file: the place to
+// count what was read. The service's identifiers are not known here, so it answers nothing.
+DCISasIDCalculator countingCalculator(std::shared_ptr<ReadCounts> reads) {
+    return [reads](const std::string& path) -> std::optional<std::string> {
+        struct stat status;
+        if (stat(path.c_str(), &status) == 0) reads->bytes += static_cast<uint64_t>(status.st_size);
+        ++reads->files;
+        return std::nullopt;
+    };
+}
+
+// Passes the tree's questions on to the caches, counting the hashes they answered without
+// reading the file, and shows how far the scan and the hashing have come while standard
+// error is a terminal.
+class MonitoredQueries : public DCIFileQueries {
+public:
+    MonitoredQueries(std::shared_ptr<DCIFileQueries> queries, std::shared_ptr<const ReadCounts> reads)
+        : queries_(std::move(queries)), reads_(std::move(reads)), showsProgress_(isatty(STDERR_FILENO) == 1) {}
+
+    uint64_t cacheHits() const { return cacheHits_; }
+    void setFilesToHash(size_t count) { filesToHash_ = count; }
+    /// Clears the progress line, so that what follows starts on a clean line.
+    void endProgress() const {
+        if (showsProgress_) std::fputs("\r\033[K", stderr);
+    }
+
+    bool isFileOfInterest(const std::string& path) override {
+        ++entriesSeen_;
+        showProgress([&] { std::fprintf(stderr, "\rkestly: scanning, %zu entries", entriesSeen_); });
+        return queries_->isFileOfInterest(path);
+    }
+
+    std::optional<std::string> SHAForFileAtPath(const std::string& path) override {
+        const uint64_t readsBefore = reads_->files;
+        auto hash = queries_->SHAForFileAtPath(path);
+        if (hash && reads_->files == readsBefore) ++cacheHits_;
+        ++filesHashed_;
+        showProgress([&] { std::fprintf(stderr, "\rkestly: hashing, %zu of %zu files", filesHashed_, filesToHash_); });
+        return hash;
+    }
+
+    std::optional<std::string> SasIDForFileAtPath(const std::string& path) override {
+        return queries_->SasIDForFileAtPath(path);
+    }
+
+private:
+    template <class Print>
+    void showProgress(Print print) {
+        if (!showsProgress_) return;
+        const auto now = Clock::now();
+        if (now - lastShown_ < std::chrono::milliseconds(100)) return;
+        lastShown_ = now;
+        print();
+        std::fflush(stderr);
+    }
+
+    const std::shared_ptr<DCIFileQueries> queries_;
+    const std::shared_ptr<const ReadCounts> reads_;
+    const bool showsProgress_;
+    Clock::time_point lastShown_;
+    size_t entriesSeen_ = 0;
+    size_t filesHashed_ = 0;
+    size_t filesToHash_ = 0;
+    uint64_t cacheHits_ = 0;
+};
+
+// $XDG_CACHE_HOME/kestly, else ~/.cache/kestly.
+std::string defaultCacheFolder() {
+    const char* cacheHome = std::getenv("XDG_CACHE_HOME");
+    if (cacheHome && cacheHome[0] == '/') return KestlyPath::appendingComponent(cacheHome, "kestly");
+    return KestlyPath::standardize("~/.cache/kestly");
+}
+
+std::string absoluteStandardPath(const std::string& path) {
+    std::string standard = KestlyPath::standardize(path);
+    if (standard.starts_with('/')) return standard;
+    return KestlyPath::standardize(KestlyPath::appendingComponent(std::filesystem::current_path().string(), standard));
+}
+
+struct CachePaths {
+    std::string primary;
+    std::string secondary;
+};
+
+// Fills the paths not given with the default ones, making their folder. Answers the exit
+// status of a failure, or 0.
+int completeCachePaths(CachePaths& paths) {
+    if (paths.primary.empty() || paths.secondary.empty()) {
+        const std::string folder = defaultCacheFolder();
+        std::error_code error;
+        std::filesystem::create_directories(folder, error);
+        if (error) {
+            std::fprintf(stderr, "kestly: %s: %s\n", folder.c_str(), error.message().c_str());
+            return 1;
+        }
+        if (paths.primary.empty()) paths.primary = KestlyPath::appendingComponent(folder, "primary.sqlite");
+        if (paths.secondary.empty()) paths.secondary = KestlyPath::appendingComponent(folder, "secondary.sqlite");
+    }
+    if (absoluteStandardPath(paths.primary) == absoluteStandardPath(paths.secondary)) {
+        std::fprintf(stderr, "kestly: the primary and the secondary cache need files of their own\n");
+        return 2;
+    }
+    return 0;
+}
+
+struct ScanResult {
+    std::vector<std::shared_ptr<DCIFolderObject>> folders;  // sorted by relative path
+    std::vector<std::shared_ptr<DCIFileObject>> files;      // sorted by relative path
+    std::vector<std::optional<std::string>> hashes;         // of `files`, in the same order
+};
+
+template <class Set>
+std::vector<typename Set::value_type> sortedByRelativePath(const Set& set) {
+    std::vector<std::pair<std::string, typename Set::value_type>> keyed;
+    keyed.reserve(set.size());
+    for (const auto& item : set) keyed.emplace_back(item->relativePath(), item);
+    std::sort(keyed.begin(), keyed.end(), [](const auto& x, const auto& y) { return x.first < y.first; });
+    std::vector<typename Set::value_type> items;
+    items.reserve(keyed.size());
+    for (auto& [path, item] : keyed) items.push_back(std::move(item));
+    return items;
+}
+
+void printJSON(const std::string& root, const ScanResult& result, uint64_t filesRead, uint64_t cacheHits) {
+    nlohmann::ordered_json folders = nlohmann::ordered_json::array();
+    for (const auto& folder : result.folders) folders.push_back(folder->relativePath());
+    nlohmann::ordered_json files = nlohmann::ordered_json::array();
+    for (size_t i = 0; i < result.files.size(); ++i) {
+        const auto& file = result.files[i];
+        files.push_back({
+            {"path", file->relativePath()},
+            {"sha256", result.hashes[i] ? nlohmann::ordered_json(*result.hashes[i]) : nlohmann::ordered_json(nullptr)},
+            {"modified", static_cast<int64_t>(file->modifiedDate().timeIntervalSince1970())},
+            {"created", static_cast<int64_t>(file->createdDate().timeIntervalSince1970())},
+        });
+    }
+    const nlohmann::ordered_json document = {
+        {"root", root}, {"folders", folders}, {"files", files}, {"hashed", filesRead}, {"cacheHits", cacheHits}};
+    std::printf("%s\n", document.dump(2).c_str());
+}
+
+int scan(const ScanOptions& options) {
+    const std::string root = absoluteStandardPath(options.root);
+    struct stat rootStatus;
+    if (lstat(root.c_str(), &rootStatus) != 0) {
+        std::fprintf(stderr, "kestly: %s: %s\n", options.root.c_str(), std::strerror(errno));
+        return 2;
+    }
+    CachePaths cachePaths{options.primaryCache, options.secondaryCache};
+    if (const int status = completeCachePaths(cachePaths); status != 0) return status;
+
+    const auto reads = std::make_shared<ReadCounts>();
+    const auto primaryCache = DCISHACache::initWithCachePath(cachePaths.primary, countingCalculator(reads));
+    const auto sampleCache = DCISHACache::initWithCachePath(cachePaths.secondary, countingCalculator(reads));
+    const auto queries = std::make_shared<MonitoredQueries>(
+        std::make_shared<DCICachedFileQueries>(options.kinds, primaryCache, sampleCache), reads);
+
+    const auto start = Clock::now();
+    const auto tree = DCIFolderObject::initWithPath(root, nullptr, queries);
+    if (!tree) {
+        std::fprintf(stderr, "kestly: %s: vanished while being scanned\n", options.root.c_str());
+        return 2;
+    }
+    ScanResult result{sortedByRelativePath(tree->gatherFolders()), sortedByRelativePath(tree->gatherFiles()), {}};
+    queries->setFilesToHash(result.files.size());
+    tree->generateHashes();
+    queries->endProgress();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    primaryCache->persist();
+    sampleCache->persist();
+
+    int status = 0;
+    for (const auto& file : result.files) {
+        result.hashes.push_back(file->fileHash());
+        if (!result.hashes.back()) {
+            std::fprintf(stderr, "kestly: %s: cannot compute SHA-256\n", file->absolutePath().c_str());
+            status = 1;
+        }
+    }
+    if (options.json) {
+        printJSON(root, result, reads->files, queries->cacheHits());
+    } else {
+        std::printf("folders: %zu, files: %zu, bytes hashed: %llu (%llu files read), cache hits: %llu, time: %.3f s\n",
+                    result.folders.size(), result.files.size(), static_cast<unsigned long long>(reads->bytes),
+                    static_cast<unsigned long long>(reads->files), static_cast<unsigned long long>(queries->cacheHits()),
+                    seconds);
+    }
+    return status;
+}
+
+}  // namespace
+
+KestlyCommand addScanCommand(CLI::App& app) {
+    auto options = std::make_shared<ScanOptions>();
+    CLI::App* command = app.add_subcommand(
+        "scan", "Build and hash the tree of files of interest under ROOT through the SHA caches, and summarise it");
+    command->add_option("ROOT", options->root, "The folder to scan")->required();
+    command->add_option("--primary-ext", options->kinds.primaryExtensions, "Extension of primary files, without dot")
+        ->allow_extra_args(false);
+    command->add_option("--primary-name", options->kinds.primaryFilenames, "Whole name of primary files")
+        ->allow_extra_args(false);
+    command->add_option("--secondary-ext", options->kinds.secondaryExtensions, "Extension of secondary files (samples)")
+        ->allow_extra_args(false);
+    command->add_option("--primary-cache", options->primaryCache,
+                        "Cache file of primary files [$XDG_CACHE_HOME/kestly/primary.sqlite]");
+    command->add_option("--secondary-cache", options->secondaryCache,
+                        "Cache file of secondary files [$XDG_CACHE_HOME/kestly/secondary.sqlite]");
+    command->add_flag("--json", options->json, "Print one JSON object with every folder and file instead");
+    return {command, [options] { return scan(*options); }};
+}

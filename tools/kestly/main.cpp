@@ -1,0 +1,31 @@
+// kestly: each of the library's capabilities within reach of a person at a terminal.
+
+#include "KestlyCommand.h"
+
+#include <cstdio>
+#include <vector>
+
+int main(int argc, char** argv) {
+    CLI::App app{"kestly: watch, hash and read sample folders and project manifests with CoreKestly"};
+    app.set_version_flag("--version", std::string("kestly ") + KESTLY_VERSION);
+    app.require_subcommand(0, 1);
+    app.failure_message(CLI::FailureMessage::help);
+
+    const std::vector<KestlyCommand> commands = {
+        addHashCommand(app),
+        addScanCommand(app),
+        addManifestCommand(app),
+    };
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        // Help and version are "errors" of exit code 0 that print to standard output.
+        return app.exit(error);
+    }
+    for (const auto& command : commands) {
+        if (command.subcommand->parsed()) return command.run();
+    }
+    std::fputs(app.help().c_str(), stdout);
+    return 0;
+}

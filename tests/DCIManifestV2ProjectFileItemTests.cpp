@@ -1,6 +1,6 @@
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItem.h"
 
-#include "CoreKestly/DCLog/DCLogger.h"
+#include "support/LogReading.h"
 #include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -18,29 +18,6 @@ using nlohmann::json;
 using Item = std::shared_ptr<DCIManifestV2ProjectFileItem>;
 
 const std::string kFolder = "Users/ann/Music/Beat Project";
-
-// What the library writes to its log file from now on.
-class LogSince {
-public:
-    LogSince() : start_(contents().size()) {}
-    std::string text() const { return contents().substr(start_); }
-    /// Whether `message` was written as one whole entry.
-    bool has(const std::string& message) const { return count(message) > 0; }
-    /// How many entries are exactly `message`.
-    size_t count(const std::string& message) const {
-        const std::string logged = text(), entry = ": " + message + "\n";
-        size_t found = 0;
-        for (size_t at = logged.find(entry); at != std::string::npos; at = logged.find(entry, at + 1)) ++found;
-        return found;
-    }
-
-private:
-    static std::string contents() {
-        DCLogger::sharedLogger().flush();
-        return readWholeFile(DCLogger::sharedLogger().currentLogFileURL());
-    }
-    size_t start_;
-};
 
 // A usable entry object: a hash, a size and a URL beside the path.
 json entryWithPath(const std::string& path) {
@@ -144,6 +121,7 @@ TEST(DCIManifestV2ProjectFileItemTests, SessionFallsBackToTheFolderName) {
                         "methods to determine the session file path."));
     EXPECT_TRUE(log.has("The ALS file path (Other Disk/Beat Project/Beat.als) appears to be longer than the project "
                         "path (Users/ann/Music/Beat Project) - should be checked."));
+    EXPECT_LT(log.text().find("WARNING: projectFolder"), log.text().find("The ALS file path"));
 }
 
 TEST(DCIManifestV2ProjectFileItemTests, SessionFallbackWithoutTheFolderNameKeepsThePath) {

@@ -1,6 +1,6 @@
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"
 
-#include "CoreKestly/DCLog/DCLogger.h"
+#include "support/LogReading.h"
 #include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -18,22 +18,6 @@ namespace {
 
 using nlohmann::json;
 using Manifest = std::shared_ptr<DCIManifestV2ProjectItem>;
-
-// What the library writes to its log file from now on.
-class LogSince {
-public:
-    LogSince() : start_(contents().size()) {}
-    std::string text() const { return contents().substr(start_); }
-    /// Whether `message` was written as one whole entry.
-    bool has(const std::string& message) const { return text().find(": " + message + "\n") != std::string::npos; }
-
-private:
-    static std::string contents() {
-        DCLogger::sharedLogger().flush();
-        return readWholeFile(DCLogger::sharedLogger().currentLogFileURL());
-    }
-    size_t start_;
-};
 
 std::shared_ptr<const DCIData> bytes(std::string_view text) { return std::make_shared<const DCIData>(text); }
 
@@ -78,7 +62,9 @@ Manifest readAny(const json& manifest, bool* valid = nullptr) {
 
 std::vector<std::pair<std::string, std::string>> categoriesAndPaths(const Manifest& manifest) {
     std::vector<std::pair<std::string, std::string>> entries;
-    for (const auto& file : manifest->projectFiles()) entries.emplace_back(file->category(), file->pathRelativeToProject());
+    for (const auto& file : manifest->projectFiles()) {
+        entries.emplace_back(file->category(), file->pathRelativeToProject());
+    }
     return entries;
 }
 
@@ -255,6 +241,27 @@ TEST(DCIManifestV2ProjectItemTests, AbletonFolderFromTheSetName) {
     EXPECT_FALSE(valid);
 }
 
+// The host may settle a folder itself, from the properties it has set and the manifest's text.
+TEST(DCIManifestV2ProjectItemTests, DeterminesTheAbletonFolderOnRequest) {
+    const Manifest item = DCIManifestV2ProjectItem::init();
+    item->setProjectFolderPath("/Users/ann/./Beat Project/Beat.als");
+    EXPECT_EQ(item->determineProjectFolderForAbletonProject("{}"), "Users/ann/Beat Project");
+    EXPECT_EQ(item->projectFolderPath(), "Users/ann/Beat Project/Beat.als");
+    EXPECT_EQ(item->projectName(), std::nullopt);
+
+    item->setProjectFolderPath("Beat.als");
+    const json files = {{"files", {{"session", json::array({fileEntry("/Sets/Beat Project/Beat.als")})}}}};
+    EXPECT_EQ(item->determineProjectFolderForAbletonProject(files.dump()), "Sets/Beat Project");
+
+    item->setProjectName("Beat Project");
+    EXPECT_EQ(item->determineProjectFolderForAbletonProject("not json"), "Beat Project");
+
+    item->setProjectName(std::nullopt);
+    EXPECT_EQ(item->determineProjectFolderForAbletonProject("[]"), "Beat");
+    EXPECT_EQ(item->projectName(), "Beat");
+    EXPECT_EQ(item->projectFolderPath(), "Beat.als");
+}
+
 TEST(DCIManifestV2ProjectItemTests, FilesThatAreNoDictionary) {
     for (const json& files : std::vector<json>{json::array({fileEntry("a/b.wav")}), "files", 3}) {
         json manifest = logicManifest();
@@ -276,10 +283,12 @@ TEST(DCIManifestV2ProjectItemTests, SkipsCategoriesThatAreNoArray) {
     json manifest = abletonManifest();
     manifest["files"]["misc"] = "notes.txt";
     manifest["files"]["stems"] = nullptr;
+    manifest["files"]["video"] = {{"path", "clip.mov"}};
     LogSince log;
     const Manifest item = read(manifest);
     ASSERT_NE(item, nullptr);
     EXPECT_TRUE(log.has("Unexpected values in manifest misc (string) : \"notes.txt\" (string)"));
+    EXPECT_TRUE(log.has("Unexpected values in manifest video (string) : {\"path\":\"clip.mov\"} (object)"));
     EXPECT_EQ(log.text().find("Unexpected values in manifest stems"), std::string::npos);
     EXPECT_EQ(categoriesAndPaths(item), (Entries{{"samples", "Samples/kick.wav"}, {"session", "Beat.als"}}));
 }
@@ -501,7 +510,7 @@ TEST(DCIManifestV2ProjectItemTests, AccessorsAreSafeDuringARead) {
             EXPECT_TRUE(files == 2 || files == 3) << files;
         }
     });
-    for (int i = 0; i < 200; ++i) ASSERT_TRUE(item->readJSON(i % 2 ? first : second));
+    for (int i = 0; i < 200; ++i) EXPECT_TRUE(item->readJSON(i % 2 ? first : second));
     done = true;
     reader.join();
 }

@@ -32,8 +32,8 @@ const std::string* firstSessionPath(const json& manifest) {
 
 // An Ableton Live manifest's "path" names the set file, not the folder that holds it.
 // `folderPath` is cleaned in place; `name` becomes the set's name when nothing better is known.
-std::string determineProjectFolderForAbletonProject(const json& manifest, std::optional<std::string>& folderPath,
-                                                    std::optional<std::string>& name) {
+std::string abletonProjectFolder(const json& manifest, std::optional<std::string>& folderPath,
+                                std::optional<std::string>& name) {
     folderPath = DCIManifestV2ProjectFileItem::cleanseManifestPath(folderPath);
     if (std::string parent = KestlyPath::deletingLastComponent(*folderPath); !parent.empty()) return parent;
     if (const std::string* sessionPath = firstSessionPath(manifest)) {
@@ -116,8 +116,7 @@ bool DCIManifestV2ProjectItem::readJSON(const std::shared_ptr<const DCIData>& da
         files = nullptr;
     }
     if (DCIKestlyDAWFromString(read.projectType) == DCIKestlyDAWAbleton) {
-        read.projectFolderPath =
-            determineProjectFolderForAbletonProject(manifest, read.projectFolderPath, read.projectName);
+        read.projectFolderPath = abletonProjectFolder(manifest, read.projectFolderPath, read.projectName);
     }
     if (!isPresent(read.projectName) && read.projectFolderPath) {
         read.projectName = KestlyPath::lastComponent(*read.projectFolderPath);
@@ -141,6 +140,18 @@ bool DCIManifestV2ProjectItem::isValid(const Properties& properties) {
 std::vector<std::shared_ptr<DCIManifestV2ProjectFileItem>> DCIManifestV2ProjectItem::projectFiles() const {
     std::lock_guard lock(mutex_);
     return internalProjectFiles_;
+}
+
+void DCIManifestV2ProjectItem::setInternalProjectFiles(
+    std::vector<std::shared_ptr<DCIManifestV2ProjectFileItem>> files) {
+    std::lock_guard lock(mutex_);
+    internalProjectFiles_ = std::move(files);
+}
+
+std::string DCIManifestV2ProjectItem::determineProjectFolderForAbletonProject(std::string_view manifestJSON) {
+    const json manifest = DCIManifestParseObject(manifestJSON).object.value_or(json::object());
+    std::lock_guard lock(mutex_);
+    return abletonProjectFolder(manifest, properties_.projectFolderPath, properties_.projectName);
 }
 
 std::string DCIManifestV2ProjectItem::description() const {

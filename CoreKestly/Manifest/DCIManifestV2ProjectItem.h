@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// A project, or one revision of it, as the service describes it in a version-2 project
@@ -87,6 +88,17 @@ public:
     /// The entries of the last valid read, category by category in the order of their names,
     /// each category's entries in the manifest's order; empty before any valid read.
     std::vector<std::shared_ptr<DCIManifestV2ProjectFileItem>> projectFiles() const;
+    /// The store behind `projectFiles`, which each valid read replaces.
+    std::vector<std::shared_ptr<DCIManifestV2ProjectFileItem>> internalProjectFiles() const { return projectFiles(); }
+    void setInternalProjectFiles(std::vector<std::shared_ptr<DCIManifestV2ProjectFileItem>> files);
+
+    /// Settles the folder of an Ableton Live project from the manifest's top-level object, given
+    /// as JSON text (text that is no object counts as an object without "files"). Cleans
+    /// `projectFolderPath` and stores it back, then answers its parent; else the parent of the
+    /// first "session" entry's path; else `projectName`; else the cleaned path without its
+    /// extension, which then becomes `projectName` too. `readJSON` stores the answer as
+    /// `projectFolderPath`.
+    std::string determineProjectFolderForAbletonProject(std::string_view manifestJSON);
 
     /// "<DCIManifestV2ProjectItem name (uuid), N files>"
     std::string description() const override;

@@ -94,7 +94,8 @@ TEST(DCIRunLoopPerform, ClosuresOfEachThreadRunInTheOrderQueued) {
     std::vector<std::thread> producers;
     for (int producer = 0; producer < 2; ++producer) {
         producers.emplace_back([&ran, producer] {
-            for (int i = 0; i < kEach; ++i) mainLoop().performAsync([&ran, producer, i] { ran.emplace_back(producer, i); });
+            for (int i = 0; i < kEach; ++i)
+                mainLoop().performAsync([&ran, producer, i] { ran.emplace_back(producer, i); });
         });
     }
     EXPECT_TRUE(runMainUntil([&] { return ran.size() == 2 * kEach; }));
@@ -205,6 +206,42 @@ TEST(DCIRunLoopSources, AHandleMayBeDestroyedInsideItsOwnCallback) {
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(seenAfterRemoval, 7);
     EXPECT_TRUE(watcher.expired());
+}
+
+TEST(DCIRunLoopSources, ASourceRemovedByAnEarlierCallbackOfThePassNeverRuns) {
+    // Two sources ready together, each removing the other when it runs: only one may run.
+    const auto expectOneOfTwo = [](const std::function<std::unique_ptr<DCIRunLoopSource>(DCIRunLoop::Closure)>& add) {
+        int calls = 0;
+        std::unique_ptr<DCIRunLoopSource> first;
+        std::unique_ptr<DCIRunLoopSource> second;
+        first = add([&] {
+            ++calls;
+            second.reset();
+        });
+        second = add([&] {
+            ++calls;
+            first.reset();
+        });
+        EXPECT_TRUE(runMainUntil([&] { return calls > 0; }));
+        drain(mainLoop());
+        EXPECT_EQ(calls, 1);
+    };
+    expectOneOfTwo([](DCIRunLoop::Closure callback) {
+        auto source = mainLoop().addSignalSource(std::move(callback));
+        source->signal();
+        return source;
+    });
+    expectOneOfTwo([](DCIRunLoop::Closure callback) { return mainLoop().addTimer(0ms, false, std::move(callback)); });
+    Pipe pipes[2];
+    int next = 0;
+    expectOneOfTwo([&](DCIRunLoop::Closure callback) {
+        const Pipe& pipe = pipes[next++];
+        pipe.write("ready");
+        return mainLoop().addFileDescriptorSource(pipe.readEnd(), EPOLLIN, [&pipe, callback](uint32_t) {
+            pipe.readAvailable();
+            callback();
+        });
+    });
 }
 
 TEST(DCIRunLoopSources, DestroyedOnAnotherThreadWaitsForTheRunningCallback) {
@@ -337,6 +374,21 @@ TEST(DCIRunLoopDescriptor, RemovedInsideItsCallbackWhileStillReadable) {
     EXPECT_EQ(calls, 1);
 }
 
+TEST(DCIRunLoopDescriptor, AReadinessHandledByANestedRunIsNotReportedAgain) {
+    Pipe pipe;
+    pipe.write("once");
+    int calls = 0;
+    const auto source = mainLoop().addFileDescriptorSource(pipe.readEnd(), EPOLLIN, [&](uint32_t) {
+        ++calls;
+        pipe.readAvailable();
+    });
+    // One pass sees the closure and the readable pipe; the closure's nested pass reads the pipe
+    // first, so the outer pass's report of it is stale.
+    mainLoop().performAsync([] { mainLoop().runOnce(); });
+    EXPECT_TRUE(mainLoop().runOnce());
+    EXPECT_EQ(calls, 1);
+}
+
 TEST(DCIRunLoopDescriptor, RefusedDescriptorsGiveNoSource) {
     Pipe pipe;
     EXPECT_EQ(mainLoop().addFileDescriptorSource(-1, EPOLLIN, [](uint32_t) {}), nullptr);
@@ -388,15 +440,23 @@ TEST(DCIRunLoopRun, StopEndsOnlyTheInnermostRun) {
 
 TEST(DCIRunLoopRun, ANestedRunRunsWorkQueuedBeforeIt) {
     std::vector<std::string> steps;
-    bool nestedSawSecond = false;
     mainLoop().performAsync([&] {
         steps.push_back("first");
-        nestedSawSecond = mainLoop().runUntil([&] { return steps.size() == 2; }, kPatience);
+        mainLoop().run();
         steps.push_back("first done");
     });
-    mainLoop().performAsync([&] { steps.push_back("second"); });
+    mainLoop().performAsync([&] {
+        steps.push_back("second");
+        mainLoop().stop();
+    });
+    // Were the nested run to wait although "second" is ready, this would end it without "second".
+    std::promise<void> finished;
+    std::thread watchdog([done = finished.get_future()] {
+        if (done.wait_for(kPatience) == std::future_status::timeout) mainLoop().stop();
+    });
     EXPECT_TRUE(runMainUntil([&] { return steps.size() == 3; }));
-    EXPECT_TRUE(nestedSawSecond);
+    finished.set_value();
+    watchdog.join();
     EXPECT_EQ(steps, (std::vector<std::string>{"first", "second", "first done"}));
 }
 
@@ -418,7 +478,13 @@ TEST(DCIRunLoopRun, RunUntilReturnsAtItsDeadline) {
     mainLoop().runUntil(deadline);
     EXPECT_GE(Clock::now(), deadline);
     EXPECT_FALSE(mainLoop().runUntil([] { return false; }, 20ms));
-    EXPECT_TRUE(mainLoop().runUntil([] { return true; }, 0ms));
+
+    bool ran = false;
+    mainLoop().performAsync([&] { ran = true; });
+    EXPECT_TRUE(mainLoop().runUntil([&] { return ran; }, 0ms));
+    mainLoop().performAsync([&] { ran = false; });
+    mainLoop().runUntil(Clock::now() - 1s);
+    EXPECT_FALSE(ran);
 }
 
 TEST(DCIRunLoopRun, OnlyTheLoopsOwnThreadRunsIt) {

@@ -273,15 +273,14 @@ void DCIRunLoop::State::close() {
 
 bool DCIRunLoop::State::runUntil(Clock::time_point deadline, const std::function<bool()>* predicate) {
     if (!isOwnerThread()) return false;
-    // Nested in a callback, the work an outer pass has collected but not yet run is ready
-    // without the descriptor saying so: the first pass looks without waiting.
-    bool mayWait = true;
-    for (;;) {
+    for (bool firstPass = true;; firstPass = false) {
         if (predicate && (*predicate)()) return true;
         if (stopRequested.exchange(false, std::memory_order_acq_rel)) return false;
-        if (Clock::now() >= deadline) return false;
+        if (!firstPass && Clock::now() >= deadline) return false;
+        // Nested in a callback, the work an outer pass has collected but not yet run is ready
+        // without the descriptor saying so: the first pass looks without waiting.
+        const bool mayWait = !firstPass || callbacksRunning == 0;
         if (!runPass(mayWait ? millisecondsUntil(deadline) : 0, true)) return false;
-        mayWait = true;
     }
 }
 

@@ -33,7 +33,7 @@ public:
 
     // Running. Only the loop's own thread runs it (on another thread these calls return at
     // once); runs may nest (a callback may run the loop again), and `stop()` ends the innermost
-    // one.
+    // one. Each run looks at least once for ready work, even past its deadline.
 
     /// Runs until `stop()`.
     void run();

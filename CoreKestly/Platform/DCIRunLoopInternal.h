@@ -67,7 +67,8 @@ struct DCIRunLoop::State {
     /// Detaches every source and drops every queued closure; the loop object is going away.
     void close();
 
-    /// Runs passes until the predicate (when given) holds, `stop()` or the deadline.
+    /// Runs one pass, then more until the predicate (when given) holds, `stop()` or the
+    /// deadline.
     bool runUntil(Clock::time_point deadline, const std::function<bool()>* predicate);
     /// Waits up to `timeoutMs` (-1: no limit) for work, then runs what is ready; a `stoppable`
     /// pass ends early when a stop is pending. Answers whether a callback ran, or nothing when
@@ -80,11 +81,12 @@ struct DCIRunLoop::State {
     /// Points the timer descriptor at the earliest deadline; called with the mutex held.
     void armTimerDescriptor();
 
+    // Fixed at creation; -1 when the system refused one.
     const pid_t ownerThread;
-    int epollFd = -1;
+    const int epollFd;
     /// Counts wake-ups: performed closures, raised signals, stops.
-    int wakeFd = -1;
-    int timerFd = -1;
+    const int wakeFd;
+    const int timerFd;
 
     std::atomic<bool> stopRequested{false};
 

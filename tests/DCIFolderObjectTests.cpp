@@ -236,6 +236,38 @@ TEST_F(DCIFolderObjectTests, GenerateHashesAnswersNoForAVanishedFileAndHashesThe
     }
 }
 
+// Answers as a file manager may: the hash and the sasID asked for one at a time, every
+// question recorded in order. "unhashable.wav" gets no hash.
+class SeparateQueries : public DCIFileQueries {
+public:
+    bool isFileOfInterest(const std::string& path) override { return KestlyPath::extension(path) == "wav"; }
+    std::optional<std::string> SHAForFileAtPath(const std::string& path) override {
+        const std::string name = KestlyPath::lastComponent(path);
+        questions.push_back("sha " + name);
+        if (name == "unhashable.wav") return std::nullopt;
+        return "sha-" + name;
+    }
+    std::optional<std::string> SasIDForFileAtPath(const std::string& path) override {
+        questions.push_back("sasID " + KestlyPath::lastComponent(path));
+        return "sas-" + KestlyPath::lastComponent(path);
+    }
+
+    std::vector<std::string> questions;
+};
+
+TEST_F(DCIFolderObjectTests, GenerateHashesAsksForTheSasIDOnlyAfterAHash) {
+    root.writeFile("a.wav", "abc");
+    root.writeFile("unhashable.wav", "abc");
+    const auto separate = std::make_shared<SeparateQueries>();
+    const auto tree = DCIFolderObject::initWithPath(root.path().string(), nullptr, separate);
+    ASSERT_TRUE(tree->generateHashes()) << "the file without an answer is hashed directly";
+    EXPECT_EQ(separate->questions, (std::vector<std::string>{"sha a.wav", "sasID a.wav", "sha unhashable.wav"}));
+    EXPECT_EQ(tree->files()->at("a.wav")->fileHash(), "sha-a.wav");
+    EXPECT_EQ(tree->files()->at("a.wav")->sasID(), "sas-a.wav");
+    EXPECT_EQ(tree->files()->at("unhashable.wav")->fileHash(), kSHA256OfABC);
+    EXPECT_EQ(tree->files()->at("unhashable.wav")->sasID(), std::nullopt);
+}
+
 TEST_F(DCIFolderObjectTests, ATreeWhoseQueriesAreGoneSeesNoFileOfInterestAndHashesByItself) {
     root.writeFile("a/kick.wav", "abc");
     const auto tree = buildTree();
@@ -351,7 +383,9 @@ TEST_F(DCIFolderObjectTests, SnapshotsHoldTheSubtree) {
     // Snapshots of two builds meet by path.
     const auto again = buildTree();
     const DCIFolderSet oldFolders = tree->gatherFolders();
-    for (const auto& folder : again->gatherFolders()) EXPECT_TRUE(oldFolders.contains(folder)) << folder->relativePath();
+    for (const auto& folder : again->gatherFolders()) {
+        EXPECT_TRUE(oldFolders.contains(folder)) << folder->relativePath();
+    }
     const DCIFileSet oldFiles = tree->gatherFiles();
     for (const auto& file : again->gatherFiles()) EXPECT_TRUE(oldFiles.contains(file)) << file->relativePath();
 }

@@ -156,8 +156,38 @@ TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
     ASSERT_EQ(cache->shaCache().count(path), 1u);
     EXPECT_FALSE(cache->shaCache().at(path).sha);
 
+    // The record stays valid for its sasID: only the hash lookup counts it as a miss.
+    EXPECT_EQ(cache->SasIDForFile(path), "sas:not a file");
+    EXPECT_EQ(calculatorCalls, 1);
     EXPECT_FALSE(cache->SHAForFile(path));
     EXPECT_EQ(calculatorCalls, 2);
+}
+
+TEST_F(SHACacheTest, RecordForFileAnswersAsTheHashLookupThenTheSasIDLookup) {
+    const std::string path = folder.writeFile("a.wav", "content");
+    auto cache = makeCache();
+    const auto record = cache->recordForFile(path);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->sha, KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(record->answeredSasID(), "sas:a.wav");
+    EXPECT_EQ(cache->recordForFile(path), record);
+    EXPECT_EQ(cache->SHAForFile(path), record->sha);
+    EXPECT_EQ(cache->SasIDForFile(path), record->answeredSasID());
+    EXPECT_EQ(calculatorCalls, 1);
+
+    setModificationTime(path, kSomeSecond);
+    EXPECT_EQ(cache->recordForFile(path)->mdate, dateAt(kSomeSecond));
+    EXPECT_EQ(calculatorCalls, 2);
+
+    // A record without a hash is a miss here as for the hash lookup.
+    const std::string notAFile = folder.makeFolder("not a file");
+    EXPECT_FALSE(cache->recordForFile(notAFile)->sha);
+    EXPECT_FALSE(cache->recordForFile(notAFile)->sha);
+    EXPECT_EQ(calculatorCalls, 4);
+
+    EXPECT_FALSE(cache->recordForFile(folder / "missing"));
+    auto withoutCalculator = DCISHACache::initWithCachePath(cachePath + "-2", nullptr);
+    EXPECT_EQ(withoutCalculator->recordForFile(path)->answeredSasID(), std::nullopt);
 }
 
 TEST_F(SHACacheTest, PersistWritesOnlyWhatChanged) {

@@ -110,9 +110,20 @@ TEST_F(KestlyScanCommandTests, SummaryCountsWhatWasFoundAndRead) {
                                   quoted(ownCaches + "/p.db") + " --secondary-cache " + quoted(ownCaches + "/s.db");
     const ProgramRun run = scan(arguments);
     ASSERT_EQ(run.status, 0) << run.errors;
-    EXPECT_TRUE(run.output.starts_with("folders: 1, files: 2, bytes hashed: 7 (2 files read), cache hits: 0, time: ")) << run.output;
+    EXPECT_TRUE(run.output.starts_with("folders: 1, files: 2, bytes hashed: 7 (2 files read), cache hits: 0, time: "))
+        << run.output;
     EXPECT_TRUE(fs::exists(ownCaches + "/s.db"));
     EXPECT_FALSE(fs::exists(caches / "kestly")) << "no default cache is made when both are given";
+}
+
+TEST_F(KestlyScanCommandTests, JSONCarriesNamesThatAreNotUTF8) {
+    root.writeFile("caf\xe9.wav", "abc");
+    const ProgramRun run = scanJSON();
+    ASSERT_EQ(run.status, 0) << run.errors;
+    const auto document = nlohmann::json::parse(run.output);
+    ASSERT_EQ(document["files"].size(), 1u);
+    EXPECT_EQ(document["files"][0]["path"], "caf\uFFFD.wav");
+    EXPECT_EQ(document["files"][0]["sha256"], kSHA256OfABC);
 }
 
 TEST_F(KestlyScanCommandTests, AMissingRootIsAnErrorOfStatusTwo) {

@@ -39,7 +39,9 @@ bool DCICachedFileQueries::isSecondaryFile(const std::string& path) const {
     return contains(kinds_.secondaryExtensions, lowercased(KestlyPath::extension(path)));
 }
 
-bool DCICachedFileQueries::isFileOfInterest(const std::string& path) { return isPrimaryFile(path) || isSecondaryFile(path); }
+bool DCICachedFileQueries::isFileOfInterest(const std::string& path) {
+    return isPrimaryFile(path) || isSecondaryFile(path);
+}
 
 DCISHACache* DCICachedFileQueries::cacheForFile(const std::string& path) const {
     if (isPrimaryFile(path)) return primaryFileCache_.get();
@@ -55,4 +57,11 @@ std::optional<std::string> DCICachedFileQueries::SHAForFileAtPath(const std::str
 std::optional<std::string> DCICachedFileQueries::SasIDForFileAtPath(const std::string& path) {
     auto* cache = cacheForFile(path);
     return cache ? cache->SasIDForFile(path) : std::nullopt;
+}
+
+DCIFileIdentifiers DCICachedFileQueries::identifiersForFileAtPath(const std::string& path) {
+    auto* cache = cacheForFile(path);
+    const auto record = cache ? cache->recordForFile(path) : std::nullopt;
+    if (!record || !record->sha) return {};
+    return {record->sha, record->answeredSasID()};
 }

@@ -35,6 +35,8 @@ public:
     /// Nothing for a file of no interest, which no cache serves.
     std::optional<std::string> SHAForFileAtPath(const std::string& path) override;
     std::optional<std::string> SasIDForFileAtPath(const std::string& path) override;
+    /// Both answers from the one record the cache validates for the hash.
+    DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override;
 
 private:
     // The cache serving the file at `path`, the primary one first; null for a file of no interest.

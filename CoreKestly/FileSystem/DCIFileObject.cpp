@@ -22,10 +22,15 @@ std::optional<std::string> loadedString(const std::shared_ptr<const std::string>
     return value ? std::optional<std::string>(*value) : std::nullopt;
 }
 
+DCIDate dateFromSeconds(const std::atomic<int64_t>& seconds) {
+    return DCIDate::dateWithTimeIntervalSince1970(static_cast<double>(seconds.load(std::memory_order_relaxed)));
+}
+
 }  // namespace
 
 DCIFileObject::DCIFileObject(const std::string& name, const std::shared_ptr<DCIFolderObject>& folder)
-    : name_(name), parent_(folder), absolutePath_(pathInFolder(folder, name)), compareHash_(DCIPathHash(absolutePath_)) {}
+    : name_(name), parent_(folder), absolutePath_(pathInFolder(folder, name)),
+      compareHash_(DCIPathHash(absolutePath_)) {}
 
 std::shared_ptr<DCIFileObject> DCIFileObject::initWithFileName(const std::string& name,
                                                                const std::shared_ptr<DCIFolderObject>& inFolder) {
@@ -47,13 +52,9 @@ bool DCIFileObject::updateAttributes() {
     return true;
 }
 
-DCIDate DCIFileObject::modifiedDate() const {
-    return DCIDate::dateWithTimeIntervalSince1970(static_cast<double>(modifiedSeconds_.load(std::memory_order_relaxed)));
-}
+DCIDate DCIFileObject::modifiedDate() const { return dateFromSeconds(modifiedSeconds_); }
 
-DCIDate DCIFileObject::createdDate() const {
-    return DCIDate::dateWithTimeIntervalSince1970(static_cast<double>(createdSeconds_.load(std::memory_order_relaxed)));
-}
+DCIDate DCIFileObject::createdDate() const { return dateFromSeconds(createdSeconds_); }
 
 std::string DCIFileObject::relativePath() const {
     const auto folder = parent();

@@ -3,6 +3,12 @@
 #include <optional>
 #include <string>
 
+/// What the tree learns of a file it hashes: its hash and, when it has one, its `sasID`.
+struct DCIFileIdentifiers {
+    std::optional<std::string> sha;
+    std::optional<std::string> sasID;  // nothing whenever `sha` is
+};
+
 /// The three questions the folder tree asks while it scans and hashes: which files belong in
 /// it, and each file's hash and `sasID`, answered through whatever caches the answering object
 /// keeps. The file manager answers them for the tree of its root; `DCICachedFileQueries` does
@@ -18,6 +24,15 @@ public:
     virtual std::optional<std::string> SHAForFileAtPath(const std::string& path) = 0;
     /// The `sasID` of the file at `path`, or nothing.
     virtual std::optional<std::string> SasIDForFileAtPath(const std::string& path) = 0;
+
+    /// `SHAForFileAtPath`, then `SasIDForFileAtPath` of the same path when a hash came back:
+    /// what the tree asks of every file it hashes. An implementation that can answer both
+    /// from one look at the file overrides this with the same answers.
+    virtual DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) {
+        DCIFileIdentifiers identifiers{SHAForFileAtPath(path), std::nullopt};
+        if (identifiers.sha) identifiers.sasID = SasIDForFileAtPath(path);
+        return identifiers;
+    }
 
 protected:
     DCIFileQueries() = default;

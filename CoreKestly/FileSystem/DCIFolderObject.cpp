@@ -85,7 +85,9 @@ void DCIFolderObject::buildFileAndFolderList() {
                 subFolders.emplace(entry.name, std::move(folder));
             }
         } else if (queries && queries->isFileOfInterest(fullPath)) {
-            if (auto file = DCIFileObject::initWithFileName(entry.name, self)) files.emplace(entry.name, std::move(file));
+            if (auto file = DCIFileObject::initWithFileName(entry.name, self)) {
+                files.emplace(entry.name, std::move(file));
+            }
         }
     }
     files_.store(std::make_shared<const DCIFileDictionary>(std::move(files)));
@@ -128,10 +130,11 @@ bool DCIFolderObject::generateHashes() {
     }
     const auto queries = fileQueries_.lock();
     for (const auto& [name, file] : *currentFiles) {
-        const std::string& path = file->absolutePath();
-        if (auto hash = queries ? queries->SHAForFileAtPath(path) : std::nullopt) {
-            file->setFileHash(hash);
-            file->setSasID(queries->SasIDForFileAtPath(path));
+        const auto identifiers =
+            queries ? queries->identifiersForFileAtPath(file->absolutePath()) : DCIFileIdentifiers{};
+        if (identifiers.sha) {
+            file->setFileHash(identifiers.sha);
+            file->setSasID(identifiers.sasID);
         } else if (!file->fileHash()) {
             everyFileHashed = false;
         }
@@ -149,7 +152,8 @@ bool DCIFolderObject::updateItemAtSubPath(const std::string& name) {
     if (stat(fullPath.c_str(), &status) == 0) {
         const auto queries = fileQueries_.lock();
         if (queries && queries->isFileOfInterest(fullPath)) {
-            files_.store(replacingEntry(*currentFiles, name, DCIFileObject::initWithFileName(name, shared_from_this())));
+            auto file = DCIFileObject::initWithFileName(name, shared_from_this());
+            files_.store(replacingEntry(*currentFiles, name, std::move(file)));
             return true;
         }
         if (!S_ISDIR(status.st_mode) || currentSubFolders->contains(name)) return false;

@@ -12,6 +12,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace {
+
+// A record whose hashing failed has no "sha" and counts as a miss, so it is tried again.
+bool holdsSHA(const DCISHACacheRecord& record) { return record.sha.has_value(); }
+// Every record holds a sasID, "" included, so the calculator is asked once per modification.
+bool holdsSasID(const DCISHACacheRecord&) { return true; }
+
+}  // namespace
+
 std::shared_ptr<DCISHACache> DCISHACache::initWithCachePath(const std::string& cachePath,
                                                             DCISasIDCalculator sasIDCaclulator) {
     auto cache = std::shared_ptr<DCISHACache>(new DCISHACache(cachePath, std::move(sasIDCaclulator)));
@@ -60,30 +69,31 @@ std::optional<std::string> DCISHACache::SHAForFileEco(const std::string& path) {
 }
 
 std::optional<std::string> DCISHACache::SHAForFile(const std::string& path, bool eco) {
-    // A record whose hashing failed has no "sha" and counts as a miss, so it is tried again.
-    return answerForFile(path, eco, [](const DCISHACacheRecord& record) { return record.sha; });
+    const auto record = currentRecord(path, eco, holdsSHA);
+    return record ? record->sha : std::nullopt;
 }
 
 std::optional<std::string> DCISHACache::SasIDForFile(const std::string& path) {
-    auto sasID = answerForFile(path, false, [](const DCISHACacheRecord& record) {
-        return std::optional<std::string>(record.sasID);
-    });
-    if (sasID && sasID->empty()) return std::nullopt;
-    return sasID;
+    const auto record = currentRecord(path, false, holdsSasID);
+    return record ? record->answeredSasID() : std::nullopt;
 }
 
-std::optional<std::string> DCISHACache::answerForFile(const std::string& path, bool eco, Answer answer) {
+std::optional<DCISHACacheRecord> DCISHACache::recordForFile(const std::string& path) {
+    return currentRecord(path, false, holdsSHA);
+}
+
+std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& path, bool eco, Answers answers) {
     const auto modificationDate = modificationDateForFile(path);
     if (!modificationDate) return std::nullopt;
     {
         std::shared_lock lock(accessMutex_);
         const auto found = shaCache_.find(path);
-        if (found != shaCache_.end() && found->second.mdate == *modificationDate) {
-            if (auto cached = answer(found->second)) return cached;
+        if (found != shaCache_.end() && found->second.mdate == *modificationDate && answers(found->second)) {
+            return found->second;
         }
     }
     // Hashing and the calculator run without the lock: a long hash holds back no one.
-    return answer(*cacheFile(path, eco, modificationDate));
+    return cacheFile(path, eco, modificationDate);
 }
 
 std::optional<DCISHACacheRecord> DCISHACache::cacheFile(const std::string& path, bool eco,

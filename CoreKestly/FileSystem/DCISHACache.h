@@ -33,6 +33,11 @@ struct DCISHACacheRecord {
     /// The calculator's answer; "" when there is no calculator or it answered nothing.
     std::string sasID;
 
+    /// The `sasID` as the cache answers it: nothing for "".
+    std::optional<std::string> answeredSasID() const {
+        return sasID.empty() ? std::nullopt : std::optional<std::string>(sasID);
+    }
+
     friend bool operator==(const DCISHACacheRecord&, const DCISHACacheRecord&) = default;
 };
 
@@ -93,6 +98,13 @@ public:
     /// when the stored `sasID` is "": the calculator is not asked again until the file changes.
     std::optional<std::string> SasIDForFile(const std::string& path);
 
+    /// The record `SHAForFile` answers from: the cached one while the file's modification time
+    /// is unchanged and it holds a hash, else a new one (the file hashed at full speed, the
+    /// calculator asked). Its `sha` and `answeredSasID()` are what `SHAForFile` and then
+    /// `SasIDForFile` would answer, for the price of one look at the file. Nothing when the
+    /// file cannot be opened.
+    std::optional<DCISHACacheRecord> recordForFile(const std::string& path);
+
     /// Hashes the file (eco or full speed), asks the calculator and stores the new record
     /// under `path` with `modificationDate` as its "mdate", replacing any earlier one. Logs
     /// "Unable to calcualate SHA for <path>" when hashing fails. With no date it stores
@@ -123,10 +135,10 @@ public:
 private:
     DCISHACache(std::string cachePath, DCISasIDCalculator sasIDCalculator);
 
-    // The answer a record valid for the file's current modification time gives, else the
-    // answer of a new record; nothing when the file cannot be opened.
-    using Answer = std::optional<std::string> (*)(const DCISHACacheRecord&);
-    std::optional<std::string> answerForFile(const std::string& path, bool eco, Answer answer);
+    // The record valid for the file's current modification time when `answers` accepts it,
+    // else a new record; nothing when the file cannot be opened.
+    using Answers = bool (*)(const DCISHACacheRecord&);
+    std::optional<DCISHACacheRecord> currentRecord(const std::string& path, bool eco, Answers answers);
     void store(const std::string& path, const DCISHACacheRecord& record);
     // Hands every unsaved change over for writing; the cache is clean afterwards.
     std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> takeUnsavedChanges();

@@ -77,16 +77,21 @@ public:
     }
 
     std::optional<std::string> SHAForFileAtPath(const std::string& path) override {
-        const uint64_t readsBefore = reads_->files;
-        auto hash = queries_->SHAForFileAtPath(path);
-        if (hash && reads_->files == readsBefore) ++cacheHits_;
-        ++filesHashed_;
-        showProgress([&] { std::fprintf(stderr, "\rkestly: hashing, %zu of %zu files", filesHashed_, filesToHash_); });
-        return hash;
+        return queries_->SHAForFileAtPath(path);
     }
 
     std::optional<std::string> SasIDForFileAtPath(const std::string& path) override {
         return queries_->SasIDForFileAtPath(path);
+    }
+
+    // What the tree asks of every file it hashes.
+    DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override {
+        const uint64_t readsBefore = reads_->files;
+        auto identifiers = queries_->identifiersForFileAtPath(path);
+        if (identifiers.sha && reads_->files == readsBefore) ++cacheHits_;
+        ++filesHashed_;
+        showProgress([&] { std::fprintf(stderr, "\rkestly: hashing, %zu of %zu files", filesHashed_, filesToHash_); });
+        return identifiers;
     }
 
 private:
@@ -117,10 +122,14 @@ std::string defaultCacheFolder() {
     return KestlyPath::standardize("~/.cache/kestly");
 }
 
-std::string absoluteStandardPath(const std::string& path) {
+// Nothing when `path` is relative and the working folder is gone.
+std::optional<std::string> absoluteStandardPath(const std::string& path) {
     std::string standard = KestlyPath::standardize(path);
     if (standard.starts_with('/')) return standard;
-    return KestlyPath::standardize(KestlyPath::appendingComponent(std::filesystem::current_path().string(), standard));
+    std::error_code error;
+    const auto workingFolder = std::filesystem::current_path(error);
+    if (error) return std::nullopt;
+    return KestlyPath::standardize(KestlyPath::appendingComponent(workingFolder.string(), standard));
 }
 
 struct CachePaths {
@@ -142,7 +151,8 @@ int completeCachePaths(CachePaths& paths) {
         if (paths.primary.empty()) paths.primary = KestlyPath::appendingComponent(folder, "primary.sqlite");
         if (paths.secondary.empty()) paths.secondary = KestlyPath::appendingComponent(folder, "secondary.sqlite");
     }
-    if (absoluteStandardPath(paths.primary) == absoluteStandardPath(paths.secondary)) {
+    const auto primary = absoluteStandardPath(paths.primary);
+    if (primary && primary == absoluteStandardPath(paths.secondary)) {
         std::fprintf(stderr, "kestly: the primary and the secondary cache need files of their own\n");
         return 2;
     }
@@ -182,16 +192,19 @@ void printJSON(const std::string& root, const ScanResult& result, uint64_t files
     }
     const nlohmann::ordered_json document = {
         {"root", root}, {"folders", folders}, {"files", files}, {"hashed", filesRead}, {"cacheHits", cacheHits}};
-    std::printf("%s\n", document.dump(2).c_str());
+    // File names are bytes, not always UTF-8: what JSON cannot carry is shown as U+FFFD.
+    std::printf("%s\n", document.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
 }
 
 int scan(const ScanOptions& options) {
-    const std::string root = absoluteStandardPath(options.root);
+    const auto standardRoot = absoluteStandardPath(options.root);
     struct stat rootStatus;
-    if (lstat(root.c_str(), &rootStatus) != 0) {
-        std::fprintf(stderr, "kestly: %s: %s\n", options.root.c_str(), std::strerror(errno));
+    if (!standardRoot || lstat(standardRoot->c_str(), &rootStatus) != 0) {
+        // A relative root does not exist once the working folder is gone.
+        std::fprintf(stderr, "kestly: %s: %s\n", options.root.c_str(), std::strerror(standardRoot ? errno : ENOENT));
         return 2;
     }
+    const std::string& root = *standardRoot;
     CachePaths cachePaths{options.primaryCache, options.secondaryCache};
     if (const int status = completeCachePaths(cachePaths); status != 0) return status;
 
@@ -228,7 +241,8 @@ int scan(const ScanOptions& options) {
     } else {
         std::printf("folders: %zu, files: %zu, bytes hashed: %llu (%llu files read), cache hits: %llu, time: %.3f s\n",
                     result.folders.size(), result.files.size(), static_cast<unsigned long long>(reads->bytes),
-                    static_cast<unsigned long long>(reads->files), static_cast<unsigned long long>(queries->cacheHits()),
+                    static_cast<unsigned long long>(reads->files),
+                    static_cast<unsigned long long>(queries->cacheHits()),
                     seconds);
     }
     return status;

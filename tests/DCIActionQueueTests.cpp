@@ -36,17 +36,10 @@ protected:
     void SetUp() override { DCIEventManager::addListener(recorder_); }
     void TearDown() override { DCIEventManager::removeListener(recorder_); }
 
-    // The (new, previous) statuses announced for `action` once the main loop has delivered
-    // what is queued.
-    std::vector<std::pair<int64_t, int64_t>> statusChangesOf(const std::shared_ptr<DCIAction>& action) {
+    // The statuses announced for `action` once the main loop has delivered what is queued.
+    std::vector<StatusChange> statusChangesOf(const std::shared_ptr<DCIAction>& action) {
         pumpMainLoopBriefly();
-        std::vector<std::pair<int64_t, int64_t>> changes;
-        for (const auto& event : recorder_->events) {
-            if (event->action() != action) continue;
-            changes.emplace_back(*event->contextValue(kDCIActionStatusKey)->int64Value(),
-                                 *event->contextValue(kDCIActionPreviousStatusKey)->int64Value());
-        }
-        return changes;
+        return recorder_->statusChangesOf(action);
     }
 
     std::shared_ptr<DCIActionQueue> queue_ = DCIActionQueue::init();
@@ -137,7 +130,7 @@ TEST_F(DCIActionQueueTest, AWaitingActionIsHeldOnceAndAnnouncedOnce) {
     EXPECT_EQ(action->status(), DCIActionStatusPending);
     EXPECT_EQ(queue_->queue(), Actions{action});
     EXPECT_EQ(drain(*queue_), Actions{action});
-    EXPECT_EQ(statusChangesOf(action), (std::vector<std::pair<int64_t, int64_t>>{{2, 0}}));
+    EXPECT_EQ(statusChangesOf(action), (std::vector<StatusChange>{{2, 0}}));
 }
 
 TEST_F(DCIActionQueueTest, AFinishedActionIsQueuedAgainAsPending) {
@@ -149,7 +142,7 @@ TEST_F(DCIActionQueueTest, AFinishedActionIsQueuedAgainAsPending) {
     queue_->addAction(action);
     EXPECT_EQ(action->status(), DCIActionStatusPending);
     EXPECT_EQ(queue_->popNextAction(), action);
-    EXPECT_EQ(statusChangesOf(action), (std::vector<std::pair<int64_t, int64_t>>{{2, 0}, {7, 2}, {2, 7}}));
+    EXPECT_EQ(statusChangesOf(action), (std::vector<StatusChange>{{2, 0}, {7, 2}, {2, 7}}));
 }
 
 TEST_F(DCIActionQueueTest, AnActionMayWaitInTwoQueues) {

@@ -17,8 +17,6 @@
 
 namespace {
 
-using StatusChange = std::pair<int64_t, int64_t>;  // new status, previous status
-
 // Every status event reaches a real listener on the main thread; the bus is gone again after
 // each test, so no test sees another's events.
 class DCIActionEventsTest : public ::testing::Test {
@@ -31,17 +29,8 @@ protected:
 
     // The status events of `action`, in arrival order, once `count` of them have arrived.
     std::vector<StatusChange> statusChangesOf(const std::shared_ptr<DCIAction>& action, size_t count) {
-        std::vector<StatusChange> changes;
-        pumpMainLoopUntil([&] {
-            changes.clear();
-            for (const auto& event : recorder_->events) {
-                if (!event->isCommonEventOfType(DCIEventTypeActionStatusChanged) || event->action() != action) continue;
-                changes.emplace_back(*event->contextValue(kDCIActionStatusKey)->int64Value(),
-                                     *event->contextValue(kDCIActionPreviousStatusKey)->int64Value());
-            }
-            return changes.size() >= count;
-        });
-        return changes;
+        pumpMainLoopUntil([&] { return recorder_->statusChangesOf(action).size() >= count; });
+        return recorder_->statusChangesOf(action);
     }
 
     // Delivers whatever is queued, so that an event that should not exist would have arrived.
@@ -147,13 +136,15 @@ TEST(DCIAction, ANilObjectIsRefusedWithALogLineAndANilKeySilently) {
 
     action->setContextObject(std::shared_ptr<DCIAction>(), "missingParent");
     action->setContextObject(std::optional<std::string>(), "missingPath");
-    EXPECT_FALSE(action->contextObjectForKey("missingParent").has_value());
-    EXPECT_FALSE(action->contextObjectForKey("missingPath").has_value());
-    EXPECT_EQ(logLinesContaining(": Not setting nil object for key missingParent\n"), 1u);
-    EXPECT_EQ(logLinesContaining(": Not setting nil object for key missingPath\n"), 1u);
+    action->setContextObject(static_cast<const char*>(nullptr), "missingText");
+    action->setContextObject(nullptr, "missingAnything");
+    for (const char* key : {"missingParent", "missingPath", "missingText", "missingAnything"}) {
+        EXPECT_FALSE(action->contextObjectForKey(key).has_value()) << key;
+        EXPECT_EQ(logLinesContaining(std::string(": Not setting nil object for key ") + key + "\n"), 1u) << key;
+    }
 
     action->setContextObject("orphan", std::nullopt);
-    EXPECT_EQ(logLinesContaining("Not setting nil object"), refusalsBefore + 3);
+    EXPECT_EQ(logLinesContaining("Not setting nil object"), refusalsBefore + 5);
     EXPECT_EQ(action->description().find("orphan"), std::string::npos);
 }
 

@@ -62,14 +62,6 @@ TEST_F(DCIEventManagerTest, DeliversOnTheMainThreadInEachProducersOrder) {
     }
 }
 
-TEST_F(DCIEventManagerTest, EventsOfOneThreadKeepTheirGlobalOrder) {
-    const auto recorder = addRecorder();
-    for (uint64_t i = 0; i < 100; ++i) DCIEventManager::postEvent(testEvent(i));
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() == 100; }));
-    const auto types = recorder->typesOfCategory(kTestCategory);
-    for (uint64_t i = 0; i < types.size(); ++i) EXPECT_EQ(types[i], i);
-}
-
 TEST_F(DCIEventManagerTest, AnEventPostedByAListenerFollowsTheCurrentOneInTheSameDrain) {
     std::vector<std::string> arrivals;
     const auto first = addRecorder();
@@ -207,13 +199,14 @@ TEST_F(DCIEventManagerTest, ProducersRacingTheLastRemovalNeverCrashAndStopReachi
             while (running.load(std::memory_order_relaxed)) DCIEventManager::postEvent(testEvent(i++));
         });
     }
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() > 1000; }));
+    const bool delivering = pumpMainLoopUntil([&] { return recorder->events.size() > 1000; });
     DCIEventManager::removeListener(recorder);
     const size_t atRemoval = recorder->events.size();
     pumpMainLoopBriefly();
     running = false;
     for (auto& producer : producers) producer.join();
     pumpMainLoopBriefly();
+    EXPECT_TRUE(delivering);
     EXPECT_EQ(recorder->events.size(), atRemoval);
     EXPECT_FALSE(DCIEventManager::hasSharedInstance());
 }

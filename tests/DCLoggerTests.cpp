@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <fcntl.h>
 #include <regex>
 #include <sstream>
@@ -80,6 +81,16 @@ TEST(DCLogger, StartingALoggerRotatesOneGeneration) {
     EXPECT_EQ(match[1], "first entry");
 }
 
+TEST(DCLogger, TheSharedLoggerWritesInTheTemporaryDirectory) {
+    // Each test program runs with a TMPDIR of its own.
+    const char* temporary = std::getenv("TMPDIR");
+    ASSERT_NE(temporary, nullptr);
+    auto& logger = DCLogger::sharedLogger();
+    EXPECT_EQ(logger.currentLogFileURL(), std::string(temporary) + "/com.kestly.current.log");
+    EXPECT_EQ(logger.previousLogFileURL(), std::string(temporary) + "/com.kestly.previous.log");
+    EXPECT_EQ(&DCLogger::sharedLogger(), &logger);
+}
+
 TEST(DCLogger, AFirstRunHasNoPreviousLog) {
     TemporaryDirectory folder;
     DCLogger logger(folder.path().string());
@@ -127,6 +138,31 @@ TEST(DCLogger, EntriesOfConcurrentThreadsStayWholeAndInEachThreadsOrder) {
     }
     EXPECT_EQ(next[0], kPerThread);
     EXPECT_EQ(next[1], kPerThread);
+}
+
+TEST(DCLogger, EntriesGoToTheLogFileSetAtTheTimeTheyAreWritten) {
+    TemporaryDirectory folder;
+    DCLogger logger(folder.path().string());
+    logger.log("to the current log");
+    logger.flush();
+
+    const std::string other = folder / "other.log";
+    const int file = open(other.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    ASSERT_GE(file, 0);
+    logger.setLogFile(file);
+    EXPECT_EQ(logger.logFile(), file);
+    logger.log("to the other log");
+    logger.flush();
+    logger.setLogFile(-1);
+    logger.log("to nowhere");
+    logger.flush();
+
+    EXPECT_TRUE(readWholeFile(logger.currentLogFileURL()).ends_with(": to the current log\n"));
+    const auto lines = linesOf(readWholeFile(other));
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_TRUE(lines[0].ends_with(": to the other log"));
+    // The logger closed the descriptor it was given when it was replaced.
+    EXPECT_EQ(fcntl(file, F_GETFD), -1);
 }
 
 TEST(DCLogger, AFolderThatCannotBeWrittenLosesEntriesQuietly) {

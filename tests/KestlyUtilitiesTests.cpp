@@ -33,7 +33,6 @@ TEST(KestlyUtilitiesTests, DAWFromString) {
 
 TEST(KestlyUtilitiesTests, DAWFromNoStringIsUnknown) {
     EXPECT_EQ(DCIKestlyDAWFromString(nullptr), DCIKestlyDAWUnknown);
-    EXPECT_EQ(DCIKestlyDAWFromString(static_cast<const char*>(nullptr)), DCIKestlyDAWUnknown);
     EXPECT_EQ(DCIKestlyDAWFromString(std::nullopt), DCIKestlyDAWUnknown);
     EXPECT_EQ(DCIKestlyDAWFromString(std::optional<std::string>()), DCIKestlyDAWUnknown);
 }

@@ -95,6 +95,10 @@ public:
     void setContextObject(const std::shared_ptr<T>& object, std::optional<std::string_view> key) {
         setContextObject(object ? std::optional<DCIValue>(object) : std::nullopt, key);
     }
+    /// The same for C text; a null pointer, `nullptr` included, is a missing object.
+    void setContextObject(const char* object, std::optional<std::string_view> key) {
+        setContextObject(object ? std::optional<DCIValue>(object) : std::nullopt, key);
+    }
     /// Copies every entry in, replacing entries under the same keys.
     void addContextEntriesFromDictionary(const DCIDictionary& entries);
     void removeContextObjectForKey(std::optional<std::string_view> key);

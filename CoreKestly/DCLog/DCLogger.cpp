@@ -71,6 +71,18 @@ DCLogger::~DCLogger() {
     if (logFile_ >= 0) ::close(logFile_);
 }
 
+int DCLogger::logFile() const {
+    std::lock_guard lock(fileMutex_);
+    return logFile_;
+}
+
+void DCLogger::setLogFile(int file) {
+    std::lock_guard lock(fileMutex_);
+    if (file == logFile_) return;
+    if (logFile_ >= 0) ::close(logFile_);
+    logFile_ = file;
+}
+
 void DCLogger::log(std::string message) {
     {
         std::lock_guard lock(mutex_);
@@ -94,13 +106,17 @@ void DCLogger::writeEntries() {
         std::deque<std::string> batch;
         batch.swap(pending_);
         lock.unlock();
-        for (const auto& message : batch) writeEntry(message);
+        {
+            std::lock_guard fileLock(fileMutex_);
+            for (const auto& message : batch) writeEntry(message);
+        }
         lock.lock();
         writtenCount_ += batch.size();
         written_.notify_all();
     }
 }
 
+// Called with fileMutex_ held.
 void DCLogger::writeEntry(const std::string& message) const {
     if (logFile_ < 0) return;
     // One write per entry, so that even another process appending to the same file cannot

@@ -37,7 +37,10 @@ public:
     /// The path of "com.kestly.previous.log".
     const std::string& previousLogFileURL() const { return previousLogFileURL_; }
     /// The open current log, or -1 when it could not be opened.
-    int logFile() const { return logFile_; }
+    int logFile() const;
+    /// Sends the entries not yet written to `file`, an open descriptor or -1 for none. The
+    /// logger owns it from now on and closes the one it replaces.
+    void setLogFile(int file);
 
     /// Queues one entry and returns at once. Any thread.
     void log(std::string message);
@@ -50,6 +53,7 @@ private:
 
     const std::string currentLogFileURL_;
     const std::string previousLogFileURL_;
+    mutable std::mutex fileMutex_;  // guards logFile_, held by the writer while it writes
     int logFile_ = -1;
 
     std::mutex mutex_;

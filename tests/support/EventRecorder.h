@@ -1,12 +1,18 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <utility>
 #include <vector>
+
+/// A status change as its event tells it: the new status, then the previous one.
+using StatusChange = std::pair<int64_t, int64_t>;
 
 /// A listener that keeps every event it is handed, and whether it came on the main thread;
 /// `onEvent` lets a test act from inside `handleEvent`.
@@ -29,6 +35,18 @@ public:
             if (event->category() == category) types.push_back(event->type());
         }
         return types;
+    }
+
+    /// The status changes announced so far for `action`, in arrival order. An event that lacks
+    /// either number throws, which fails the test.
+    std::vector<StatusChange> statusChangesOf(const std::shared_ptr<DCIAction>& action) const {
+        std::vector<StatusChange> changes;
+        for (const auto& event : events) {
+            if (!event->isCommonEventOfType(DCIEventTypeActionStatusChanged) || event->action() != action) continue;
+            changes.emplace_back(event->contextValue(kDCIActionStatusKey).value().int64Value().value(),
+                                 event->contextValue(kDCIActionPreviousStatusKey).value().int64Value().value());
+        }
+        return changes;
     }
 };
 

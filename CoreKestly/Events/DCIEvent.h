@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIObject.h"
 #include "CoreKestly/Platform/DCIValue.h"
@@ -73,6 +74,6 @@ private:
     const uint64_t category_;
     const uint64_t type_;
     const std::optional<DCIDate> timestamp_;
-    std::atomic<std::shared_ptr<DCIAction>> action_;
-    std::atomic<std::shared_ptr<const DCIDictionary>> context_;
+    DCIAtomicSharedPtr<DCIAction> action_;
+    DCIAtomicSharedPtr<const DCIDictionary> context_;
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
 #include "CoreKestly/FileSystem/DCIPathIdentity.h"
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIObject.h"
@@ -78,8 +79,8 @@ private:
     const uint64_t compareHash_;
     std::atomic<int64_t> modifiedSeconds_{0};
     std::atomic<int64_t> createdSeconds_{0};
-    mutable std::atomic<std::shared_ptr<const std::string>> fileHash_;
-    std::atomic<std::shared_ptr<const std::string>> sasID_;
+    mutable DCIAtomicSharedPtr<const std::string> fileHash_;
+    DCIAtomicSharedPtr<const std::string> sasID_;
 };
 
 /// A snapshot of files, one member per absolute path.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
 #include "CoreKestly/FileSystem/DCIFileObject.h"
 #include "CoreKestly/FileSystem/DCIFileQueries.h"
 #include "CoreKestly/FileSystem/DCIPathIdentity.h"
@@ -137,6 +138,6 @@ private:
     const std::weak_ptr<DCIFileQueries> fileQueries_;
     const std::optional<DirectoryIdentity> identity_;  // of the directory found at creation
     const uint64_t pathHash_;
-    std::atomic<std::shared_ptr<const DCIFileDictionary>> files_;
-    std::atomic<std::shared_ptr<const DCIFolderDictionary>> subFolders_;
+    DCIAtomicSharedPtr<const DCIFileDictionary> files_;
+    DCIAtomicSharedPtr<const DCIFolderDictionary> subFolders_;
 };

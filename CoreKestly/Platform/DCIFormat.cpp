@@ -65,41 +65,41 @@ int readNumber(std::string_view text, size_t& position) {
     return number;
 }
 
-// Reads the specification that follows a '%'; nothing when the text ends before its conversion character.
+// Reads the conversion directive that follows a '%'; nothing when the text ends before its conversion character.
 std::optional<Specification> parseSpecification(std::string_view text) {
-    Specification spec;
+    Specification directive;
     size_t position = 0;
     for (; position < text.size() && std::string_view("-+ #0").find(text[position]) != std::string_view::npos;
          ++position) {
         const char flag = text[position];
-        spec.leftAlign |= flag == '-';
-        spec.plusSign |= flag == '+';
-        spec.spaceSign |= flag == ' ';
-        spec.alternateForm |= flag == '#';
-        spec.zeroPad |= flag == '0';
+        directive.leftAlign |= flag == '-';
+        directive.plusSign |= flag == '+';
+        directive.spaceSign |= flag == ' ';
+        directive.alternateForm |= flag == '#';
+        directive.zeroPad |= flag == '0';
     }
     if (position < text.size() && text[position] == '*') {
-        spec.widthFromArgument = true;
+        directive.widthFromArgument = true;
         ++position;
     } else {
-        spec.width = readNumber(text, position);
+        directive.width = readNumber(text, position);
     }
     if (position < text.size() && text[position] == '.') {
         ++position;
         if (position < text.size() && text[position] == '*') {
-            spec.precisionFromArgument = true;
+            directive.precisionFromArgument = true;
             ++position;
         } else {
-            spec.precision = readNumber(text, position);
+            directive.precision = readNumber(text, position);
         }
     }
     // Length modifiers say how wide a C argument is; ours carry their own type.
     while (position < text.size() && std::string_view("hlqztjL").find(text[position]) != std::string_view::npos)
         ++position;
     if (position == text.size()) return std::nullopt;
-    spec.conversion = text[position];
-    spec.length = position + 1;
-    return spec;
+    directive.conversion = text[position];
+    directive.length = position + 1;
+    return directive;
 }
 
 // A width or precision given by an argument: an integer, or a double truncated; anything else gives none.
@@ -136,38 +136,38 @@ private:
     size_t index_ = 0;
 };
 
-// Takes the width and precision the specification asks of the arguments, as C does: a negative width
+// Takes the width and precision the conversion directive asks of the arguments, as C does: a negative width
 // left-aligns, a negative precision counts as none.
-void takeFieldArguments(Specification& spec, ArgumentCursor& arguments) {
-    if (spec.widthFromArgument) {
+void takeFieldArguments(Specification& directive, ArgumentCursor& arguments) {
+    if (directive.widthFromArgument) {
         if (const auto width = fieldFromArgument(arguments.next())) {
-            spec.leftAlign |= *width < 0;
-            spec.width = std::abs(*width);
+            directive.leftAlign |= *width < 0;
+            directive.width = std::abs(*width);
         }
     }
-    if (spec.precisionFromArgument) {
+    if (directive.precisionFromArgument) {
         const auto precision = fieldFromArgument(arguments.next());
-        spec.precision = precision && *precision >= 0 ? precision : std::nullopt;
+        directive.precision = precision && *precision >= 0 ? precision : std::nullopt;
     }
 }
 
-// One conversion done by snprintf with a format rebuilt from the validated specification.
+// One conversion done by snprintf with a format rebuilt from the validated conversion directive.
 template <class Number>
-void appendPrintf(std::string& out, const Specification& spec, std::string_view lengthModifier, Number number) {
-    const std::string_view allowed = flagsAllowed(spec.conversion);
+void appendPrintf(std::string& out, const Specification& directive, std::string_view lengthModifier, Number number) {
+    const std::string_view allowed = flagsAllowed(directive.conversion);
     std::string format = "%";
     const auto addFlag = [&](bool present, char flag) {
         if (present && allowed.find(flag) != std::string_view::npos) format += flag;
     };
-    addFlag(spec.leftAlign, '-');
-    addFlag(spec.plusSign, '+');
-    addFlag(spec.spaceSign, ' ');
-    addFlag(spec.alternateForm, '#');
-    addFlag(spec.zeroPad, '0');
-    if (spec.width > 0) format += std::to_string(spec.width);
-    if (spec.precision && spec.kind() != Kind::character) format += '.' + std::to_string(*spec.precision);
+    addFlag(directive.leftAlign, '-');
+    addFlag(directive.plusSign, '+');
+    addFlag(directive.spaceSign, ' ');
+    addFlag(directive.alternateForm, '#');
+    addFlag(directive.zeroPad, '0');
+    if (directive.width > 0) format += std::to_string(directive.width);
+    if (directive.precision && directive.kind() != Kind::character) format += '.' + std::to_string(*directive.precision);
     format += lengthModifier;
-    format += spec.conversion;
+    format += directive.conversion;
 
     char buffer[128];
     const int length = std::snprintf(buffer, sizeof buffer, format.c_str(), number);
@@ -183,24 +183,24 @@ void appendPrintf(std::string& out, const Specification& spec, std::string_view 
 }
 
 // Text as "%s" lays it out. The precision counts bytes but never splits a UTF-8 character.
-void appendText(std::string& out, std::string_view text, const Specification& spec) {
-    if (spec.precision && static_cast<size_t>(*spec.precision) < text.size()) {
-        size_t end = static_cast<size_t>(*spec.precision);
+void appendText(std::string& out, std::string_view text, const Specification& directive) {
+    if (directive.precision && static_cast<size_t>(*directive.precision) < text.size()) {
+        size_t end = static_cast<size_t>(*directive.precision);
         while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
         text = text.substr(0, end);
     }
-    const size_t width = static_cast<size_t>(spec.width);
+    const size_t width = static_cast<size_t>(directive.width);
     const size_t padding = width > text.size() ? width - text.size() : 0;
-    if (!spec.leftAlign) out.append(padding, ' ');
+    if (!directive.leftAlign) out.append(padding, ' ');
     out.append(text);
-    if (spec.leftAlign) out.append(padding, ' ');
+    if (directive.leftAlign) out.append(padding, ' ');
 }
 
 // A value printed as text in place of a conversion that wanted something else: its precision was meant for
 // digits, not for cutting the text.
-void appendTextInstead(std::string& out, std::string_view text, Specification spec) {
-    if (spec.kind() != Kind::text) spec.precision.reset();
-    appendText(out, text, spec);
+void appendTextInstead(std::string& out, std::string_view text, Specification directive) {
+    if (directive.kind() != Kind::text) directive.precision.reset();
+    appendText(out, text, directive);
 }
 
 std::string shortestText(double number) {
@@ -215,78 +215,78 @@ std::string pointerText(const void* pointer) {
     return std::string(text, result.ptr);
 }
 
-void appendInteger(std::string& out, Specification spec, int64_t number) {
-    switch (spec.kind()) {
+void appendInteger(std::string& out, Specification directive, int64_t number) {
+    switch (directive.kind()) {
         case Kind::signedInteger:
-            return appendPrintf(out, spec, "ll", static_cast<long long>(number));
+            return appendPrintf(out, directive, "ll", static_cast<long long>(number));
         case Kind::unsignedInteger:
-            if (number >= 0) return appendPrintf(out, spec, "ll", static_cast<unsigned long long>(number));
+            if (number >= 0) return appendPrintf(out, directive, "ll", static_cast<unsigned long long>(number));
             // In hexadecimal, octal or unsigned decimal a negative number would show its bits, not its value.
-            spec.conversion = 'd';
-            return appendPrintf(out, spec, "ll", static_cast<long long>(number));
+            directive.conversion = 'd';
+            return appendPrintf(out, directive, "ll", static_cast<long long>(number));
         case Kind::character:
             // A char from a UTF-8 byte arrives negative; both forms print as that byte.
-            if (number >= -128 && number <= 255) return appendPrintf(out, spec, "", static_cast<int>(number));
-            spec.conversion = 'd';
-            return appendPrintf(out, spec, "ll", static_cast<long long>(number));
+            if (number >= -128 && number <= 255) return appendPrintf(out, directive, "", static_cast<int>(number));
+            directive.conversion = 'd';
+            return appendPrintf(out, directive, "ll", static_cast<long long>(number));
         case Kind::floating:
-            return appendPrintf(out, spec, "", static_cast<double>(number));
+            return appendPrintf(out, directive, "", static_cast<double>(number));
         default:
-            return appendTextInstead(out, std::to_string(number), spec);
+            return appendTextInstead(out, std::to_string(number), directive);
     }
 }
 
-void appendInteger(std::string& out, Specification spec, uint64_t number) {
+void appendInteger(std::string& out, Specification directive, uint64_t number) {
     if (number <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
-        return appendInteger(out, spec, static_cast<int64_t>(number));
-    switch (spec.kind()) {
+        return appendInteger(out, directive, static_cast<int64_t>(number));
+    switch (directive.kind()) {
         case Kind::signedInteger:
         case Kind::character:
             // Beyond any signed or character form: decimal without a sign.
-            spec.conversion = 'u';
-            return appendPrintf(out, spec, "ll", static_cast<unsigned long long>(number));
+            directive.conversion = 'u';
+            return appendPrintf(out, directive, "ll", static_cast<unsigned long long>(number));
         case Kind::unsignedInteger:
-            return appendPrintf(out, spec, "ll", static_cast<unsigned long long>(number));
+            return appendPrintf(out, directive, "ll", static_cast<unsigned long long>(number));
         case Kind::floating:
-            return appendPrintf(out, spec, "", static_cast<double>(number));
+            return appendPrintf(out, directive, "", static_cast<double>(number));
         default:
-            return appendTextInstead(out, std::to_string(number), spec);
+            return appendTextInstead(out, std::to_string(number), directive);
     }
 }
 
-void appendDouble(std::string& out, Specification spec, double number) {
-    switch (spec.kind()) {
+void appendDouble(std::string& out, Specification directive, double number) {
+    switch (directive.kind()) {
         case Kind::floating:
-            return appendPrintf(out, spec, "", number);
+            return appendPrintf(out, directive, "", number);
         case Kind::text:
         case Kind::pointer:
-            return appendTextInstead(out, shortestText(number), spec);
+            return appendTextInstead(out, shortestText(number), directive);
         default:
             // An integer conversion truncates, as C converts, whenever a 64-bit integer holds the value;
             // NaN, infinities and larger numbers keep their floating-point form.
-            if (number >= -0x1p63 && number < 0x1p63) return appendInteger(out, spec, static_cast<int64_t>(number));
-            if (number >= 0 && number < 0x1p64) return appendInteger(out, spec, static_cast<uint64_t>(number));
-            spec.conversion = 'g';
-            return appendPrintf(out, spec, "", number);
+            if (number >= -0x1p63 && number < 0x1p63) return appendInteger(out, directive, static_cast<int64_t>(number));
+            if (number >= 0 && number < 0x1p64) return appendInteger(out, directive, static_cast<uint64_t>(number));
+            directive.conversion = 'g';
+            return appendPrintf(out, directive, "", number);
     }
 }
 
-void appendArgument(std::string& out, const Specification& spec, const Value& value) {
+void appendArgument(std::string& out, const Specification& directive, const Value& value) {
     std::visit(
         [&](const auto& argument) {
             using T = std::decay_t<decltype(argument)>;
             if constexpr (std::is_same_v<T, std::monostate>) {
-                Specification whole = spec;
+                Specification whole = directive;
                 whole.precision.reset();
                 appendText(out, kDCINilDescription, whole);
             } else if constexpr (std::is_same_v<T, int64_t> || std::is_same_v<T, uint64_t>) {
-                appendInteger(out, spec, argument);
+                appendInteger(out, directive, argument);
             } else if constexpr (std::is_same_v<T, double>) {
-                appendDouble(out, spec, argument);
+                appendDouble(out, directive, argument);
             } else if constexpr (std::is_same_v<T, const void*>) {
-                appendTextInstead(out, pointerText(argument), spec);
+                appendTextInstead(out, pointerText(argument), directive);
             } else {
-                appendTextInstead(out, argument, spec);
+                appendTextInstead(out, argument, directive);
             }
         },
         value);
@@ -316,21 +316,21 @@ std::string DCIFormatArguments(std::string_view format, std::span<const DCIForma
         message.append(format.substr(position, percent - position));
         if (percent == std::string_view::npos) break;
 
-        auto spec = parseSpecification(format.substr(percent + 1));
-        if (!spec) {
-            // The format ends inside a specification: what is there is text.
+        auto directive = parseSpecification(format.substr(percent + 1));
+        if (!directive) {
+            // The format ends inside a conversion directive: what is there is text.
             message.append(format.substr(percent));
             break;
         }
-        if (spec->conversion == '%') {
+        if (directive->conversion == '%') {
             message += '%';
-        } else if (spec->kind() == Kind::unknown) {
-            message.append(format.substr(percent, 1 + spec->length));
+        } else if (directive->kind() == Kind::unknown) {
+            message.append(format.substr(percent, 1 + directive->length));
         } else {
-            takeFieldArguments(*spec, nextArguments);
-            appendArgument(message, *spec, nextArguments.next());
+            takeFieldArguments(*directive, nextArguments);
+            appendArgument(message, *directive, nextArguments.next());
         }
-        position = percent + 1 + spec->length;
+        position = percent + 1 + directive->length;
     }
     return message;
 }

@@ -67,7 +67,7 @@ private:
 /// beyond the signed range under "%d", print in plain decimal; "%c" prints a byte for
 /// -128 to 255 and decimal beyond. Length modifiers are accepted and ignored, since each
 /// argument carries its own type. An unknown conversion ("%n" among them) is copied as
-/// text and takes no argument, as is a specification cut off by the end of the format.
+/// text and takes no argument, as is a conversion directive cut off by the end of the format.
 /// Widths and precisions are capped at 4096.
 std::string DCIFormatArguments(std::string_view format, std::span<const DCIFormatArgument> arguments);
 

@@ -39,7 +39,7 @@ std::string_view flagsAllowed(char conversion) {
     }
 }
 
-struct Specification {
+struct Directive {
     bool leftAlign = false;
     bool plusSign = false;
     bool spaceSign = false;
@@ -66,8 +66,8 @@ int readNumber(std::string_view text, size_t& position) {
 }
 
 // Reads the conversion directive that follows a '%'; nothing when the text ends before its conversion character.
-std::optional<Specification> parseSpecification(std::string_view text) {
-    Specification directive;
+std::optional<Directive> parseDirective(std::string_view text) {
+    Directive directive;
     size_t position = 0;
     for (; position < text.size() && std::string_view("-+ #0").find(text[position]) != std::string_view::npos;
          ++position) {
@@ -138,7 +138,7 @@ private:
 
 // Takes the width and precision the conversion directive asks of the arguments, as C does: a negative width
 // left-aligns, a negative precision counts as none.
-void takeFieldArguments(Specification& directive, ArgumentCursor& arguments) {
+void takeFieldArguments(Directive& directive, ArgumentCursor& arguments) {
     if (directive.widthFromArgument) {
         if (const auto width = fieldFromArgument(arguments.next())) {
             directive.leftAlign |= *width < 0;
@@ -153,7 +153,7 @@ void takeFieldArguments(Specification& directive, ArgumentCursor& arguments) {
 
 // One conversion done by snprintf with a format rebuilt from the validated conversion directive.
 template <class Number>
-void appendPrintf(std::string& out, const Specification& directive, std::string_view lengthModifier, Number number) {
+void appendPrintf(std::string& out, const Directive& directive, std::string_view lengthModifier, Number number) {
     const std::string_view allowed = flagsAllowed(directive.conversion);
     std::string format = "%";
     const auto addFlag = [&](bool present, char flag) {
@@ -183,7 +183,7 @@ void appendPrintf(std::string& out, const Specification& directive, std::string_
 }
 
 // Text as "%s" lays it out. The precision counts bytes but never splits a UTF-8 character.
-void appendText(std::string& out, std::string_view text, const Specification& directive) {
+void appendText(std::string& out, std::string_view text, const Directive& directive) {
     if (directive.precision && static_cast<size_t>(*directive.precision) < text.size()) {
         size_t end = static_cast<size_t>(*directive.precision);
         while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) --end;
@@ -198,7 +198,7 @@ void appendText(std::string& out, std::string_view text, const Specification& di
 
 // A value printed as text in place of a conversion that wanted something else: its precision was meant for
 // digits, not for cutting the text.
-void appendTextInstead(std::string& out, std::string_view text, Specification directive) {
+void appendTextInstead(std::string& out, std::string_view text, Directive directive) {
     if (directive.kind() != Kind::text) directive.precision.reset();
     appendText(out, text, directive);
 }
@@ -215,7 +215,7 @@ std::string pointerText(const void* pointer) {
     return std::string(text, result.ptr);
 }
 
-void appendInteger(std::string& out, Specification directive, int64_t number) {
+void appendInteger(std::string& out, Directive directive, int64_t number) {
     switch (directive.kind()) {
         case Kind::signedInteger:
             return appendPrintf(out, directive, "ll", static_cast<long long>(number));
@@ -236,7 +236,7 @@ void appendInteger(std::string& out, Specification directive, int64_t number) {
     }
 }
 
-void appendInteger(std::string& out, Specification directive, uint64_t number) {
+void appendInteger(std::string& out, Directive directive, uint64_t number) {
     if (number <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max()))
         return appendInteger(out, directive, static_cast<int64_t>(number));
     switch (directive.kind()) {
@@ -254,7 +254,7 @@ void appendInteger(std::string& out, Specification directive, uint64_t number) {
     }
 }
 
-void appendDouble(std::string& out, Specification directive, double number) {
+void appendDouble(std::string& out, Directive directive, double number) {
     switch (directive.kind()) {
         case Kind::floating:
             return appendPrintf(out, directive, "", number);
@@ -271,12 +271,12 @@ void appendDouble(std::string& out, Specification directive, double number) {
     }
 }
 
-void appendArgument(std::string& out, const Specification& directive, const Value& value) {
+void appendArgument(std::string& out, const Directive& directive, const Value& value) {
     std::visit(
         [&](const auto& argument) {
             using T = std::decay_t<decltype(argument)>;
             if constexpr (std::is_same_v<T, std::monostate>) {
-                Specification whole = directive;
+                Directive whole = directive;
                 whole.precision.reset();
                 appendText(out, kDCINilDescription, whole);
             } else if constexpr (std::is_same_v<T, int64_t> || std::is_same_v<T, uint64_t>) {
@@ -316,7 +316,7 @@ std::string DCIFormatArguments(std::string_view format, std::span<const DCIForma
         message.append(format.substr(position, percent - position));
         if (percent == std::string_view::npos) break;
 
-        auto directive = parseSpecification(format.substr(percent + 1));
+        auto directive = parseDirective(format.substr(percent + 1));
         if (!directive) {
             // The format ends inside a conversion directive: what is there is text.
             message.append(format.substr(percent));

@@ -3,29 +3,13 @@
 
 #include "CoreKestly/DCLog/DCLogger.h"
 
+#include "support/StandardErrorToNull.h"
+
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
-
-class StandardErrorToNull {
-public:
-    StandardErrorToNull() : saved_(dup(STDERR_FILENO)) {
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDERR_FILENO);
-        close(null);
-    }
-    ~StandardErrorToNull() {
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-    }
-
-private:
-    int saved_;
-};
 
 void BM_DCLogInfo(benchmark::State& state, const char* verbose) {
     setenv("VERBOSE_LOGGING", verbose, 1);

@@ -6,34 +6,18 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"
 
+#include "support/StandardErrorToNull.h"
+
 #include <benchmark/benchmark.h>
 #include <nlohmann/json.hpp>
 
 #include <cstdlib>
-#include <fcntl.h>
 #include <memory>
 #include <string>
-#include <unistd.h>
 
 namespace {
 
 constexpr int kEntries = 10000;
-
-class StandardErrorToNull {
-public:
-    StandardErrorToNull() : saved_(dup(STDERR_FILENO)) {
-        const int null = open("/dev/null", O_WRONLY);
-        dup2(null, STDERR_FILENO);
-        close(null);
-    }
-    ~StandardErrorToNull() {
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-    }
-
-private:
-    int saved_;
-};
 
 // An Ableton Live project whose entries look like the service's: absolute paths under the
 // project folder, a few names that are not ASCII, some files stored encoded, "misc" files

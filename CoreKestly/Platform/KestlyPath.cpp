@@ -136,4 +136,9 @@ std::string deletingExtension(std::string_view path) {
     return std::string(trimmed.substr(0, trimmed.size() - extensionLength - 1));
 }
 
+bool isSameOrBelow(std::string_view path, std::string_view folder) {
+    if (!path.starts_with(folder)) return false;
+    return path.size() == folder.size() || folder.ends_with('/') || path[folder.size()] == '/';
+}
+
 }  // namespace KestlyPath

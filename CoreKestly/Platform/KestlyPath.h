@@ -42,4 +42,8 @@ std::string extension(std::string_view path);
 /// separators when there is no extension.
 std::string deletingExtension(std::string_view path);
 
+/// Whether the standardised `path` is `folder` or lies below it, component by component: a
+/// sibling "/a/bc" is not below "/a/b". Every path is below "/".
+bool isSameOrBelow(std::string_view path, std::string_view folder);
+
 }  // namespace KestlyPath

@@ -1,0 +1,188 @@
+#include "CoreKestly/Platform/DCIFileOperations.h"
+
+#include "CoreKestly/Platform/DCIFileDescriptor.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+DCIError failure(const std::string& operation, const std::string& path) {
+    return DCIError::posixError(errno, operation + " " + path);
+}
+
+// Removes what a failed copy left, or a moved item's source; a folder with its contents.
+void removeItem(const std::string& path) {
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0) return;
+    if (S_ISDIR(status.st_mode)) {
+        if (DIR* directory = opendir(path.c_str())) {
+            std::vector<std::string> names;
+            while (const dirent* entry = readdir(directory)) {
+                const std::string_view name = entry->d_name;
+                if (name != "." && name != "..") names.emplace_back(name);
+            }
+            closedir(directory);
+            for (const auto& name : names) removeItem(KestlyPath::appendingComponent(path, name));
+        }
+        rmdir(path.c_str());
+    } else {
+        unlink(path.c_str());
+    }
+}
+
+// Copies the bytes: shared blocks when the file system has them, else in the kernel, else
+// through a buffer (a file system pair that copy_file_range does not serve).
+bool copyContents(int source, int destination) {
+    if (ioctl(destination, FICLONE, source) == 0) return true;
+    for (;;) {
+        const ssize_t copied = copy_file_range(source, nullptr, destination, nullptr, 1 << 30, 0);
+        if (copied == 0) return true;
+        if (copied > 0) continue;
+        if (errno == EINTR) continue;
+        if (errno != EXDEV && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return false;
+        break;
+    }
+    if (lseek(source, 0, SEEK_SET) < 0 || ftruncate(destination, 0) != 0 || lseek(destination, 0, SEEK_SET) < 0) {
+        return false;
+    }
+    char buffer[64 * 1024];
+    for (;;) {
+        const ssize_t length = read(source, buffer, sizeof buffer);
+        if (length == 0) return true;
+        if (length < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        for (ssize_t written = 0; written < length;) {
+            const ssize_t step = write(destination, buffer + written, static_cast<size_t>(length - written));
+            if (step < 0 && errno != EINTR) return false;
+            if (step > 0) written += step;
+        }
+    }
+}
+
+std::optional<DCIError> copyFile(const std::string& from, const std::string& to, const struct stat& status) {
+    DCIFileDescriptor source(open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!source) return failure("open", from);
+    DCIFileDescriptor destination(
+        open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, status.st_mode & 07777));
+    if (!destination) return failure("create", to);
+    const timespec times[2] = {status.st_atim, status.st_mtim};
+    if (!copyContents(source.get(), destination.get()) || fchmod(destination.get(), status.st_mode & 07777) != 0 ||
+        futimens(destination.get(), times) != 0) {
+        DCIError error = failure("copy to", to);
+        destination.reset();
+        unlink(to.c_str());
+        return error;
+    }
+    // A late write error (a full disk over the network) shows only here.
+    if (close(destination.release()) != 0) {
+        DCIError error = failure("copy to", to);
+        unlink(to.c_str());
+        return error;
+    }
+    return std::nullopt;
+}
+
+std::optional<DCIError> copyTree(const std::string& from, const std::string& to) {
+    struct stat status;
+    if (lstat(from.c_str(), &status) != 0) return failure("copy", from);
+    if (S_ISREG(status.st_mode)) return copyFile(from, to, status);
+    if (S_ISLNK(status.st_mode)) {
+        std::string target(static_cast<size_t>(status.st_size) + 1, '\0');
+        const ssize_t length = readlink(from.c_str(), target.data(), target.size());
+        if (length < 0) return failure("read link", from);
+        target.resize(static_cast<size_t>(length));
+        if (symlink(target.c_str(), to.c_str()) != 0) return failure("create link", to);
+        return std::nullopt;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        errno = ENOTSUP;
+        return failure("copy (not a file, link or folder)", from);
+    }
+    if (mkdir(to.c_str(), (status.st_mode & 07777) | S_IRWXU) != 0) return failure("create folder", to);
+    DIR* directory = opendir(from.c_str());
+    if (!directory) {
+        DCIError error = failure("list", from);
+        rmdir(to.c_str());
+        return error;
+    }
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(directory)) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") names.emplace_back(name);
+    }
+    closedir(directory);
+    for (const auto& name : names) {
+        if (auto error = copyTree(KestlyPath::appendingComponent(from, name), KestlyPath::appendingComponent(to, name))) {
+            removeItem(to);
+            return error;
+        }
+    }
+    chmod(to.c_str(), status.st_mode & 07777);
+    return std::nullopt;
+}
+
+// A name beside `path` that nothing else uses, for an item being put in place.
+std::string temporarySibling(const std::string& path) {
+    static std::atomic<unsigned> counter{0};
+    return KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(path),
+                                          ".kestly-move-" + std::to_string(getpid()) + "-" + std::to_string(counter++) +
+                                              "-" + KestlyPath::lastComponent(path));
+}
+
+}  // namespace
+
+namespace DCIFileOperations {
+
+std::optional<DCIError> moveItem(const std::string& from, const std::string& to) {
+    if (rename(from.c_str(), to.c_str()) == 0) return std::nullopt;
+    if (errno != EXDEV) return failure("move " + from + " to", to);
+    const std::string staging = temporarySibling(to);
+    if (auto error = copyItem(from, staging)) return error;
+    if (rename(staging.c_str(), to.c_str()) != 0) {
+        DCIError error = failure("move " + staging + " to", to);
+        removeItem(staging);
+        return error;
+    }
+    removeItem(from);
+    return std::nullopt;
+}
+
+std::optional<DCIError> copyItem(const std::string& from, const std::string& to) {
+    struct stat status;
+    if (lstat(to.c_str(), &status) == 0) {
+        errno = EEXIST;
+        return failure("copy to", to);
+    }
+    return copyTree(from, to);
+}
+
+std::optional<DCIError> createDirectory(const std::string& path) {
+    std::string partial;
+    for (const std::string& component : KestlyPath::components(path)) {
+        partial = KestlyPath::appendingComponent(partial, component);
+        if (mkdir(partial.c_str(), 0777) == 0 || errno == EEXIST) continue;
+        return failure("create folder", partial);
+    }
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) return failure("create folder", path);
+    if (!S_ISDIR(status.st_mode)) {
+        errno = ENOTDIR;
+        return failure("create folder", path);
+    }
+    return std::nullopt;
+}
+
+}  // namespace DCIFileOperations

@@ -12,13 +12,6 @@ namespace {
 std::atomic<uint64_t> nextCreationSequence{0};
 std::atomic<uint64_t> waitingPriorityChangeCount{0};
 
-std::string_view statusText(int64_t status) {
-    static constexpr std::array<std::string_view, 8> kTexts{"Undefined", "Restarted", "Pending", "Running",
-                                                            "Paused",    "Canceled",  "Failed",  "Completed"};
-    if (status < 0 || status >= static_cast<int64_t>(kTexts.size())) return "";
-    return kTexts[static_cast<size_t>(status)];
-}
-
 uint64_t incrementedPriority(uint64_t priority, int64_t change) {
     if (change >= 0) {
         // Saturates: wrapping would turn the least urgent action into the most urgent one.
@@ -32,6 +25,13 @@ uint64_t incrementedPriority(uint64_t priority, int64_t change) {
 }
 
 }  // namespace
+
+std::string_view DCIActionStatusText(int64_t status) {
+    static constexpr std::array<std::string_view, 8> kTexts{"Undefined", "Restarted", "Pending", "Running",
+                                                            "Paused",    "Canceled",  "Failed",  "Completed"};
+    if (status < 0 || status >= static_cast<int64_t>(kTexts.size())) return "";
+    return kTexts[static_cast<size_t>(status)];
+}
 
 DCIAction::DCIAction(uint64_t category, uint64_t type)
     : category_(category), type_(type), timestamp_(DCIDate::now()), creationSequence_(nextCreationSequence++) {}
@@ -180,5 +180,5 @@ std::string DCIAction::description() const {
         context = context_;
     }
     return DCIFormat("Action\n\tCategory = %lu - Type = %lu\n\tStatus: %@\n\tContext: %@", category_, type_,
-                     statusText(status()), DCIDescription(context));
+                     DCIActionStatusText(status()), DCIDescription(context));
 }

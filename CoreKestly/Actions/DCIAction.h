@@ -41,6 +41,9 @@ enum DCIActionStatus : int64_t {
     DCIActionStatusCompleted = 7,  ///< done
 };
 
+/// The status's name as above without its prefix ("Pending"); "" for a number outside the list.
+std::string_view DCIActionStatusText(int64_t status);
+
 /// One unit of work done later or elsewhere: a file move, copy or directory creation, a
 /// download, or anything of the host's. It carries what the work needs in its context, a
 /// status that workers advance and that is announced as `DCIEventTypeActionStatusChanged` at

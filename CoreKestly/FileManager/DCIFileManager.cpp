@@ -1,0 +1,159 @@
+#include "CoreKestly/FileManager/DCIFileManager.h"
+
+#include "CoreKestly/Actions/DCIActionQueue.h"
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/Events/DCIEvent.h"
+#include "CoreKestly/Events/DCIEventManager.h"
+#include "CoreKestly/FileSystem/KSTFileHash.h"
+#include "CoreKestly/Platform/DCIDate.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace {
+
+std::mutex sharedInstanceMutex;
+std::shared_ptr<DCIFileManager> sharedInstance;
+
+std::string lowercased(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+    return text;
+}
+
+void addOnce(std::vector<std::string>& names, const std::string& name) {
+    std::string lowered = lowercased(name);
+    if (std::find(names.begin(), names.end(), lowered) == names.end()) names.push_back(std::move(lowered));
+}
+
+}  // namespace
+
+std::shared_ptr<DCIFileManager> DCIFileManager::sharedFileManager() {
+    std::lock_guard lock(sharedInstanceMutex);
+    if (!sharedInstance) sharedInstance = init();
+    return sharedInstance;
+}
+
+void DCIFileManager::shutdown() {
+    std::shared_ptr<DCIFileManager> dropped;
+    std::lock_guard lock(sharedInstanceMutex);
+    dropped.swap(sharedInstance);
+}
+
+std::shared_ptr<DCIFileManager> DCIFileManager::init() {
+    return std::shared_ptr<DCIFileManager>(new DCIFileManager());
+}
+
+DCIFileManager::DCIFileManager()
+    : fileActionQueue_(DCIActionQueue::init()),
+      queries_(std::make_shared<DCICachedFileQueries>(DCIFileKinds{}, nullptr, nullptr)) {}
+
+DCIFileManager::~DCIFileManager() = default;
+
+// Classification ---------------------------------------------------------------------------
+
+void DCIFileManager::updateQueries(const std::function<void(DCIFileKinds&)>& changeKinds) {
+    std::lock_guard lock(kindsMutex_);
+    const auto current = queries();
+    DCIFileKinds kinds = current->kinds();
+    changeKinds(kinds);
+    queries_.store(std::make_shared<DCICachedFileQueries>(kinds, primaryFileCache(), sampleCache()));
+}
+
+void DCIFileManager::setCaches(std::shared_ptr<DCISHACache> primaryFileCache, std::shared_ptr<DCISHACache> sampleCache) {
+    std::lock_guard lock(kindsMutex_);
+    primaryFileCache_.store(primaryFileCache);
+    sampleCache_.store(sampleCache);
+    queries_.store(std::make_shared<DCICachedFileQueries>(queries()->kinds(), std::move(primaryFileCache),
+                                                          std::move(sampleCache)));
+}
+
+void DCIFileManager::addPrimaryFileExtension(const std::string& extension) {
+    updateQueries([&](DCIFileKinds& kinds) { addOnce(kinds.primaryExtensions, extension); });
+}
+
+void DCIFileManager::addPrimaryFilename(const std::string& filename) {
+    updateQueries([&](DCIFileKinds& kinds) { addOnce(kinds.primaryFilenames, filename); });
+}
+
+void DCIFileManager::addSecondaryFileExtension(const std::string& extension) {
+    updateQueries([&](DCIFileKinds& kinds) { addOnce(kinds.secondaryExtensions, extension); });
+}
+
+std::vector<std::string> DCIFileManager::primaryFiles() const { return queries()->kinds().primaryExtensions; }
+std::vector<std::string> DCIFileManager::primaryFilenames() const { return queries()->kinds().primaryFilenames; }
+std::vector<std::string> DCIFileManager::secondaryFiles() const { return queries()->kinds().secondaryExtensions; }
+
+bool DCIFileManager::isPrimaryFile(const std::string& path) const { return queries()->isPrimaryFile(path); }
+bool DCIFileManager::isSecondaryFile(const std::string& path) const { return queries()->isSecondaryFile(path); }
+bool DCIFileManager::isFileOfInterest(const std::string& path) { return queries()->isFileOfInterest(path); }
+
+// Start, stop and signalling ---------------------------------------------------------------
+
+void DCIFileManager::startWatchingRootFolder(const std::string& rootFolder, const std::string& primaryCachePath,
+                                             const std::string& secondaryCachePath,
+                                             DCISasIDCalculator sasIDCalculator) {
+    if (started()) stop();
+    const uint64_t generation = ++generation_;
+    started_ = true;
+    std::thread([self = shared_from_this(), root = KestlyPath::standardize(rootFolder), generation,
+                 primaryCachePath, secondaryCachePath, calculator = std::move(sasIDCalculator)] {
+        self->threadMain(root, generation, primaryCachePath, secondaryCachePath, calculator);
+    }).detach();
+}
+
+void DCIFileManager::stop() {
+    DCLogError("Stop called on DCIFileManager");
+    if (!started()) {
+        DCIEventManager::postEvent(DCIEvent::commonEventWithType(DCIEventTypeFileManagerStopped));
+        return;
+    }
+    rootFolder_.store(nullptr);
+    started_ = false;
+    signalFileManagerThread(false);
+}
+
+void DCIFileManager::signalFileManagerThread(bool fromFSEvent) {
+    {
+        std::lock_guard lock(SyncronizeMutex);
+        if (fromFSEvent) {
+            latestFSEvent_ = std::chrono::steady_clock::now();
+            latestFSEventTime_ = DCIAbsoluteTimeGetCurrent();
+            haveFSEvents_ = true;
+        }
+        haveEvents_ = true;
+    }
+    SyncronizeCondition.notify_all();
+}
+
+void DCIFileManager::setFSEventStreamOptions(const DCIFSEventStream::Options& options) {
+    std::lock_guard lock(streamOptionsMutex_);
+    streamOptions_ = options;
+}
+
+// Queries ----------------------------------------------------------------------------------
+
+std::optional<std::string> DCIFileManager::SHAForFileAtPath(const std::string& path) {
+    const auto current = queries();
+    if (current->isFileOfInterest(path)) return current->SHAForFileAtPath(path);
+    DCLogInfo("Unexpected: DCIFileManager is creating hash for file %@.  It will not be cached.", path);
+    return KSTSha256ForFileAtPath(path);
+}
+
+std::optional<std::string> DCIFileManager::SasIDForFileAtPath(const std::string& path) {
+    const auto current = queries();
+    if (current->isFileOfInterest(path)) return current->SasIDForFileAtPath(path);
+    DCLogInfo("Unexpected: No SasID available for file %@.", path);
+    return std::nullopt;
+}
+
+DCIFileIdentifiers DCIFileManager::identifiersForFileAtPath(const std::string& path) {
+    return queries()->identifiersForFileAtPath(path);
+}
+
+std::string DCIFileManager::description() const {
+    const auto root = rootFolder();
+    return "<DCIFileManager: " + (root ? root->absolutePath() : std::string("no root")) +
+           (started() ? ", started>" : ", stopped>");
+}

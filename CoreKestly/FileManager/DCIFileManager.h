@@ -1,0 +1,219 @@
+#pragma once
+
+#include "CoreKestly/FileSystem/DCICachedFileQueries.h"
+#include "CoreKestly/FileSystem/DCIFolderObject.h"
+#include "CoreKestly/FileSystem/DCISHACache.h"
+#include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
+#include "CoreKestly/Platform/DCIFSEventStream.h"
+#include "CoreKestly/Platform/DCIObject.h"
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+class DCIAction;
+class DCIActionQueue;
+
+/// The watcher of one project root folder. Started on a root, it builds and hashes the tree
+/// of the folders and files of interest below it (through two SHA caches, so unchanged files
+/// are never read again), posts `DCIEventTypeFileManagerReady`, and from then on tells the
+/// host, through events delivered on the main thread, which folders and files were added,
+/// removed, moved or modified. It also carries out moves, copies and new folders for the
+/// host, at once or queued, keeping its tree in step so that they raise no change event.
+///
+/// A watcher thread does the work, one per run: it sleeps until the file-system event stream
+/// (or a queued file operation, or `stop`) wakes it, carries out queued file operations at
+/// once, and rescans the whole root once the disk has been quiet for 0.4 s after the latest
+/// change. It ends after `stop`, or when the root folder vanishes (`DCIEventTypeRootFolderRemoved`),
+/// and posts `DCIEventTypeFileManagerStopped` as its last event. Each run ends before the
+/// next begins: a restart never overlaps two runs, and a run's teardown never touches the
+/// next run's caches.
+///
+/// The instance is also the `DCIFileQueries` of its trees: a tree keeps asking the instance
+/// that built it, whatever becomes of the shared instance.
+///
+/// Threads: every operation may be called from any thread; events arrive on the main thread,
+/// whose run loop the host must keep running. Nothing here blocks on the watcher's work.
+class DCIFileManager : public DCIObject,
+                       public DCIFileQueries,
+                       public std::enable_shared_from_this<DCIFileManager> {
+public:
+    /// How long the disk must be quiet after a change before the root is rescanned.
+    static constexpr std::chrono::milliseconds kQuietPeriod{400};
+    /// The priority every file action is queued with.
+    static constexpr uint64_t kFileActionPriority = 100000;
+
+    /// The process's shared instance, made on the first call (and the first after `shutdown`).
+    /// Safe to call from several threads at once.
+    static std::shared_ptr<DCIFileManager> sharedFileManager();
+    /// Drops the shared instance; a running watcher keeps it alive until its run ends.
+    static void shutdown();
+    /// A new, unconfigured instance, independent of the shared one.
+    static std::shared_ptr<DCIFileManager> init();
+
+    ~DCIFileManager() override;
+    DCIFileManager(const DCIFileManager&) = delete;
+    DCIFileManager& operator=(const DCIFileManager&) = delete;
+
+    // Classification. The lists only grow; a change while watching applies from the next
+    // scan on. Extensions are given without their dot; comparisons ignore ASCII case.
+
+    void addPrimaryFileExtension(const std::string& extension);
+    void addPrimaryFilename(const std::string& filename);
+    void addSecondaryFileExtension(const std::string& extension);
+    std::vector<std::string> primaryFiles() const;
+    std::vector<std::string> primaryFilenames() const;
+    std::vector<std::string> secondaryFiles() const;
+    /// The path's extension is a primary one, or its last component a primary name.
+    bool isPrimaryFile(const std::string& path) const;
+    /// The path's extension is a secondary one.
+    bool isSecondaryFile(const std::string& path) const;
+    bool isFileOfInterest(const std::string& path) override;
+
+    // Start and stop. Outcomes arrive as events: 1 (ready), 10 (root removed), 2 (stopped).
+
+    /// Starts watching `rootFolder` (standardised first) with a primary and a secondary cache
+    /// at the two paths, both computing `sasID`s with `sasIDCalculator`. Stops a run in
+    /// progress first; the new run begins once that one has ended. Returns at once: the
+    /// caches are opened and the tree built on the watcher thread.
+    void startWatchingRootFolder(const std::string& rootFolder, const std::string& primaryCachePath,
+                                 const std::string& secondaryCachePath, DCISasIDCalculator sasIDCalculator);
+    /// Asks the watcher to end after its current turn, and forgets the tree. Logs "Stop called
+    /// on DCIFileManager"; when not started, posts `DCIEventTypeFileManagerStopped` at once.
+    void stop();
+    /// Blocks until the watcher thread of the run in progress, if any, has ended, its caches
+    /// written: for a program about to exit after `DCIEventTypeFileManagerStopped`, when the
+    /// wait is short.
+    void waitUntilStopped();
+    /// Started and not stopped; still set after the root vanished, until `stop`.
+    bool started() const { return started_.load(); }
+
+    /// The tree of the current root; none before the first scan and after `stop`.
+    std::shared_ptr<DCIFolderObject> rootFolder() const { return rootFolder_.load(); }
+    std::shared_ptr<DCISHACache> primaryFileCache() const { return primaryFileCache_.load(); }
+    std::shared_ptr<DCISHACache> sampleCache() const { return sampleCache_.load(); }
+    std::shared_ptr<DCIActionQueue> fileActionQueue() const { return fileActionQueue_; }
+    /// When the latest file-system notification arrived, in seconds since 1 January 2001 UTC.
+    double latestFSEventTime() const { return latestFSEventTime_.load(); }
+
+    /// Wakes the watcher thread; `fromFSEvent` marks a file-system notification, which stamps
+    /// `latestFSEventTime` and asks for a rescan once the disk is quiet.
+    void signalFileManagerThread(bool fromFSEvent);
+
+    /// The settings of the file-system event streams of the runs started from now on.
+    void setFSEventStreamOptions(const DCIFSEventStream::Options& options);
+
+    // The current tree. Paths below the root, or relative to it; anything outside the root
+    // (a sibling whose name merely begins with the root's included) answers none.
+
+    std::shared_ptr<DCIFolderObject> folderWithPath(const std::string& path) const;
+    std::shared_ptr<DCIFileObject> fileWithPath(const std::string& path) const;
+
+    // File operations. Each makes an action of the common category with the paths in its
+    // context (nothing when a path is missing). A queued action is carried out by the watcher
+    // thread and reports Pending, Running, then Completed or Failed (with the error under
+    // kDCIError); queued while the manager is not started, it waits for the next start. An
+    // unqueued one runs on the calling thread and answers success. A successful operation
+    // updates the tree, so the next rescan reports nothing for it.
+
+    std::shared_ptr<DCIAction> moveItemAtPath(const std::optional<std::string>& path,
+                                              const std::optional<std::string>& toPath, bool queued);
+    std::shared_ptr<DCIAction> copyItemAtPath(const std::optional<std::string>& path,
+                                              const std::optional<std::string>& toPath, bool queued);
+    std::shared_ptr<DCIAction> createDirectoryAtPath(const std::optional<std::string>& path, bool queued);
+
+    /// Queue the operation and wake the watcher (also when no action could be made).
+    std::shared_ptr<DCIAction> queueMoveItemAtPath(const std::optional<std::string>& path,
+                                                   const std::optional<std::string>& toPath);
+    std::shared_ptr<DCIAction> queueCopyItemAtPath(const std::optional<std::string>& path,
+                                                   const std::optional<std::string>& toPath);
+    std::shared_ptr<DCIAction> queueCreateDirectoryAtPath(const std::optional<std::string>& path);
+
+    bool unqueuedMoveItemAtPath(const std::optional<std::string>& path, const std::optional<std::string>& toPath);
+    bool unqueuedCopyItemAtPath(const std::optional<std::string>& path, const std::optional<std::string>& toPath);
+    /// Logs "Error creating directory : %@" with the error on failure.
+    bool unqueuedCreateDirectoryAtPath(const std::optional<std::string>& path);
+
+    /// Gives the action priority 100000 and adds it to `fileActionQueue` (status Pending).
+    void enqueueFileAction(const std::shared_ptr<DCIAction>& action);
+    /// Takes the next action from the queue and carries it out on the calling thread; none
+    /// when the queue is empty or paused. An action of another type ends Failed.
+    std::shared_ptr<DCIAction> processNextFileEvent();
+    /// Moves (or copies) the item the action names. A move onto an existing item replaces it;
+    /// across file systems it copies, then deletes the source. A copy makes the destination's
+    /// folders first and never replaces an item. With `inBackground` the action ends Completed
+    /// or Failed.
+    bool processFileMoveAction(const std::shared_ptr<DCIAction>& action, bool inBackground, bool copying);
+    /// Creates the folder the action names, with its missing parents; an existing folder is
+    /// success. Fails, with no error, while the root folder is missing.
+    bool processCreateDirectoryAction(const std::shared_ptr<DCIAction>& action, bool inBackground);
+    /// Brings the tree in line with the disk along `path`; nothing when not started.
+    void updateRootFolderForItemAtPath(const std::string& path);
+
+    // Queries, answered through the cache for the file's kind; nothing when that cache is
+    // absent (before a run has opened it, or after it ended).
+
+    /// A file of no interest is hashed directly, uncached, with an info line saying so.
+    std::optional<std::string> SHAForFileAtPath(const std::string& path) override;
+    std::optional<std::string> SasIDForFileAtPath(const std::string& path) override;
+    DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override;
+
+    std::string description() const override;
+
+private:
+    DCIFileManager();
+
+    // Queries answered from the current lists and caches, replaced whole when either changes.
+    std::shared_ptr<DCICachedFileQueries> queries() const { return queries_.load(); }
+    void updateQueries(const std::function<void(DCIFileKinds&)>& changeKinds);
+    void setCaches(std::shared_ptr<DCISHACache> primaryFileCache, std::shared_ptr<DCISHACache> sampleCache);
+
+    // The watcher thread (DCIFileManagerWatcher.cpp).
+    void threadMain(const std::string& rootPath, uint64_t generation, const std::string& primaryCachePath,
+                    const std::string& secondaryCachePath, const DCISasIDCalculator& sasIDCalculator);
+    bool runIsCurrent(uint64_t generation) const;
+    void buildFirstTree(uint64_t generation, const std::string& rootPath);
+    void watchUntilStopped(uint64_t generation);
+    bool rootExists() const;
+    std::shared_ptr<DCIFolderObject> buildTree(const std::string& rootPath);
+
+    // Change detection (DCIFileManagerChanges.cpp).
+    void lookForChanges();
+    static DCIFolderSet folderSetFromSet(const DCIFolderSet& set, const DCIFolderSet& notInSet);
+    static void compareNewFileSet(const DCIFileSet& newFiles, DCIFileSet& oldFiles);
+    static void findModifiedFilesInNewSet(const DCIFileSet& newFiles, const DCIFileSet& oldFiles);
+
+    // File operations (DCIFileManagerOperations.cpp).
+    bool finishFileAction(const std::shared_ptr<DCIAction>& action, bool inBackground,
+                          const std::optional<class DCIError>& error, const std::string& updatedPath);
+
+    std::atomic<bool> started_{false};
+    std::atomic<uint64_t> generation_{0};  // of the latest start; a run whose number is older is over
+    DCIAtomicSharedPtr<DCIFolderObject> rootFolder_;
+    DCIAtomicSharedPtr<DCISHACache> primaryFileCache_;
+    DCIAtomicSharedPtr<DCISHACache> sampleCache_;
+    const std::shared_ptr<DCIActionQueue> fileActionQueue_;
+    std::atomic<double> latestFSEventTime_{0};
+
+    std::mutex kindsMutex_;  // serialises changes of the lists and caches behind `queries_`
+    DCIAtomicSharedPtr<DCICachedFileQueries> queries_;
+
+    std::mutex streamOptionsMutex_;
+    DCIFSEventStream::Options streamOptions_;
+
+    // The hand-over to the watcher thread.
+    std::mutex SyncronizeMutex;
+    std::condition_variable SyncronizeCondition;
+    bool haveEvents_ = false;    // guarded by SyncronizeMutex
+    bool haveFSEvents_ = false;  // guarded by SyncronizeMutex
+    std::chrono::steady_clock::time_point latestFSEvent_;  // guarded by SyncronizeMutex
+
+    std::recursive_mutex treeLock_;  // the installation of a new tree against a tree update
+    std::mutex runLock_;             // held by a watcher thread for its whole run
+};

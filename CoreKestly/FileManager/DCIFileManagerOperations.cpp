@@ -1,0 +1,182 @@
+// File operations for the host: moves, copies and new folders, at once or queued for the
+// watcher thread, each followed by an update of the tree along the paths it touched.
+
+#include "CoreKestly/FileManager/DCIFileManager.h"
+
+#include "CoreKestly/Actions/DCIAction.h"
+#include "CoreKestly/Actions/DCIActionQueue.h"
+#include "CoreKestly/CoreKestlyKeys.h"
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/Platform/DCIFileOperations.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <sys/stat.h>
+
+namespace {
+
+std::shared_ptr<DCIAction> makeAction(DCIActionType type) {
+    return DCIAction::initWithCategory(DCIActionCategoryCommon, type);
+}
+
+std::string contextPath(const DCIAction& action, std::string_view key) {
+    const auto value = action.contextObjectForKey(key);
+    const std::string* path = value ? value->string() : nullptr;
+    return path ? *path : std::string();
+}
+
+}  // namespace
+
+std::shared_ptr<DCIAction> DCIFileManager::moveItemAtPath(const std::optional<std::string>& path,
+                                                          const std::optional<std::string>& toPath, bool queued) {
+    if (!path || !toPath) return nullptr;
+    auto action = makeAction(DCIActionTypeMoveFile);
+    action->setContextObject(*path, kDCIFileManagerMoveFrom);
+    action->setContextObject(*toPath, kDCIFileManagerMoveTo);
+    if (queued) enqueueFileAction(action);
+    return action;
+}
+
+std::shared_ptr<DCIAction> DCIFileManager::copyItemAtPath(const std::optional<std::string>& path,
+                                                          const std::optional<std::string>& toPath, bool queued) {
+    if (!path || !toPath) return nullptr;
+    auto action = makeAction(DCIActionTypeCopyFile);
+    action->setContextObject(*path, kDCIFileManagerMoveFrom);
+    action->setContextObject(*toPath, kDCIFileManagerMoveTo);
+    if (queued) enqueueFileAction(action);
+    return action;
+}
+
+std::shared_ptr<DCIAction> DCIFileManager::createDirectoryAtPath(const std::optional<std::string>& path, bool queued) {
+    if (!path) return nullptr;
+    auto action = makeAction(DCIActionTypeCreateDirectory);
+    action->setContextObject(*path, kDCIFileManagerCreatePath);
+    if (queued) enqueueFileAction(action);
+    return action;
+}
+
+std::shared_ptr<DCIAction> DCIFileManager::queueMoveItemAtPath(const std::optional<std::string>& path,
+                                                               const std::optional<std::string>& toPath) {
+    auto action = moveItemAtPath(path, toPath, true);
+    signalFileManagerThread(false);
+    return action;
+}
+
+std::shared_ptr<DCIAction> DCIFileManager::queueCopyItemAtPath(const std::optional<std::string>& path,
+                                                               const std::optional<std::string>& toPath) {
+    auto action = copyItemAtPath(path, toPath, true);
+    signalFileManagerThread(false);
+    return action;
+}
+
+std::shared_ptr<DCIAction> DCIFileManager::queueCreateDirectoryAtPath(const std::optional<std::string>& path) {
+    auto action = createDirectoryAtPath(path, true);
+    signalFileManagerThread(false);
+    return action;
+}
+
+bool DCIFileManager::unqueuedMoveItemAtPath(const std::optional<std::string>& path,
+                                            const std::optional<std::string>& toPath) {
+    const auto action = moveItemAtPath(path, toPath, false);
+    return action && processFileMoveAction(action, false, false);
+}
+
+bool DCIFileManager::unqueuedCopyItemAtPath(const std::optional<std::string>& path,
+                                            const std::optional<std::string>& toPath) {
+    const auto action = copyItemAtPath(path, toPath, false);
+    return action && processFileMoveAction(action, false, true);
+}
+
+bool DCIFileManager::unqueuedCreateDirectoryAtPath(const std::optional<std::string>& path) {
+    const auto action = createDirectoryAtPath(path, false);
+    if (!action) return false;
+    if (processCreateDirectoryAction(action, false)) return true;
+    DCLogError("Error creating directory : %@", action->contextObjectForKey(kDCIError));
+    return false;
+}
+
+void DCIFileManager::enqueueFileAction(const std::shared_ptr<DCIAction>& action) {
+    if (!action) return;
+    // A manager that is not started keeps the action for its next run, whose first turn
+    // carries it out.
+    action->setPriority(kFileActionPriority);
+    fileActionQueue_->addAction(action);
+}
+
+std::shared_ptr<DCIAction> DCIFileManager::processNextFileEvent() {
+    auto action = fileActionQueue_->popNextAction();
+    if (!action) return nullptr;
+    action->changeStatus(DCIActionStatusRunning);
+    switch (action->type()) {
+        case DCIActionTypeMoveFile: processFileMoveAction(action, true, false); break;
+        case DCIActionTypeCreateDirectory: processCreateDirectoryAction(action, true); break;
+        case DCIActionTypeCopyFile: processFileMoveAction(action, true, true); break;
+        default:
+            DCLogError("Unrecognised action in queue: %@", action);
+            action->changeStatus(DCIActionStatusFailed);
+    }
+    return action;
+}
+
+bool DCIFileManager::processFileMoveAction(const std::shared_ptr<DCIAction>& action, bool inBackground, bool copying) {
+    const std::string from = contextPath(*action, kDCIFileManagerMoveFrom);
+    const std::string to = contextPath(*action, kDCIFileManagerMoveTo);
+    if (copying) {
+        const std::string folder = KestlyPath::deletingLastComponent(to);
+        auto error = folder.empty() ? std::nullopt : DCIFileOperations::createDirectory(folder);
+        if (auto copyError = DCIFileOperations::copyItem(from, to)) error = copyError;
+        return finishFileAction(action, inBackground, error, to);
+    }
+    const auto error = DCIFileOperations::moveItem(from, to);
+    if (!error) updateRootFolderForItemAtPath(from);
+    return finishFileAction(action, inBackground, error, to);
+}
+
+bool DCIFileManager::processCreateDirectoryAction(const std::shared_ptr<DCIAction>& action, bool inBackground) {
+    const std::string path = contextPath(*action, kDCIFileManagerCreatePath);
+    const auto root = rootFolder();
+    struct stat status;
+    if (!root || stat(root->absolutePath().c_str(), &status) != 0) {
+        if (inBackground) action->changeStatus(DCIActionStatusFailed);
+        return false;
+    }
+    return finishFileAction(action, inBackground, DCIFileOperations::createDirectory(path), path);
+}
+
+bool DCIFileManager::finishFileAction(const std::shared_ptr<DCIAction>& action, bool inBackground,
+                                      const std::optional<DCIError>& error, const std::string& updatedPath) {
+    if (error) {
+        // The error is in the context before the status change announces the failure.
+        action->setContextObject(*error, kDCIError);
+        if (inBackground) action->changeStatus(DCIActionStatusFailed);
+        return false;
+    }
+    updateRootFolderForItemAtPath(updatedPath);
+    if (inBackground) action->changeStatus(DCIActionStatusCompleted);
+    return true;
+}
+
+void DCIFileManager::updateRootFolderForItemAtPath(const std::string& path) {
+    if (!started()) return;
+    std::lock_guard lock(treeLock_);
+    const auto root = rootFolder();
+    if (!root) return;
+    std::string standardized = KestlyPath::standardize(path);
+    if (standardized.starts_with('/')) {
+        if (!KestlyPath::isSameOrBelow(standardized, root->absolutePath())) return;
+        standardized.erase(0, root->absolutePath().size());
+    }
+    // Each folder along the path is offered the next name; one that changed is rehashed and
+    // offered the following name too, so a new entry's subtree is judged by the folder above.
+    auto folder = root;
+    for (const std::string& component : KestlyPath::components(standardized)) {
+        if (component == "/") continue;
+        if (folder->updateItemAtSubPath(component)) {
+            folder->generateHashes();
+            continue;
+        }
+        const auto subFolders = folder->subFolders();
+        const auto next = subFolders->find(component);
+        if (next == subFolders->end()) return;
+        folder = next->second;
+    }
+}

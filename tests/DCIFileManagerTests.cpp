@@ -1,0 +1,306 @@
+#include "CoreKestly/Actions/DCIAction.h"
+#include "CoreKestly/Actions/DCIActionQueue.h"
+#include "CoreKestly/Events/DCIEvent.h"
+#include "CoreKestly/FileManager/DCIFileManager.h"
+
+#include "support/EventRecorder.h"
+#include "support/LogReading.h"
+#include "support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Disk = std::function<void(const std::string& root)>;
+
+void write(const std::string& root, const std::string& path, const std::string& contents) {
+    fs::create_directories(fs::path(root + "/" + path).parent_path());
+    std::ofstream(root + "/" + path) << contents;
+}
+void move(const std::string& root, const std::string& from, const std::string& to) {
+    fs::rename(root + "/" + from, root + "/" + to);
+}
+void remove(const std::string& root, const std::string& path) { fs::remove_all(root + "/" + path); }
+
+// An event as a line naming its paths relative to the root, "moved file a.wav -> b.wav".
+std::string describe(const DCIEvent& event, const std::string& root) {
+    auto path = [&](std::string_view key) {
+        const auto value = event.contextValue(key);
+        const auto object = value ? value->object() : nullptr;
+        return object ? object->description().substr(root.size() + 1) : std::string("?");
+    };
+    switch (event.type()) {
+        case DCIEventTypeFileAdded: return "added file " + path(kDCIFileObject);
+        case DCIEventTypeFolderAdded: return "added folder " + path(kDCIFolderObject);
+        case DCIEventTypeFileRemoved: return "removed file " + path(kDCIOldFileObject);
+        case DCIEventTypeFolderRemoved: return "removed folder " + path(kDCIOldFolderObject);
+        case DCIEventTypeFileMoved: return "moved file " + path(kDCIOldFileObject) + " -> " + path(kDCIFileObject);
+        case DCIEventTypeFolderMoved: return "moved folder " + path(kDCIOldFolderObject) + " -> " + path(kDCIFolderObject);
+        case DCIEventTypeFileModified: return "modified " + path(kDCIFileObject);
+        default: return "event " + std::to_string(event.type());
+    }
+}
+
+class DCIFileManagerTests : public ::testing::Test {
+protected:
+    DCIFileManagerTests() {
+        DCIEventManager::addListener(recorder);
+        manager->addPrimaryFileExtension("ALS");
+        manager->addSecondaryFileExtension("wav");
+    }
+
+    ~DCIFileManagerTests() override {
+        if (manager->started()) {
+            manager->stop();
+            waitFor(DCIEventTypeFileManagerStopped);
+        }
+        DCIEventManager::removeListener(recorder);
+    }
+
+    void start(const std::string& rootPath) {
+        manager->startWatchingRootFolder(rootPath, directory / "primary.sqlite", directory / "secondary.sqlite",
+                                         nullptr);
+    }
+
+    std::vector<uint64_t> types() const { return recorder->typesOfCategory(DCIEventCategoryCommon); }
+
+    bool waitFor(uint64_t type, size_t count = 1) {
+        return pumpMainLoopUntil([&] { return std::ranges::count(types(), type) >= static_cast<long>(count); }, 10s);
+    }
+
+    // The change events of the passes that see what `change` did to the disk. A file written
+    // after it marks the pass that must report it; events of that pass after the marker's
+    // own are gathered too.
+    std::vector<std::string> changesAfter(const Disk& change) {
+        recorder->events.clear();
+        change(root);
+        const std::string marker = "marker-" + std::to_string(++markers) + ".wav";
+        write(root, marker, marker);
+        EXPECT_TRUE(pumpMainLoopUntil([&] {
+            return std::ranges::any_of(recorder->events, [&](const auto& e) { return describe(*e, root) == "added file " + marker; });
+        }, 10s));
+        pumpMainLoopBriefly();
+        std::vector<std::string> changes;
+        for (const auto& event : recorder->events) {
+            const auto line = describe(*event, root);
+            const bool change = event->type() >= DCIEventTypeFileAdded && event->type() <= DCIEventTypeFileModified;
+            if (change && line != "added file " + marker) changes.push_back(line);
+        }
+        return changes;
+    }
+
+    TemporaryDirectory directory;
+    const std::string root = directory.makeFolder("root");
+    std::shared_ptr<EventRecorder> recorder = std::make_shared<EventRecorder>();
+    std::shared_ptr<DCIFileManager> manager = DCIFileManager::init();
+    int markers = 0;
+};
+
+TEST_F(DCIFileManagerTests, EachKindOfChangeIsReportedAsTheEventsOfOnePass) {
+    struct Case {
+        const char* name;
+        Disk before, change;
+        std::vector<std::string> expected;
+    };
+    const Case cases[] = {
+        {"rename", [](auto& r) { write(r, "a/x.wav", "1"); }, [](auto& r) { move(r, "a/x.wav", "a/y.wav"); },
+         {"moved file a/x.wav -> a/y.wav"}},
+        {"copy", [](auto& r) { write(r, "x.wav", "1"); }, [](auto& r) { fs::copy(r + "/x.wav", r + "/y.wav"); },
+         {"added file y.wav"}},
+        {"move plus copy", [](auto& r) { write(r, "x.wav", "1"); fs::create_directory(r + "/a"); },
+         [](auto& r) { move(r, "x.wav", "a/x.wav"); fs::copy(r + "/a/x.wav", r + "/y.wav"); },
+         {"moved file x.wav -> a/x.wav", "moved file x.wav -> y.wav"}},
+        {"twins deleted, one created", [](auto& r) { write(r, "t1.wav", "same"); write(r, "t2.wav", "same"); },
+         [](auto& r) { remove(r, "t1.wav"); remove(r, "t2.wav"); write(r, "n.wav", "same"); },
+         {"moved file t2.wav -> n.wav", "removed file t1.wav"}},
+        {"folder rename", [](auto& r) { write(r, "d/x.wav", "1"); }, [](auto& r) { move(r, "d", "e"); },
+         {"moved folder d -> e"}},
+        {"folder renamed, every file changed", [](auto& r) { write(r, "d/x.wav", "1"); },
+         [](auto& r) { move(r, "d", "e"); write(r, "e/x.wav", "2"); }, {"added folder e", "removed folder d"}},
+        {"deep new tree", nullptr, [](auto& r) { write(r, "n/m/o/x.wav", "1"); }, {"added folder n"}},
+        {"deep tree deleted", [](auto& r) { write(r, "n/m/o/x.wav", "1"); }, [](auto& r) { remove(r, "n"); },
+         {"removed folder n"}},
+        {"empty folders", [](auto& r) { fs::create_directory(r + "/old"); },
+         [](auto& r) { remove(r, "old"); fs::create_directory(r + "/new"); }, {"added folder new", "removed folder old"}},
+        {"file moved out of a deleted folder", [](auto& r) { write(r, "d/x.wav", "1"); },
+         [](auto& r) { move(r, "d/x.wav", "x.wav"); remove(r, "d"); }, {"removed folder d", "added file x.wav"}},
+        {"in-place change and files of no interest", [](auto& r) { write(r, "x.als", "1"); },
+         [](auto& r) { write(r, "x.als", "2"); write(r, "notes.txt", "2"); }, {"modified x.als"}},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        remove(root, "");
+        fs::create_directory(root);
+        if (test.before) test.before(root);
+        start(root);
+        ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+        EXPECT_EQ(changesAfter(test.change), test.expected);
+        manager->stop();
+        ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
+        recorder->events.clear();
+    }
+}
+
+TEST_F(DCIFileManagerTests, FoldersAndLinksThatAppearAreWatchedToo) {
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    EXPECT_EQ(changesAfter([](auto& r) { fs::create_directory(r + "/new"); }), std::vector<std::string>{"added folder new"});
+    fs::create_directory(directory / "outside");
+    EXPECT_EQ(changesAfter([&](auto& r) { fs::create_directory_symlink(directory / "outside", r + "/link"); }),
+              std::vector<std::string>{"added folder link"});
+    // The stream does not wait for the marker's pass: a change in the new folder alone is told.
+    recorder->events.clear();
+    write(root, "new/x.wav", "1");
+    write(directory / "outside", "y.wav", "2");
+    EXPECT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() >= 2; }, 10s));
+    pumpMainLoopBriefly();
+    std::vector<std::string> changes;
+    for (const auto& event : recorder->events) changes.push_back(describe(*event, root));
+    std::ranges::sort(changes);
+    EXPECT_EQ(changes, (std::vector<std::string>{"added file link/y.wav", "added file new/x.wav"}));
+}
+
+TEST_F(DCIFileManagerTests, ChangesCloserThanTheQuietPeriodMakeOnePass) {
+    write(root, "x.wav", "0");
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    const auto changes = changesAfter([](auto& r) {
+        for (int step = 1; step <= 5; ++step) {
+            write(r, "x.wav", std::to_string(step));
+            std::this_thread::sleep_for(100ms);
+        }
+    });
+    EXPECT_EQ(changes, std::vector<std::string>{"modified x.wav"});
+}
+
+TEST_F(DCIFileManagerTests, StartAndStopPostReadyRootRemovedAndStoppedInOrder) {
+    manager->stop();  // not started: stopped at once
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
+
+    recorder->events.clear();
+    start(directory / "missing");
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
+    EXPECT_EQ(types(), (std::vector<uint64_t>{DCIEventTypeRootFolderRemoved, DCIEventTypeFileManagerReady,
+                                              DCIEventTypeFileManagerStopped}));
+    EXPECT_FALSE(manager->started());
+
+    // A restart ends the running watcher before the new one starts.
+    recorder->events.clear();
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady, 2));
+    EXPECT_EQ(types(), (std::vector<uint64_t>{DCIEventTypeFileManagerReady, DCIEventTypeFileManagerStopped,
+                                              DCIEventTypeFileManagerReady}));
+    EXPECT_EQ(changesAfter([](auto& r) { write(r, "x.wav", "1"); }), std::vector<std::string>{"added file x.wav"});
+
+    recorder->events.clear();
+    remove(root, "");
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
+    EXPECT_EQ(types(), (std::vector<uint64_t>{DCIEventTypeRootFolderRemoved, DCIEventTypeFileManagerStopped}));
+    EXPECT_TRUE(manager->started());
+}
+
+TEST_F(DCIFileManagerTests, QueuedOperationsReportTheirStatusAndRaiseNoChangeEvent) {
+    write(root, "a/x.wav", "1");
+    write(root, "taken.wav", "2");
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    std::shared_ptr<DCIAction> move, copyOnto, mkdir;
+    const auto changes = changesAfter([&](auto& r) {
+        move = manager->queueMoveItemAtPath(r + "/a/x.wav", r + "/y.wav");
+        copyOnto = manager->queueCopyItemAtPath(r + "/y.wav", r + "/taken.wav");
+        mkdir = manager->queueCreateDirectoryAtPath(r + "/new/deeper");
+        ASSERT_TRUE(pumpMainLoopUntil([&] {
+            return move->status() > DCIActionStatusRunning && copyOnto->status() > DCIActionStatusRunning &&
+                   mkdir->status() > DCIActionStatusRunning;
+        }));
+    });
+    EXPECT_EQ(changes, std::vector<std::string>{});
+    const std::vector<StatusChange> completed{{DCIActionStatusPending, DCIActionStatusUndefined},
+                                              {DCIActionStatusRunning, DCIActionStatusPending},
+                                              {DCIActionStatusCompleted, DCIActionStatusRunning}};
+    EXPECT_EQ(recorder->statusChangesOf(move), completed);
+    EXPECT_EQ(copyOnto->status(), DCIActionStatusFailed);
+    const auto error = copyOnto->contextObjectForKey(kDCIError);
+    ASSERT_TRUE(error && error->error());
+    EXPECT_EQ(error->error()->code(), EEXIST);
+    EXPECT_EQ(readWholeFile(root + "/taken.wav"), "2");
+    EXPECT_TRUE(manager->fileWithPath(root + "/y.wav"));
+    EXPECT_TRUE(manager->folderWithPath("new/deeper"));
+}
+
+TEST_F(DCIFileManagerTests, UnqueuedOperationsAndTheirFailures) {
+    write(root, "x.wav", "1");
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    recorder->events.clear();
+    EXPECT_TRUE(manager->unqueuedCopyItemAtPath(root + "/x.wav", root + "/deep/er/x.wav"));
+    EXPECT_TRUE(manager->unqueuedMoveItemAtPath(root + "/deep/er/x.wav", root + "/x.wav"));  // replaces
+    EXPECT_FALSE(manager->unqueuedMoveItemAtPath(root + "/x.wav", root + "/missing/x.wav"));
+    EXPECT_TRUE(fs::exists(root + "/x.wav"));
+    EXPECT_TRUE(manager->unqueuedCreateDirectoryAtPath(root + "/deep"));
+    EXPECT_FALSE(manager->unqueuedCopyItemAtPath(std::nullopt, root + "/y.wav"));
+    EXPECT_EQ(manager->queueCreateDirectoryAtPath(std::nullopt), nullptr);
+    pumpMainLoopBriefly();
+    EXPECT_EQ(types(), std::vector<uint64_t>{});  // no status events for unqueued actions
+
+    auto odd = DCIAction::initWithCategory(DCIActionCategoryCommon, 42);
+    manager->fileActionQueue()->addAction(odd);
+    manager->signalFileManagerThread(false);
+    EXPECT_TRUE(pumpMainLoopUntil([&] { return odd->status() == DCIActionStatusFailed; }));
+}
+
+TEST_F(DCIFileManagerTests, LookupsAnswerOnlyBelowTheRoot) {
+    write(root, "a/b/x.wav", "1");
+    fs::create_directory(root + "2");
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    const std::pair<std::string, std::optional<std::string>> folders[] = {
+        {root, ""}, {root + "/a/b/", "a/b"}, {"a/b", "a/b"}, {"/", std::nullopt}, {root + "2", std::nullopt},
+        {root + "/a/b/x.wav", std::nullopt}, {root + "/a/../a", "a"},
+    };
+    for (const auto& [path, expected] : folders) {
+        const auto folder = manager->folderWithPath(path);
+        EXPECT_EQ(folder ? std::optional(folder->relativePath()) : std::nullopt, expected) << path;
+    }
+    EXPECT_TRUE(manager->fileWithPath(root + "/a/b/x.wav"));
+    EXPECT_FALSE(manager->fileWithPath(root + "2/a/b/x.wav"));
+}
+
+TEST_F(DCIFileManagerTests, QueriesRouteByKindAndHashOtherFilesUncached) {
+    write(root, "x.als", "abc");
+    write(root, "notes.txt", "abc");
+    constexpr const char* kSHA256OfABC = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+    EXPECT_EQ(manager->SHAForFileAtPath(root + "/x.als"), std::nullopt);  // no cache before a start
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    EXPECT_EQ(manager->SHAForFileAtPath(root + "/x.als"), kSHA256OfABC);
+    EXPECT_EQ(manager->primaryFileCache()->shaCache().size(), 1u);
+    LogSince log;
+    EXPECT_EQ(manager->SHAForFileAtPath(root + "/notes.txt"), kSHA256OfABC);
+    EXPECT_TRUE(log.has("Unexpected: DCIFileManager is creating hash for file " + root +
+                        "/notes.txt.  It will not be cached."));
+}
+
+TEST_F(DCIFileManagerTests, AStreamOverItsWatchLimitFallsBackToPeriodicRescans) {
+    write(root, "a/b/x.wav", "1");
+    manager->setFSEventStreamOptions({.latency = 200ms, .fallbackInterval = 500ms, .maximumWatches = 1});
+    LogSince log;
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    EXPECT_NE(log.text().find("cannot watch the 3 folders under " + root), std::string::npos) << log.text();
+    EXPECT_EQ(changesAfter([](auto& r) { write(r, "a/b/x.wav", "2"); }), std::vector<std::string>{"modified a/b/x.wav"});
+}
+
+}  // namespace

@@ -12,6 +12,7 @@ int main(int argc, char** argv) {
     app.failure_message(CLI::FailureMessage::help);
 
     const std::vector<KestlyCommand> commands = {
+        addWatchCommand(app),
         addHashCommand(app),
         addScanCommand(app),
         addManifestCommand(app),

@@ -1,0 +1,312 @@
+// kestly watch: starts the file manager on a folder and prints every event it delivers, one
+// line each as it arrives on the main thread; standard input takes file operations.
+
+#include "KestlyCommand.h"
+
+#include "CachePaths.h"
+#include "TerminalText.h"
+
+#include "CoreKestly/Actions/DCIAction.h"
+#include "CoreKestly/CoreKestlyKeys.h"
+#include "CoreKestly/Events/DCIEvent.h"
+#include "CoreKestly/Events/DCIEventManager.h"
+#include "CoreKestly/FileManager/DCIFileManager.h"
+#include "CoreKestly/FileSystem/DCIFileObject.h"
+#include "CoreKestly/Platform/DCIFileDescriptor.h"
+#include "CoreKestly/Platform/DCIRunLoop.h"
+
+#include <nlohmann/json.hpp>
+
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct WatchOptions {
+    std::string root;
+    DCIFileKinds kinds;
+    CachePaths caches;
+    bool json = false;
+};
+
+// Longer command lines are refused, so that endless input without a newline stays bounded.
+constexpr size_t kLongestCommand = 64 * 1024;
+
+const char* eventName(uint64_t type) {
+    static constexpr const char* kNames[] = {
+        nullptr,       "FileManagerReady", "FileManagerStopped", "FileAdded",         "FolderAdded",
+        "FileRemoved", "FolderRemoved",    "FileMoved",          "FolderMoved",       "FileModified",
+        "RootFolderRemoved", "ActionStatusChanged"};
+    return type < std::size(kNames) ? kNames[type] : nullptr;
+}
+
+const char* operationName(uint64_t type) {
+    switch (type) {
+        case DCIActionTypeMoveFile: return "move";
+        case DCIActionTypeCopyFile: return "copy";
+        case DCIActionTypeCreateDirectory: return "mkdir";
+        default: return "action";
+    }
+}
+
+std::string objectPath(const DCIEvent& event, std::string_view key) {
+    const auto value = event.contextValue(key);
+    const auto object = value ? value->object() : nullptr;
+    return object ? object->description() : std::string();
+}
+
+std::string contextText(const DCIAction& action, std::string_view key) {
+    const auto value = action.contextObjectForKey(key);
+    return value && value->string() ? *value->string() : std::string();
+}
+
+// The status an action-status event announces; the action itself may have moved on since.
+int64_t announcedStatus(const DCIEvent& event) {
+    const auto value = event.contextValue(kDCIActionStatusKey);
+    return value ? value->int64Value().value_or(0) : 0;
+}
+
+Json textOrNull(const std::optional<std::string>& text) { return text ? Json(*text) : Json(nullptr); }
+
+// Prints what the file manager says and ends the main loop after its stopped event.
+class EventPrinter : public DCIEventListener {
+public:
+    EventPrinter(bool json, std::shared_ptr<DCIFileManager> manager) : json_(json), manager_(std::move(manager)) {}
+
+    int exitStatus() const { return outputFailed_ ? 1 : rootRemoved_ ? 3 : 0; }
+
+    void handleEvent(const std::shared_ptr<DCIEvent>& event) override {
+        if (event->category() != DCIEventCategoryCommon || !eventName(event->type())) return;
+        if (event->type() == DCIEventTypeRootFolderRemoved) rootRemoved_ = true;
+        const std::string line = json_ ? jsonLine(*event).dump(-1, ' ', false, Json::error_handler_t::replace)
+                                       : printableText(humanLine(*event));
+        // Nobody reads what follows a failed write (a full disk, a closed pipe): stop watching.
+        if ((std::printf("%s\n", line.c_str()) < 0 || std::fflush(stdout) != 0) && !outputFailed_) {
+            outputFailed_ = true;
+            manager_->stop();
+        }
+        if (event->type() == DCIEventTypeFileManagerStopped) DCIRunLoop::main().stop();
+    }
+
+private:
+    static std::string humanLine(const DCIEvent& event) {
+        const std::string path = objectPath(event, kDCIFileObject), folder = objectPath(event, kDCIFolderObject);
+        switch (event.type()) {
+            case DCIEventTypeFileManagerReady: return "ready";
+            case DCIEventTypeFileManagerStopped: return "stopped";
+            case DCIEventTypeRootFolderRemoved: return "root removed";
+            case DCIEventTypeFileAdded: return "added file " + path;
+            case DCIEventTypeFolderAdded: return "added folder " + folder;
+            case DCIEventTypeFileRemoved: return "removed file " + objectPath(event, kDCIOldFileObject);
+            case DCIEventTypeFolderRemoved: return "removed folder " + objectPath(event, kDCIOldFolderObject);
+            case DCIEventTypeFileMoved: return "moved file " + objectPath(event, kDCIOldFileObject) + " -> " + path;
+            case DCIEventTypeFolderMoved:
+                return "moved folder " + objectPath(event, kDCIOldFolderObject) + " -> " + folder;
+            case DCIEventTypeFileModified: return "modified " + path;
+        }
+        const auto action = event.action();
+        if (!action) return "action";
+        std::string line = std::string("action ") + operationName(action->type()) + " " +
+                           std::string(DCIActionStatusText(announcedStatus(event))) + " ";
+        if (action->type() == DCIActionTypeCreateDirectory) line += contextText(*action, kDCIFileManagerCreatePath);
+        else line += contextText(*action, kDCIFileManagerMoveFrom) + " -> " + contextText(*action, kDCIFileManagerMoveTo);
+        const auto error = action->contextObjectForKey(kDCIError);
+        if (announcedStatus(event) == DCIActionStatusFailed && error && error->error()) {
+            line += ": " + error->error()->localizedDescription();
+        }
+        return line;
+    }
+
+    static Json jsonLine(const DCIEvent& event) {
+        Json line{{"event", eventName(event.type())}, {"type", event.type()}};
+        const bool fileEvent = event.type() == DCIEventTypeFileAdded || event.type() == DCIEventTypeFileRemoved ||
+                               event.type() == DCIEventTypeFileMoved || event.type() == DCIEventTypeFileModified;
+        const bool folderEvent = event.type() == DCIEventTypeFolderAdded || event.type() == DCIEventTypeFolderRemoved ||
+                                 event.type() == DCIEventTypeFolderMoved;
+        if (fileEvent || folderEvent) {
+            const auto newKey = fileEvent ? kDCIFileObject : kDCIFolderObject;
+            const auto oldKey = fileEvent ? kDCIOldFileObject : kDCIOldFolderObject;
+            const auto current = event.contextValue(newKey) ? newKey : oldKey;
+            line["path"] = objectPath(event, current);
+            if (event.type() == DCIEventTypeFileMoved || event.type() == DCIEventTypeFolderMoved) {
+                line["oldPath"] = objectPath(event, oldKey);
+            }
+            if (fileEvent) {
+                const auto value = event.contextValue(current);
+                const auto file = value ? value->object<DCIFileObject>() : nullptr;
+                line["sha256"] = textOrNull(file ? file->fileHash() : std::nullopt);
+            }
+        }
+        if (const auto action = event.action(); action && event.type() == DCIEventTypeActionStatusChanged) {
+            line["op"] = operationName(action->type());
+            if (action->type() == DCIActionTypeCreateDirectory) {
+                line["path"] = contextText(*action, kDCIFileManagerCreatePath);
+            } else {
+                line["from"] = contextText(*action, kDCIFileManagerMoveFrom);
+                line["to"] = contextText(*action, kDCIFileManagerMoveTo);
+            }
+            line["status"] = DCIActionStatusText(announcedStatus(event));
+            line["statusCode"] = announcedStatus(event);
+            const auto error = action->contextObjectForKey(kDCIError);
+            if (announcedStatus(event) == DCIActionStatusFailed && error && error->error()) {
+                line["error"] = error->error()->localizedDescription();
+            }
+        }
+        return line;
+    }
+
+    const bool json_;
+    const std::shared_ptr<DCIFileManager> manager_;
+    bool rootRemoved_ = false;
+    bool outputFailed_ = false;
+};
+
+// One line of standard input as the words or JSON object of a command, carried out as a
+// queued file operation; answers why it cannot be, or "".
+std::string runCommand(DCIFileManager& manager, const std::string& line) {
+    std::string op;
+    std::vector<std::string> paths;
+    if (line.starts_with('{')) {
+        const Json command = Json::parse(line, nullptr, false);
+        if (!command.is_object() || !command.contains("op") || !command["op"].is_string()) return "not a command object";
+        op = command["op"];
+        for (const char* key : {"from", "to", "path"}) {
+            if (command.contains(key) && command[key].is_string()) paths.push_back(command[key]);
+        }
+    } else {
+        std::istringstream words(line);
+        words >> op;
+        for (std::string word; words >> word;) paths.push_back(word);
+    }
+    for (auto& path : paths) {
+        const auto absolute = absoluteStandardPath(path);
+        if (!absolute) return "the working folder is gone";
+        path = *absolute;
+    }
+    if (op == "stop" && paths.empty()) manager.stop();
+    else if (op == "move" && paths.size() == 2) manager.queueMoveItemAtPath(paths[0], paths[1]);
+    else if (op == "copy" && paths.size() == 2) manager.queueCopyItemAtPath(paths[0], paths[1]);
+    else if (op == "mkdir" && paths.size() == 1) manager.queueCreateDirectoryAtPath(paths[0]);
+    else if (!op.empty()) return "expected move FROM TO, copy FROM TO, mkdir PATH or stop";
+    return "";
+}
+
+// Reads commands on a thread of its own, so that a slow or endless standard input never holds
+// up the main loop; each line is handed to the main thread. Ends with the input.
+void readCommands(std::shared_ptr<DCIFileManager> manager) {
+    std::string pending;
+    bool discarding = false;  // the rest of a line that was too long
+    char buffer[4096];
+    for (ssize_t length; (length = read(STDIN_FILENO, buffer, sizeof buffer)) != 0;) {
+        if (length < 0) {
+            if (errno == EINTR) continue;
+            return;
+        }
+        for (ssize_t i = 0; i < length; ++i) {
+            if (buffer[i] != '\n') {
+                if (!discarding) pending += buffer[i];
+                if (pending.size() > kLongestCommand) {
+                    std::fprintf(stderr, "kestly: command longer than %zu bytes ignored\n", kLongestCommand);
+                    pending.clear();
+                    discarding = true;
+                }
+                continue;
+            }
+            if (!discarding) {
+                DCIRunLoop::main().performAsync([manager, line = std::move(pending)] {
+                    const std::string problem = runCommand(*manager, line);
+                    if (!problem.empty()) {
+                        std::fprintf(stderr, "kestly: %s: %s\n", printableText(line).c_str(), problem.c_str());
+                    }
+                });
+            }
+            pending.clear();
+            discarding = false;
+        }
+    }
+}
+
+int watch(const WatchOptions& options) {
+    // SIGINT and SIGTERM arrive through a descriptor on the main loop, in every thread made
+    // from here on too.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    DCIFileDescriptor signals(signalfd(-1, &stopSignals, SFD_NONBLOCK | SFD_CLOEXEC));
+
+    const auto root = absoluteStandardPath(options.root);
+    if (!root) {
+        std::fprintf(stderr, "kestly: %s: the working folder is gone\n", options.root.c_str());
+        return 2;
+    }
+    CachePaths caches = options.caches;
+    if (const int status = completeCachePaths(caches); status != 0) return status;
+
+    const auto manager = DCIFileManager::init();
+    DCIFileKinds kinds = options.kinds;
+    if (kinds.primaryExtensions.empty() && kinds.primaryFilenames.empty() && kinds.secondaryExtensions.empty()) {
+        kinds = {{"als"}, {}, {"wav", "aif", "aiff", "flac", "mp3", "ogg", "m4a"}};
+    }
+    for (const auto& extension : kinds.primaryExtensions) manager->addPrimaryFileExtension(extension);
+    for (const auto& name : kinds.primaryFilenames) manager->addPrimaryFilename(name);
+    for (const auto& extension : kinds.secondaryExtensions) manager->addSecondaryFileExtension(extension);
+
+    const auto printer = std::make_shared<EventPrinter>(options.json, manager);
+    DCIEventManager::addListener(printer);
+    int signalsSeen = 0;
+    const auto signalSource = DCIRunLoop::main().addFileDescriptorSource(signals.get(), EPOLLIN, [&](uint32_t) {
+        signalfd_siginfo info;
+        while (read(signals.get(), &info, sizeof info) == sizeof info) {
+            // A second signal leaves at once: the caches' writes are transactions, safe to cut.
+            if (++signalsSeen > 1) _exit(128 + static_cast<int>(info.ssi_signo));
+            manager->stop();
+        }
+    });
+    if (isatty(STDERR_FILENO)) {
+        std::fprintf(stderr, "kestly: watching %s; building and hashing its tree first (Ctrl-C stops)\n",
+                     printableText(*root).c_str());
+    }
+    manager->startWatchingRootFolder(*root, caches.primary, caches.secondary, nullptr);
+    std::thread(readCommands, manager).detach();
+
+    DCIRunLoop::main().run();
+    DCIEventManager::removeListener(printer);
+    manager->waitUntilStopped();
+    return printer->exitStatus();
+}
+
+}  // namespace
+
+KestlyCommand addWatchCommand(CLI::App& app) {
+    auto options = std::make_shared<WatchOptions>();
+    CLI::App* command = app.add_subcommand(
+        "watch", "Watch ROOT and print each change as it is reported; standard input takes file operations "
+                 "(move FROM TO, copy FROM TO, mkdir PATH, stop, or the same as JSON objects)");
+    command->add_option("ROOT", options->root, "The folder to watch")->required();
+    command->add_option("--primary-ext", options->kinds.primaryExtensions, "Extension of primary files [als]")
+        ->allow_extra_args(false);
+    command->add_option("--primary-name", options->kinds.primaryFilenames, "Whole name of primary files")
+        ->allow_extra_args(false);
+    command->add_option("--secondary-ext", options->kinds.secondaryExtensions,
+                        "Extension of secondary files [wav aif aiff flac mp3 ogg m4a]")
+        ->allow_extra_args(false);
+    command->add_option("--primary-cache", options->caches.primary,
+                        "Cache file of primary files [$XDG_CACHE_HOME/kestly/primary.sqlite]");
+    command->add_option("--secondary-cache", options->caches.secondary,
+                        "Cache file of secondary files [$XDG_CACHE_HOME/kestly/secondary.sqlite]");
+    command->add_flag("--json", options->json, "Print one JSON object per event");
+    return {command, [options] { return watch(*options); }};
+}

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -357,15 +358,27 @@ TEST_F(DCIFolderObjectTests, UpdateChangesNothingForNamesItNeedNotHold) {
     EXPECT_EQ(*tree->subFolders(), *subFolders);
 }
 
-TEST_F(DCIFolderObjectTests, UpdateAsksAboutInterestBeforeFolderness) {
+TEST_F(DCIFolderObjectTests, OnlyRegularFilesAndFoldersEnterTheTree) {
+    // Entries with names of interest that could never be hashed: with any of them in the tree,
+    // every hashing pass would answer NO.
+    root.writeFile("kick.wav", "abc");
     root.writeFile("Kit.wav/inside.wav", "abc");
+    ASSERT_EQ(mkfifo((root / "pipe.wav").c_str(), 0600), 0);
+    fs::create_symlink("/dev/null", root / "null.wav");
+    fs::create_symlink(root / "pipe.wav", root / "to-pipe.wav");
     const auto tree = buildTree();
-    EXPECT_TRUE(tree->subFolders()->contains("Kit.wav"));
-    EXPECT_TRUE(tree->files()->empty());
+    EXPECT_EQ(relativePaths(tree->gatherFiles()), (std::set<std::string>{"kick.wav", "Kit.wav/inside.wav"}));
+    EXPECT_TRUE(tree->generateHashes());
 
-    EXPECT_TRUE(tree->updateItemAtSubPath("Kit.wav"));
-    EXPECT_TRUE(tree->files()->contains("Kit.wav"));
-    EXPECT_FALSE(tree->generateHashes()) << "a folder has no content hash";
+    // Updates keep to the same rule, whichever kind of entry takes a name.
+    EXPECT_FALSE(tree->updateItemAtSubPath("Kit.wav")) << "a known folder stays, whatever its name";
+    EXPECT_TRUE(tree->subFolders()->contains("Kit.wav"));
+    EXPECT_FALSE(tree->updateItemAtSubPath("pipe.wav"));
+    fs::remove(root / "kick.wav");
+    ASSERT_EQ(mkfifo((root / "kick.wav").c_str(), 0600), 0);
+    EXPECT_TRUE(tree->updateItemAtSubPath("kick.wav"));
+    EXPECT_TRUE(tree->files()->empty());
+    EXPECT_TRUE(tree->generateHashes());
 }
 
 TEST_F(DCIFolderObjectTests, SnapshotsHoldTheSubtree) {

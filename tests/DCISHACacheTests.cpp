@@ -38,8 +38,12 @@ void setModificationTime(const std::string& path, time_t seconds, long nanosecon
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
 
-DCIDate dateAt(time_t seconds) {
-    return DCIDate(DCIDate::Clock::time_point(std::chrono::seconds(seconds)));
+DCIDate dateAt(time_t seconds) { return DCIDate::dateWithSecondsSince1970(seconds); }
+
+// A regular file whose reading fails at once: the first page of the address space is never mapped.
+std::string unhashableFile(const TemporaryDirectory& folder) {
+    std::filesystem::create_symlink("/proc/self/mem", folder / "unhashable.wav");
+    return folder / "unhashable.wav";
 }
 
 std::string logSoFar() {
@@ -94,8 +98,7 @@ TEST_F(SHACacheTest, AnswersFromItsRecordWhileTheModificationTimeIsUnchanged) {
     EXPECT_EQ(cache->SHAForFileEco(path), KSTSha256ForFileAtPath(path));
     EXPECT_EQ(cache->SasIDForFile(path), "sas:a.wav");
     EXPECT_EQ(calculatorCalls, 1);
-    EXPECT_EQ(cache->shaCache().at(path),
-              (DCISHACacheRecord{dateAt(kSomeSecond), KSTSha256ForFileAtPath(path), "sas:a.wav"}));
+    EXPECT_EQ(cache->shaCache().at(path).stamp.mdate, dateAt(kSomeSecond));
 
     folder.writeFile("a.wav", "second content");
     setModificationTime(path, kSomeSecond + 1);
@@ -103,24 +106,66 @@ TEST_F(SHACacheTest, AnswersFromItsRecordWhileTheModificationTimeIsUnchanged) {
     EXPECT_EQ(calculatorCalls, 2);
 }
 
-TEST_F(SHACacheTest, KeepsTheOldHashOfAFileRewrittenWithinTheSameSecond) {
-    const std::string path = folder.writeFile("a.wav", "first content");
-    setModificationTime(path, kSomeSecond, 200'000'000);
-    auto cache = makeCache();
-    const auto firstHash = cache->SHAForFile(path);
+// A change to a file that keeps its modification time to the second, made after the file was
+// hashed: each must be seen by the running cache and by the next run's.
+struct SameSecondChange {
+    const char* name;
+    void (*make)(const TemporaryDirectory& folder, const std::string& path);
+};
 
-    folder.writeFile("a.wav", "second content");
-    setModificationTime(path, kSomeSecond, 800'000'000);
-    EXPECT_EQ(cache->SHAForFile(path), firstHash);
-    EXPECT_NE(firstHash, KSTSha256ForFileAtPath(path));
-    EXPECT_EQ(calculatorCalls, 1);
+class SameSecondChangeTest : public SHACacheTest, public ::testing::WithParamInterface<SameSecondChange> {};
+
+TEST_P(SameSecondChangeTest, IsHashedAgain) {
+    for (const bool reloaded : {false, true}) {
+        const std::string path = folder.writeFile("a.wav", "first content");
+        folder.writeFile("b.wav", "other content");  // of the same size
+        for (const char* name : {"a.wav", "b.wav"}) setModificationTime(folder / name, kSomeSecond, 200'000'000);
+        auto cache = makeCache();
+        const auto firstHash = cache->SHAForFile(path);
+
+        GetParam().make(folder, path);
+        ASSERT_NE(KSTSha256ForFileAtPath(path), firstHash);
+        if (reloaded) {
+            cache.reset();  // writes the record
+            cache = makeCache();
+        }
+        EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path)) << (reloaded ? "next run" : "same run");
+        cache.reset();
+        std::filesystem::remove(cachePath);
+    }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, SameSecondChangeTest,
+    ::testing::Values(
+        SameSecondChange{"RewriteLaterInTheSecond",
+                         [](const TemporaryDirectory& folder, const std::string& path) {
+                             folder.writeFile("a.wav", "fresh content");
+                             setModificationTime(path, kSomeSecond, 800'000'000);
+                         }},
+        SameSecondChange{"AppendWithTheTimeRestored",
+                         [](const TemporaryDirectory&, const std::string& path) {
+                             std::ofstream(path, std::ios::app) << " and more";
+                             setModificationTime(path, kSomeSecond, 200'000'000);
+                         }},
+        SameSecondChange{"EqualTimesSwappedByRename",
+                         [](const TemporaryDirectory& folder, const std::string& path) {
+                             std::filesystem::rename(path, folder / "c.wav");
+                             std::filesystem::rename(folder / "b.wav", path);
+                         }}),
+    [](const ::testing::TestParamInfo<SameSecondChange>& change) { return change.param.name; });
 
 TEST_F(SHACacheTest, AnswersNothingAndStoresNothingWithoutAFile) {
     auto cache = makeCache();
     EXPECT_FALSE(cache->SHAForFile(folder / "missing.wav"));
     EXPECT_FALSE(cache->SasIDForFile(folder / "missing.wav"));
     EXPECT_FALSE(cache->SHAForFile(""));
+    // Only a regular file has content: a folder, a FIFO and a device are no files to answer for.
+    EXPECT_FALSE(cache->SHAForFile(folder.makeFolder("folder.wav")));
+    ASSERT_EQ(mkfifo((folder / "pipe.wav").c_str(), 0600), 0);
+    EXPECT_FALSE(cache->SasIDForFile(folder / "pipe.wav"));
+    std::filesystem::create_symlink("/dev/null", folder / "null.wav");
+    EXPECT_FALSE(cache->recordForFile(folder / "null.wav"));
     EXPECT_FALSE(cache->cacheFile(folder.writeFile("b.wav", "b"), false, std::nullopt));
     EXPECT_TRUE(cache->shaCache().empty());
     EXPECT_FALSE(cache->dirty());
@@ -148,8 +193,7 @@ TEST_F(SHACacheTest, StoresAnEmptySasIDWhenThereIsNoAnswer) {
 }
 
 TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
-    // A folder opens and has a modification time, but has no content to hash.
-    const std::string path = folder.makeFolder("not a file");
+    const std::string path = unhashableFile(folder);
     auto cache = makeCache();
     EXPECT_FALSE(cache->SHAForFile(path));
     EXPECT_NE(logSoFar().find("Unable to calcualate SHA for " + path), std::string::npos);
@@ -157,7 +201,7 @@ TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
     EXPECT_FALSE(cache->shaCache().at(path).sha);
 
     // The record stays valid for its sasID: only the hash lookup counts it as a miss.
-    EXPECT_EQ(cache->SasIDForFile(path), "sas:not a file");
+    EXPECT_EQ(cache->SasIDForFile(path), "sas:unhashable.wav");
     EXPECT_EQ(calculatorCalls, 1);
     EXPECT_FALSE(cache->SHAForFile(path));
     EXPECT_EQ(calculatorCalls, 2);
@@ -176,13 +220,13 @@ TEST_F(SHACacheTest, RecordForFileAnswersAsTheHashLookupThenTheSasIDLookup) {
     EXPECT_EQ(calculatorCalls, 1);
 
     setModificationTime(path, kSomeSecond);
-    EXPECT_EQ(cache->recordForFile(path)->mdate, dateAt(kSomeSecond));
+    EXPECT_EQ(cache->recordForFile(path)->stamp.mdate, dateAt(kSomeSecond));
     EXPECT_EQ(calculatorCalls, 2);
 
     // A record without a hash is a miss here as for the hash lookup.
-    const std::string notAFile = folder.makeFolder("not a file");
-    EXPECT_FALSE(cache->recordForFile(notAFile)->sha);
-    EXPECT_FALSE(cache->recordForFile(notAFile)->sha);
+    const std::string unhashable = unhashableFile(folder);
+    EXPECT_FALSE(cache->recordForFile(unhashable)->sha);
+    EXPECT_FALSE(cache->recordForFile(unhashable)->sha);
     EXPECT_EQ(calculatorCalls, 4);
 
     EXPECT_FALSE(cache->recordForFile(folder / "missing"));
@@ -228,6 +272,7 @@ TEST_F(SHACacheTest, PersistWritesOnlyWhatChanged) {
 
 TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
     const std::string kept = folder.writeFile("kept.wav", "kept");
+    setModificationTime(kept, 10'413'792'000, 123'456'789);  // 2300-01-01, past 64-bit nanoseconds
     const std::string modified = folder.writeFile("modified.wav", "modified");
     const std::string deleted = folder.writeFile("deleted.wav", "deleted");
     {
@@ -240,6 +285,7 @@ TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
 
     auto reloaded = makeCache();
     EXPECT_EQ(reloaded->shaCache().size(), 1u);
+    EXPECT_EQ(reloaded->shaCache().at(kept).stamp.mdate, DCIDate::dateWithSecondsSince1970(10'413'792'000, 123'456'789));
     EXPECT_EQ(reloaded->SHAForFile(kept), KSTSha256ForFileAtPath(kept));
     EXPECT_EQ(reloaded->SasIDForFile(kept), "sas:kept.wav");
     EXPECT_EQ(calculatorCalls, 3) << "the kept file is not read again";
@@ -336,6 +382,27 @@ INSTANTIATE_TEST_SUITE_P(Cases, UnusableCacheFileTest,
                                            UnusableFile{"DamagedRecords", &makeDamagedCache}),
                          [](const ::testing::TestParamInfo<UnusableFile>& file) { return file.param.name; });
 
+TEST_F(SHACacheTest, ACacheFileOfTheEarlierFormatIsEmptiedInPlaceAndRefilled) {
+    const std::string path = folder.writeFile("a.wav", "content");
+    {
+        std::string failure;
+        auto database = DCISQLiteDatabase::open(cachePath, failure);
+        ASSERT_TRUE(database->execute(
+            "PRAGMA application_id = 1263749187; "
+            "CREATE TABLE records (path TEXT PRIMARY KEY NOT NULL, mdate INTEGER NOT NULL, sha TEXT, "
+            "sasID TEXT NOT NULL) STRICT, WITHOUT ROWID; "
+            "INSERT INTO records VALUES ('" + path + "', " + std::to_string(time(nullptr)) + ", 'stale', 'sas')"));
+    }
+    auto cache = makeCache();
+    EXPECT_TRUE(cache->shaCache().empty());
+    EXPECT_NE(logSoFar().find("SHA cache " + cachePath + " was of an earlier format"), std::string::npos);
+    EXPECT_TRUE(setAsideFiles(folder).empty());
+    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
+    cache.reset();
+    EXPECT_EQ(makeCache()->shaCache().at(path).sha, KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(calculatorCalls, 1);
+}
+
 TEST_F(SHACacheTest, AProcessKilledWhileWritingLeavesACacheThatLoads) {
 #ifdef KESTLY_UNDER_THREAD_SANITIZER
     GTEST_SKIP() << "the thread sanitizer does not allow threads in the child of a threaded fork";
@@ -350,7 +417,7 @@ TEST_F(SHACacheTest, AProcessKilledWhileWritingLeavesACacheThatLoads) {
             // Rewrites every record, round after round, until it is killed.
             auto cache = DCISHACache::initWithCachePath(cachePath, nullptr);
             for (time_t round = kSomeSecond;; ++round) {
-                for (const auto& path : paths) cache->cacheFile(path, false, dateAt(round));
+                for (const auto& path : paths) cache->cacheFile(path, false, DCIFileStamp{dateAt(round), 0, 0});
                 cache->persist();
                 cache->waitUntilPersisted();
             }

@@ -61,7 +61,7 @@ void persistOneChange(benchmark::State& state) {
         state.PauseTiming();
         ++second;
         cache->cacheFile(gPaths[static_cast<size_t>(second) % gPaths.size()], false,
-                         DCIDate(DCIDate::Clock::time_point(std::chrono::seconds(second))));
+                         DCIFileStamp{DCIDate::dateWithSecondsSince1970(second), 0, 0});
         state.ResumeTiming();
         cache->persist();
         cache->waitUntilPersisted();

@@ -72,22 +72,28 @@ TEST_F(DCIFileObjectTests, AnUnreadableFileGivesNoObject) {
     EXPECT_EQ(DCIFileObject::initWithFileName("locked.wav", buildTree()), nullptr);
 }
 
-TEST_F(DCIFileObjectTests, AFifoWithANameOfInterestDoesNotHoldUpItsCreation) {
+TEST_F(DCIFileObjectTests, OnlyARegularFileBecomesAFileObject) {
+    // None of these could ever be hashed; opening a FIFO without a writer could block.
     ASSERT_EQ(mkfifo((directory / "pipe.wav").c_str(), 0600), 0);
-    const auto folder = buildTree();  // would wait for a writer forever if opening blocked
-    EXPECT_NE(DCIFileObject::initWithFileName("pipe.wav", folder), nullptr);
+    fs::create_symlink("/dev/null", directory / "null.wav");
+    directory.makeFolder("folder.wav");
+    const auto folder = buildTree();
+    for (const char* name : {"pipe.wav", "null.wav", "folder.wav"}) {
+        EXPECT_EQ(DCIFileObject::initWithFileName(name, folder), nullptr) << name;
+    }
 }
 
 TEST_F(DCIFileObjectTests, DatesAreTheWholeSecondsOfTheModificationAndStatusChangeTimes) {
     const std::string path = directory.writeFile("kick.wav", "abc");
-    // Setting the modification time far back also stamps the status-change time with now,
-    // so the two dates come from visibly different clocks.
-    setModificationTime(path, 1'000'000'000, 700'000'000);
-    const auto file = DCIFileObject::initWithFileName("kick.wav", buildTree());
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), 1'000'000'000.0);
-    EXPECT_EQ(file->createdDate().timeIntervalSince1970(), static_cast<double>(statusChangeTime(path)));
-    EXPECT_GT(file->createdDate(), file->modifiedDate());
+    // 2001, 1969 (rounded down) and 2300, past what 64-bit nanoseconds reach. Setting the
+    // modification time also stamps the status-change time with now, a visibly different clock.
+    for (const time_t seconds : {1'000'000'000L, -1L, 10'413'792'000L}) {
+        setModificationTime(path, seconds, 700'000'000);
+        const auto file = DCIFileObject::initWithFileName("kick.wav", buildTree());
+        ASSERT_NE(file, nullptr);
+        EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), static_cast<double>(seconds));
+        EXPECT_EQ(file->createdDate().timeIntervalSince1970(), static_cast<double>(statusChangeTime(path)));
+    }
 }
 
 TEST_F(DCIFileObjectTests, UpdateAttributesRereadsTheDatesAndKeepsThemWhenTheFileIsGone) {

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -357,15 +358,23 @@ TEST_F(DCIFolderObjectTests, UpdateChangesNothingForNamesItNeedNotHold) {
     EXPECT_EQ(*tree->subFolders(), *subFolders);
 }
 
-TEST_F(DCIFolderObjectTests, UpdateAsksAboutInterestBeforeFolderness) {
-    root.writeFile("Kit.wav/inside.wav", "abc");
+TEST_F(DCIFolderObjectTests, OnlyRegularFilesAndFoldersEnterTheTree) {
+    // Names of interest on entries that could never be hashed: any of them in the tree would
+    // make every hashing pass answer NO.
+    root.writeFile("kick.wav", "abc");
+    root.makeFolder("Kit.wav");
+    ASSERT_EQ(mkfifo((root / "pipe.wav").c_str(), 0600), 0);
+    fs::create_symlink("/dev/null", root / "null.wav");
     const auto tree = buildTree();
-    EXPECT_TRUE(tree->subFolders()->contains("Kit.wav"));
-    EXPECT_TRUE(tree->files()->empty());
+    EXPECT_EQ(relativePaths(tree->gatherFiles()), std::set<std::string>{"kick.wav"});
 
-    EXPECT_TRUE(tree->updateItemAtSubPath("Kit.wav"));
-    EXPECT_TRUE(tree->files()->contains("Kit.wav"));
-    EXPECT_FALSE(tree->generateHashes()) << "a folder has no content hash";
+    // Updates keep the rule: a known folder stays one, a FIFO in a file's place removes it.
+    EXPECT_FALSE(tree->updateItemAtSubPath("Kit.wav"));
+    EXPECT_FALSE(tree->updateItemAtSubPath("pipe.wav"));
+    fs::rename(root / "pipe.wav", root / "kick.wav");
+    EXPECT_TRUE(tree->updateItemAtSubPath("kick.wav"));
+    EXPECT_TRUE(tree->files()->empty());
+    EXPECT_TRUE(tree->generateHashes());
 }
 
 TEST_F(DCIFolderObjectTests, SnapshotsHoldTheSubtree) {

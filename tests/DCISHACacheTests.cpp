@@ -11,6 +11,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -38,9 +39,10 @@ void setModificationTime(const std::string& path, time_t seconds, long nanosecon
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
 
-DCIDate dateAt(time_t seconds) {
-    return DCIDate(DCIDate::Clock::time_point(std::chrono::seconds(seconds)));
-}
+DCIDate dateAt(time_t seconds) { return DCIDate::dateWithSecondsSince1970(seconds); }
+
+// A regular file whose reading fails at once: the first page of the address space is never mapped.
+constexpr const char* kUnhashableFile = "/proc/self/mem";
 
 std::string logSoFar() {
     DCLogger::sharedLogger().flush();
@@ -94,8 +96,6 @@ TEST_F(SHACacheTest, AnswersFromItsRecordWhileTheModificationTimeIsUnchanged) {
     EXPECT_EQ(cache->SHAForFileEco(path), KSTSha256ForFileAtPath(path));
     EXPECT_EQ(cache->SasIDForFile(path), "sas:a.wav");
     EXPECT_EQ(calculatorCalls, 1);
-    EXPECT_EQ(cache->shaCache().at(path),
-              (DCISHACacheRecord{dateAt(kSomeSecond), KSTSha256ForFileAtPath(path), "sas:a.wav"}));
 
     folder.writeFile("a.wav", "second content");
     setModificationTime(path, kSomeSecond + 1);
@@ -103,17 +103,27 @@ TEST_F(SHACacheTest, AnswersFromItsRecordWhileTheModificationTimeIsUnchanged) {
     EXPECT_EQ(calculatorCalls, 2);
 }
 
-TEST_F(SHACacheTest, KeepsTheOldHashOfAFileRewrittenWithinTheSameSecond) {
-    const std::string path = folder.writeFile("a.wav", "first content");
-    setModificationTime(path, kSomeSecond, 200'000'000);
-    auto cache = makeCache();
-    const auto firstHash = cache->SHAForFile(path);
-
-    folder.writeFile("a.wav", "second content");
-    setModificationTime(path, kSomeSecond, 800'000'000);
-    EXPECT_EQ(cache->SHAForFile(path), firstHash);
-    EXPECT_NE(firstHash, KSTSha256ForFileAtPath(path));
-    EXPECT_EQ(calculatorCalls, 1);
+TEST_F(SHACacheTest, ChangesWithinTheSecondAreHashedAgainInThisRunAndTheNext) {
+    const std::string a = folder / "a.wav", b = folder / "b.wav";
+    const std::function<void()> changes[] = {
+        [&] { folder.writeFile("a.wav", "fresh content"); setModificationTime(a, kSomeSecond, 800'000'000); },
+        [&] { std::ofstream(a, std::ios::app) << "+"; setModificationTime(a, kSomeSecond, 200'000'000); },
+        [&] { std::filesystem::rename(b, a); },  // same size, same times
+    };
+    for (const auto& change : changes) {
+        for (const bool reloaded : {false, true}) {
+            folder.writeFile("a.wav", "first content");
+            folder.writeFile("b.wav", "other content");
+            for (const auto& path : {a, b}) setModificationTime(path, kSomeSecond, 200'000'000);
+            auto cache = makeCache();
+            cache->SHAForFile(a);
+            change();
+            if (reloaded) cache.reset(), cache = makeCache();
+            EXPECT_EQ(cache->SHAForFile(a), KSTSha256ForFileAtPath(a)) << &change - changes << reloaded;
+            cache.reset();
+            std::filesystem::remove(cachePath);
+        }
+    }
 }
 
 TEST_F(SHACacheTest, AnswersNothingAndStoresNothingWithoutAFile) {
@@ -121,6 +131,12 @@ TEST_F(SHACacheTest, AnswersNothingAndStoresNothingWithoutAFile) {
     EXPECT_FALSE(cache->SHAForFile(folder / "missing.wav"));
     EXPECT_FALSE(cache->SasIDForFile(folder / "missing.wav"));
     EXPECT_FALSE(cache->SHAForFile(""));
+    // Only a regular file has content: a folder, a FIFO and a device are no files to answer for.
+    EXPECT_FALSE(cache->SHAForFile(folder.makeFolder("folder.wav")));
+    ASSERT_EQ(mkfifo((folder / "pipe.wav").c_str(), 0600), 0);
+    EXPECT_FALSE(cache->SasIDForFile(folder / "pipe.wav"));
+    std::filesystem::create_symlink("/dev/null", folder / "null.wav");
+    EXPECT_FALSE(cache->recordForFile(folder / "null.wav"));
     EXPECT_FALSE(cache->cacheFile(folder.writeFile("b.wav", "b"), false, std::nullopt));
     EXPECT_TRUE(cache->shaCache().empty());
     EXPECT_FALSE(cache->dirty());
@@ -148,8 +164,7 @@ TEST_F(SHACacheTest, StoresAnEmptySasIDWhenThereIsNoAnswer) {
 }
 
 TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
-    // A folder opens and has a modification time, but has no content to hash.
-    const std::string path = folder.makeFolder("not a file");
+    const std::string path = kUnhashableFile;
     auto cache = makeCache();
     EXPECT_FALSE(cache->SHAForFile(path));
     EXPECT_NE(logSoFar().find("Unable to calcualate SHA for " + path), std::string::npos);
@@ -157,7 +172,7 @@ TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
     EXPECT_FALSE(cache->shaCache().at(path).sha);
 
     // The record stays valid for its sasID: only the hash lookup counts it as a miss.
-    EXPECT_EQ(cache->SasIDForFile(path), "sas:not a file");
+    EXPECT_EQ(cache->SasIDForFile(path), "sas:mem");
     EXPECT_EQ(calculatorCalls, 1);
     EXPECT_FALSE(cache->SHAForFile(path));
     EXPECT_EQ(calculatorCalls, 2);
@@ -176,13 +191,12 @@ TEST_F(SHACacheTest, RecordForFileAnswersAsTheHashLookupThenTheSasIDLookup) {
     EXPECT_EQ(calculatorCalls, 1);
 
     setModificationTime(path, kSomeSecond);
-    EXPECT_EQ(cache->recordForFile(path)->mdate, dateAt(kSomeSecond));
+    EXPECT_EQ(cache->recordForFile(path)->stamp.mdate, dateAt(kSomeSecond));
     EXPECT_EQ(calculatorCalls, 2);
 
     // A record without a hash is a miss here as for the hash lookup.
-    const std::string notAFile = folder.makeFolder("not a file");
-    EXPECT_FALSE(cache->recordForFile(notAFile)->sha);
-    EXPECT_FALSE(cache->recordForFile(notAFile)->sha);
+    EXPECT_FALSE(cache->recordForFile(kUnhashableFile)->sha);
+    EXPECT_FALSE(cache->recordForFile(kUnhashableFile)->sha);
     EXPECT_EQ(calculatorCalls, 4);
 
     EXPECT_FALSE(cache->recordForFile(folder / "missing"));
@@ -228,6 +242,7 @@ TEST_F(SHACacheTest, PersistWritesOnlyWhatChanged) {
 
 TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
     const std::string kept = folder.writeFile("kept.wav", "kept");
+    setModificationTime(kept, 10'413'792'000, 123'456'789);  // 2300-01-01, past 64-bit nanoseconds
     const std::string modified = folder.writeFile("modified.wav", "modified");
     const std::string deleted = folder.writeFile("deleted.wav", "deleted");
     {
@@ -240,6 +255,7 @@ TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
 
     auto reloaded = makeCache();
     EXPECT_EQ(reloaded->shaCache().size(), 1u);
+    EXPECT_EQ(reloaded->shaCache().at(kept).stamp.mdate, DCIDate::dateWithSecondsSince1970(10'413'792'000, 123'456'789));
     EXPECT_EQ(reloaded->SHAForFile(kept), KSTSha256ForFileAtPath(kept));
     EXPECT_EQ(reloaded->SasIDForFile(kept), "sas:kept.wav");
     EXPECT_EQ(calculatorCalls, 3) << "the kept file is not read again";
@@ -336,6 +352,19 @@ INSTANTIATE_TEST_SUITE_P(Cases, UnusableCacheFileTest,
                                            UnusableFile{"DamagedRecords", &makeDamagedCache}),
                          [](const ::testing::TestParamInfo<UnusableFile>& file) { return file.param.name; });
 
+TEST_F(SHACacheTest, ACacheFileOfTheEarlierFormatIsEmptiedInPlaceAndRefilled) {
+    const std::string path = folder.writeFile("a.wav", "content");
+    std::string failure;
+    ASSERT_TRUE(DCISQLiteDatabase::open(cachePath, failure)->execute(
+        "PRAGMA application_id = 1263749187; CREATE TABLE records (path TEXT PRIMARY KEY, mdate INTEGER, sha TEXT, "
+        "sasID TEXT); INSERT INTO records VALUES ('" + path + "', " + std::to_string(time(nullptr)) + ", 'old', '')"));
+    EXPECT_TRUE(makeCache()->shaCache().empty());
+    EXPECT_NE(logSoFar().find("SHA cache " + cachePath + " was of an earlier format"), std::string::npos);
+    EXPECT_TRUE(setAsideFiles(folder).empty());
+    makeCache()->SHAForFile(path);
+    EXPECT_EQ(makeCache()->shaCache().at(path).sha, KSTSha256ForFileAtPath(path));
+}
+
 TEST_F(SHACacheTest, AProcessKilledWhileWritingLeavesACacheThatLoads) {
 #ifdef KESTLY_UNDER_THREAD_SANITIZER
     GTEST_SKIP() << "the thread sanitizer does not allow threads in the child of a threaded fork";
@@ -350,7 +379,7 @@ TEST_F(SHACacheTest, AProcessKilledWhileWritingLeavesACacheThatLoads) {
             // Rewrites every record, round after round, until it is killed.
             auto cache = DCISHACache::initWithCachePath(cachePath, nullptr);
             for (time_t round = kSomeSecond;; ++round) {
-                for (const auto& path : paths) cache->cacheFile(path, false, dateAt(round));
+                for (const auto& path : paths) cache->cacheFile(path, false, DCIFileStamp{dateAt(round), 0, 0});
                 cache->persist();
                 cache->waitUntilPersisted();
             }
@@ -400,6 +429,9 @@ TEST_F(SHACacheTest, LookupsFromSeveralThreadsRunAlongsideChangesAndPersist) {
     for (auto& reader : readers) reader.join();
     EXPECT_EQ(wrongAnswers, 0);
 
+    // A lookup that read a file's stamp before a change may store its record last; one more
+    // pass brings every record up to date before the file is checked.
+    for (const auto& path : paths) cache->SHAForFile(path);
     cache.reset();
     const auto records = makeCache()->shaCache();
     ASSERT_EQ(records.size(), paths.size());

@@ -23,7 +23,7 @@ std::optional<std::string> loadedString(const std::shared_ptr<const std::string>
 }
 
 DCIDate dateFromSeconds(const std::atomic<int64_t>& seconds) {
-    return DCIDate::dateWithTimeIntervalSince1970(static_cast<double>(seconds.load(std::memory_order_relaxed)));
+    return DCIDate::dateWithSecondsSince1970(seconds.load(std::memory_order_relaxed));
 }
 
 }  // namespace
@@ -40,13 +40,13 @@ std::shared_ptr<DCIFileObject> DCIFileObject::initWithFileName(const std::string
 }
 
 bool DCIFileObject::updateAttributes() {
-    // O_NONBLOCK: opening a FIFO that carries a name of interest must not wait for a writer.
-    const int descriptor = open(absolutePath_.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (descriptor < 0) return false;
+    // Only a regular file can ever be hashed: a FIFO, socket or device (or a link to one) in
+    // the tree would fail every hashing pass. Such entries are never opened, since opening a
+    // device can act on it; a regular file is asked about instead of opened, which costs one
+    // system call less.
     struct stat status;
-    const bool statusRead = fstat(descriptor, &status) == 0;
-    close(descriptor);
-    if (!statusRead) return false;
+    if (stat(absolutePath_.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    if (faccessat(AT_FDCWD, absolutePath_.c_str(), R_OK, AT_EACCESS) != 0) return false;
     modifiedSeconds_.store(status.st_mtim.tv_sec, std::memory_order_relaxed);
     createdSeconds_.store(status.st_ctim.tv_sec, std::memory_order_relaxed);
     return true;

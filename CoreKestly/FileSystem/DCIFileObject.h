@@ -26,13 +26,15 @@ class DCIFolderObject;
 class DCIFileObject : public DCIObject {
 public:
     /// The file `name` in `inFolder`, with its dates read from disk; nullptr when there is no
-    /// folder or the file cannot be opened for reading (missing, a dangling link, no permission).
+    /// folder, when the entry is not a regular file after links (a folder, FIFO, socket or
+    /// device: none could ever be hashed), or when it may not be read (missing, a dangling
+    /// link, no permission).
     static std::shared_ptr<DCIFileObject> initWithFileName(const std::string& name,
                                                            const std::shared_ptr<DCIFolderObject>& inFolder);
 
-    /// Rereads both dates through a descriptor opened read-only, so a link gives its target's
-    /// dates. False, with the dates left as they were, when the file cannot be opened or its
-    /// status read.
+    /// Rereads both dates from the file's status, following links, so a link gives its
+    /// target's dates. False, with the dates left as they were, when the entry is no readable
+    /// regular file. Nothing is opened.
     bool updateAttributes();
 
     /// The entry's name inside its folder.

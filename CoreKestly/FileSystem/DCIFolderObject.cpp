@@ -103,18 +103,20 @@ std::vector<DCIFolderObject::ListedEntry> DCIFolderObject::listEntries() const {
     const int directoryDescriptor = dirfd(directory.get());
     while (const dirent* entry = readdir(directory.get())) {
         if (!isEntryName(entry->d_name)) continue;
-        // A plain file needs no status here: its file object opens it anyway. Everything else
+        // A plain file needs no status here: its file object reads it anyway. Everything else
         // is looked at through links, so a link counts as what it leads to and a dangling one
-        // as nothing.
+        // as nothing; only folders and regular files can belong to the tree.
         if (entry->d_type == DT_REG) {
             entries.push_back({entry->d_name, std::nullopt});
             continue;
         }
         struct stat status;
         if (fstatat(directoryDescriptor, entry->d_name, &status, 0) != 0) continue;
-        std::optional<DirectoryIdentity> folderIdentity;
-        if (S_ISDIR(status.st_mode)) folderIdentity = DirectoryIdentity{status.st_dev, status.st_ino};
-        entries.push_back({entry->d_name, folderIdentity});
+        if (S_ISDIR(status.st_mode)) {
+            entries.push_back({entry->d_name, DirectoryIdentity{status.st_dev, status.st_ino}});
+        } else if (S_ISREG(status.st_mode)) {
+            entries.push_back({entry->d_name, std::nullopt});
+        }
     }
     return entries;
 }
@@ -151,12 +153,16 @@ bool DCIFolderObject::updateItemAtSubPath(const std::string& name) {
     struct stat status;
     if (stat(fullPath.c_str(), &status) == 0) {
         const auto queries = fileQueries_.lock();
-        if (queries && queries->isFileOfInterest(fullPath)) {
+        if (S_ISREG(status.st_mode) && queries && queries->isFileOfInterest(fullPath)) {
             auto file = DCIFileObject::initWithFileName(name, shared_from_this());
             files_.store(replacingEntry(*currentFiles, name, std::move(file)));
             return true;
         }
-        if (!S_ISDIR(status.st_mode) || currentSubFolders->contains(name)) return false;
+        // Only a regular file can be a file of the tree, whatever its name: anything else
+        // that took a file's name (a folder, a FIFO) removes that file.
+        const bool fileReplaced = currentFiles->contains(name);
+        if (fileReplaced) files_.store(replacingEntry(*currentFiles, name, nullptr));
+        if (!S_ISDIR(status.st_mode) || currentSubFolders->contains(name)) return fileReplaced;
         const DirectoryIdentity identity{status.st_dev, status.st_ino};
         if (auto folder = makeFolder(fullPath, shared_from_this(), fileQueries_, identity)) {
             subFolders_.store(replacingEntry(*currentSubFolders, name, std::move(folder)));

@@ -27,8 +27,9 @@ using DCIFolderSet = std::unordered_set<std::shared_ptr<DCIFolderObject>, DCIIde
 
 /// One folder of the watched tree. Made for a path, it scans its directory at once and builds
 /// its whole subtree: a sub-folder for every entry that is a folder or a link to one (hidden
-/// ones too), a `DCIFileObject` for every other entry the tree's queries call of interest and
-/// that can be opened. A folder owns its sub-folders and files; they refer to it weakly, so
+/// ones too), a `DCIFileObject` for every regular file (or link to one) that the tree's
+/// queries call of interest and that may be read. FIFOs, sockets and devices never enter the
+/// tree, whatever their names: they could never be hashed. A folder owns its sub-folders and files; they refer to it weakly, so
 /// whoever holds the root keeps the tree alive.
 ///
 /// The tree is tied to the `DCIFileQueries` it was built with, held weakly: once that object
@@ -61,12 +62,12 @@ public:
     /// when every file ends with a hash; every file is tried even after one failed.
     bool generateHashes();
 
-    /// Brings the entry `name` (one path component) in line with the disk: a file of interest
-    /// is replaced by a new file object without hash, or removed when it cannot be opened; a
-    /// new folder is added with its subtree; a vanished entry is removed. Interest is asked
-    /// before folder-ness, so a folder with a name of interest becomes a file. True when the
-    /// folder's contents changed. A folder already present, an existing entry of no interest,
-    /// an unknown missing name, or a `name` that is not one component changes nothing.
+    /// Brings the entry `name` (one path component) in line with the disk: a regular file of
+    /// interest is replaced by a new file object without hash, or removed when it may not be
+    /// read; a new folder is added with its subtree; a vanished entry, or a file whose name
+    /// now holds a folder, FIFO or device, is removed. True when the folder's contents
+    /// changed. A folder already present, an existing entry of no interest, an unknown
+    /// missing name, or a `name` that is not one component changes nothing.
     bool updateItemAtSubPath(const std::string& name);
 
     /// Every file object in the subtree.

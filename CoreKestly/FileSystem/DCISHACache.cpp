@@ -6,8 +6,6 @@
 #include "CoreKestly/Platform/DCIFormat.h"
 #include "CoreKestly/Platform/DCISerialExecutorInternal.h"
 
-#include <chrono>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -82,25 +80,34 @@ std::optional<DCISHACacheRecord> DCISHACache::recordForFile(const std::string& p
     return currentRecord(path, false, holdsSHA);
 }
 
+std::optional<DCIFileStamp> DCIFileStamp::ofFile(const std::string& path) {
+    struct stat status {};
+    if (path.empty() || ::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    return DCIFileStamp{DCIDate::dateWithSecondsSince1970(status.st_mtim.tv_sec, status.st_mtim.tv_nsec),
+                        static_cast<uint64_t>(status.st_size), static_cast<uint64_t>(status.st_ino)};
+}
+
 std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& path, bool eco, Answers answers) {
-    const auto modificationDate = modificationDateForFile(path);
-    if (!modificationDate) return std::nullopt;
+    const auto stamp = DCIFileStamp::ofFile(path);
+    if (!stamp) return std::nullopt;
     {
         std::shared_lock lock(accessMutex_);
         const auto found = shaCache_.find(path);
-        if (found != shaCache_.end() && found->second.mdate == *modificationDate && answers(found->second)) {
+        if (found != shaCache_.end() && found->second.stamp == *stamp && answers(found->second)) {
             return found->second;
         }
     }
+    // A hit needs only the stamp; a miss is about to read the file, so a file that may not be
+    // read is turned away here, with no record and no log line.
+    if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) return std::nullopt;
     // Hashing and the calculator run without the lock: a long hash holds back no one.
-    return cacheFile(path, eco, modificationDate);
+    return cacheFile(path, eco, stamp);
 }
 
 std::optional<DCISHACacheRecord> DCISHACache::cacheFile(const std::string& path, bool eco,
-                                                        const std::optional<DCIDate>& modificationDate) {
-    if (!modificationDate) return std::nullopt;
-    DCISHACacheRecord record{*modificationDate, eco ? KSTSha256ForFileAtPathEco(path) : KSTSha256ForFileAtPath(path),
-                             ""};
+                                                        const std::optional<DCIFileStamp>& stamp) {
+    if (!stamp) return std::nullopt;
+    DCISHACacheRecord record{*stamp, eco ? KSTSha256ForFileAtPathEco(path) : KSTSha256ForFileAtPath(path), ""};
     if (!record.sha) DCLogError("Unable to calcualate SHA for %@", path);
     if (const auto calculator = sasIDCalculator()) record.sasID = calculator(path).value_or("");
     store(path, record);
@@ -108,13 +115,9 @@ std::optional<DCISHACacheRecord> DCISHACache::cacheFile(const std::string& path,
 }
 
 std::optional<DCIDate> DCISHACache::modificationDateForFile(const std::string& path) {
-    const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    if (descriptor < 0) return std::nullopt;
-    struct stat status {};
-    const bool known = ::fstat(descriptor, &status) == 0;
-    ::close(descriptor);
-    if (!known) return std::nullopt;
-    return DCIDate(DCIDate::Clock::time_point(std::chrono::seconds(status.st_mtim.tv_sec)));
+    const auto stamp = DCIFileStamp::ofFile(path);
+    if (!stamp) return std::nullopt;
+    return DCIDate::dateWithSecondsSince1970(stamp->mdate.secondsSince1970());
 }
 
 void DCISHACache::loadCachedSHAData() {
@@ -125,7 +128,7 @@ void DCISHACache::loadCachedSHAData() {
     std::unordered_set<std::string> dropped;
     kept.reserve(stored.size());
     for (auto& [path, record] : stored) {
-        if (modificationDateForFile(path) == record.mdate) {
+        if (DCIFileStamp::ofFile(path) == record.stamp) {
             kept.emplace(std::move(path), std::move(record));
         } else {
             dropped.insert(std::move(path));  // removed from the file at the next persist

@@ -4,6 +4,7 @@
 #include "CoreKestly/Platform/DCIObject.h"
 
 #include <functional>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -23,11 +24,28 @@ class DCISHACacheStore;
 /// per miss, after the file was hashed.
 using DCISasIDCalculator = std::function<std::optional<std::string>(const std::string& path)>;
 
+/// What the cache checks to trust a record: the facts of a file that change whenever its
+/// content may have. An append changes the size, a rewrite the nanosecond modification time,
+/// a file renamed over another (even one with the same times, as copies that keep times
+/// make them) the inode.
+struct DCIFileStamp {
+    /// The modification time to the nanosecond (POSIX st_mtim).
+    DCIDate mdate;
+    uint64_t size;
+    uint64_t inode;
+
+    /// The stamp of the regular file at `path`, from one status read that follows links;
+    /// nothing when there is no such file or it is no regular file (a FIFO, a device).
+    static std::optional<DCIFileStamp> ofFile(const std::string& path);
+
+    friend bool operator==(const DCIFileStamp&, const DCIFileStamp&) = default;
+};
+
 /// What the cache knows of one file.
 struct DCISHACacheRecord {
-    /// The file's modification time in whole seconds, measured just before hashing. The
-    /// record answers for the file only while its modification time is still this one.
-    DCIDate mdate;
+    /// The file's stamp, read just before hashing. The record answers for the file only while
+    /// its stamp is still this one.
+    DCIFileStamp stamp;
     /// The SHA-256 as 64 lower-case hex characters; nothing when hashing failed.
     std::optional<std::string> sha;
     /// The calculator's answer; "" when there is no calculator or it answered nothing.
@@ -41,15 +59,17 @@ struct DCISHACacheRecord {
     friend bool operator==(const DCISHACacheRecord&, const DCISHACacheRecord&) = default;
 };
 
-/// Remembers, per file path, the file's SHA-256 and `sasID` with the modification time at
-/// which they were computed, and keeps them in an SQLite file between runs, so that files
-/// whose modification time is unchanged are never read again.
+/// Remembers, per file path, the file's SHA-256 and `sasID` with the file's stamp (nanosecond
+/// modification time, size, inode) when they were computed, and keeps them in an SQLite file
+/// between runs, so that files whose stamp is unchanged are never read again. Checking a
+/// record costs one status read of the file.
 ///
 /// Paths are keys exactly as given: no standardisation, so two spellings of one file are two
-/// entries. Modification times are whole seconds: a file rewritten within the second of its
-/// cached time keeps its cached values.
+/// entries. Only regular files (after links) are answered for.
 ///
-/// The cache file holds one row per path (path, "mdate", "sha", "sasID"). Every write is one
+/// The cache file holds one row per path (path, "mdate" in seconds and nanoseconds, size,
+/// inode, "sha", "sasID"). A cache file of the earlier format, whose records carry whole
+/// seconds only, is emptied with a log line: its files are hashed again. Every write is one
 /// SQLite transaction (write-ahead log), so a process killed at any moment leaves a file that
 /// loads. A file at the cache path that is not such a database is logged, renamed to
 /// "<path>.corrupt-<UTC date and time>" and replaced by an empty cache; nothing is deleted.
@@ -65,7 +85,7 @@ struct DCISHACacheRecord {
 class DCISHACache : public DCIObject {
 public:
     /// A cache on the file at `cachePath` (its folder must exist), with the file's records
-    /// loaded and those of files whose modification time changed already dropped.
+    /// loaded and those of files whose stamp changed already dropped.
     /// `sasIDCaclulator` may be empty: every `sasID` is then "".
     static std::shared_ptr<DCISHACache> initWithCachePath(const std::string& cachePath,
                                                           DCISasIDCalculator sasIDCaclulator);
@@ -84,40 +104,39 @@ public:
     DCISasIDCalculator sasIDCalculator() const;
     void setSasIDCalculator(DCISasIDCalculator sasIDCalculator);
 
-    /// The file's SHA-256: the cached one while its modification time is unchanged, else
-    /// computed at full speed and stored. Nothing, and no entry, when the file cannot be
-    /// opened (an empty path included); nothing when it can be opened but not hashed, which
-    /// stores a record without "sha" so the next lookup tries again.
+    /// The file's SHA-256: the cached one while its stamp is unchanged, else computed at full
+    /// speed and stored. Nothing, and no entry, when the path names no regular file (an empty
+    /// path included) and, on a miss, when the file may not be read; nothing when it can be
+    /// read but not hashed, which stores a record without "sha" so the next lookup tries again.
     std::optional<std::string> SHAForFile(const std::string& path);
     /// As `SHAForFile`, hashing a miss with `KSTSha256ForFileAtPathEco`.
     std::optional<std::string> SHAForFileEco(const std::string& path);
     std::optional<std::string> SHAForFile(const std::string& path, bool eco);
 
-    /// The file's `sasID` from a record valid for its current modification time, else from a
-    /// new record (which hashes the file too). Nothing when the file cannot be opened and
-    /// when the stored `sasID` is "": the calculator is not asked again until the file changes.
+    /// The file's `sasID` from a record valid for its current stamp, else from a new record
+    /// (which hashes the file too). Nothing where `SHAForFile` stores no entry, and when the
+    /// stored `sasID` is "": the calculator is not asked again until the file changes.
     std::optional<std::string> SasIDForFile(const std::string& path);
 
-    /// The record `SHAForFile` answers from: the cached one while the file's modification time
-    /// is unchanged and it holds a hash, else a new one (the file hashed at full speed, the
+    /// The record `SHAForFile` answers from: the cached one while the file's stamp is
+    /// unchanged and it holds a hash, else a new one (the file hashed at full speed, the
     /// calculator asked). Its `sha` and `answeredSasID()` are what `SHAForFile` and then
-    /// `SasIDForFile` would answer, for the price of one look at the file. Nothing when the
-    /// file cannot be opened.
+    /// `SasIDForFile` would answer, for the price of one look at the file. Nothing where
+    /// `SHAForFile` stores no entry.
     std::optional<DCISHACacheRecord> recordForFile(const std::string& path);
 
     /// Hashes the file (eco or full speed), asks the calculator and stores the new record
-    /// under `path` with `modificationDate` as its "mdate", replacing any earlier one. Logs
-    /// "Unable to calcualate SHA for <path>" when hashing fails. With no date it stores
-    /// nothing and answers nothing.
+    /// under `path` with `stamp`, replacing any earlier one. Logs "Unable to calcualate SHA
+    /// for <path>" when hashing fails. With no stamp it stores nothing and answers nothing.
     std::optional<DCISHACacheRecord> cacheFile(const std::string& path, bool eco,
-                                               const std::optional<DCIDate>& modificationDate);
+                                               const std::optional<DCIFileStamp>& stamp);
 
-    /// The modification time of the file at `path` in whole seconds, read through a
-    /// descriptor opened read-only (so links are followed); nothing when it cannot be opened.
+    /// The modification time of the regular file at `path` in whole seconds, links followed;
+    /// nothing when there is none.
     static std::optional<DCIDate> modificationDateForFile(const std::string& path);
 
     /// Replaces the in-memory records with the file's, keeping only those whose file still has
-    /// the recorded modification time. Dropped records are removed from the file at the next
+    /// the recorded stamp. Dropped records are removed from the file at the next
     /// `persist`. Records not yet written when this is called are lost.
     void loadCachedSHAData();
 
@@ -135,8 +154,8 @@ public:
 private:
     DCISHACache(std::string cachePath, DCISasIDCalculator sasIDCalculator);
 
-    // The record valid for the file's current modification time when `answers` accepts it,
-    // else a new record; nothing when the file cannot be opened.
+    // The record valid for the file's current stamp when `answers` accepts it, else a new
+    // record; nothing when there is no regular file, or a miss may not read it.
     using Answers = bool (*)(const DCISHACacheRecord&);
     std::optional<DCISHACacheRecord> currentRecord(const std::string& path, bool eco, Answers answers);
     void store(const std::string& path, const DCISHACacheRecord& record);

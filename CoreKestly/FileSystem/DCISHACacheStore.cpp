@@ -3,7 +3,6 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Platform/DCISQLiteDatabaseInternal.h"
 
-#include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <system_error>
@@ -13,27 +12,28 @@ namespace {
 // Marks the file as ours, so a database of another application is never taken for a cache.
 constexpr int64_t kApplicationID = 0x4B534843;  // "KSHC"
 
-// STRICT keeps every row's types what the reader expects, whoever wrote it.
+// The layout of the records table; 0, SQLite's default, was the first one, which knew
+// modification times in whole seconds only.
+constexpr int64_t kSchemaVersion = 2;
+
+// STRICT keeps every row's types what the reader expects, whoever wrote it. The modification
+// time is held as seconds and nanoseconds, since one count of nanoseconds ends in 2262; inodes
+// are stored with their 64 bits as a signed integer.
 constexpr std::string_view kCreateTable =
-    "CREATE TABLE IF NOT EXISTS records ("
-    "path TEXT PRIMARY KEY NOT NULL, mdate INTEGER NOT NULL, sha TEXT, sasID TEXT NOT NULL"
+    "CREATE TABLE records ("
+    "path TEXT PRIMARY KEY NOT NULL, mdate INTEGER NOT NULL, mdateNanoseconds INTEGER NOT NULL, "
+    "size INTEGER NOT NULL, inode INTEGER NOT NULL, sha TEXT, sasID TEXT NOT NULL"
     ") STRICT, WITHOUT ROWID";
 
-constexpr std::string_view kSelectRecords = "SELECT path, mdate, sha, sasID FROM records";
+constexpr std::string_view kSelectRecords =
+    "SELECT path, mdate, mdateNanoseconds, size, inode, sha, sasID FROM records";
 constexpr std::string_view kUpsertRecord =
-    "INSERT OR REPLACE INTO records (path, mdate, sha, sasID) VALUES (?1, ?2, ?3, ?4)";
+    "INSERT OR REPLACE INTO records (path, mdate, mdateNanoseconds, size, inode, sha, sasID) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)";
 constexpr std::string_view kDeleteRecord = "DELETE FROM records WHERE path = ?1";
 
 // The journal files SQLite may keep beside a database; they travel with it when it is set aside.
 constexpr const char* kJournalSuffixes[] = {"-wal", "-shm", "-journal"};
-
-int64_t secondsSince1970(const DCIDate& date) {
-    return std::chrono::duration_cast<std::chrono::seconds>(date.timePoint().time_since_epoch()).count();
-}
-
-DCIDate dateWithSecondsSince1970(int64_t seconds) {
-    return DCIDate(DCIDate::Clock::time_point(std::chrono::seconds(seconds)));
-}
 
 // "<path>.corrupt-20240131T235959Z", with "-2", "-3"... when that name is taken already.
 std::string setAsidePath(const std::string& path) {
@@ -73,6 +73,14 @@ void DCISHACacheStore::open() {
     case FileState::Empty:
         if (!createSchema()) return workWithoutFile(database_->lastErrorMessage());
         break;
+    case FileState::Outdated:
+        // Its records cannot tell a rewrite within the same second, so none can be trusted:
+        // the table is made anew and every file is hashed again, once.
+        if (!createSchema()) return workWithoutFile(database_->lastErrorMessage());
+        DCLogError("SHA cache %@ was of an earlier format; its records were dropped and the files will be hashed "
+                   "again",
+                   path_);
+        break;
     case FileState::Foreign:
         return setAsideAndReopen("a database of another kind");
     case FileState::Damaged:
@@ -92,16 +100,20 @@ DCISHACacheStore::FileState DCISHACacheStore::inspect() {
         return database_->lastFailure() == DCISQLiteFailure::DamagedFile ? FileState::Damaged : FileState::Unusable;
     }
     if (*objectCount == 0) return FileState::Empty;
-    if (database_->queryInt64("PRAGMA application_id") != kApplicationID || !database_->prepare(kSelectRecords)) {
-        return FileState::Foreign;
-    }
+    if (database_->queryInt64("PRAGMA application_id") != kApplicationID) return FileState::Foreign;
+    const auto version = database_->queryInt64("PRAGMA user_version");
+    if (version == 0) return FileState::Outdated;
+    // A later format, or one whose table is not as its version says, is no file to write to.
+    if (version != kSchemaVersion || !database_->prepare(kSelectRecords)) return FileState::Foreign;
     return FileState::Cache;
 }
 
 bool DCISHACacheStore::createSchema() {
     DCISQLiteTransaction transaction(*database_);
-    return transaction.isActive() && database_->execute(kCreateTable) &&
-           database_->execute("PRAGMA application_id = " + std::to_string(kApplicationID)) && transaction.commit();
+    return transaction.isActive() && database_->execute("DROP TABLE IF EXISTS records") &&
+           database_->execute(kCreateTable) &&
+           database_->execute("PRAGMA application_id = " + std::to_string(kApplicationID)) &&
+           database_->execute("PRAGMA user_version = " + std::to_string(kSchemaVersion)) && transaction.commit();
 }
 
 bool DCISHACacheStore::prepareStatements() {
@@ -147,9 +159,11 @@ std::vector<std::pair<std::string, DCISHACacheRecord>> DCISHACacheStore::readAll
     auto select = database_->prepare(kSelectRecords);
     auto step = select ? select->step() : DCISQLiteStatement::Step::Failed;
     for (; step == DCISQLiteStatement::Step::Row; step = select->step()) {
+        const DCIFileStamp stamp{DCIDate::dateWithSecondsSince1970(select->columnInt64(1), select->columnInt64(2)),
+                                 static_cast<uint64_t>(select->columnInt64(3)),
+                                 static_cast<uint64_t>(select->columnInt64(4))};
         records.emplace_back(select->columnText(0).value_or(""),
-                             DCISHACacheRecord{dateWithSecondsSince1970(select->columnInt64(1)),
-                                               select->columnText(2), select->columnText(3).value_or("")});
+                             DCISHACacheRecord{stamp, select->columnText(5), select->columnText(6).value_or("")});
     }
     if (step == DCISQLiteStatement::Step::Done) return records;
 
@@ -181,9 +195,13 @@ bool DCISHACacheStore::writeChange(const Change& change) {
     DCISQLiteStatement& statement = record ? *upsertRecord_ : *deleteRecord_;
     bool bound = statement.bind(1, path);
     if (record) {
-        bound = bound && statement.bind(2, secondsSince1970(record->mdate)) &&
-                (record->sha ? statement.bind(3, *record->sha) : statement.bindNull(3)) &&
-                statement.bind(4, record->sasID);
+        const DCIFileStamp& stamp = record->stamp;
+        bound = bound && statement.bind(2, stamp.mdate.secondsSince1970()) &&
+                statement.bind(3, int64_t{stamp.mdate.nanoseconds()}) &&
+                statement.bind(4, static_cast<int64_t>(stamp.size)) &&
+                statement.bind(5, static_cast<int64_t>(stamp.inode)) &&
+                (record->sha ? statement.bind(6, *record->sha) : statement.bindNull(6)) &&
+                statement.bind(7, record->sasID);
     }
     const bool done = bound && statement.step() == DCISQLiteStatement::Step::Done;
     statement.reset();

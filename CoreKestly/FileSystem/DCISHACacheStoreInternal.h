@@ -14,8 +14,9 @@ class DCISQLiteStatement;
 /// The file behind a `DCISHACache`: an SQLite database with one row per path, written through
 /// a write-ahead log so that every write is all or nothing even if the process dies in it.
 ///
-/// A file at the path that is not such a database (another file, a damaged database, a
-/// database of another shape) is logged, renamed to "<path>.corrupt-<UTC time>" with its
+/// A cache file of the earlier format (whole-second records, no version) is emptied in place
+/// with a log line. A file at the path that is not such a database (another file, a damaged
+/// database, a database of another shape or of a later format) is logged, renamed to "<path>.corrupt-<UTC time>" with its
 /// journal files, and replaced by an empty cache. A file that cannot be opened or created
 /// leaves the store working without a file: it reads nothing and its writes succeed unstored.
 /// Used by one thread at a time.
@@ -36,7 +37,7 @@ public:
     bool write(const std::vector<Change>& changes);
 
 private:
-    enum class FileState { Cache, Empty, Foreign, Damaged, Unusable };
+    enum class FileState { Cache, Empty, Outdated, Foreign, Damaged, Unusable };
 
     void open();
     FileState inspect();

@@ -186,8 +186,8 @@ void printJSON(const std::string& root, const ScanResult& result, uint64_t files
         files.push_back({
             {"path", file->relativePath()},
             {"sha256", result.hashes[i] ? nlohmann::ordered_json(*result.hashes[i]) : nlohmann::ordered_json(nullptr)},
-            {"modified", static_cast<int64_t>(file->modifiedDate().timeIntervalSince1970())},
-            {"created", static_cast<int64_t>(file->createdDate().timeIntervalSince1970())},
+            {"modified", file->modifiedDate().secondsSince1970()},
+            {"created", file->createdDate().secondsSince1970()},
         });
     }
     const nlohmann::ordered_json document = {

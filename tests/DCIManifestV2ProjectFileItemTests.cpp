@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -90,7 +91,7 @@ TEST(DCIManifestV2ProjectFileItemTests, StripsTheProjectFolder) {
     EXPECT_EQ(relativePath(kFolder, "misc", "Users/ann/Music/Beat Project/./Notes//todo.txt"), "Notes/todo.txt");
     // Matched as text: a sibling folder whose name extends the project's loses the folder
     // and the one character after it all the same.
-    EXPECT_EQ(relativePath("Beat", "samples", "Beats/kick.wav"), "/kick.wav");
+    EXPECT_EQ(relativePath("Beat", "samples", "Beatsx/kick.wav"), "x/kick.wav");
     EXPECT_EQ(relativePath(kFolder, "samples", "Elsewhere/kick.wav"), "Elsewhere/kick.wav");
     EXPECT_EQ(relativePath(kFolder, "samples", "Other Disk/Beat Project/kick.wav"), "Other Disk/Beat Project/kick.wav");
 }
@@ -143,6 +144,14 @@ TEST(DCIManifestV2ProjectFileItemTests, SessionFallbackEndingAtTheFolderNameKeep
                         "Disk/Beat Projectx"));
 }
 
+// Near misses before the folder's name, which the search must not skip past, nor take their
+// product of time over.
+TEST(DCIManifestV2ProjectFileItemTests, SessionFallbackFindsTheNameAfterNearMisses) {
+    EXPECT_EQ(relativePath("x/abab", "session", "y/abaabab/z.als"), "z.als");
+    const std::string name = std::string(20'000, 'a') + "b";
+    EXPECT_EQ(relativePath("x/" + name, "session", "y/" + std::string(40'000, 'a') + "b/z.als"), "z.als");
+}
+
 TEST(DCIManifestV2ProjectFileItemTests, OnlySessionEntriesFallBack) {
     LogSince log;
     EXPECT_EQ(relativePath(kFolder, "samples", "Other Disk/Beat Project/kick.wav"), "Other Disk/Beat Project/kick.wav");
@@ -155,13 +164,53 @@ TEST(DCIManifestV2ProjectFileItemTests, NonASCIINamesStripLikeASCIIOnes) {
     const std::string folder = "Users/ann/Music/Bëat Prøject";
     EXPECT_EQ(relativePath(folder, "samples", "/Users/ann/Music/Bëat Prøject/Sämples/kick.wav"), "Sämples/kick.wav");
     EXPECT_EQ(relativePath(folder, "session", "Other Disk/Bëat Prøject/Bëat.als"), "Bëat.als");
-    EXPECT_EQ(relativePath("Bëat", "samples", "Bëats/kick.wav"), "/kick.wav");
+    EXPECT_EQ(relativePath("Bëat", "samples", "Bëatsx/kick.wav"), "x/kick.wav");
 }
 
 TEST(DCIManifestV2ProjectFileItemTests, TheCharacterAfterTheFolderIsDroppedWhole) {
-    EXPECT_EQ(relativePath("Beat", "samples", "Beatë/kick.wav"), "/kick.wav");
-    EXPECT_EQ(relativePath("Beat", "samples", "Beat🎵/kick.wav"), "/kick.wav");
-    EXPECT_EQ(relativePath(kFolder, "session", "Disk/Beat Projectë/Beat.als"), "/Beat.als");
+    EXPECT_EQ(relativePath("Beat", "samples", "Beatëx/kick.wav"), "x/kick.wav");
+    EXPECT_EQ(relativePath("Beat", "samples", "Beat🎵x/kick.wav"), "x/kick.wav");
+    EXPECT_EQ(relativePath(kFolder, "session", "Disk/Beat Projectëx/Beat.als"), "x/Beat.als");
+}
+
+// Where the folder's text ends inside a component, what is left may lead out of any folder
+// the host joins it to.
+TEST(DCIManifestV2ProjectFileItemTests, RefusesPathsThatWouldLeaveTheFolder) {
+    const std::vector<std::tuple<std::string, std::string, std::string>> rows = {
+        {kFolder, "samples", "Users/ann/Music/Beat Project.../Other Project/Other.als"},
+        {"Beat", "samples", "Beat.../escape.als"},
+        {"Beat", "samples", "Beatx/etc/cron.d/evil"},
+        {"Beat", "samples", "Beats/kick.wav"},
+        {"Beat", "samples", "Beatx./kick.wav"},
+        {"Music/Beat", "session", "Other/Beat.../x.als"},
+        {"Music/Beat", "session", "Other/Beatx/x.als"},
+    };
+    LogSince log;
+    for (const auto& [folder, category, path] : rows) {
+        EXPECT_EQ(relativePath(folder, category, path), std::nullopt) << path;
+    }
+    EXPECT_TRUE(log.has("ERROR: The manifest path ../escape.als would leave the project folder Beat - skipping it"));
+    EXPECT_TRUE(log.has("ERROR: The manifest path /etc/cron.d/evil would leave the project folder Beat - skipping it"));
+}
+
+TEST(DCIManifestV2ProjectFileItemTests, PlacesPathsOnlyUnderTheFolder) {
+    const std::vector<std::tuple<std::string, std::string, std::optional<std::string>>> rows = {
+        {"/home/ann/Beat", "Samples/kick.wav", "/home/ann/Beat/Samples/kick.wav"},
+        {"/home/ann/Beat/", "...", "/home/ann/Beat/..."},
+        {"/", "a", "/a"},
+        {"", "a", std::nullopt},
+        {"/p", "", std::nullopt},
+        {"/p", "/etc/x", std::nullopt},
+        {"/p", "../x", std::nullopt},
+        {"/p", "a/../../x", std::nullopt},
+        {"/p", "./x", std::nullopt},
+        {"/p", "a//b", std::nullopt},
+        {"/p", "a/", std::nullopt},
+        {"/p", std::string("..\0/x", 5), std::nullopt},
+    };
+    for (const auto& [folder, path, placed] : rows) {
+        EXPECT_EQ(DCIManifestV2ProjectFileItem::pathUnderFolder(folder, path), placed) << folder << " " << path;
+    }
 }
 
 TEST(DCIManifestV2ProjectFileItemTests, OneNonASCIICharacterAfterTheFolderIsOneUnit) {

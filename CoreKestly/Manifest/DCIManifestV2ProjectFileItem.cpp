@@ -10,7 +10,6 @@
 #include "CoreKestly/Platform/DCIUTF16.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
-
 using nlohmann::json;
 
 namespace {
@@ -99,11 +98,11 @@ std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItemReader
     } else if (usable && hasSeveralComponents(path)) {
         path = pathRelativeToFolder(path, projectFolder, category);
     }
-    // Nothing below logs a refusal of its own.
+    // These refusals log nothing of their own.
     const std::string* url = usable ? DCIManifestString(attributes, "url") : nullptr;
     if (!url || !DCIManifestIsURL(*url) || path.empty()) return nullptr;
     // Dropping the folder's text and one character can leave "/etc/..." or "../..." when the
-    // folder ends inside a component; the host joins this path to a folder of its own.
+    // folder ends inside a component, and the host joins this path to a folder of its own.
     if (!DCIManifestIsPlainRelativePath(path)) {
         DCLogError("ERROR: The manifest path %@ would leave the project folder %@ - skipping it",
                    DCIManifestLogged(path), DCIManifestLogged(projectFolder));

@@ -36,43 +36,45 @@ struct ManifestOptions {
     bool json = false;
 };
 
-// The whole content of `path` ("-" for standard input), or nothing with errno set: EFBIG
-// when it is larger than kLargestManifest. The bytes are read straight into the buffer that
-// the manifest reads, so that they are held once.
+constexpr size_t kReadChunk = 1 << 16;
+
+// Room for one more chunk: doubling, but straight to the largest buffer once half of it is
+// full, so that an endless stream is never copied into a buffer larger than that.
+void reserveChunk(std::vector<uint8_t>& bytes) {
+    const size_t needed = bytes.size() + kReadChunk;
+    if (bytes.capacity() >= needed) return;
+    const size_t doubled = std::max(2 * bytes.capacity(), needed);
+    bytes.reserve(doubled >= kLargestManifest ? kLargestManifest + kReadChunk : doubled);
+}
+
+// Reads `fd` to its end into `bytes`; answers 0, or the errno of the failure: EFBIG past
+// kLargestManifest. A file's size is known ahead, and its bytes take one allocation.
+int readInto(int fd, std::vector<uint8_t>& bytes) {
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+        if (static_cast<uint64_t>(status.st_size) > kLargestManifest) return EFBIG;
+        bytes.reserve(static_cast<size_t>(status.st_size) + kReadChunk);
+    }
+    while (bytes.size() <= kLargestManifest) {
+        reserveChunk(bytes);
+        const size_t filled = bytes.size();
+        bytes.resize(filled + kReadChunk);
+        const ssize_t got = ::read(fd, bytes.data() + filled, kReadChunk);
+        bytes.resize(filled + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+        if (got == 0) return 0;
+        if (got < 0 && errno != EINTR) return errno;
+    }
+    return EFBIG;
+}
+
+// The whole content of `path` ("-" for standard input), or nothing with errno set. The bytes
+// are read straight into the buffer that the manifest reads, so that they are held once.
 std::optional<std::vector<uint8_t>> readAll(const std::string& path) {
     const bool standardInput = path == "-";
     const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return std::nullopt;
-    constexpr size_t kChunk = 1 << 16;
-    constexpr size_t kLargestBuffer = kLargestManifest + kChunk;
     std::vector<uint8_t> bytes;
-    // A file's size, and the chunk that finds its end, in one allocation.
-    struct stat status {};
-    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_size >= 0) {
-        bytes.reserve(std::min(static_cast<size_t>(status.st_size), kLargestManifest) + kChunk);
-    }
-    int readError = 0;
-    for (;;) {
-        if (bytes.size() > kLargestManifest) {
-            readError = EFBIG;
-            break;
-        }
-        const size_t filled = bytes.size();
-        if (bytes.capacity() < filled + kChunk) {
-            // Doubling, but straight to the largest buffer once half of it is full, so that
-            // an endless stream is never copied into a buffer larger than that.
-            const size_t doubled = std::max(2 * bytes.capacity(), filled + kChunk);
-            bytes.reserve(doubled >= kLargestManifest ? kLargestBuffer : doubled);
-        }
-        bytes.resize(filled + kChunk);
-        const ssize_t got = ::read(fd, bytes.data() + filled, kChunk);
-        bytes.resize(filled + static_cast<size_t>(std::max<ssize_t>(got, 0)));
-        if (got == 0) break;
-        if (got < 0 && errno != EINTR) {
-            readError = errno;
-            break;
-        }
-    }
+    const int readError = readInto(fd, bytes);
     if (!standardInput) ::close(fd);
     errno = readError;
     return readError == 0 ? std::optional(std::move(bytes)) : std::nullopt;

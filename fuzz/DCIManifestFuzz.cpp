@@ -1,9 +1,10 @@
 // Any bytes through the manifest readers: the project manifest reads them whole; the file-entry
 // reader takes the first line as the project folder and the rest as the entry's JSON text; and
 // whatever parses is rendered as the log lines render it. Nothing may crash, hang, leak or grow
-// without bound, whatever the bytes.
+// without bound, and no entry may lead out of its folder, whatever the bytes.
 
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
+#include "CoreKestly/Manifest/DCIManifestLogInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"
 
 #include <cstddef>
@@ -14,8 +15,8 @@
 
 namespace {
 
-// The rendering's bound with room for the marks that close what was cut short.
-constexpr size_t kLongestDescription = 17 * 1024;
+// The rendering's bound and the mark of a cut.
+constexpr size_t kLongestDescription = kDCIManifestLoggedBytes + std::string_view("…").size();
 
 }  // namespace
 
@@ -31,7 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const auto manifest = DCIManifestV2ProjectItem::init();
     if (manifest->readJSON(std::make_shared<const DCIData>(bytes))) {
         for (const auto& file : manifest->projectFiles()) {
-            if (file->pathRelativeToProject().empty() || file->downloadURL().empty()) std::abort();
+            // Every entry stays inside whatever folder it is placed under.
+            if (!DCIManifestV2ProjectFileItem::pathUnderFolder("/root", file->pathRelativeToProject())) std::abort();
+            if (file->downloadURL().empty()) std::abort();
         }
     }
 

@@ -90,7 +90,7 @@ TEST(DCIManifestV2ProjectFileItemTests, StripsTheProjectFolder) {
     EXPECT_EQ(relativePath(kFolder, "misc", "Users/ann/Music/Beat Project/./Notes//todo.txt"), "Notes/todo.txt");
     // Matched as text: a sibling folder whose name extends the project's loses the folder
     // and the one character after it all the same.
-    EXPECT_EQ(relativePath("Beat", "samples", "Beats/kick.wav"), "/kick.wav");
+    EXPECT_EQ(relativePath("Beat", "samples", "Beatsx/kick.wav"), "x/kick.wav");
     EXPECT_EQ(relativePath(kFolder, "samples", "Elsewhere/kick.wav"), "Elsewhere/kick.wav");
     EXPECT_EQ(relativePath(kFolder, "samples", "Other Disk/Beat Project/kick.wav"), "Other Disk/Beat Project/kick.wav");
 }
@@ -143,6 +143,14 @@ TEST(DCIManifestV2ProjectFileItemTests, SessionFallbackEndingAtTheFolderNameKeep
                         "Disk/Beat Projectx"));
 }
 
+// Near misses before the folder's name, which the search must not skip past, nor take their
+// product of time over.
+TEST(DCIManifestV2ProjectFileItemTests, SessionFallbackFindsTheNameAfterNearMisses) {
+    EXPECT_EQ(relativePath("x/abab", "session", "y/abaabab/z.als"), "z.als");
+    const std::string name = std::string(20'000, 'a') + "b";
+    EXPECT_EQ(relativePath("x/" + name, "session", "y/" + std::string(40'000, 'a') + "b/z.als"), "z.als");
+}
+
 TEST(DCIManifestV2ProjectFileItemTests, OnlySessionEntriesFallBack) {
     LogSince log;
     EXPECT_EQ(relativePath(kFolder, "samples", "Other Disk/Beat Project/kick.wav"), "Other Disk/Beat Project/kick.wav");
@@ -155,13 +163,38 @@ TEST(DCIManifestV2ProjectFileItemTests, NonASCIINamesStripLikeASCIIOnes) {
     const std::string folder = "Users/ann/Music/Bëat Prøject";
     EXPECT_EQ(relativePath(folder, "samples", "/Users/ann/Music/Bëat Prøject/Sämples/kick.wav"), "Sämples/kick.wav");
     EXPECT_EQ(relativePath(folder, "session", "Other Disk/Bëat Prøject/Bëat.als"), "Bëat.als");
-    EXPECT_EQ(relativePath("Bëat", "samples", "Bëats/kick.wav"), "/kick.wav");
+    EXPECT_EQ(relativePath("Bëat", "samples", "Bëatsx/kick.wav"), "x/kick.wav");
 }
 
 TEST(DCIManifestV2ProjectFileItemTests, TheCharacterAfterTheFolderIsDroppedWhole) {
-    EXPECT_EQ(relativePath("Beat", "samples", "Beatë/kick.wav"), "/kick.wav");
-    EXPECT_EQ(relativePath("Beat", "samples", "Beat🎵/kick.wav"), "/kick.wav");
-    EXPECT_EQ(relativePath(kFolder, "session", "Disk/Beat Projectë/Beat.als"), "/Beat.als");
+    EXPECT_EQ(relativePath("Beat", "samples", "Beatëx/kick.wav"), "x/kick.wav");
+    EXPECT_EQ(relativePath("Beat", "samples", "Beat🎵x/kick.wav"), "x/kick.wav");
+    EXPECT_EQ(relativePath(kFolder, "session", "Disk/Beat Projectëx/Beat.als"), "x/Beat.als");
+}
+
+// Where the folder's text ends inside a component, what is left may lead out of any folder
+// the host joins it to.
+TEST(DCIManifestV2ProjectFileItemTests, RefusesPathsThatWouldLeaveTheFolder) {
+    LogSince log;
+    EXPECT_EQ(relativePath(kFolder, "samples", kFolder + ".../Other Project/Other.als"), std::nullopt);
+    for (const char* path : {"Beat.../escape.als", "Beatx/etc/cron.d/evil", "Beats/kick.wav", "Beatx./kick.wav"}) {
+        EXPECT_EQ(relativePath("Beat", "samples", path), std::nullopt) << path;
+    }
+    for (const char* path : {"Other/Beat.../x.als", "Other/Beatx/x.als"}) {
+        EXPECT_EQ(relativePath("Music/Beat", "session", path), std::nullopt) << path;
+    }
+    EXPECT_TRUE(log.has("ERROR: The manifest path ../escape.als would leave the project folder Beat - skipping it"));
+    EXPECT_TRUE(log.has("ERROR: The manifest path /etc/cron.d/evil would leave the project folder Beat - skipping it"));
+}
+
+TEST(DCIManifestV2ProjectFileItemTests, PlacesPathsOnlyUnderTheFolder) {
+    EXPECT_EQ(DCIManifestV2ProjectFileItem::pathUnderFolder("/home/ann/Beat/", "S/..."), "/home/ann/Beat/S/...");
+    EXPECT_EQ(DCIManifestV2ProjectFileItem::pathUnderFolder("/", "a"), "/a");
+    EXPECT_EQ(DCIManifestV2ProjectFileItem::pathUnderFolder("", "a"), std::nullopt);
+    for (const std::string& path :
+         std::vector<std::string>{"", "/etc/x", "../x", "a/../../x", "./x", "a//b", "a/", std::string("..\0/x", 5)}) {
+        EXPECT_EQ(DCIManifestV2ProjectFileItem::pathUnderFolder("/p", path), std::nullopt) << path;
+    }
 }
 
 TEST(DCIManifestV2ProjectFileItemTests, OneNonASCIICharacterAfterTheFolderIsOneUnit) {

@@ -1,5 +1,7 @@
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
 
+#include "CoreKestly/Manifest/DCIManifestLogInternal.h"
+
 #include <cstring>
 #include <exception>
 
@@ -7,10 +9,9 @@ using nlohmann::json;
 
 namespace {
 
-// How much of a value a log line shows.
-constexpr size_t kShownElements = 16;    // of each array and object
-constexpr size_t kShownStringBytes = 512;
-constexpr size_t kShownTotalBytes = 16 * 1024;
+// How much of a value a log line shows; the whole is then cut to kDCIManifestLoggedBytes.
+constexpr size_t kShownElements = 16;  // of each array and object
+constexpr size_t kShownStringBytes = 256;
 
 // The position of the quote that closes the string whose contents begin at `start`, or npos.
 // Strings are most of a manifest's bytes, so they are skipped with memchr.
@@ -50,13 +51,6 @@ bool nestsDeeperThan(std::string_view bytes, size_t limit) {
     return false;
 }
 
-// Backs off to a character boundary, so a cut never splits a UTF-8 sequence.
-size_t characterBoundaryAtOrBefore(std::string_view text, size_t position) {
-    if (position >= text.size()) return text.size();
-    while (position > 0 && (static_cast<unsigned char>(text[position]) & 0xC0) == 0x80) --position;
-    return position;
-}
-
 std::string serialized(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
 
 void appendElision(std::string& out, size_t left) {
@@ -70,12 +64,12 @@ void appendString(std::string& out, std::string_view text) {
         out += serialized(json(text));
         return;
     }
-    out += serialized(json(text.substr(0, characterBoundaryAtOrBefore(text, kShownStringBytes))));
+    out += serialized(json(text.substr(0, DCIManifestCharacterBoundary(text, kShownStringBytes))));
     out += "...";
 }
 
 void appendDescription(std::string& out, const json& value) {
-    if (out.size() >= kShownTotalBytes) return;
+    if (out.size() > kDCIManifestLoggedBytes) return;
     if (value.is_string()) return appendString(out, value.get_ref<const std::string&>());
     if (!value.is_structured()) {
         out += serialized(value);
@@ -86,7 +80,7 @@ void appendDescription(std::string& out, const json& value) {
     size_t shown = 0;
     for (auto it = value.begin(); it != value.end(); ++it, ++shown) {
         if (shown > 0) out += ',';
-        if (shown == kShownElements || out.size() >= kShownTotalBytes) {
+        if (shown == kShownElements || out.size() > kDCIManifestLoggedBytes) {
             appendElision(out, value.size() - shown);
             break;
         }
@@ -110,9 +104,7 @@ DCIManifestParse DCIManifestParseObject(std::string_view bytes) {
         parsed = json::parse(bytes.begin(), bytes.end());
     } catch (const std::exception& error) {
         // The parser's message quotes the token it stopped at, which may be most of the input.
-        std::string reason = error.what();
-        reason.resize(characterBoundaryAtOrBefore(reason, kShownStringBytes));
-        return {std::nullopt, std::move(reason)};
+        return {std::nullopt, DCIManifestLogged(error.what())};
     }
     if (!parsed.is_object()) {
         return {std::nullopt, std::string("the top-level value is of type ") + parsed.type_name() + ", not object"};
@@ -152,9 +144,5 @@ bool DCIManifestFlag(const json& object, std::string_view key) {
 std::string DCIManifestDescribe(const json& value) {
     std::string out;
     appendDescription(out, value);
-    if (out.size() > kShownTotalBytes) {
-        out.resize(characterBoundaryAtOrBefore(out, kShownTotalBytes));
-        out += "...";
-    }
-    return out;
+    return DCIManifestLogged(out);
 }

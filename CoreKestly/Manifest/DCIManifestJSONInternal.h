@@ -45,7 +45,8 @@ std::optional<uint64_t> DCIManifestUnsigned(const nlohmann::json& object, std::s
 bool DCIManifestFlag(const nlohmann::json& object, std::string_view key);
 
 /// A JSON value as log lines show it: compact JSON, with long arrays, objects and strings cut
-/// short and marked, and the whole bounded, so that a huge manifest makes a readable line.
+/// short and marked, and the whole cut like any logged manifest value (`DCIManifestLogged`),
+/// so that a huge manifest makes a readable line.
 std::string DCIManifestDescribe(const nlohmann::json& value);
 
 /// The same rendering as a log-line argument, made only when the line is written: an

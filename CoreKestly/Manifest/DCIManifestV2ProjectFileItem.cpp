@@ -3,12 +3,12 @@
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
+#include "CoreKestly/Manifest/DCIManifestLogInternal.h"
+#include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItemInternal.h"
 #include "CoreKestly/Manifest/DCIManifestValuesInternal.h"
 #include "CoreKestly/Platform/DCIUTF16.h"
 #include "CoreKestly/Platform/KestlyPath.h"
-
-#include <algorithm>
 
 using nlohmann::json;
 
@@ -33,14 +33,15 @@ bool hasSeveralComponents(std::string_view cleanedPath) { return cleanedPath.fin
 std::string sessionPathRelativeToFolderName(const std::string& path, std::string_view folder) {
     DCLogError("WARNING: projectFolder = %@, session relative path = %@ - standard manifest path information not "
                "found, using other methods to determine the session file path.",
-               folder, path);
+               DCIManifestLogged(folder), DCIManifestLogged(path));
     const std::string folderName = KestlyPath::lastComponent(folder);
-    const size_t found = folderName.empty() ? std::string::npos : path.find(folderName);
+    const size_t found = folderName.empty() ? std::string::npos : DCIManifestFind(path, folderName);
     if (found == std::string::npos) return path;
-    DCLogInfo("The ALS file path (%@) appears to be longer than the project path (%@) - should be checked.", path,
-              folder);
+    DCLogInfo("The ALS file path (%@) appears to be longer than the project path (%@) - should be checked.",
+              DCIManifestLogged(path), DCIManifestLogged(folder));
     if (auto relative = pathAfterFolderMatch(path, found + folderName.size())) return std::move(*relative);
-    DCLogError("ERROR: unexpected paths found in manifest %@ and %@", folder, path);
+    DCLogError("ERROR: unexpected paths found in manifest %@ and %@", DCIManifestLogged(folder),
+               DCIManifestLogged(path));
     return path;
 }
 
@@ -49,7 +50,8 @@ std::string sessionPathRelativeToFolderName(const std::string& path, std::string
 std::string pathRelativeToFolder(const std::string& path, std::string_view folder, std::string_view category) {
     if (!folder.empty() && path.starts_with(folder)) {
         if (auto relative = pathAfterFolderMatch(path, folder.size())) return std::move(*relative);
-        DCLogError("ERROR: Unable to subtract the project folder from the ALS path %@ and %@", folder, path);
+        DCLogError("ERROR: Unable to subtract the project folder from the ALS path %@ and %@",
+                   DCIManifestLogged(folder), DCIManifestLogged(path));
         return path;
     }
     if (category == kDCIManifestCategorySession) return sessionPathRelativeToFolderName(path, folder);
@@ -59,29 +61,21 @@ std::string pathRelativeToFolder(const std::string& path, std::string_view folde
 }  // namespace
 
 std::string DCIManifestV2ProjectFileItem::cleanseManifestPath(std::optional<std::string_view> path) {
-    if (!path) return "";
-    // Standardising leaves only ".." to drop besides the root; splitting by hand spares a
-    // string per component, which counts in manifests of many thousand entries.
-    const std::string standardized = KestlyPath::standardize(*path);
-    std::string cleaned;
-    cleaned.reserve(standardized.size());
-    for (size_t start = 0; start < standardized.size();) {
-        const size_t end = std::min(standardized.find('/', start), standardized.size());
-        const std::string_view component = std::string_view(standardized).substr(start, end - start);
-        if (!component.empty() && component != "." && component != "..") {
-            if (!cleaned.empty()) cleaned += '/';
-            cleaned += component;
-        }
-        start = end + 1;
-    }
-    return cleaned;
+    return path ? DCIManifestPathCleaner().clean(*path) : "";
+}
+
+std::optional<std::string> DCIManifestV2ProjectFileItem::pathUnderFolder(std::string_view folder,
+                                                                         std::string_view pathRelativeToProject) {
+    if (folder.empty() || !DCIManifestIsPlainRelativePath(pathRelativeToProject)) return std::nullopt;
+    return KestlyPath::appendingComponent(folder, pathRelativeToProject);
 }
 
 std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItem::initWithProjectFolder(
     std::string_view projectFolder, std::string_view category, std::string_view attributes) {
     const DCIManifestParse parsed = DCIManifestParseObject(attributes);
     if (!parsed.object) return nullptr;
-    return DCIManifestV2ProjectFileItemReader::read(projectFolder, category, *parsed.object);
+    DCIManifestPathCleaner cleaner;
+    return DCIManifestV2ProjectFileItemReader::read(projectFolder, category, *parsed.object, cleaner);
 }
 
 std::string DCIManifestV2ProjectFileItem::description() const {
@@ -91,21 +85,29 @@ std::string DCIManifestV2ProjectFileItem::description() const {
 
 std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItemReader::read(std::string_view projectFolder,
                                                                                      std::string_view category,
-                                                                                     const json& attributes) {
+                                                                                     const json& attributes,
+                                                                                     DCIManifestPathCleaner& cleaner) {
     const std::string* hash = DCIManifestString(attributes, "file_hash");
     const std::string* givenPath = DCIManifestString(attributes, kManifestProjectFileItemPath);
     bool usable = hash && givenPath;
-    std::string path = usable ? DCIManifestV2ProjectFileItem::cleanseManifestPath(*givenPath)
-                              : givenPath ? *givenPath : std::string();
+    std::string path = usable ? cleaner.clean(*givenPath) : givenPath ? *givenPath : std::string();
     if (givenPath && path == projectFolder) {
-        DCLogError("ERROR: The project path %@ is the same as the ALS path - we can't handle this", projectFolder);
+        DCLogError("ERROR: The project path %@ is the same as the ALS path - we can't handle this",
+                   DCIManifestLogged(projectFolder));
         usable = false;
     } else if (usable && hasSeveralComponents(path)) {
         path = pathRelativeToFolder(path, projectFolder, category);
     }
-    // Nothing below logs a refusal of its own.
+    // These refusals log nothing of their own.
     const std::string* url = usable ? DCIManifestString(attributes, "url") : nullptr;
     if (!url || !DCIManifestIsURL(*url) || path.empty()) return nullptr;
+    // Dropping the folder's text and one character can leave "/etc/..." or "../..." when the
+    // folder ends inside a component, and the host joins this path to a folder of its own.
+    if (!DCIManifestIsPlainRelativePath(path)) {
+        DCLogError("ERROR: The manifest path %@ would leave the project folder %@ - skipping it",
+                   DCIManifestLogged(path), DCIManifestLogged(projectFolder));
+        return nullptr;
+    }
 
     std::shared_ptr<DCIManifestV2ProjectFileItem> item(new DCIManifestV2ProjectFileItem);
     item->category_ = category;
@@ -124,7 +126,7 @@ std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItemReader
         if (category == kDCIManifestCategoryMisc) {
             item->fileSize_ = kDefaultMiscFileSize;
         } else {
-            DCLogError("ERROR: No file size set in manifest for %@", item->pathRelativeToProject_);
+            DCLogError("ERROR: No file size set in manifest for %@", DCIManifestLogged(item->pathRelativeToProject_));
         }
     }
     return item;

@@ -16,7 +16,9 @@
 /// path that begins with the folder's text loses it and the one character after it, whether
 /// or not that character is a separator. A "session" path that does not begin with the folder
 /// falls back to the folder's last component found anywhere in it. Lengths and positions are
-/// those of UTF-16 strings, and a cut never falls inside a character.
+/// those of UTF-16 strings, and a cut never falls inside a character. An entry whose path
+/// is then no plain relative path ("/etc/x", "../x", "./x": the folder's text ended inside a
+/// component) is refused with an error line, so that no entry leads out of the folder.
 ///
 /// An entry is immutable once made, so it may be read from any thread.
 class DCIManifestV2ProjectFileItem : public DCIObject {
@@ -26,10 +28,18 @@ public:
     /// ".." component. "" for no path, "", "/" and anything else that leaves nothing.
     static std::string cleanseManifestPath(std::optional<std::string_view> path);
 
+    /// `pathRelativeToProject` placed under the local folder `folder`, joined with one "/";
+    /// nothing when `folder` is empty or the path is not the plain relative path that every
+    /// entry has, which would lead out of `folder` or elsewhere. The only safe way to turn a
+    /// path from a manifest into a local one. The path is judged as text: links that already
+    /// exist below `folder` are the caller's to mind.
+    static std::optional<std::string> pathUnderFolder(std::string_view folder, std::string_view pathRelativeToProject);
+
     /// The entry whose JSON object is the text `attributes`, listed under `category` in the
     /// manifest of the project folder `projectFolder`; nullptr when the text is not a JSON
     /// object or the entry is not usable: "path" or "file_hash" missing, "url" missing or not
-    /// a URL, the cleaned path empty or equal to the project folder.
+    /// a URL, the cleaned path empty or equal to the project folder, or the final path not a
+    /// plain relative path.
     static std::shared_ptr<DCIManifestV2ProjectFileItem> initWithProjectFolder(std::string_view projectFolder,
                                                                                std::string_view category,
                                                                                std::string_view attributes);
@@ -40,7 +50,9 @@ public:
     const std::optional<std::string>& fileHash() const { return fileHash_; }
     /// "file_size"; when it is missing or 0, 535 for a "misc" entry and 0 for any other.
     uint64_t fileSize() const { return fileSize_; }
-    /// The cleaned "path", relative to the project folder.
+    /// The cleaned "path", relative to the project folder: one or more components joined by
+    /// single "/", never empty, never beginning or ending with "/", with no "." or ".."
+    /// component and no NUL byte. Place it under a local folder with `pathUnderFolder`.
     const std::string& pathRelativeToProject() const { return pathRelativeToProject_; }
     /// "sas_id", unchanged.
     const std::optional<std::string>& sasID() const { return sasID_; }

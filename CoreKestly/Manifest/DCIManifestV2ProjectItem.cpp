@@ -4,6 +4,8 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/KestlyUtilities.h"
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
+#include "CoreKestly/Manifest/DCIManifestLogInternal.h"
+#include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItemInternal.h"
 #include "CoreKestly/Manifest/DCIManifestValuesInternal.h"
 #include "CoreKestly/Platform/KestlyPath.h"
@@ -46,11 +48,12 @@ std::string abletonProjectFolder(const json& manifest, std::optional<std::string
 
 FileItems readFileItems(const json& files, std::string_view projectFolder) {
     FileItems items;
+    DCIManifestPathCleaner cleaner;
     for (auto category = files.begin(); category != files.end(); ++category) {
         const json& list = category.value();
         if (list.is_null()) continue;
         if (!list.is_array()) {
-            DCLogError("Unexpected values in manifest %@ (%@) : %@ (%@)", category.key(), "string",
+            DCLogError("Unexpected values in manifest %@ (%@) : %@ (%@)", DCIManifestLogged(category.key()), "string",
                        DCIManifestJSONDescription(list), list.type_name());
             continue;
         }
@@ -60,7 +63,7 @@ FileItems readFileItems(const json& files, std::string_view projectFolder) {
                            element.type_name());
                 continue;
             }
-            if (auto item = DCIManifestV2ProjectFileItemReader::read(projectFolder, category.key(), element)) {
+            if (auto item = DCIManifestV2ProjectFileItemReader::read(projectFolder, category.key(), element, cleaner)) {
                 items.push_back(std::move(item));
             }
         }

@@ -4,6 +4,7 @@
 #include "KestlyCommand.h"
 
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"
+#include "CoreKestly/Platform/DCIUTF16.h"
 
 #include <nlohmann/json.hpp>
 
@@ -13,9 +14,12 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -23,25 +27,54 @@ namespace {
 
 using File = std::shared_ptr<DCIManifestV2ProjectFileItem>;
 
+// Manifests are read whole into memory; a real one is a few megabytes, and this bounds what
+// a stream without end (/dev/zero) can take.
+constexpr size_t kLargestManifest = 256u << 20;
+
 struct ManifestOptions {
     std::string file;
     bool json = false;
 };
 
-// The whole content of `path` ("-" for standard input), or nothing with errno set.
-std::optional<std::string> readAll(const std::string& path) {
+constexpr size_t kReadChunk = 1 << 16;
+
+// Room for one more chunk: doubling, but straight to the largest buffer once half of it is
+// full, so that an endless stream is never copied into a buffer larger than that.
+void reserveChunk(std::vector<uint8_t>& bytes) {
+    const size_t needed = bytes.size() + kReadChunk;
+    if (bytes.capacity() >= needed) return;
+    const size_t doubled = std::max(2 * bytes.capacity(), needed);
+    bytes.reserve(doubled >= kLargestManifest ? kLargestManifest + kReadChunk : doubled);
+}
+
+// Reads `fd` to its end into `bytes`; answers 0, or the errno of the failure: EFBIG past
+// kLargestManifest. A file's size is known ahead, and its bytes take one allocation.
+int readInto(int fd, std::vector<uint8_t>& bytes) {
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) {
+        if (static_cast<uint64_t>(status.st_size) > kLargestManifest) return EFBIG;
+        bytes.reserve(static_cast<size_t>(status.st_size) + kReadChunk);
+    }
+    while (bytes.size() <= kLargestManifest) {
+        reserveChunk(bytes);
+        const size_t filled = bytes.size();
+        bytes.resize(filled + kReadChunk);
+        const ssize_t got = ::read(fd, bytes.data() + filled, kReadChunk);
+        bytes.resize(filled + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+        if (got == 0) return 0;
+        if (got < 0 && errno != EINTR) return errno;
+    }
+    return EFBIG;
+}
+
+// The whole content of `path` ("-" for standard input), or nothing with errno set. The bytes
+// are read straight into the buffer that the manifest reads, so that they are held once.
+std::optional<std::vector<uint8_t>> readAll(const std::string& path) {
     const bool standardInput = path == "-";
     const int fd = standardInput ? STDIN_FILENO : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return std::nullopt;
-    std::string bytes;
-    char buffer[65536];
-    ssize_t got;
-    while ((got = ::read(fd, buffer, sizeof buffer)) != 0) {
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) break;
-        bytes.append(buffer, static_cast<size_t>(got));
-    }
-    const int readError = got < 0 ? errno : 0;
+    std::vector<uint8_t> bytes;
+    const int readError = readInto(fd, bytes);
     if (!standardInput) ::close(fd);
     errno = readError;
     return readError == 0 ? std::optional(std::move(bytes)) : std::nullopt;
@@ -61,39 +94,97 @@ nlohmann::ordered_json orNull(const std::optional<T>& value) {
     return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
 }
 
-nlohmann::ordered_json fileAsJSON(const DCIManifestV2ProjectFileItem& file) {
-    return {{"category", file.category()},
-            {"pathRelativeToProject", file.pathRelativeToProject()},
-            {"fileHash", orNull(file.fileHash())},
-            {"fileSize", file.fileSize()},
-            {"sasID", orNull(file.sasID())},
-            {"downloadURL", file.downloadURL()},
-            {"encoding", orNull(file.encoding())},
-            {"decoded_hash", orNull(file.decoded_hash())},
-            {"decoded_size", file.decoded_size()},
-            {"decoded_format", orNull(file.decoded_format())}};
+// Prints the members of `object`, whose values are scalars, one a line at `indent`, as
+// dump(2) would lay them out at that depth; `more` adds a comma after the last one.
+void printMembers(const nlohmann::ordered_json& object, const char* indent, bool more) {
+    for (auto member = object.begin(); member != object.end(); ++member) {
+        const bool last = std::next(member) == object.end();
+        std::printf("%s%s: %s%s\n", indent, nlohmann::ordered_json(member.key()).dump().c_str(),
+                    member.value().dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str(),
+                    last && !more ? "" : ",");
+    }
 }
 
+// One file at a time, so that the output never holds a second copy of the manifest.
 void printJSON(const DCIManifestV2ProjectItem& manifest, bool valid) {
     const auto date = manifest.dateCreated();
-    nlohmann::ordered_json files = nlohmann::ordered_json::array();
-    for (const File& file : manifest.projectFiles()) files.push_back(fileAsJSON(*file));
-    const nlohmann::ordered_json out = {
-        {"valid", valid},
-        {"projectName", orNull(manifest.projectName())},
-        {"projectFolderPath", orNull(manifest.projectFolderPath())},
-        {"projectOwner", orNull(manifest.projectOwner())},
-        {"projectUUID", orNull(manifest.projectUUID())},
-        {"projectRevisionUUID", orNull(manifest.projectRevisionUUID())},
-        {"projectPreviousRevisionUUID", orNull(manifest.projectPreviousRevisionUUID())},
-        {"projectType", orNull(manifest.projectType())},
-        {"creatorID", manifest.creatorID()},
-        {"isCollaboration", manifest.isCollaboration()},
-        {"isContribution", manifest.isContribution()},
-        {"dateCreated", date ? nlohmann::ordered_json(utcText(*date)) : nlohmann::ordered_json(nullptr)},
-        {"files", std::move(files)},
-    };
-    std::puts(out.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
+    std::puts("{");
+    printMembers({{"valid", valid},
+                  {"projectName", orNull(manifest.projectName())},
+                  {"projectFolderPath", orNull(manifest.projectFolderPath())},
+                  {"projectOwner", orNull(manifest.projectOwner())},
+                  {"projectUUID", orNull(manifest.projectUUID())},
+                  {"projectRevisionUUID", orNull(manifest.projectRevisionUUID())},
+                  {"projectPreviousRevisionUUID", orNull(manifest.projectPreviousRevisionUUID())},
+                  {"projectType", orNull(manifest.projectType())},
+                  {"creatorID", manifest.creatorID()},
+                  {"isCollaboration", manifest.isCollaboration()},
+                  {"isContribution", manifest.isContribution()},
+                  {"dateCreated", date ? nlohmann::ordered_json(utcText(*date)) : nlohmann::ordered_json(nullptr)}},
+                 "  ", true);
+    const auto files = manifest.projectFiles();
+    std::puts(files.empty() ? "  \"files\": []" : "  \"files\": [");
+    for (size_t i = 0; i < files.size(); ++i) {
+        const DCIManifestV2ProjectFileItem& file = *files[i];
+        std::puts("    {");
+        printMembers({{"category", file.category()},
+                      {"pathRelativeToProject", file.pathRelativeToProject()},
+                      {"fileHash", orNull(file.fileHash())},
+                      {"fileSize", file.fileSize()},
+                      {"sasID", orNull(file.sasID())},
+                      {"downloadURL", file.downloadURL()},
+                      {"encoding", orNull(file.encoding())},
+                      {"decoded_hash", orNull(file.decoded_hash())},
+                      {"decoded_size", file.decoded_size()},
+                      {"decoded_format", orNull(file.decoded_format())}},
+                     "      ", false);
+        std::puts(i + 1 < files.size() ? "    }," : "    }");
+    }
+    if (!files.empty()) std::puts("  ]");
+    std::puts("}");
+}
+
+// Characters that act on a terminal instead of showing: C0 and C1 controls and DEL (colours,
+// titles, cursor moves, new lines that forge rows), and the marks that reorder the text after
+// them.
+bool actsOnTerminal(char32_t character) {
+    return character < 0x20 || (character >= 0x7F && character <= 0x9F) || character == 0x061C ||
+           character == 0x200E || character == 0x200F || (character >= 0x2028 && character <= 0x202E) ||
+           (character >= 0x2066 && character <= 0x2069);
+}
+
+// The code point of the well-formed UTF-8 sequence `bytes`.
+char32_t decoded(std::string_view bytes) {
+    if (bytes.size() == 1) return static_cast<unsigned char>(bytes[0]);
+    char32_t character = static_cast<unsigned char>(bytes[0]) & (0x7F >> bytes.size());
+    for (const char continuation : bytes.substr(1)) character = (character << 6) | (continuation & 0x3F);
+    return character;
+}
+
+// Manifest text as a table shows it: what would act on the terminal, and bytes that are not
+// UTF-8, written as escapes; "\" doubled so that an escape cannot be forged.
+std::string terminalText(std::string_view text) {
+    std::string shown;
+    shown.reserve(text.size());
+    for (size_t at = 0; at < text.size();) {
+        const size_t length = DCIUTF8CharacterLength(text.substr(at));
+        const std::string_view bytes = text.substr(at, length);
+        at += length;
+        const bool malformed = length == 1 && static_cast<unsigned char>(bytes[0]) >= 0x80;
+        char escape[16];
+        if (malformed) {
+            std::snprintf(escape, sizeof escape, "\\x%02X", static_cast<unsigned char>(bytes[0]));
+            shown += escape;
+        } else if (const char32_t character = decoded(bytes); actsOnTerminal(character)) {
+            std::snprintf(escape, sizeof escape, "\\u{%X}", static_cast<unsigned>(character));
+            shown += escape;
+        } else if (character == '\\') {
+            shown += "\\\\";
+        } else {
+            shown += bytes;
+        }
+    }
+    return shown;
 }
 
 // Terminal columns of UTF-8 text, counting each character as one.
@@ -103,7 +194,20 @@ size_t columns(const std::string& text) {
     }));
 }
 
-std::string shown(const std::optional<std::string>& text) { return text ? *text : "-"; }
+std::string shown(const std::optional<std::string>& text) { return text ? terminalText(*text) : "-"; }
+
+std::vector<std::string> fileRow(const DCIManifestV2ProjectFileItem& file) {
+    return {terminalText(file.category()), std::to_string(file.fileSize()), shown(file.encoding()),
+            shown(file.sasID()), terminalText(file.pathRelativeToProject())};
+}
+
+void printRow(const std::vector<std::string>& row, const std::vector<size_t>& widths) {
+    std::string line;
+    for (size_t column = 0; column < widths.size(); ++column)
+        line += row[column] + std::string(widths[column] - columns(row[column]) + 2, ' ');
+    line += row.back();
+    std::puts(line.c_str());
+}
 
 void printTable(const DCIManifestV2ProjectItem& manifest, bool valid) {
     const auto date = manifest.dateCreated();
@@ -123,40 +227,44 @@ void printTable(const DCIManifestV2ProjectItem& manifest, bool valid) {
     };
     for (const auto& [label, value] : fields) std::printf("%-18s %s\n", label, value.c_str());
 
+    // Rows are made twice, to measure and to print, rather than held: a manifest may list
+    // hundreds of thousands of files.
     const auto files = manifest.projectFiles();
-    std::vector<std::vector<std::string>> rows = {{"CATEGORY", "SIZE", "ENCODING", "SAS ID", "PATH"}};
-    for (const File& file : files) {
-        rows.push_back({file->category(), std::to_string(file->fileSize()), shown(file->encoding()),
-                        shown(file->sasID()), file->pathRelativeToProject()});
-    }
-    std::vector<size_t> widths(rows.front().size() - 1, 0);
-    for (const auto& row : rows) {
+    const std::vector<std::string> heading = {"CATEGORY", "SIZE", "ENCODING", "SAS ID", "PATH"};
+    std::vector<size_t> widths(heading.size() - 1, 0);
+    const auto measure = [&widths](const std::vector<std::string>& row) {
         for (size_t column = 0; column < widths.size(); ++column)
             widths[column] = std::max(widths[column], columns(row[column]));
-    }
+    };
+    measure(heading);
+    for (const File& file : files) measure(fileRow(*file));
     std::printf("\n");
-    for (const auto& row : rows) {
-        std::string line;
-        for (size_t column = 0; column < widths.size(); ++column)
-            line += row[column] + std::string(widths[column] - columns(row[column]) + 2, ' ');
-        line += row.back();
-        std::puts(line.c_str());
-    }
+    printRow(heading, widths);
+    for (const File& file : files) printRow(fileRow(*file), widths);
     std::printf("%zu file%s\n", files.size(), files.size() == 1 ? "" : "s");
 }
 
 int showManifest(const ManifestOptions& options) {
-    const auto bytes = readAll(options.file);
+    auto bytes = readAll(options.file);
     if (!bytes) {
-        std::fprintf(stderr, "kestly: %s: %s\n", options.file.c_str(), std::strerror(errno));
+        if (errno == EFBIG) {
+            std::fprintf(stderr, "kestly: %s: larger than %zu MiB, the most a manifest may be\n",
+                         options.file.c_str(), kLargestManifest >> 20);
+        } else {
+            std::fprintf(stderr, "kestly: %s: %s\n", options.file.c_str(), std::strerror(errno));
+        }
         return 2;
     }
     const auto manifest = DCIManifestV2ProjectItem::init();
-    const bool valid = manifest->readJSON(std::make_shared<const DCIData>(*bytes));
+    const bool valid = manifest->readJSON(std::make_shared<const DCIData>(std::move(*bytes)));
     if (options.json) {
         printJSON(*manifest, valid);
     } else {
         printTable(*manifest, valid);
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+        std::fprintf(stderr, "kestly: writing the output: %s\n", std::strerror(errno));
+        return 2;
     }
     return valid ? 0 : 1;
 }
@@ -167,7 +275,8 @@ KestlyCommand addManifestCommand(CLI::App& app) {
     auto options = std::make_shared<ManifestOptions>();
     CLI::App* command = app.add_subcommand(
         "manifest", "Read a version-2 project manifest and show the project and its files; exit status 0 when it "
-                    "is valid, 1 when it is not, 2 when FILE cannot be read");
+                    "is valid, 1 when it is not, 2 when FILE cannot be read or is larger than 256 MiB, when the output "
+                    "cannot be written, and for a usage error");
     command->add_option("FILE", options->file, "The manifest, or - for standard input")->required();
     command->add_flag("--json", options->json, "Print one JSON object instead of a table");
     return {command, [options] { return showManifest(*options); }};

@@ -21,8 +21,9 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        // Help and version are "errors" of exit code 0 that print to standard output.
-        return app.exit(error);
+        // Help and version are "errors" of exit code 0 that print to standard output; every
+        // other one is a usage error, whatever CLI11's own code for it.
+        return app.exit(error) == 0 ? 0 : 2;
     }
     for (const auto& command : commands) {
         if (command.subcommand->parsed()) return command.run();

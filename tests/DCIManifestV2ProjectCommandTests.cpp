@@ -1,0 +1,56 @@
+// `kestly manifest` run as a program: what reaches the terminal, and its exit statuses. The
+// program is looked for where the build puts it beside the tests; a build without it skips.
+
+#include "support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+// A title sequence, colours, a forged table row, a reordering mark, a C1 control and a
+// backslash that must not pass for an escape.
+constexpr const char* kHostileManifest = R"({"creator_id": 1, "path": "P", "username": "ann", "uuid": "u",
+    "name": "\u001b]0;title\u0007\u001b[31mred\\x41", "files": {"samples": [{"path": "P/a\nsamples  1  -  -  x.wav",
+    "file_hash": "", "file_size": 1, "url": "u", "sas_id": "\u202eevil\u0085"}]}})";
+
+// Standard output and exit status of kestly with `arguments`, a shell command line's tail.
+std::pair<std::string, int> kestly(const std::string& arguments) {
+    const auto build = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
+    const std::string program = (build / "tools/kestly/kestly").string();
+    FILE* pipe = popen(("'" + program + "' " + arguments + " 2>/dev/null").c_str(), "r");
+    if (!pipe) return {"", -1};
+    std::string output;
+    char buffer[4096];
+    while (const size_t count = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, count);
+    const int status = pclose(pipe);
+    return {output, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+TEST(DCIManifestV2ProjectCommandTests, TheTableEscapesAndTheExitStatusesHoldTheirWord) {
+    if (kestly("--version").second != 0) GTEST_SKIP() << "kestly is not built beside the tests";
+    TemporaryDirectory folder;
+    const std::string file = "'" + folder.writeFile("m.json", kHostileManifest) + "'";
+    const auto [table, status] = kestly("manifest " + file);
+    ASSERT_EQ(status, 0);
+    EXPECT_NE(table.find("name               \\u{1B}]0;title\\u{7}\\u{1B}[31mred\\\\x41\n"), std::string::npos);
+    EXPECT_NE(table.find("  \\u{202E}evil\\u{85}  a\\u{A}samples  1  -  -  x.wav\n1 file\n"), std::string::npos);
+
+    const std::vector<std::pair<std::string, int>> runs = {
+        {"manifest", 2},
+        {"manifest --no-such-option " + file, 2},
+        {"manifest '" + (folder / "missing.json") + "'", 2},
+        {"manifest /dev/zero", 2},
+        {"manifest " + file + " >/dev/full", 2},
+    };
+    for (const auto& [arguments, expected] : runs) EXPECT_EQ(kestly(arguments).second, expected) << arguments;
+}
+
+}  // namespace

@@ -3,8 +3,9 @@
 
 #include "KestlyCommand.h"
 
+#include "TerminalText.h"
+
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"
-#include "CoreKestly/Platform/DCIUTF16.h"
 
 #include <nlohmann/json.hpp>
 
@@ -142,49 +143,6 @@ void printJSON(const DCIManifestV2ProjectItem& manifest, bool valid) {
     }
     if (!files.empty()) std::puts("  ]");
     std::puts("}");
-}
-
-// Characters that act on a terminal instead of showing: C0 and C1 controls and DEL (colours,
-// titles, cursor moves, new lines that forge rows), and the marks that reorder the text after
-// them.
-bool actsOnTerminal(char32_t character) {
-    return character < 0x20 || (character >= 0x7F && character <= 0x9F) || character == 0x061C ||
-           character == 0x200E || character == 0x200F || (character >= 0x2028 && character <= 0x202E) ||
-           (character >= 0x2066 && character <= 0x2069);
-}
-
-// The code point of the well-formed UTF-8 sequence `bytes`.
-char32_t decoded(std::string_view bytes) {
-    if (bytes.size() == 1) return static_cast<unsigned char>(bytes[0]);
-    char32_t character = static_cast<unsigned char>(bytes[0]) & (0x7F >> bytes.size());
-    for (const char continuation : bytes.substr(1)) character = (character << 6) | (continuation & 0x3F);
-    return character;
-}
-
-// Manifest text as a table shows it: what would act on the terminal, and bytes that are not
-// UTF-8, written as escapes; "\" doubled so that an escape cannot be forged.
-std::string terminalText(std::string_view text) {
-    std::string shown;
-    shown.reserve(text.size());
-    for (size_t at = 0; at < text.size();) {
-        const size_t length = DCIUTF8CharacterLength(text.substr(at));
-        const std::string_view bytes = text.substr(at, length);
-        at += length;
-        const bool malformed = length == 1 && static_cast<unsigned char>(bytes[0]) >= 0x80;
-        char escape[16];
-        if (malformed) {
-            std::snprintf(escape, sizeof escape, "\\x%02X", static_cast<unsigned char>(bytes[0]));
-            shown += escape;
-        } else if (const char32_t character = decoded(bytes); actsOnTerminal(character)) {
-            std::snprintf(escape, sizeof escape, "\\u{%X}", static_cast<unsigned>(character));
-            shown += escape;
-        } else if (character == '\\') {
-            shown += "\\\\";
-        } else {
-            shown += bytes;
-        }
-    }
-    return shown;
 }
 
 // Terminal columns of UTF-8 text, counting each character as one.

@@ -3,6 +3,9 @@
 
 #include "KestlyCommand.h"
 
+#include "CachePaths.h"
+#include "TerminalText.h"
+
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 #include "CoreKestly/FileSystem/DCISHACache.h"
@@ -115,50 +118,6 @@ private:
     uint64_t cacheHits_ = 0;
 };
 
-// $XDG_CACHE_HOME/kestly, else ~/.cache/kestly.
-std::string defaultCacheFolder() {
-    const char* cacheHome = std::getenv("XDG_CACHE_HOME");
-    if (cacheHome && cacheHome[0] == '/') return KestlyPath::appendingComponent(cacheHome, "kestly");
-    return KestlyPath::standardize("~/.cache/kestly");
-}
-
-// Nothing when `path` is relative and the working folder is gone.
-std::optional<std::string> absoluteStandardPath(const std::string& path) {
-    std::string standard = KestlyPath::standardize(path);
-    if (standard.starts_with('/')) return standard;
-    std::error_code error;
-    const auto workingFolder = std::filesystem::current_path(error);
-    if (error) return std::nullopt;
-    return KestlyPath::standardize(KestlyPath::appendingComponent(workingFolder.string(), standard));
-}
-
-struct CachePaths {
-    std::string primary;
-    std::string secondary;
-};
-
-// Fills the paths not given with the default ones, making their folder. Answers the exit
-// status of a failure, or 0.
-int completeCachePaths(CachePaths& paths) {
-    if (paths.primary.empty() || paths.secondary.empty()) {
-        const std::string folder = defaultCacheFolder();
-        std::error_code error;
-        std::filesystem::create_directories(folder, error);
-        if (error) {
-            std::fprintf(stderr, "kestly: %s: %s\n", folder.c_str(), error.message().c_str());
-            return 1;
-        }
-        if (paths.primary.empty()) paths.primary = KestlyPath::appendingComponent(folder, "primary.sqlite");
-        if (paths.secondary.empty()) paths.secondary = KestlyPath::appendingComponent(folder, "secondary.sqlite");
-    }
-    const auto primary = absoluteStandardPath(paths.primary);
-    if (primary && primary == absoluteStandardPath(paths.secondary)) {
-        std::fprintf(stderr, "kestly: the primary and the secondary cache need files of their own\n");
-        return 2;
-    }
-    return 0;
-}
-
 struct ScanResult {
     std::vector<std::shared_ptr<DCIFolderObject>> folders;  // sorted by relative path
     std::vector<std::shared_ptr<DCIFileObject>> files;      // sorted by relative path
@@ -232,7 +191,7 @@ int scan(const ScanOptions& options) {
     for (const auto& file : result.files) {
         result.hashes.push_back(file->fileHash());
         if (!result.hashes.back()) {
-            std::fprintf(stderr, "kestly: %s: cannot compute SHA-256\n", file->absolutePath().c_str());
+            std::fprintf(stderr, "kestly: %s: cannot compute SHA-256\n", terminalText(file->absolutePath()).c_str());
             status = 1;
         }
     }

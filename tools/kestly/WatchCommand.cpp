@@ -90,7 +90,7 @@ public:
         if (event->category() != DCIEventCategoryCommon || !eventName(event->type())) return;
         if (event->type() == DCIEventTypeRootFolderRemoved) rootRemoved_ = true;
         const std::string line = json_ ? jsonLine(*event).dump(-1, ' ', false, Json::error_handler_t::replace)
-                                       : printableText(humanLine(*event));
+                                       : terminalText(humanLine(*event));
         // Nobody reads what follows a failed write (a full disk, a closed pipe): stop watching.
         if ((std::printf("%s\n", line.c_str()) < 0 || std::fflush(stdout) != 0) && !outputFailed_) {
             outputFailed_ = true;
@@ -227,7 +227,7 @@ void readCommands(std::shared_ptr<DCIFileManager> manager) {
                 DCIRunLoop::main().performAsync([manager, line = std::move(pending)] {
                     const std::string problem = runCommand(*manager, line);
                     if (!problem.empty()) {
-                        std::fprintf(stderr, "kestly: %s: %s\n", printableText(line).c_str(), problem.c_str());
+                        std::fprintf(stderr, "kestly: %s: %s\n", terminalText(line).c_str(), problem.c_str());
                     }
                 });
             }
@@ -277,7 +277,7 @@ int watch(const WatchOptions& options) {
     });
     if (isatty(STDERR_FILENO)) {
         std::fprintf(stderr, "kestly: watching %s; building and hashing its tree first (Ctrl-C stops)\n",
-                     printableText(*root).c_str());
+                     terminalText(*root).c_str());
     }
     manager->startWatchingRootFolder(*root, caches.primary, caches.secondary, nullptr);
     std::thread(readCommands, manager).detach();

@@ -168,8 +168,9 @@ TEST_F(DCIEventManagerTest, EventsWithoutABusAreDroppedForGood) {
     DCIEventManager::postEvent(testEvent(1));  // no bus yet
     const auto first = addRecorder();
     auto queued = testEvent(2);
-    const std::weak_ptr<DCIAction> carried = DCIAction::init();
-    queued->setAction(carried.lock());
+    auto action = DCIAction::init();
+    const std::weak_ptr<DCIAction> carried = action;
+    queued->setAction(std::move(action));
     DCIEventManager::postEvent(std::move(queued));
     DCIEventManager::removeListener(first);  // 2 is still queued: it dies with the bus, at once
     EXPECT_TRUE(carried.expired());

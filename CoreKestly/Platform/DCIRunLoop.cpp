@@ -352,7 +352,7 @@ void DCIRunLoop::State::armTimerDescriptor() {
 // Were the owner's descriptor registered, a source removed after its owner closed the
 // descriptor would remove whatever registration a newer file holds under the reused number,
 // or none at all while a duplicate keeps the file open, which epoll then keeps reporting. So
-// the loop registers a duplicate of its own, which only it closes, after the registration.
+// the loop registers a duplicate of its own, which only it closes, once the registration ended.
 bool DCIRunLoop::State::watch(Entry& entry, uint32_t events) {
     const auto sameNumber = std::find_if(fileDescriptorSources.begin(), fileDescriptorSources.end(),
                                          [&](const auto& attached) { return attached.second->fileDescriptor == entry.fileDescriptor; });
@@ -377,8 +377,8 @@ bool DCIRunLoop::State::ownerStillHoldsWatchedFile(const Entry& entry) const {
 void DCIRunLoop::State::dropOrphan(Entry& entry) {
     reportProblem("descriptor " + std::to_string(entry.fileDescriptor) +
                   " was closed before its run-loop source was removed; the source is removed");
-    unwatch(entry);
     entry.detached = true;
+    unwatch(entry);
 }
 
 void DCIRunLoop::State::unwatch(Entry& entry) {

@@ -23,9 +23,10 @@ const char* environmentValue(const char* name) {
     return value && *value ? value : nullptr;
 }
 
-// In a folder others can write to, another user could plant a link where the log goes, or
-// keep us from logging at all; so the folder must be a real directory of our own.
-bool isPrivateDirectory(const std::string& directory) {
+// Makes the folder when missing; answers whether it is a real directory of our own. In a
+// folder others can write to, another user could plant a link where the log goes, or
+// keep us from logging at all.
+bool preparePrivateDirectory(const std::string& directory) {
     ::mkdir(directory.c_str(), 0700);
     struct stat status {};
     return ::lstat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode) && status.st_uid == ::geteuid();
@@ -89,7 +90,7 @@ std::string DCLogger::perUserTemporaryDirectory() {
 DCLogger::DCLogger(const std::string& directory)
     : currentLogFileURL_(KestlyPath::appendingComponent(directory, "com.kestly.current.log")),
       previousLogFileURL_(KestlyPath::appendingComponent(directory, "com.kestly.previous.log")) {
-    if (isPrivateDirectory(directory)) {
+    if (preparePrivateDirectory(directory)) {
         // Each step may fail (no previous log, no current log, a read-only folder); the next
         // step still runs, and a failed open just leaves the logger without a file.
         ::unlink(previousLogFileURL_.c_str());
@@ -102,8 +103,10 @@ DCLogger::DCLogger(const std::string& directory)
     }
     // Installed once, with the first logger: before it, a fork has no logger to care for.
     [[maybe_unused]] static const int forkHandlers = pthread_atfork(prepareForFork, afterForkInParent, afterForkInChild);
-    writer_ = std::make_unique<std::thread>([this] { writeEntries(); });
+    // Under the registry's lock, so that no fork falls between the writer's start and the
+    // logger's registration.
     std::lock_guard lock(loggerRegistry().mutex);
+    writer_ = std::make_unique<std::thread>([this] { writeEntries(); });
     loggerRegistry().loggers.push_back(this);
 }
 

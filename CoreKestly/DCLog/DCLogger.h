@@ -17,9 +17,10 @@
 /// waits for the disk.
 ///
 /// When a logger starts, the log of the run before becomes the previous log and an empty
-/// current log is begun, so one generation survives. Nothing about the file is ever
-/// reported: when it cannot be rotated, opened or written, entries are silently lost and the
-/// standard-error echo of `DCLogInfo` and `DCLogError` still happens.
+/// current log is begun, so one generation survives. Nothing about the file is reported
+/// but a folder that is not the user's own: when the file cannot be rotated, opened or
+/// written, entries are silently lost and the standard-error echo of `DCLogInfo` and
+/// `DCLogError` still happens.
 ///
 /// The logs tell what the user works on, so they live in a folder only the user can enter,
 /// and are made readable by the user alone (0600) and never opened through a link.

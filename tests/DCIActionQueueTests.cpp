@@ -6,11 +6,30 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
+#include <new>
 #include <random>
 #include <set>
 #include <thread>
 #include <tuple>
 #include <vector>
+
+namespace {
+// Allocations this thread makes before one fails; negative: none fails.
+thread_local long allocationsBeforeFailure = -1;
+}  // namespace
+
+void* operator new(std::size_t size) {
+    if (allocationsBeforeFailure == 0) {
+        allocationsBeforeFailure = -1;
+        throw std::bad_alloc();
+    }
+    if (allocationsBeforeFailure > 0) --allocationsBeforeFailure;
+    if (void* memory = std::malloc(size ? size : 1)) return memory;
+    throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -131,6 +150,22 @@ TEST_F(DCIActionQueueTest, AWaitingActionIsHeldOnceAndAnnouncedOnce) {
     EXPECT_EQ(queue_->queue(), Actions{action});
     EXPECT_EQ(drain(*queue_), Actions{action});
     EXPECT_EQ(statusChangesOf(action), (std::vector<StatusChange>{{2, 0}}));
+}
+
+TEST_F(DCIActionQueueTest, AnAddThatRunsOutOfMemoryLeavesTheActionFreeToBeAddedAgain) {
+    // Fails each allocation of one add in turn, until an add needs no more than were allowed.
+    for (long allowed = 0;; ++allowed) {
+        const auto queue = DCIActionQueue::init();
+        const auto first = DCIAction::init(), second = DCIAction::init();
+        queue->addAction(first);  // the heap is full now, if it ever is
+        allocationsBeforeFailure = allowed;
+        EXPECT_NO_THROW(queue->addAction(second));
+        const bool failed = allocationsBeforeFailure < 0;
+        allocationsBeforeFailure = -1;
+        if (!failed) break;
+        queue->addAction(second);
+        EXPECT_EQ(drain(*queue), (Actions{second, first})) << "allocation " << allowed << " failed";
+    }
 }
 
 TEST_F(DCIActionQueueTest, AFinishedActionIsQueuedAgainAsPending) {

@@ -1,3 +1,4 @@
+#include "CoreKestly/Actions/DCIAction.h"
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "support/EventRecorder.h"
@@ -134,6 +135,24 @@ TEST_F(DCIEventManagerTest, RegistrationRules) {
     EXPECT_TRUE(DCIEventManager::hasSharedInstance());
 }
 
+TEST_F(DCIEventManagerTest, TwoListenersInsideOneObjectAreTwo) {
+    struct Pair : DCIObject {
+        EventRecorder left, right;
+    };
+    const auto pair = std::make_shared<Pair>();
+    const std::shared_ptr<EventRecorder> left(pair, &pair->left), right(pair, &pair->right);
+    DCIEventManager::addListener(left);
+    DCIEventManager::addListener(right);
+    DCIEventManager::postEvent(testEvent(1));
+    ASSERT_TRUE(pumpMainLoopUntil([&] { return pair->left.events.size() == 1 && pair->right.events.size() == 1; }));
+
+    DCIEventManager::removeListener(right);
+    DCIEventManager::postEvent(testEvent(2));
+    ASSERT_TRUE(pumpMainLoopUntil([&] { return pair->left.events.size() == 2; }));
+    EXPECT_EQ(pair->right.events.size(), 1u);
+    DCIEventManager::removeListener(left);
+}
+
 TEST_F(DCIEventManagerTest, AnObjectThatIsNoListenerStillCreatesTheBus) {
     const auto stranger = std::make_shared<NotAListener>();
     DCIEventManager::addListener(stranger);
@@ -148,8 +167,13 @@ TEST_F(DCIEventManagerTest, AnObjectThatIsNoListenerStillCreatesTheBus) {
 TEST_F(DCIEventManagerTest, EventsWithoutABusAreDroppedForGood) {
     DCIEventManager::postEvent(testEvent(1));  // no bus yet
     const auto first = addRecorder();
-    DCIEventManager::postEvent(testEvent(2));
-    DCIEventManager::removeListener(first);  // 2 is still queued: it dies with the bus
+    auto queued = testEvent(2);
+    auto action = DCIAction::init();
+    const std::weak_ptr<DCIAction> carried = action;
+    queued->setAction(std::move(action));
+    DCIEventManager::postEvent(std::move(queued));
+    DCIEventManager::removeListener(first);  // 2 is still queued: it dies with the bus, at once
+    EXPECT_TRUE(carried.expired());
     DCIEventManager::postEvent(testEvent(3));
 
     const auto second = addRecorder();

@@ -397,6 +397,32 @@ TEST(DCIRunLoopDescriptor, RefusedDescriptorsGiveNoSource) {
     EXPECT_EQ(mainLoop().addFileDescriptorSource(pipe.readEnd(), EPOLLIN, [](uint32_t) {}), nullptr);
 }
 
+TEST(DCIRunLoopDescriptor, ASourceOutlivingItsDescriptorDisturbsNoOtherAndLeavesNothingReady) {
+    Pipe first, second;
+    first.write("unread");
+    const int keepsFirstOpen = dup(first.readEnd());
+    int staleCalls = 0;
+    auto stale = mainLoop().addFileDescriptorSource(first.readEnd(), EPOLLIN, [&](uint32_t) { ++staleCalls; });
+    ASSERT_NE(stale, nullptr);
+    // The owner closes its descriptor without removing the source, and the number is reused.
+    ASSERT_EQ(dup2(second.readEnd(), first.readEnd()), first.readEnd());
+    mainLoop().runOnce();
+    EXPECT_EQ(staleCalls, 0);  // it would read a file that is no longer its own
+
+    std::string received;
+    auto newer = mainLoop().addFileDescriptorSource(first.readEnd(), EPOLLIN, [&](uint32_t) { received += first.readAvailable(); });
+    ASSERT_NE(newer, nullptr);
+    stale.reset();
+    second.write("fresh");
+    EXPECT_TRUE(runMainUntil([&] { return received == "fresh"; }));
+
+    // The first pipe is still readable through the duplicate, but no registration is left.
+    newer.reset();
+    mainLoop().runOnce();
+    EXPECT_FALSE(isReadable(mainLoop().fileDescriptor()));
+    close(keepsFirstOpen);
+}
+
 TEST(DCIRunLoopRun, StopFromAnotherThreadEndsRun) {
     // performSync returns only once run() is running the closure.
     std::thread stopper([] {

@@ -7,7 +7,10 @@
 #include <fcntl.h>
 #include <regex>
 #include <sstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -91,11 +94,41 @@ TEST(DCLogger, TheSharedLoggerWritesInTheTemporaryDirectory) {
     EXPECT_EQ(&DCLogger::sharedLogger(), &logger);
 }
 
-TEST(DCLogger, AFirstRunHasNoPreviousLog) {
-    TemporaryDirectory folder;
-    DCLogger logger(folder.path().string());
+TEST(DCLogger, AFirstRunMakesAPrivateFolderAndLog) {
+    TemporaryDirectory parent;
+    const std::string folder = parent / "kestly";
+    DCLogger logger(folder);
     EXPECT_FALSE(std::filesystem::exists(logger.previousLogFileURL()));
-    EXPECT_TRUE(std::filesystem::exists(logger.currentLogFileURL()));
+    struct stat status {};
+    ASSERT_EQ(stat(folder.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700u);
+    ASSERT_EQ(stat(logger.currentLogFileURL().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600u);
+}
+
+TEST(DCLogger, ThePerUserTemporaryDirectory) {
+    const std::tuple<const char*, const char*, std::string> cases[] = {
+        {"/var/tmp/mine", "/run/user/7", "/var/tmp/mine"},
+        {"", "/run/user/7", "/run/user/7/kestly"},
+        {nullptr, nullptr, "/tmp/kestly-" + std::to_string(geteuid())}};
+    for (const auto& [tmpdir, runtime, expected] : cases) {
+        ScopedEnvironment temporary("TMPDIR", tmpdir), xdg("XDG_RUNTIME_DIR", runtime);
+        EXPECT_EQ(DCLogger::perUserTemporaryDirectory(), expected);
+    }
+}
+
+TEST(DCLogger, ALinkWhereTheLogGoesIsNeverFollowed) {
+    TemporaryDirectory folder;
+    const std::string victim = folder.writeFile("victim", "precious\n");
+    // A folder in the way keeps the rotation from moving the link aside.
+    folder.writeFile("com.kestly.previous.log/keep", "");
+    std::filesystem::create_symlink(victim, folder / "com.kestly.current.log");
+    {
+        DCLogger logger(folder.path().string());
+        EXPECT_EQ(logger.logFile(), -1);
+        logger.log("must not land in the victim");
+    }
+    EXPECT_EQ(readWholeFile(victim), "precious\n");
 }
 
 TEST(DCLogger, AMultiLineMessageIsOneEntryStampedOnce) {
@@ -165,11 +198,45 @@ TEST(DCLogger, EntriesGoToTheLogFileSetAtTheTimeTheyAreWritten) {
     EXPECT_EQ(fcntl(file, F_GETFD), -1);
 }
 
-TEST(DCLogger, AFolderThatCannotBeWrittenLosesEntriesQuietly) {
-    DCLogger logger("/proc/kestly-no-such-folder");
-    EXPECT_EQ(logger.logFile(), -1);
-    logger.log("goes nowhere");
+TEST(DCLogger, AFolderThatIsNotARealOneOfOurOwnGetsNoLogAndOneWarning) {
+    TemporaryDirectory folder;
+    const std::string elsewhere = folder.makeFolder("elsewhere");
+    std::filesystem::create_directory_symlink(elsewhere, folder / "link");
+    for (const std::string& candidate :
+         {std::string("/proc/kestly-no-such-folder"), folder / "link", folder.writeFile("file", "")}) {
+        const std::string errPath = folder / "stderr.txt";
+        {
+            CapturedStandardError captured(errPath);
+            DCLogger logger(candidate);
+            EXPECT_EQ(logger.logFile(), -1) << candidate;
+            logger.log("goes nowhere");
+            logger.log("nor here");
+        }
+        const auto warnings = linesOf(readWholeFile(errPath));
+        ASSERT_EQ(warnings.size(), 1u) << candidate;
+        EXPECT_NE(warnings[0].find(candidate), std::string::npos);
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
+}
+
+TEST(DCLogger, AForkedChildLogsAndExits) {
+    auto& logger = DCLogger::sharedLogger();
+    DCLogError("before the fork");
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        alarm(10);  // a hung child dies of the alarm
+        DCLogError("from the child");
+        std::exit(0);  // the exit handler flushes the shared logger
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child hung or failed";
     logger.flush();
+    const std::string log = readWholeFile(logger.currentLogFileURL());
+    EXPECT_EQ(log.find(": from the child\n"), log.rfind(": from the child\n"));
+    EXPECT_NE(log.find(": from the child\n"), std::string::npos);
+    EXPECT_EQ(log.find(": before the fork\n"), log.rfind(": before the fork\n"));
 }
 
 TEST(DCLogInfo, IsSilencedOnlyByVerboseLoggingExactlyNo) {

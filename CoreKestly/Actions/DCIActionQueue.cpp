@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <new>
 
 /// The paused observers of one queue. Its lock also serialises pause and resume, so each real
 /// transition is announced exactly once however many threads race; it is recursive so that an
@@ -52,13 +53,22 @@ bool DCIActionQueue::isHandedOutAfter(const Entry& a, const Entry& b) {
 
 void DCIActionQueue::addAction(const std::shared_ptr<DCIAction>& action) {
     if (!action) return;
-    std::lock_guard lock(mutex_);
-    if (!waiting_.insert(action.get()).second) return;
-    // Counted as waiting before its priority is read: see DCIAction::announcePriorityChange.
-    ++action->waitingCount_;
-    heap_.push_back(Entry{action->priority(), action->timestamp().timePoint(), action->creationSequence_, action});
-    std::push_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
-    action->changeStatus(DCIActionStatusPending);
+    try {
+        std::lock_guard lock(mutex_);
+        if (waiting_.contains(action.get())) return;
+        // Every allocation comes before the action counts as waiting: one failing after it
+        // would leave an action that is never handed out and that every later add refuses.
+        if (heap_.size() == heap_.capacity()) heap_.reserve(std::max<size_t>(16, 2 * heap_.capacity()));
+        waiting_.insert(action.get());
+        // Counted as waiting before its priority is read: see DCIAction::announcePriorityChange.
+        ++action->waitingCount_;
+        heap_.push_back(Entry{action->priority(), action->timestamp().timePoint(), action->creationSequence_, action});
+        std::push_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
+        action->changeStatus(DCIActionStatusPending);
+    } catch (const std::bad_alloc&) {
+        // Out of memory, where even a log line may not fit. The action is either not queued
+        // or queued without its status change; either way its status tells the caller.
+    }
 }
 
 std::shared_ptr<DCIAction> DCIActionQueue::popNextAction() {

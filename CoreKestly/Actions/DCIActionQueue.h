@@ -54,7 +54,9 @@ public:
 
     /// Queues `action` and sets it to `DCIActionStatusPending`, which announces the change
     /// unless it was pending already. An action already waiting here is not added again and
-    /// keeps its status. Ignores nullptr; a paused queue accepts actions too.
+    /// keeps its status. Ignores nullptr; a paused queue accepts actions too. Out of memory,
+    /// the action may stay out of the queue, keeping its status; adding it again is then
+    /// possible.
     void addAction(const std::shared_ptr<DCIAction>& action);
     /// Removes and answers the next action, or nullptr when the queue is empty or paused.
     /// The status is left as it is: the taker moves it on.
@@ -75,7 +77,9 @@ public:
     /// another thread that does.
     std::unique_ptr<DCIPausedObservation> addPausedObserver(DCIPausedObserver observer);
 
-    /// The waiting actions in the order they would be handed out now.
+    /// The waiting actions in the order they would be handed out now: the next one first. (An
+    /// array kept for taking from its end would hold them the other way round.) A copy: the
+    /// queue may change as soon as it is made.
     std::vector<std::shared_ptr<DCIAction>> queue() const;
 
 private:

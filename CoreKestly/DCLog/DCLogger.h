@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -16,16 +17,29 @@
 /// waits for the disk.
 ///
 /// When a logger starts, the log of the run before becomes the previous log and an empty
-/// current log is begun, so one generation survives. Nothing about the file is ever
-/// reported: when it cannot be rotated, opened or written, entries are silently lost and the
-/// standard-error echo of `DCLogInfo` and `DCLogError` still happens.
+/// current log is begun, so one generation survives. Nothing about the file is reported
+/// but a folder that is not the user's own: when the file cannot be rotated, opened or
+/// written, entries are silently lost and the standard-error echo of `DCLogInfo` and
+/// `DCLogError` still happens.
+///
+/// The logs tell what the user works on, so they live in a folder only the user can enter,
+/// and are made readable by the user alone (0600) and never opened through a link.
+///
+/// A process forked while loggers live may go on logging in the child: there, with no writer
+/// thread, each entry is written at once on the logging thread, and entries the parent had
+/// queued are left to the parent.
 class DCLogger {
 public:
-    /// The process's logger, made on first use with the per-user temporary directory
-    /// (`TMPDIR`, else /tmp) and kept until the process ends.
+    /// The process's logger, made on first use in `perUserTemporaryDirectory()` and kept until
+    /// the process ends.
     static DCLogger& sharedLogger();
+    /// `$TMPDIR` when set, else `$XDG_RUNTIME_DIR/kestly`, else "/tmp/kestly-<uid>".
+    static std::string perUserTemporaryDirectory();
 
-    /// A logger whose files live in `directory`: rotates them and starts the writer.
+    /// A logger whose files live in `directory`: makes the folder (0700) when it is missing,
+    /// rotates the files and starts the writer. Unless the folder is then a real directory
+    /// (not a link) owned by this user, the logger says so once on standard error and writes
+    /// no file.
     explicit DCLogger(const std::string& directory);
     /// Writes what is still queued, then stops the writer and closes the file.
     ~DCLogger();
@@ -48,6 +62,10 @@ public:
     void flush();
 
 private:
+    static void prepareForFork();
+    static void afterForkInParent();
+    static void afterForkInChild();
+
     void writeEntries();
     void writeEntry(const std::string& message) const;
 
@@ -63,7 +81,9 @@ private:
     uint64_t queuedCount_ = 0;
     uint64_t writtenCount_ = 0;
     bool stopping_ = false;
-    std::thread writer_;  // last: starts after every member it uses
+    /// None in a forked child, where the thread does not exist. Last: starts after every member
+    /// it uses.
+    std::unique_ptr<std::thread> writer_;
 };
 
 /// Whether `DCLogInfo` is silenced: `VERBOSE_LOGGING` is exactly "no". Read at every call.

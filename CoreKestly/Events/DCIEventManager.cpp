@@ -7,6 +7,7 @@
 #include <atomic>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -42,13 +43,19 @@ public:
     }
 
     void remove(const std::shared_ptr<DCIObject>& object) {
+        std::vector<QueuedEvent> released;  // destroyed unlocked: events own actions and trees
         std::lock_guard lock(mutex_);
         if (liveGeneration_.load(std::memory_order_relaxed) == kNoGeneration) return;
         if (auto listener = std::dynamic_pointer_cast<DCIEventListener>(object)) {
             if (const size_t index = indexOf(listener); index != kNotFound) listeners_.erase(listeners_.begin() + index);
         }
         std::erase_if(listeners_, [](const auto& entry) { return entry.expired(); });
-        if (listeners_.empty()) liveGeneration_.store(kNoGeneration, std::memory_order_release);
+        if (!listeners_.empty()) return;
+        liveGeneration_.store(kNoGeneration, std::memory_order_release);
+        // Nothing queued can be delivered any more; waiting for the main loop to drain it
+        // would keep it in memory for as long as that loop is busy or not run at all.
+        std::lock_guard consumer(consumerMutex_);
+        while (auto queued = queue_.pop()) released.push_back(std::move(*queued));
     }
 
     bool exists() const { return liveGeneration_.load(std::memory_order_acquire) != kNoGeneration; }
@@ -68,10 +75,12 @@ private:
         liveGeneration_.store(++lastGeneration_, std::memory_order_release);
     }
 
-    // Called with the mutex held. Listeners are the same when they share an owner.
+    // Called with the mutex held. A listener is an object, not its owner: two listeners
+    // inside one object (aliasing pointers) are two. A destroyed one matches nothing, so a new
+    // listener at its address is not mistaken for it.
     size_t indexOf(const std::shared_ptr<DCIEventListener>& listener) const {
         for (size_t i = 0; i < listeners_.size(); ++i) {
-            if (!listeners_[i].owner_before(listener) && !listener.owner_before(listeners_[i])) return i;
+            if (listeners_[i].lock().get() == listener.get()) return i;
         }
         return kNotFound;
     }
@@ -96,11 +105,16 @@ private:
     // batch and signals itself to go on.
     void drain() {
         for (int delivered = 0; delivered < kEventsPerDrain; ++delivered) {
-            auto queued = queue_.pop();
+            auto queued = pop();
             if (!queued) return;
             for (const auto& listener : snapshotFor(queued->generation)) deliver(*listener, queued->event);
         }
         source_->signal();
+    }
+
+    std::optional<QueuedEvent> pop() {
+        std::lock_guard consumer(consumerMutex_);
+        return queue_.pop();
     }
 
     static void deliver(DCIEventListener& listener, const std::shared_ptr<DCIEvent>& event) {
@@ -114,6 +128,9 @@ private:
     }
 
     DCIMPSCQueue<QueuedEvent> queue_;
+    // The queue has one consumer at a time: the drain on the main thread, or the removal of
+    // the last listener on any thread. Posting never takes it.
+    std::mutex consumerMutex_;
     std::unique_ptr<DCIRunLoopSource> source_;
     std::atomic<uint64_t> liveGeneration_{kNoGeneration};
 

@@ -19,8 +19,11 @@ public:
 ///
 /// The bus exists only while at least one listener is registered: before the first
 /// `addListener` and after the last `removeListener`, posted events are dropped, and events
-/// still queued when the last listener leaves are never delivered, not even to a listener
-/// added later.
+/// still queued when the last listener leaves are released at once, never delivered, not even
+/// to a listener added later.
+///
+/// Listeners are told apart by address: two listeners that share an owner (aliasing pointers
+/// into one object) are two registrations.
 ///
 /// Registration does not keep a listener alive: a listener unregisters itself before it is
 /// destroyed (one destroyed while registered is skipped from then on). A listener removed

@@ -2,8 +2,12 @@
 
 #include "CoreKestly/Platform/DCIRunLoopInternal.h"
 
+#include <fcntl.h>
+#include <linux/kcmp.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -53,11 +57,23 @@ void drainCounter(int fd) {
     while (::read(fd, &count, sizeof count) < 0 && errno == EINTR) {}
 }
 
-bool watch(int epollFd, int operation, int fd, uint32_t events, uint64_t id) {
+bool epollControl(int epollFd, int operation, int fd, uint32_t events, uint64_t id) {
     epoll_event event{};
     event.events = events;
     event.data.u64 = id;
     return epoll_ctl(epollFd, operation, fd, &event) == 0;
+}
+
+/// Whether two descriptors of this process name one open file. kcmp answers exactly; where a
+/// sandbox forbids it, device and inode are the next best thing (they cannot tell apart two
+/// descriptors of one anonymous kind, such as two inotify instances).
+bool sameOpenFile(int a, int b) {
+    const long answer = ::syscall(SYS_kcmp, getpid(), getpid(), KCMP_FILE, a, b);
+    if (answer >= 0) return answer == 0;
+    if (errno == EBADF) return false;
+    struct stat first {}, second {};
+    return fstat(a, &first) == 0 && fstat(b, &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
 }
 
 /// `start + interval`, saturating: intervals such as "never" must not overflow the clock.
@@ -186,6 +202,8 @@ private:
         std::vector<std::pair<std::shared_ptr<Entry>, uint32_t>> ready;
         {
             std::lock_guard lock(state_.mutex);
+            // An id not found here is a source removed after the wait collected its report: its
+            // registration went with it.
             for (int i = 0; i < count; ++i) {
                 const uint64_t id = events[i].data.u64;  // a copy: epoll_event is packed
                 const auto found = state_.fileDescriptorSources.find(id);
@@ -197,6 +215,10 @@ private:
             Entry& source = *entry;
             const bool fresh = claim(source, [&] {
                 if (source.lastPass >= number_) return false;
+                if (!state_.ownerStillHoldsWatchedFile(source)) {
+                    state_.dropOrphan(source);
+                    return false;
+                }
                 source.lastPass = number_;
                 return true;
             });
@@ -238,8 +260,8 @@ DCIRunLoop::State::State(pid_t owner)
       timerFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       nextSourceId(kFirstSourceId) {
     const bool usable = epollFd >= 0 && wakeFd >= 0 && timerFd >= 0 &&
-                        watch(epollFd, EPOLL_CTL_ADD, wakeFd, EPOLLIN, kWakeId) &&
-                        watch(epollFd, EPOLL_CTL_ADD, timerFd, EPOLLIN, kTimerId);
+                        epollControl(epollFd, EPOLL_CTL_ADD, wakeFd, EPOLLIN, kWakeId) &&
+                        epollControl(epollFd, EPOLL_CTL_ADD, timerFd, EPOLLIN, kTimerId);
     // Without descriptors every run returns at once; nothing else can be done about it here.
     if (!usable) reportProblem(std::string("cannot create a run loop: ") + std::strerror(errno));
 }
@@ -265,8 +287,10 @@ void DCIRunLoop::State::close() {
         for (auto& [id, entry] : fileDescriptorSources) droppedSources.push_back(entry);
         signalSources.clear();
         timers.clear();
-        fileDescriptorSources.clear();
-        for (const auto& entry : droppedSources) entry->detached = true;
+        for (const auto& entry : droppedSources) {
+            if (entry->kind == Entry::Kind::fileDescriptor) unwatch(*entry);
+            entry->detached = true;
+        }
     }
     // Destroyed here, unlocked: what the closures and callbacks hold may call back into the loop.
 }
@@ -302,9 +326,7 @@ void DCIRunLoop::State::detach(Entry& entry) {
             armTimerDescriptor();
             break;
         case Entry::Kind::fileDescriptor:
-            // Fails harmlessly when the owner has already closed the descriptor.
-            epoll_ctl(epollFd, EPOLL_CTL_DEL, entry.fileDescriptor, nullptr);
-            fileDescriptorSources.erase(entry.id);
+            unwatch(entry);
             break;
         }
     }
@@ -324,6 +346,48 @@ void DCIRunLoop::State::armTimerDescriptor() {
         when.it_value.tv_nsec = static_cast<long>(ns % 1'000'000'000);
     }
     timerfd_settime(timerFd, TFD_TIMER_ABSTIME, &when, nullptr);
+}
+
+// epoll keys a registration by open file *and* descriptor number, and removes it by number.
+// Were the owner's descriptor registered, a source removed after its owner closed the
+// descriptor would remove whatever registration a newer file holds under the reused number,
+// or none at all while a duplicate keeps the file open, which epoll then keeps reporting. So
+// the loop registers a duplicate of its own, which only it closes, once the registration ended.
+bool DCIRunLoop::State::watch(Entry& entry, uint32_t events) {
+    const auto sameNumber = std::find_if(fileDescriptorSources.begin(), fileDescriptorSources.end(),
+                                         [&](const auto& attached) { return attached.second->fileDescriptor == entry.fileDescriptor; });
+    if (sameNumber != fileDescriptorSources.end()) {
+        if (ownerStillHoldsWatchedFile(*sameNumber->second)) return false;
+        dropOrphan(*sameNumber->second);
+    }
+    const int duplicate = entry.fileDescriptor < 0 ? -1 : fcntl(entry.fileDescriptor, F_DUPFD_CLOEXEC, 0);
+    if (duplicate < 0) return false;
+    if (!epollControl(epollFd, EPOLL_CTL_ADD, duplicate, events, entry.id)) {
+        ::close(duplicate);
+        return false;
+    }
+    entry.watchedDescriptor = duplicate;
+    return true;
+}
+
+bool DCIRunLoop::State::ownerStillHoldsWatchedFile(const Entry& entry) const {
+    return sameOpenFile(entry.fileDescriptor, entry.watchedDescriptor);
+}
+
+void DCIRunLoop::State::dropOrphan(Entry& entry) {
+    reportProblem("descriptor " + std::to_string(entry.fileDescriptor) +
+                  " was closed before its run-loop source was removed; the source is removed");
+    entry.detached = true;
+    unwatch(entry);
+}
+
+void DCIRunLoop::State::unwatch(Entry& entry) {
+    if (entry.watchedDescriptor >= 0) {
+        epoll_ctl(epollFd, EPOLL_CTL_DEL, entry.watchedDescriptor, nullptr);
+        ::close(entry.watchedDescriptor);
+        entry.watchedDescriptor = -1;
+    }
+    fileDescriptorSources.erase(entry.id);
 }
 
 // MARK: - Loop
@@ -409,7 +473,7 @@ std::unique_ptr<DCIRunLoopSource> DCIRunLoop::addFileDescriptorSource(int fd, ui
     auto entry = makeEntry(state_, Entry::Kind::fileDescriptor, std::move(callback));
     entry->fileDescriptor = fd;
     std::lock_guard lock(state_->mutex);
-    if (!watch(state_->epollFd, EPOLL_CTL_ADD, fd, events, entry->id)) return nullptr;
+    if (!state_->watch(*entry, events)) return nullptr;
     state_->fileDescriptorSources.emplace(entry->id, entry);
     return std::make_unique<DCIRunLoopSource>(std::move(entry));
 }
@@ -418,7 +482,7 @@ void DCIRunLoop::modifyFileDescriptorSource(DCIRunLoopSource& source, uint32_t e
     Entry& entry = source.entry();
     std::lock_guard lock(state_->mutex);
     if (entry.loop != state_ || entry.kind != Entry::Kind::fileDescriptor || entry.detached) return;
-    watch(state_->epollFd, EPOLL_CTL_MOD, entry.fileDescriptor, events, entry.id);
+    epollControl(state_->epollFd, EPOLL_CTL_MOD, entry.watchedDescriptor, events, entry.id);
 }
 
 std::unique_ptr<DCIRunLoopSource> DCIRunLoop::addTimer(Clock::duration interval, bool repeats, Closure callback) {

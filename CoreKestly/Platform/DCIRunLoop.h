@@ -77,6 +77,11 @@ public:
     /// events that occurred and, as readiness is level-triggered, is called again for as long
     /// as they last. The loop never closes `fd`. Answers nullptr when epoll refuses `fd`
     /// (invalid, or already watched by this loop).
+    ///
+    /// Destroy the source before closing `fd`. The loop watches a duplicate of its own, so a
+    /// source removed late never disturbs a newer source that reuses the number, but until
+    /// then it keeps the file open; a source whose `fd` is found closed or reused is removed
+    /// at once, reported on standard error, and its callback never runs again.
     std::unique_ptr<DCIRunLoopSource> addFileDescriptorSource(int fd, uint32_t events,
                                                               std::function<void(uint32_t)> callback);
     /// Changes the events watched on a file-descriptor source.

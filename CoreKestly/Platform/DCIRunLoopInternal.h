@@ -37,13 +37,16 @@ struct DCIRunLoopSource::Entry {
     /// sources are scanned for it.
     std::atomic<bool> signalled{false};
 
-    // Fixed at creation.
+    // Fixed at creation. `fileDescriptor` is the owner's; see `State::watch` for why epoll is
+    // given a duplicate of it.
     int fileDescriptor = -1;
     DCIRunLoop::Clock::duration interval{};
     bool repeats = false;
 
     // Guarded by the loop's mutex.
     bool detached = false;
+    /// The loop's own duplicate of `fileDescriptor`, registered with epoll; -1 once unwatched.
+    int watchedDescriptor = -1;
     int runningCallbacks = 0;
     DCIRunLoop::Clock::time_point deadline;
 
@@ -80,6 +83,20 @@ struct DCIRunLoop::State {
     void detach(Entry& entry);
     /// Points the timer descriptor at the earliest deadline; called with the mutex held.
     void armTimerDescriptor();
+
+    // Descriptor sources; called with the mutex held.
+
+    /// Registers a duplicate of the entry's descriptor for `events`. Refuses a descriptor
+    /// another source already watches; a source left on the same number by an owner who closed
+    /// its descriptor is removed first.
+    bool watch(Entry& entry, uint32_t events);
+    /// Whether the owner's descriptor still names the file the entry watches: an owner that
+    /// closed it (and perhaps reused the number) broke the remove-before-close rule.
+    bool ownerStillHoldsWatchedFile(const Entry& entry) const;
+    /// Removes a source whose owner closed its descriptor before removing it, and says so.
+    void dropOrphan(Entry& entry);
+    /// Ends the entry's epoll registration and closes the loop's duplicate.
+    void unwatch(Entry& entry);
 
     // Fixed at creation; -1 when the system refused one.
     const pid_t ownerThread;

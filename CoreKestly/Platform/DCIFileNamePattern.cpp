@@ -125,8 +125,11 @@ std::string DCIFileNamePattern::locateGlob() const {
         }
         glob += '[';
         glob += static_cast<char>(c);
+        // Lower-case forms only: the program folds case itself, and every upper-case form in a
+        // set multiplies the case variants it tries, which costs it seconds.
         for (size_t i = 0; i < kLatinBases.size(); ++i) {
-            if (kLatinBases[i] == static_cast<char>(c)) encode(kFirstLatin + static_cast<char32_t>(i), glob);
+            const char32_t accented = kFirstLatin + static_cast<char32_t>(i);
+            if (kLatinBases[i] == static_cast<char>(c) && lowercased(accented) == accented) encode(accented, glob);
         }
         glob += ']';
     }

@@ -50,11 +50,13 @@ std::optional<std::string> DCISampleFinder::pathForSampleWithName(const std::opt
         return std::nullopt;
     }
     std::lock_guard searching(searchMutex_);
-    // A file name cannot hold "/": a name shown with one keeps a ":" in its place.
-    std::string fileName = *name;
-    std::replace(fileName.begin(), fileName.end(), '/', ':');
-    const auto candidates = gatherCandidates(fileName);
+    const auto candidates = gatherCandidates(fileNameForSampleName(*name));
     return candidates ? chooseCandidate(*candidates, sasID, sha, fileSize, duration) : std::nullopt;
+}
+
+std::string DCISampleFinder::fileNameForSampleName(std::string name) {
+    std::replace(name.begin(), name.end(), '/', ':');
+    return name;
 }
 
 std::optional<std::vector<std::string>> DCISampleFinder::gatherCandidates(const std::string& name) {

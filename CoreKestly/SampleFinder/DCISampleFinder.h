@@ -54,6 +54,10 @@ public:
                                                      const std::optional<std::string>& sha, uint64_t fileSize,
                                                      uint64_t duration);
 
+    /// The file name a sample called `name` has on disk: a file name cannot hold "/", so
+    /// each one is kept as ":".
+    static std::string fileNameForSampleName(std::string name);
+
     DCIMetadataQuerySettings querySettings() const;
     /// Takes effect at the next search.
     void setQuerySettings(DCIMetadataQuerySettings settings);

@@ -178,6 +178,7 @@ TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone)
         {"pcm.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 48000, 777},
         {"lossless.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 22050, 4096},
         {"vorbis.ogg", SF_FORMAT_OGG | SF_FORMAT_VORBIS, 44100, 9000},
+        {"layer3.mp3", SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III, 44100, 44100},
         {"notes.wav", 0, 0, 0},
     };
     for (const auto& test : cases) {

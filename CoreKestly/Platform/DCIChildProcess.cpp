@@ -87,15 +87,17 @@ std::unique_ptr<DCIChildProcess> DCIChildProcess::spawn(const std::string& progr
         errno = error;
         return nullptr;
     }
-    const int exit = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    const int exit = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));  // closed on exec
     if (exit < 0) {
         const int openError = errno;
-        kill(pid, SIGKILL);
-        while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {}
+        // ESRCH: already gone and reaped by the kernel for a host that ignores SIGCHLD.
+        if (openError != ESRCH) {
+            kill(pid, SIGKILL);
+            while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {}
+        }
         errno = openError;
         return nullptr;
     }
-    fcntl(exit, F_SETFD, FD_CLOEXEC);
     return std::unique_ptr<DCIChildProcess>(new DCIChildProcess(pid, readEnd.release(), exit));
 }
 
@@ -112,7 +114,8 @@ std::optional<int> DCIChildProcess::reapIfExited() {
 DCIChildProcess::~DCIChildProcess() {
     close(output_);
     if (!reapIfExited()) {
-        kill(pid_, SIGKILL);
+        // Through the pidfd: never another process that was given the same id.
+        syscall(SYS_pidfd_send_signal, exit_, SIGKILL, nullptr, 0);
         while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {}
     }
     close(exit_);

@@ -70,7 +70,7 @@ private:
         const auto status = child_->reapIfExited();
         // Status 1 means nothing matched; anything else beyond 0 is worth a line.
         if (status && !(WIFEXITED(*status) && WEXITSTATUS(*status) <= 1))
-            DCLogError("DCIMetadataQuery: the locate program ended with status %d.", *status);
+            DCLogError("DCIMetadataQuery: the locate program ended with wait status %d.", *status);
         finishIfDone();
     }
 

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <future>
 #include <thread>
 
 extern char** environ;
@@ -57,6 +58,22 @@ bool buildLocateDatabase(const std::string& tree, const std::string& database) {
 
 // No child of this process is left, running or unreaped.
 bool hasNoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+// The finder's search on a thread of its own while the main loop runs, as a host runs it.
+std::optional<std::string> searchOffMain(DCISampleFinder& finder, const std::optional<std::string>& name,
+                                         const std::optional<std::string>& sasID,
+                                         const std::optional<std::string>& sha, uint64_t size, uint64_t duration) {
+    std::optional<std::string> found;
+    std::atomic<bool> done = false;
+    std::thread search([&] {
+        found = finder.pathForSampleWithName(name, sasID, sha, size, duration);
+        done = true;
+        DCIRunLoop::main().performAsync([] {});  // so the loop looks at `done` again
+    });
+    EXPECT_TRUE(DCIRunLoop::main().runUntil([&] { return done.load(); }, kPatience));
+    search.join();
+    return found;
+}
 
 class DCISampleFinderTests : public ::testing::Test {
 protected:
@@ -150,22 +167,27 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatApplies) {
         {std::nullopt, std::nullopt, std::nullopt, sizeOf(c), 0, std::nullopt},
     };
     for (const auto& test : cases) {
-        std::optional<std::string> found;
-        std::atomic<bool> done = false;
-        std::thread search([&] {
-            found = finder->pathForSampleWithName(test.name, test.sasID, test.sha, test.size, test.duration);
-            done = true;
-            DCIRunLoop::main().performAsync([] {});  // so the loop looks at `done` again
-        });
-        EXPECT_TRUE(DCIRunLoop::main().runUntil([&] { return done.load(); }, kPatience));
-        search.join();
-        EXPECT_EQ(found, test.found) << test.name.value_or("nil") << " " << test.sasID.value_or("nil");
+        EXPECT_EQ(searchOffMain(*finder, test.name, test.sasID, test.sha, test.size, test.duration), test.found)
+            << test.name.value_or("nil") << " " << test.sasID.value_or("nil");
     }
 
     LogSince log;
     EXPECT_EQ(finder->pathForSampleWithName("Loop.wav", std::nullopt, std::nullopt, sizeOf(c), 0), std::nullopt);
     EXPECT_TRUE(log.has("DCISampleFinder: refused to search for Loop.wav on the main thread, whose loop the search "
                         "needs."));
+}
+
+TEST_F(DCISampleFinderTests, ASearchWhileTheMainLoopStandsStillEndsEmptyAfterItsWait) {
+    const std::string kick = tree.writeFile("kick.wav", "k");
+    const auto finder = DCISampleFinder::initWithFileQueries({}, settingsFor(DCIMetadataQueryBackend::folderScan));
+    finder->setGatherTimeout(50ms);
+    auto search = std::async(std::launch::async, [&] {
+        return finder->pathForSampleWithName("kick.wav", std::nullopt, std::nullopt, 1, 0);
+    });
+    EXPECT_EQ(search.get(), std::nullopt);  // and does not hang
+    // The start and stop it queued run now, and leave the next search its own candidates.
+    finder->setGatherTimeout(DCISampleFinder::kDefaultGatherTimeout);
+    EXPECT_EQ(searchOffMain(*finder, "kick.wav", std::nullopt, std::nullopt, 1, 0), kick);
 }
 
 TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone) {

@@ -76,15 +76,20 @@ std::optional<std::vector<std::string>> DCISampleFinder::gatherCandidates(const 
                 initialGatherComplete(*gathered, search, results);
             });
         });
+    const auto timeout = gatherTimeout();
     std::optional<std::vector<std::string>> candidates;
     {
         std::unique_lock lock(gathered_->mutex);
-        gathered_->ready.wait_for(lock, gatherTimeout(), [&] { return gathered_->results.has_value(); });
+        gathered_->ready.wait_for(lock, timeout, [&] { return gathered_->results.has_value(); });
         candidates = std::move(gathered_->results);
         gathered_->results.reset();
         ++gathered_->search;  // a finish still to come belongs to no search
     }
     DCIRunLoop::main().performAsync([query = metadataSearch_] { query->stopQuery(); });
+    if (!candidates) {
+        DCLogInfo("DCISampleFinder: no candidates for %@ were gathered within %lu ms.", name,
+                  static_cast<unsigned long>(timeout.count()));
+    }
     return candidates;
 }
 

@@ -76,16 +76,20 @@ public:
             auto paths = scan(folders, pattern, maximumResults, cancelled_);
             if (cancelled_) return;
             // Runs only while this gathering lives: it is destroyed on the main thread, where
-            // this closure runs, so the check cannot race with the destruction.
-            DCIRunLoop::main().performAsync([alive, paths = std::move(paths), completion = std::move(completion)] {
-                if (alive.lock()) completion(paths);
-            });
+            // this closure runs, so the check cannot race with the destruction. The thread is
+            // joined there, so a finished search holds no thread while it waits to be stopped.
+            DCIRunLoop::main().performAsync(
+                [this, alive, paths = std::move(paths), completion = std::move(completion)] {
+                    if (!alive.lock()) return;
+                    worker_.join();
+                    completion(paths);
+                });
         });
     }
 
     ~ScanGathering() override {
         cancelled_ = true;
-        worker_.join();
+        if (worker_.joinable()) worker_.join();
     }
 
 private:

@@ -28,8 +28,8 @@ public:
     /// How long a search waits at most for the index to gather its candidates. A search ends
     /// as soon as they are in, so the figure costs nothing when the file is found; it is the
     /// limit for a busy machine. A locate search of a 1,000,000-path database that has to
-    /// compare every name takes about 0.35 s on an idle machine, and a walk of a large music
-    /// folder with a cold disk cache takes seconds.
+    /// compare every name takes 0.45 s on an idle machine and twice that on a loaded one, and
+    /// a walk of a large music folder with a cold disk cache takes seconds.
     static constexpr std::chrono::milliseconds kDefaultGatherTimeout{10'000};
 
     /// A finder that asks `fileQueries` for the identifier and hash of each candidate. It is

@@ -137,7 +137,7 @@ TEST_F(DCISampleFinderTests, AStoppedSearchKillsAndReapsTheLocateProgramAndNever
 }
 
 TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatApplies) {
-    tree.writeFile("a/Loop.wav", "RIFF\x24\0\0\0WAVEfmt garbage");  // unreadable audio, first in order
+    tree.writeFile("a/Loop.wav", "RIFF and then no audio");  // unreadable audio, first in order
     tree.makeFolder("b");
     writeAudio(tree / "b/Loop.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1000);
     const std::string c = tree.writeFile("c/Loop.wav", std::string(1000, 'c'));

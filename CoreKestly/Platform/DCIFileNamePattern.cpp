@@ -94,10 +94,10 @@ std::u32string fold(std::string_view text) {
 bool wildcardMatch(std::u32string_view pattern, std::u32string_view text) {
     size_t p = 0, t = 0, starP = std::u32string_view::npos, starT = 0;
     while (t < text.size()) {
-        if (p < pattern.size() && (pattern[p] == U'?' || pattern[p] == text[t])) {
-            ++p, ++t;
-        } else if (p < pattern.size() && pattern[p] == U'*') {
+        if (p < pattern.size() && pattern[p] == U'*') {  // a wildcard even where the text has a "*"
             starP = p++, starT = t;
+        } else if (p < pattern.size() && (pattern[p] == U'?' || pattern[p] == text[t])) {
+            ++p, ++t;
         } else if (starP != std::u32string_view::npos) {
             p = starP + 1, t = ++starT;
         } else {

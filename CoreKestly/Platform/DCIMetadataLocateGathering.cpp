@@ -9,6 +9,7 @@
 #include "CoreKestly/Platform/KestlyPath.h"
 
 #include <sys/epoll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -104,6 +105,12 @@ private:
 std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string& program, const std::string& database,
                                                               const DCIFileNamePattern& pattern, size_t maximumResults,
                                                               DCIMetadataGathering::Completion completion) {
+    // The program answers a missing database as it answers no match: tell them apart here.
+    struct stat status;
+    if (stat(database.c_str(), &status) != 0) {
+        DCLogError("DCIMetadataQuery: no locate database at %@: %s", database, std::strerror(errno));
+        return nullptr;
+    }
     const std::vector<std::string> arguments = {
         program, "--database", database, "--ignore-case", "--basename", "--null",
         "--limit", std::to_string(std::max<size_t>(maximumResults, 1)), "--", pattern.locateGlob()};

@@ -9,6 +9,7 @@
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIError.h"
 #include "CoreKestly/Platform/DCIFormat.h"
+#include "CoreKestly/Platform/DCIMetadataQuery.h"
 #include "CoreKestly/Platform/DCIObject.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 #include "CoreKestly/Platform/DCIValue.h"
@@ -31,3 +32,6 @@
 
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItem.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"
+
+#include "CoreKestly/SampleFinder/DCIAudioFile.h"
+#include "CoreKestly/SampleFinder/DCISampleFinder.h"

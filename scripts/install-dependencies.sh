@@ -7,6 +7,7 @@ packages=(
   build-essential cmake ninja-build ccache pkg-config clang libclang-rt-14-dev
   libssl-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev
+  libsndfile1-dev plocate
 )
 
 missing=()

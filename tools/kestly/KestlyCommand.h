@@ -17,3 +17,4 @@ KestlyCommand addHashCommand(CLI::App& app);
 KestlyCommand addScanCommand(CLI::App& app);
 KestlyCommand addManifestCommand(CLI::App& app);
 KestlyCommand addWatchCommand(CLI::App& app);
+KestlyCommand addFindCommand(CLI::App& app);

@@ -1,0 +1,130 @@
+// The locate backend: the locate program's NUL-separated output, read from a non-blocking pipe
+// on the main loop, each path checked against the pattern as the scan checks it.
+
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/Platform/DCIChildProcessInternal.h"
+#include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
+#include "CoreKestly/Platform/DCIMetadataGatheringInternal.h"
+#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <sys/epoll.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+// Longer output without a separator is no path; it is dropped rather than buffered.
+constexpr size_t kLongestPath = 16 * 1024;
+// Bytes read per turn of the loop, so a flood of output never holds the loop for long.
+constexpr size_t kReadPerTurn = 256 * 1024;
+
+class LocateGathering : public DCIMetadataGathering {
+public:
+    LocateGathering(std::unique_ptr<DCIChildProcess> child, DCIFileNamePattern pattern, size_t maximumResults,
+                    Completion completion)
+        : child_(std::move(child)), pattern_(std::move(pattern)), maximumResults_(maximumResults),
+          completion_(std::move(completion)) {
+        auto& loop = DCIRunLoop::main();
+        output_ = loop.addFileDescriptorSource(child_->outputDescriptor(), EPOLLIN, [this](uint32_t) { readOutput(); });
+        exit_ = loop.addFileDescriptorSource(child_->exitDescriptor(), EPOLLIN, [this](uint32_t) { noteExit(); });
+    }
+
+    bool isWatched() const { return output_ && exit_; }
+
+private:
+    void readOutput() {
+        char buffer[64 * 1024];
+        for (size_t total = 0; total < kReadPerTurn;) {
+            const ssize_t count = read(child_->outputDescriptor(), buffer, sizeof buffer);
+            if (count < 0 && errno == EINTR) continue;
+            if (count < 0 && errno == EAGAIN) return;
+            if (count <= 0) {  // the end, or a failed pipe, which is as good as the end
+                output_.reset();
+                return finishIfDone();
+            }
+            total += static_cast<size_t>(count);
+            if (!take(std::string_view(buffer, static_cast<size_t>(count)))) return finish();
+        }
+    }
+
+    // Answers false once enough candidates are in.
+    bool take(std::string_view bytes) {
+        for (size_t end; (end = bytes.find('\0')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
+            pending_.append(bytes.substr(0, end));
+            if (pending_.size() <= kLongestPath && pattern_.matches(KestlyPath::lastComponent(pending_)))
+                paths_.push_back(pending_);
+            pending_.clear();
+            if (paths_.size() >= maximumResults_) return false;
+        }
+        if (pending_.size() <= kLongestPath) pending_.append(bytes.substr(0, kLongestPath + 1 - pending_.size()));
+        return true;
+    }
+
+    void noteExit() {
+        exit_.reset();
+        const auto status = child_->reapIfExited();
+        // Status 1 means nothing matched; anything else beyond 0 is worth a line.
+        if (status && !(WIFEXITED(*status) && WEXITSTATUS(*status) <= 1))
+            DCLogError("DCIMetadataQuery: the locate program ended with wait status %d.", *status);
+        finishIfDone();
+    }
+
+    void finishIfDone() {
+        if (!output_ && !exit_) finish();
+    }
+
+    // The last thing this object does: the completion may destroy it.
+    void finish() {
+        output_.reset();
+        exit_.reset();
+        child_.reset();  // kills it if it still runs, and reaps it
+        std::sort(paths_.begin(), paths_.end());
+        auto completion = std::move(completion_);
+        completion(std::move(paths_));
+    }
+
+    std::unique_ptr<DCIChildProcess> child_;
+    const DCIFileNamePattern pattern_;
+    const size_t maximumResults_;
+    Completion completion_;
+    std::string pending_;
+    std::vector<std::string> paths_;
+    // Declared after the child: removed from the loop before its descriptors close.
+    std::unique_ptr<DCIRunLoopSource> output_;
+    std::unique_ptr<DCIRunLoopSource> exit_;
+};
+
+}  // namespace
+
+std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string& program, const std::string& database,
+                                                              const DCIFileNamePattern& pattern, size_t maximumResults,
+                                                              DCIMetadataGathering::Completion completion) {
+    // The program answers a missing database as it answers no match: tell them apart here.
+    struct stat status;
+    if (stat(database.c_str(), &status) != 0) {
+        DCLogError("DCIMetadataQuery: no locate database at %@: %s", database, std::strerror(errno));
+        return nullptr;
+    }
+    const std::vector<std::string> arguments = {
+        program, "--database", database, "--ignore-case", "--basename", "--null",
+        "--limit", std::to_string(std::max<size_t>(maximumResults, 1)), "--", pattern.locateGlob()};
+    // A UTF-8 locale of its own makes `?` one character and folds case beyond ASCII.
+    const std::vector<std::string> environment = {"LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin"};
+    auto child = DCIChildProcess::spawn(program, arguments, environment);
+    if (!child) {
+        DCLogError("DCIMetadataQuery: cannot run %@: %s", program, std::strerror(errno));
+        return nullptr;
+    }
+    auto gathering = std::make_unique<LocateGathering>(std::move(child), pattern, maximumResults, std::move(completion));
+    if (!gathering->isWatched()) {
+        DCLogError("DCIMetadataQuery: cannot watch the locate program's output.");
+        return nullptr;
+    }
+    return gathering;
+}

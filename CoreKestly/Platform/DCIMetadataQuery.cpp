@@ -1,0 +1,90 @@
+#include "CoreKestly/Platform/DCIMetadataQuery.h"
+
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
+#include "CoreKestly/Platform/DCIMetadataGatheringInternal.h"
+#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+const std::string& DCIMetadataQuerySettings::systemLocateDatabasePath() {
+    static const std::string path = "/var/lib/plocate/plocate.db";
+    return path;
+}
+
+std::string DCIMetadataQuerySettings::userMusicFolder() {
+    const char* configHome = std::getenv("XDG_CONFIG_HOME");
+    const std::string configFolder =
+        configHome && configHome[0] == '/' ? configHome : KestlyPath::standardize("~/.config");
+    // A line such as XDG_MUSIC_DIR="$HOME/Music"; an absolute path or one under $HOME.
+    std::ifstream dirs(KestlyPath::appendingComponent(configFolder, "user-dirs.dirs"));
+    const std::string prefix = "XDG_MUSIC_DIR=\"";
+    for (std::string line; std::getline(dirs, line);) {
+        if (!line.starts_with(prefix) || !line.ends_with('"')) continue;
+        std::string value = line.substr(prefix.size(), line.size() - prefix.size() - 1);
+        if (value.starts_with("$HOME/")) return KestlyPath::standardize("~/" + value.substr(6));
+        if (value.starts_with('/')) return KestlyPath::standardize(value);
+    }
+    return KestlyPath::standardize("~/Music");
+}
+
+DCIMetadataQueryBackend DCIMetadataQuerySettings::resolvedBackend() const {
+    if (backend != DCIMetadataQueryBackend::automatic) return backend;
+    // The system database is usually readable only through the setgid program: its existence
+    // is what counts.
+    struct stat status;
+    const std::string& database = locateDatabasePath.empty() ? systemLocateDatabasePath() : locateDatabasePath;
+    const bool hasDatabase = stat(database.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    return hasDatabase && access(locateProgramPath.c_str(), X_OK) == 0 ? DCIMetadataQueryBackend::locateDatabase
+                                                                       : DCIMetadataQueryBackend::folderScan;
+}
+
+DCIMetadataQuery::DCIMetadataQuery(DCIMetadataQuerySettings settings) : settings_(std::move(settings)) {}
+
+DCIMetadataQuery::~DCIMetadataQuery() = default;
+
+bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finished) {
+    if (!DCIIsMainThread()) {
+        DCLogError("DCIMetadataQuery: a search for %@ was started off the main thread; refused.", name);
+        return false;
+    }
+    stopQuery();
+    finished_ = std::move(finished);
+    const DCIFileNamePattern pattern(name);
+    auto completion = [this](std::vector<std::string> paths) { finishGathering(std::move(paths)); };
+    if (settings_.resolvedBackend() == DCIMetadataQueryBackend::locateDatabase) {
+        const std::string& database =
+            settings_.locateDatabasePath.empty() ? settings_.systemLocateDatabasePath() : settings_.locateDatabasePath;
+        gathering_ = DCIStartLocateGathering(settings_.locateProgramPath, database, pattern, settings_.maximumResults,
+                                             completion);
+        // Not startable: logged; the search still ends on the loop, with nothing found.
+        if (!gathering_) gathering_ = DCIStartScanGathering({}, pattern, 0, completion);
+    } else {
+        const auto folders = settings_.scanFolders.empty() ? std::vector{settings_.userMusicFolder()}
+                                                            : settings_.scanFolders;
+        gathering_ = DCIStartScanGathering(folders, pattern, settings_.maximumResults, completion);
+    }
+    return true;
+}
+
+void DCIMetadataQuery::stopQuery() {
+    if (!DCIIsMainThread()) {
+        DCLogError("DCIMetadataQuery: a search was stopped off the main thread; refused.");
+        return;
+    }
+    gathering_.reset();
+    gathered_ = false;
+    results_.clear();
+    finished_ = nullptr;
+}
+
+void DCIMetadataQuery::finishGathering(std::vector<std::string> results) {
+    results_ = std::move(results);
+    gathered_ = true;
+    // The handler may stop or restart this query: it runs from copies of its own.
+    if (auto finished = finished_) finished(std::vector<std::string>(results_));
+}

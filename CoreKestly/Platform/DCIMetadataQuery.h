@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+class DCIMetadataGathering;
+
+/// Where a metadata query finds its candidates.
+enum class DCIMetadataQueryBackend {
+    /// The locate database when there is one (and the locate program), else the folder scan.
+    automatic,
+    /// The machine's file-name index, searched by the `plocate` program.
+    locateDatabase,
+    /// A walk of the configured folders, for machines without a locate database.
+    folderScan,
+};
+
+/// How a metadata query searches.
+struct DCIMetadataQuerySettings {
+    DCIMetadataQueryBackend backend = DCIMetadataQueryBackend::automatic;
+    /// The locate database to search; empty for the machine's own.
+    std::string locateDatabasePath;
+    /// The locate program, run with an argument vector and no shell.
+    std::string locateProgramPath = "/usr/bin/plocate";
+    /// The folders the scan walks, links not followed; empty for the user's music folder.
+    std::vector<std::string> scanFolders;
+    /// A search gathers at most this many candidates, so that a name like "*" costs a bounded
+    /// time and memory; the rest are left out.
+    size_t maximumResults = 10000;
+
+    /// The machine's own locate database.
+    static const std::string& systemLocateDatabasePath();
+    /// $XDG_MUSIC_DIR as user-dirs.dirs sets it, else ~/Music.
+    static std::string userMusicFolder();
+    /// The backend `backend` stands for on this machine now.
+    DCIMetadataQueryBackend resolvedBackend() const;
+};
+
+/// A search of the machine's files by whole file name, the source of a sample finder's
+/// candidates. The name's `?` matches any one character and `*` any run; case and diacritics
+/// are ignored ("CAFE.wav" finds "Café.wav"). Candidates are full paths, sorted bytewise so
+/// that a search answers them in the same order every time.
+///
+/// Gathering is asynchronous and never blocks the main loop: the locate program's output is
+/// read through a non-blocking pipe watched by the main loop, and a scan walks its folders on
+/// a thread of its own. The end of gathering is signalled on the main loop.
+///
+/// Threads: `startQuery`, `stopQuery` and `results` belong to the main thread (calls from any
+/// other thread are refused with a log line), and the query is destroyed there, or anywhere
+/// once no gathering is under way.
+class DCIMetadataQuery {
+public:
+    using FinishHandler = std::function<void(const std::vector<std::string>& results)>;
+
+    explicit DCIMetadataQuery(DCIMetadataQuerySettings settings = {});
+    ~DCIMetadataQuery();
+    DCIMetadataQuery(const DCIMetadataQuery&) = delete;
+    DCIMetadataQuery& operator=(const DCIMetadataQuery&) = delete;
+
+    /// Takes effect at the next `startQuery`.
+    void setSettings(DCIMetadataQuerySettings settings) { settings_ = std::move(settings); }
+    const DCIMetadataQuerySettings& settings() const { return settings_; }
+
+    /// Stops any search under way and starts gathering the files named `name`. `finished` runs
+    /// once on the main loop with the candidates, unless the search is stopped first. A
+    /// backend that cannot run (no locate program, no database) is logged and finishes with
+    /// no candidates. Answers false, starting nothing, off the main thread.
+    bool startQuery(const std::string& name, FinishHandler finished);
+    /// Stops the search: its gathering ends (the locate program is killed and reaped, the
+    /// scan thread joined) and `finished` is not called for it. Clears `results`.
+    void stopQuery();
+    /// Whether a search has started and not yet finished gathering.
+    bool isGathering() const { return gathering_ != nullptr && !gathered_; }
+    /// The candidates of the last search that finished gathering and was not stopped.
+    const std::vector<std::string>& results() const { return results_; }
+
+private:
+    void finishGathering(std::vector<std::string> results);
+
+    DCIMetadataQuerySettings settings_;
+    FinishHandler finished_;
+    std::vector<std::string> results_;
+    bool gathered_ = false;
+    std::unique_ptr<DCIMetadataGathering> gathering_;  // last: its callbacks use the members above
+};

@@ -1,0 +1,107 @@
+// The scan backend: a walk of the configured folders on a thread of its own, for machines
+// without a locate database. Links are not followed, so the walk always ends.
+
+#include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
+#include "CoreKestly/Platform/DCIMetadataGatheringInternal.h"
+#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+namespace {
+
+struct DirectoryEntry {
+    std::string name;
+    bool isFolder;
+};
+
+// The entries of one folder, read whole and closed before the walk goes deeper, so the walk
+// holds one descriptor at a time at any depth.
+std::vector<DirectoryEntry> readFolder(const std::string& path, const std::atomic<bool>& cancelled) {
+    std::vector<DirectoryEntry> entries;
+    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) return entries;
+    DIR* folder = fdopendir(fd);
+    if (!folder) {
+        close(fd);
+        return entries;
+    }
+    while (const dirent* entry = readdir(folder)) {
+        if (cancelled) break;
+        const std::string_view name = entry->d_name;
+        if (name == "." || name == "..") continue;
+        bool isFolder = entry->d_type == DT_DIR;
+        struct stat status;
+        if (entry->d_type == DT_UNKNOWN && fstatat(dirfd(folder), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0)
+            isFolder = S_ISDIR(status.st_mode);
+        entries.push_back({std::string(name), isFolder});
+    }
+    closedir(folder);
+    return entries;
+}
+
+std::vector<std::string> scan(const std::vector<std::string>& folders, const DCIFileNamePattern& pattern,
+                              size_t maximumResults, const std::atomic<bool>& cancelled) {
+    std::vector<std::string> found;
+    std::vector<std::string> toVisit(folders.rbegin(), folders.rend());
+    while (!toVisit.empty() && !cancelled && found.size() < maximumResults) {
+        const std::string folder = std::move(toVisit.back());
+        toVisit.pop_back();
+        for (const auto& entry : readFolder(folder, cancelled)) {
+            std::string path = KestlyPath::appendingComponent(folder, entry.name);
+            if (pattern.matches(entry.name) && found.size() < maximumResults) found.push_back(path);
+            if (entry.isFolder) toVisit.push_back(std::move(path));
+        }
+    }
+    // Folders that overlap (a watched root inside the music folder) find a file twice.
+    std::sort(found.begin(), found.end());
+    found.erase(std::unique(found.begin(), found.end()), found.end());
+    return found;
+}
+
+class ScanGathering : public DCIMetadataGathering {
+public:
+    ScanGathering(std::vector<std::string> folders, DCIFileNamePattern pattern, size_t maximumResults,
+                  Completion completion) {
+        std::weak_ptr<const int> alive = alive_;
+        worker_ = std::thread([this, alive, folders = std::move(folders), pattern = std::move(pattern), maximumResults,
+                               completion = std::move(completion)]() mutable {
+            auto paths = scan(folders, pattern, maximumResults, cancelled_);
+            if (cancelled_) return;
+            // Runs only while this gathering lives: it is destroyed on the main thread, where
+            // this closure runs, so the check cannot race with the destruction. The thread is
+            // joined there, so a finished search holds no thread while it waits to be stopped.
+            DCIRunLoop::main().performAsync(
+                [this, alive, paths = std::move(paths), completion = std::move(completion)] {
+                    if (!alive.lock()) return;
+                    worker_.join();
+                    completion(paths);
+                });
+        });
+    }
+
+    ~ScanGathering() override {
+        cancelled_ = true;
+        if (worker_.joinable()) worker_.join();
+    }
+
+private:
+    const std::shared_ptr<const int> alive_ = std::make_shared<const int>(0);
+    std::atomic<bool> cancelled_{false};
+    std::thread worker_;  // last: starts once the members it uses exist
+};
+
+}  // namespace
+
+std::unique_ptr<DCIMetadataGathering> DCIStartScanGathering(const std::vector<std::string>& folders,
+                                                            const DCIFileNamePattern& pattern, size_t maximumResults,
+                                                            DCIMetadataGathering::Completion completion) {
+    return std::make_unique<ScanGathering>(folders, pattern, maximumResults, std::move(completion));
+}

@@ -1,0 +1,97 @@
+#pragma once
+
+#include "CoreKestly/Platform/DCIMetadataQuery.h"
+#include "CoreKestly/Platform/DCIObject.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+class DCIFileQueries;
+
+/// Finds a sample anywhere on the machine from what the service knows of it: its file name,
+/// and its `sasID`, SHA-256, size in bytes or length in sample frames. The machine's file-name
+/// index (`DCIMetadataQuery`) gives the candidates, files of that name; the first candidate
+/// that agrees with the other facts is the answer.
+///
+/// Threads: a search runs on the calling thread, which must not be the main thread: the
+/// query starts, gathers and stops on the main loop, which must keep running meanwhile. A
+/// call on the main thread is refused with a log line. Searches on one finder run one at a
+/// time; settings may be changed from any thread.
+class DCISampleFinder : public DCIObject {
+public:
+    /// How long a search waits at most for the index to gather its candidates. A search ends
+    /// as soon as they are in, so the figure costs nothing when the file is found; it is the
+    /// limit for a busy machine. A locate search of a 1,000,000-path database that has to
+    /// compare every name takes 0.45 s on an idle machine and twice that on a loaded one, and
+    /// a walk of a large music folder with a cold disk cache takes seconds.
+    static constexpr std::chrono::milliseconds kDefaultGatherTimeout{10'000};
+
+    /// A finder that asks `fileQueries` for the identifier and hash of each candidate. It is
+    /// held weakly, since the file manager that answers them owns the finder; once it is gone,
+    /// searches by identifier or hash find nothing.
+    static std::shared_ptr<DCISampleFinder> initWithFileQueries(std::weak_ptr<DCIFileQueries> fileQueries,
+                                                                DCIMetadataQuerySettings settings = {});
+    DCISampleFinder(const DCISampleFinder&) = delete;
+    DCISampleFinder& operator=(const DCISampleFinder&) = delete;
+
+    /// The full path of the first candidate named `name` (each "/" in it read as ":", the way
+    /// a file name keeps it) that matches by the first rule that applies, or nothing:
+    /// 1. `sasID` or `sha` given: its `sasID` equals `sasID`, or its SHA-256 equals `sha`;
+    ///    when none does, nothing, whatever the size or the duration;
+    /// 2. else `fileSize` not 0: its size in bytes equals `fileSize`;
+    /// 3. else `duration` not 0: its number of sample frames (`DCIAudioFile`) equals it;
+    /// 4. else nothing.
+    /// Nothing as well for no name, and when the index has not gathered within
+    /// `gatherTimeout()`.
+    std::optional<std::string> pathForSampleWithName(const std::optional<std::string>& name,
+                                                     const std::optional<std::string>& sasID,
+                                                     const std::optional<std::string>& sha, uint64_t fileSize,
+                                                     uint64_t duration);
+
+    /// The file name a sample called `name` has on disk: a file name cannot hold "/", so
+    /// each one is kept as ":".
+    static std::string fileNameForSampleName(std::string name);
+
+    DCIMetadataQuerySettings querySettings() const;
+    /// Takes effect at the next search.
+    void setQuerySettings(DCIMetadataQuerySettings settings);
+    std::chrono::milliseconds gatherTimeout() const;
+    void setGatherTimeout(std::chrono::milliseconds timeout);
+
+private:
+    // What the main loop hands over to the searching thread.
+    struct Gathered {
+        mutable std::mutex mutex;
+        std::condition_variable ready;
+        uint64_t search = 0;  // the number of the search under way; a finish of another is stale
+        std::optional<std::vector<std::string>> results;
+    };
+
+    DCISampleFinder(std::weak_ptr<DCIFileQueries> fileQueries, DCIMetadataQuerySettings settings);
+
+    /// The candidates named `name` (a file name), or nothing when gathering took too long.
+    std::optional<std::vector<std::string>> gatherCandidates(const std::string& name);
+    /// The end of gathering, on the main loop: hands `results` over to search number `search`.
+    static void initialGatherComplete(Gathered& gathered, uint64_t search, const std::vector<std::string>& results);
+    std::optional<std::string> chooseCandidate(const std::vector<std::string>& candidates,
+                                               const std::optional<std::string>& sasID,
+                                               const std::optional<std::string>& sha, uint64_t fileSize,
+                                               uint64_t duration) const;
+
+    const std::weak_ptr<DCIFileQueries> fileQueries_;
+    // Used on the main loop only; shared with the closures that run there, the last of which
+    // may outlive the finder.
+    const std::shared_ptr<DCIMetadataQuery> metadataSearch_;
+    const std::shared_ptr<Gathered> gathered_ = std::make_shared<Gathered>();
+    std::mutex searchMutex_;  // one search at a time
+
+    mutable std::mutex settingsMutex_;
+    DCIMetadataQuerySettings settings_;
+    std::chrono::milliseconds gatherTimeout_ = kDefaultGatherTimeout;
+};

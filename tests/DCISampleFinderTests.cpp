@@ -1,0 +1,220 @@
+// The sample finder and its sources: name searches through a private locate database built
+// by updatedb and through the folder scan, audio lengths of files written with libsndfile.
+
+#include "CoreKestly/FileSystem/DCICachedFileQueries.h"
+#include "CoreKestly/FileSystem/DCISHACache.h"
+#include "CoreKestly/FileSystem/KSTFileHash.h"
+#include "CoreKestly/Platform/DCIMetadataQuery.h"
+#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/SampleFinder/DCIAudioFile.h"
+#include "CoreKestly/SampleFinder/DCISampleFinder.h"
+#include "support/LogReading.h"
+#include "support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <future>
+#include <thread>
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPatience = 30s;
+
+void writeAudio(const std::string& path, int format, int sampleRate, sf_count_t frames) {
+    SF_INFO info{};
+    info.samplerate = sampleRate;
+    info.channels = 2;
+    info.format = format;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
+    const std::vector<float> silence(static_cast<size_t>(frames) * 2, 0.25f);
+    EXPECT_EQ(sf_writef_float(file, silence.data(), frames), frames);
+    sf_close(file);
+}
+
+// `updatedb` over `tree` into `database`, every file visible to whoever searches.
+bool buildLocateDatabase(const std::string& tree, const std::string& database) {
+    std::vector<std::string> arguments = {"updatedb", "--require-visibility", "0", "--database-root", tree,
+                                          "--output", database};
+    std::vector<char*> argv;
+    for (auto& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    pid_t pid;
+    int status = -1;
+    return posix_spawn(&pid, "/usr/bin/updatedb", nullptr, nullptr, argv.data(), environ) == 0 &&
+           waitpid(pid, &status, 0) == pid && status == 0;
+}
+
+// No child of this process is left, running or unreaped.
+bool hasNoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
+
+// The finder's search on a thread of its own while the main loop runs, as a host runs it.
+std::optional<std::string> searchOffMain(DCISampleFinder& finder, const std::optional<std::string>& name,
+                                         const std::optional<std::string>& sasID,
+                                         const std::optional<std::string>& sha, uint64_t size, uint64_t duration) {
+    std::optional<std::string> found;
+    std::atomic<bool> done = false;
+    std::thread search([&] {
+        found = finder.pathForSampleWithName(name, sasID, sha, size, duration);
+        done = true;
+        DCIRunLoop::main().performAsync([] {});  // so the loop looks at `done` again
+    });
+    EXPECT_TRUE(DCIRunLoop::main().runUntil([&] { return done.load(); }, kPatience));
+    search.join();
+    return found;
+}
+
+class DCISampleFinderTests : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (access("/usr/bin/updatedb", X_OK) != 0 || access("/usr/bin/plocate", X_OK) != 0)
+            GTEST_SKIP() << "plocate is not installed";
+    }
+
+    DCIMetadataQuerySettings settingsFor(DCIMetadataQueryBackend backend) {
+        EXPECT_TRUE(buildLocateDatabase(tree.path().string(), folder / "tree.db"));
+        return {backend, folder / "tree.db", "/usr/bin/plocate", {tree.path().string()}};
+    }
+
+    // The candidates a query gathers for `name`, pumping the main loop.
+    std::vector<std::string> candidates(const DCIMetadataQuerySettings& settings, const std::string& name) {
+        DCIMetadataQuery query(settings);
+        std::optional<std::vector<std::string>> found;
+        EXPECT_TRUE(query.startQuery(name, [&](const auto& results) { found = results; }));
+        EXPECT_TRUE(DCIRunLoop::main().runUntil([&] { return found.has_value(); }, kPatience));
+        return found.value_or(std::vector<std::string>{"(none)"});
+    }
+
+    TemporaryDirectory tree, folder;
+};
+
+TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritics) {
+    for (const char* name : {"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav"})
+        tree.writeFile(name, "");
+    const struct {
+        std::string name;
+        std::vector<std::string> found;
+    } cases[] = {
+        {"CAFE.wav", {"Café.wav", "cafe.wav"}},  // diacritics on the file's side
+        {"cafÉ.WAV", {"Café.wav", "cafe.wav"}},  // and on the name's
+        {"k?ck.wav", {"kick.wav"}},
+        {"k*ck.wav", {"kick.wav", "kiick.wav"}},
+        {"kick", {}},  // the whole name, not a part of it
+        {"*.AIF", {"sub/Kick 01.aif"}},
+        {"[x].wav", {"[x].wav"}},  // glob characters stand for themselves
+        {"sub", {"sub"}},
+    };
+    for (const auto backend : {DCIMetadataQueryBackend::locateDatabase, DCIMetadataQueryBackend::folderScan}) {
+        const auto settings = settingsFor(backend);
+        for (const auto& test : cases) {
+            std::vector<std::string> expected;
+            for (const auto& relative : test.found) expected.push_back(tree / relative);
+            EXPECT_EQ(candidates(settings, test.name), expected) << test.name << " backend " << int(backend);
+        }
+    }
+    EXPECT_TRUE(hasNoChildren());
+}
+
+TEST_F(DCISampleFinderTests, AStoppedSearchKillsAndReapsTheLocateProgramAndNeverFinishes) {
+    DCIMetadataQuery query(settingsFor(DCIMetadataQueryBackend::locateDatabase));
+    bool finished = false;
+    ASSERT_TRUE(query.startQuery("*", [&](const auto&) { finished = true; }));
+    query.stopQuery();
+    EXPECT_TRUE(hasNoChildren());
+    DCIRunLoop::main().runUntil(DCIRunLoop::Clock::now() + 50ms);
+    EXPECT_FALSE(finished);
+}
+
+TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatApplies) {
+    tree.writeFile("a/Loop.wav", "RIFF and then no audio");  // unreadable audio, first in order
+    tree.makeFolder("b");
+    writeAudio(tree / "b/Loop.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1000);
+    const std::string c = tree.writeFile("c/Loop.wav", std::string(1000, 'c'));
+    const std::string slashed = tree.writeFile("d/kick:snare.wav", "kick");
+    const auto sizeOf = [](const std::string& path) { return static_cast<uint64_t>(std::filesystem::file_size(path)); };
+    const auto cHash = KSTSha256ForFileAtPath(c);
+
+    // Real caches, whose sasID of a file is "id-" and the name of its folder.
+    const auto cache = DCISHACache::initWithCachePath(folder / "samples.sqlite", [](const std::string& path) {
+        return std::optional("id-" + std::filesystem::path(path).parent_path().filename().string());
+    });
+    const auto queries = std::make_shared<DCICachedFileQueries>(DCIFileKinds{{}, {}, {"wav"}}, nullptr, cache);
+    const auto finder = DCISampleFinder::initWithFileQueries(queries, settingsFor(DCIMetadataQueryBackend::automatic));
+    using Name = std::optional<std::string>;
+    const struct {
+        Name name, sasID, sha;
+        uint64_t size, duration;
+        std::optional<std::string> found;
+    } cases[] = {
+        {"Loop.wav", "id-c", std::nullopt, 0, 0, c},
+        {"Loop.wav", "id-none", cHash, 0, 0, c},
+        {"Loop.wav", "id-none", std::nullopt, sizeOf(c), 0, std::nullopt},  // identifiers decide alone
+        {"Loop.wav", std::nullopt, std::nullopt, sizeOf(c), 1000, c},
+        {"Loop.wav", std::nullopt, std::nullopt, 0, 1000, tree / "b/Loop.wav"},  // a/ cannot be read
+        {"Loop.wav", std::nullopt, std::nullopt, 0, 0, std::nullopt},
+        {"Kick/Snare.wav", std::nullopt, std::nullopt, sizeOf(slashed), 0, slashed},
+        {std::nullopt, std::nullopt, std::nullopt, sizeOf(c), 0, std::nullopt},
+    };
+    for (const auto& test : cases) {
+        EXPECT_EQ(searchOffMain(*finder, test.name, test.sasID, test.sha, test.size, test.duration), test.found)
+            << test.name.value_or("nil") << " " << test.sasID.value_or("nil");
+    }
+
+    LogSince log;
+    EXPECT_EQ(finder->pathForSampleWithName("Loop.wav", std::nullopt, std::nullopt, sizeOf(c), 0), std::nullopt);
+    EXPECT_TRUE(log.has("DCISampleFinder: refused to search for Loop.wav on the main thread, whose loop the search "
+                        "needs."));
+}
+
+TEST_F(DCISampleFinderTests, ASearchWhileTheMainLoopStandsStillEndsEmptyAfterItsWait) {
+    const std::string kick = tree.writeFile("kick.wav", "k");
+    const auto finder = DCISampleFinder::initWithFileQueries({}, settingsFor(DCIMetadataQueryBackend::folderScan));
+    finder->setGatherTimeout(50ms);
+    auto search = std::async(std::launch::async, [&] {
+        return finder->pathForSampleWithName("kick.wav", std::nullopt, std::nullopt, 1, 0);
+    });
+    EXPECT_EQ(search.get(), std::nullopt);  // and does not hang
+    // The start and stop it queued run now, and leave the next search its own candidates.
+    finder->setGatherTimeout(DCISampleFinder::kDefaultGatherTimeout);
+    EXPECT_EQ(searchOffMain(*finder, "kick.wav", std::nullopt, std::nullopt, 1, 0), kick);
+}
+
+TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone) {
+    const struct {
+        const char* name;
+        int format;  // 0: not written as audio
+        uint64_t rate, frames;
+    } cases[] = {
+        {"pcm.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_24, 44100, 12345},
+        {"pcm.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 48000, 777},
+        {"lossless.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 22050, 4096},
+        {"vorbis.ogg", SF_FORMAT_OGG | SF_FORMAT_VORBIS, 44100, 9000},
+        {"layer3.mp3", SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III, 44100, 44100},
+        {"notes.wav", 0, 0, 0},
+    };
+    for (const auto& test : cases) {
+        const std::string path = tree / test.name;
+        if (test.format) writeAudio(path, test.format, static_cast<int>(test.rate), static_cast<sf_count_t>(test.frames));
+        else tree.writeFile(test.name, "not audio at all, though named like it");
+        uint64_t frames = 7, rate = 7;
+        EXPECT_EQ(DCIAudioFile::numberOfSamples(frames, rate, path), test.format != 0) << test.name;
+        EXPECT_EQ(frames, test.format ? test.frames : 7) << test.name;
+        EXPECT_EQ(rate, test.format ? test.rate : 7) << test.name;
+    }
+    ASSERT_EQ(mkfifo((tree / "fifo.wav").c_str(), 0600), 0);
+    uint64_t frames = 7, rate = 7;
+    EXPECT_FALSE(DCIAudioFile::numberOfSamples(frames, rate, tree / "fifo.wav"));  // and does not block
+}
+
+}  // namespace

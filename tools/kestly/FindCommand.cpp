@@ -1,0 +1,141 @@
+// kestly find: finds a sample on this machine by name, as the file manager does for a sample
+// the service knows, and confirms it by hash, size or length in frames.
+
+#include "KestlyCommand.h"
+
+#include "CoreKestly/FileSystem/DCIFileQueries.h"
+#include "CoreKestly/FileSystem/KSTFileHash.h"
+#include "CoreKestly/Platform/DCIMetadataQuery.h"
+#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/SampleFinder/DCISampleFinder.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct FindOptions {
+    std::string name;
+    std::optional<std::string> sasID;
+    std::optional<std::string> sha;
+    uint64_t size = 0;
+    uint64_t duration = 0;
+    std::string locateDatabase;
+    std::vector<std::string> scopes;
+    bool candidates = false;
+};
+
+// Without a file manager, hashes are computed on the spot, and no file has a sasID: only the
+// service's own identifiers would do.
+class UncachedFileQueries : public DCIFileQueries {
+public:
+    bool isFileOfInterest(const std::string&) override { return true; }
+    std::optional<std::string> SHAForFileAtPath(const std::string& path) override {
+        return KSTSha256ForFileAtPath(path);
+    }
+    std::optional<std::string> SasIDForFileAtPath(const std::string&) override { return std::nullopt; }
+};
+
+bool isSHA256(const std::string& text) {
+    return text.size() == 64 && std::all_of(text.begin(), text.end(), [](unsigned char c) {
+               return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+           });
+}
+
+void print(const std::string& path) { std::printf("%s\n", path.c_str()); }
+
+// Every candidate of the index, gathered on the main loop as a finder gathers them.
+int printCandidates(const std::string& name, const DCIMetadataQuerySettings& settings) {
+    DCIMetadataQuery query(settings);
+    std::optional<std::vector<std::string>> found;
+    query.startQuery(DCISampleFinder::fileNameForSampleName(name), [&](const auto& results) {
+        found = results;
+        DCIRunLoop::main().stop();
+    });
+    DCIRunLoop::main().run();
+    if (!found || found->empty()) return 1;
+    for (const auto& path : *found) print(path);
+    return 0;
+}
+
+// The finder searches on a thread of its own, since it needs the main loop, run here meanwhile.
+int findSample(const FindOptions& options, const DCIMetadataQuerySettings& settings) {
+    const auto queries = std::make_shared<UncachedFileQueries>();
+    const auto finder = DCISampleFinder::initWithFileQueries(queries, settings);
+    std::optional<std::string> found;
+    std::thread search([&] {
+        found = finder->pathForSampleWithName(options.name, options.sasID, options.sha, options.size,
+                                              options.duration);
+        DCIRunLoop::main().stop();
+    });
+    DCIRunLoop::main().run();
+    search.join();
+    if (!found) return 1;
+    print(*found);
+    return 0;
+}
+
+int find(FindOptions options) {
+    if (options.sha) {
+        std::transform(options.sha->begin(), options.sha->end(), options.sha->begin(),
+                       [](unsigned char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c); });
+        if (!isSHA256(*options.sha)) {
+            std::fprintf(stderr, "kestly: --sha takes 64 hexadecimal digits\n");
+            return 2;
+        }
+    }
+    DCIMetadataQuerySettings settings;
+    struct stat status;
+    if (!options.locateDatabase.empty()) {
+        if (stat(options.locateDatabase.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+            std::fprintf(stderr, "kestly: %s: no locate database there\n", options.locateDatabase.c_str());
+            return 2;
+        }
+        settings.backend = DCIMetadataQueryBackend::locateDatabase;
+        settings.locateDatabasePath = options.locateDatabase;
+    }
+    for (const auto& scope : options.scopes) {
+        if (stat(scope.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            std::fprintf(stderr, "kestly: %s: not a folder\n", scope.c_str());
+            return 2;
+        }
+        settings.backend = DCIMetadataQueryBackend::folderScan;
+        settings.scanFolders.push_back(KestlyPath::standardize(scope));
+    }
+    return options.candidates ? printCandidates(options.name, settings) : findSample(options, settings);
+}
+
+}  // namespace
+
+KestlyCommand addFindCommand(CLI::App& app) {
+    auto options = std::make_shared<FindOptions>();
+    CLI::App* command = app.add_subcommand(
+        "find", "Find the sample file NAME on this machine through the locate database, or a scan of --scope "
+                "folders, and print the path of the first one that matches by --sha, else --size, else "
+                "--duration; exit 1 when none does");
+    command->add_option("NAME", options->name, "The file name; ? and * are wildcards, case and accents ignored")
+        ->required();
+    command->add_option("--sasid", options->sasID,
+                        "The service's sample identifier; kestly knows none, so it matches nothing and only "
+                        "--sha can confirm a file");
+    command->add_option("--sha", options->sha, "The SHA-256 of the file, 64 hexadecimal digits");
+    command->add_option("--size", options->size, "The size in bytes");
+    command->add_option("--duration", options->duration, "The length in sample frames");
+    auto* database = command->add_option("--locate-db", options->locateDatabase,
+                                         "Search this plocate database instead of the machine's own");
+    command->add_option("--scope", options->scopes, "Scan this folder instead of searching a locate database")
+        ->allow_extra_args(false)
+        ->excludes(database);
+    command->add_flag("--candidates", options->candidates,
+                      "Print every file of that name the index gave, in its order, without choosing");
+    return {command, [options] { return find(*options); }};
+}

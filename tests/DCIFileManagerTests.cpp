@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -22,6 +23,8 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Disk = std::function<void(const std::string& root)>;
+
+constexpr const char* kSHA256OfABC = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
 void write(const std::string& root, const std::string& path, const std::string& contents) {
     fs::create_directories(fs::path(root + "/" + path).parent_path());
@@ -281,7 +284,6 @@ TEST_F(DCIFileManagerTests, LookupsAnswerOnlyBelowTheRoot) {
 TEST_F(DCIFileManagerTests, QueriesRouteByKindAndHashOtherFilesUncached) {
     write(root, "x.als", "abc");
     write(root, "notes.txt", "abc");
-    constexpr const char* kSHA256OfABC = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
     EXPECT_EQ(manager->SHAForFileAtPath(root + "/x.als"), std::nullopt);  // no cache before a start
     start(root);
     ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
@@ -291,6 +293,27 @@ TEST_F(DCIFileManagerTests, QueriesRouteByKindAndHashOtherFilesUncached) {
     EXPECT_EQ(manager->SHAForFileAtPath(root + "/notes.txt"), kSHA256OfABC);
     EXPECT_TRUE(log.has("Unexpected: DCIFileManager is creating hash for file " + root +
                         "/notes.txt.  It will not be cached."));
+}
+
+TEST_F(DCIFileManagerTests, TheSampleLookupAsksTheSharedManagersFinder) {
+    write(root, "Kicks/Kick:01.wav", "abc");
+    manager = DCIFileManager::sharedFileManager();
+    manager->addSecondaryFileExtension("wav");
+    start(root);
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    auto settings = manager->sampleFinder()->querySettings();
+    settings.backend = DCIMetadataQueryBackend::folderScan;
+    manager->sampleFinder()->setQuerySettings(settings);
+    std::optional<std::string> found;
+    std::atomic<bool> done{false};
+    std::thread search([&] {
+        found = DCIFileManager::pathForSampleWithName("kick/01.wav", std::nullopt, kSHA256OfABC, 0, 0);
+        done = true;
+    });
+    pumpMainLoopUntil([&] { return done.load(); });
+    search.join();
+    EXPECT_EQ(found, root + "/Kicks/Kick:01.wav");
+    DCIFileManager::shutdown();
 }
 
 TEST_F(DCIFileManagerTests, AStreamOverItsWatchLimitFallsBackToPeriodicRescans) {

@@ -42,7 +42,9 @@ void DCIFileManager::shutdown() {
 }
 
 std::shared_ptr<DCIFileManager> DCIFileManager::init() {
-    return std::shared_ptr<DCIFileManager>(new DCIFileManager());
+    std::shared_ptr<DCIFileManager> manager(new DCIFileManager());
+    manager->setSampleFinder(DCISampleFinder::initWithFileQueries(manager));
+    return manager;
 }
 
 DCIFileManager::DCIFileManager()
@@ -150,6 +152,14 @@ std::optional<std::string> DCIFileManager::SasIDForFileAtPath(const std::string&
 
 DCIFileIdentifiers DCIFileManager::identifiersForFileAtPath(const std::string& path) {
     return queries()->identifiersForFileAtPath(path);
+}
+
+std::optional<std::string> DCIFileManager::pathForSampleWithName(const std::optional<std::string>& name,
+                                                                 const std::optional<std::string>& sasID,
+                                                                 const std::optional<std::string>& sha,
+                                                                 uint64_t fileSize, uint64_t duration) {
+    const auto finder = sharedFileManager()->sampleFinder();
+    return finder ? finder->pathForSampleWithName(name, sasID, sha, fileSize, duration) : std::nullopt;
 }
 
 std::string DCIFileManager::description() const {

@@ -6,6 +6,7 @@
 #include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
 #include "CoreKestly/Platform/DCIFSEventStream.h"
 #include "CoreKestly/Platform/DCIObject.h"
+#include "CoreKestly/SampleFinder/DCISampleFinder.h"
 
 #include <atomic>
 #include <chrono>
@@ -99,6 +100,11 @@ public:
     std::shared_ptr<DCISHACache> primaryFileCache() const { return primaryFileCache_.load(); }
     std::shared_ptr<DCISHACache> sampleCache() const { return sampleCache_.load(); }
     std::shared_ptr<DCIActionQueue> fileActionQueue() const { return fileActionQueue_; }
+    /// Asks this manager for the identifiers of its candidates. Each run points its folder
+    /// scan at the root and the user's music folder; a host that wants other folders sets
+    /// them once the run has started.
+    std::shared_ptr<DCISampleFinder> sampleFinder() const { return sampleFinder_.load(); }
+    void setSampleFinder(std::shared_ptr<DCISampleFinder> sampleFinder) { sampleFinder_.store(std::move(sampleFinder)); }
     /// When the latest file-system notification arrived, in seconds since 1 January 2001 UTC.
     double latestFSEventTime() const { return latestFSEventTime_.load(); }
 
@@ -164,6 +170,13 @@ public:
     std::optional<std::string> SasIDForFileAtPath(const std::string& path) override;
     DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override;
 
+    /// The shared instance's `sampleFinder` asked for the sample: see
+    /// `DCISampleFinder::pathForSampleWithName`. Never on the main thread.
+    static std::optional<std::string> pathForSampleWithName(const std::optional<std::string>& name,
+                                                            const std::optional<std::string>& sasID,
+                                                            const std::optional<std::string>& sha, uint64_t fileSize,
+                                                            uint64_t duration);
+
     std::string description() const override;
 
 private:
@@ -199,6 +212,7 @@ private:
     DCIAtomicSharedPtr<DCISHACache> primaryFileCache_;
     DCIAtomicSharedPtr<DCISHACache> sampleCache_;
     const std::shared_ptr<DCIActionQueue> fileActionQueue_;
+    DCIAtomicSharedPtr<DCISampleFinder> sampleFinder_;
     std::atomic<double> latestFSEventTime_{0};
 
     std::mutex kindsMutex_;  // serialises changes of the lists and caches behind `queries_`

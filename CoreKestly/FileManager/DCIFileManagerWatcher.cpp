@@ -6,6 +6,7 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Events/DCIEventManager.h"
+#include "CoreKestly/Platform/KestlyPath.h"
 
 #include <sys/stat.h>
 
@@ -54,6 +55,13 @@ void DCIFileManager::threadMain(const std::string& rootPath, uint64_t generation
     {
         std::lock_guard lock(SyncronizeMutex);
         haveEvents_ = haveFSEvents_ = false;
+    }
+    if (const auto finder = sampleFinder()) {
+        DCIMetadataQuerySettings settings = finder->querySettings();
+        const std::string music = DCIMetadataQuerySettings::userMusicFolder();
+        settings.scanFolders = {music};
+        if (!KestlyPath::isSameOrBelow(rootPath, music)) settings.scanFolders.insert(settings.scanFolders.begin(), rootPath);
+        finder->setQuerySettings(std::move(settings));
     }
     DCIFSEventStream::Options options;
     {

@@ -46,12 +46,15 @@ void postWorkerEvent(uint64_t type, const std::shared_ptr<DCIDownloader>& worker
     DCIEventManager::postEvent(std::move(event));
 }
 
-// Replaces whatever file is at `path` with an empty one open for writing. A directory there is
-// not removed: the open then fails like any other.
+// Replaces the file or link at `path` with an empty file open for writing. Anything else is
+// left in place: a directory then fails to open, a device such as /dev/null is written to, and
+// a FIFO without a reader fails instead of blocking the worker.
 int replaceWithEmptyFile(const std::string& path) {
     struct stat status;
-    if (lstat(path.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) unlink(path.c_str());
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (lstat(path.c_str(), &status) == 0 && (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) {
+        unlink(path.c_str());
+    }
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
 }
 
 }  // namespace

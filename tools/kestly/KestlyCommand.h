@@ -16,3 +16,4 @@ struct KestlyCommand {
 KestlyCommand addHashCommand(CLI::App& app);
 KestlyCommand addScanCommand(CLI::App& app);
 KestlyCommand addManifestCommand(CLI::App& app);
+KestlyCommand addDownloadCommand(CLI::App& app);

@@ -6,7 +6,7 @@
 #include <vector>
 
 int main(int argc, char** argv) {
-    CLI::App app{"kestly: watch, hash and read sample folders and project manifests with CoreKestly"};
+    CLI::App app{"kestly: watch, hash and read sample folders and project manifests, and download, with CoreKestly"};
     app.set_version_flag("--version", std::string("kestly ") + KESTLY_VERSION);
     app.require_subcommand(0, 1);
     app.failure_message(CLI::FailureMessage::help);
@@ -15,13 +15,15 @@ int main(int argc, char** argv) {
         addHashCommand(app),
         addScanCommand(app),
         addManifestCommand(app),
+        addDownloadCommand(app),
     };
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        // Help and version are "errors" of exit code 0 that print to standard output.
-        return app.exit(error);
+        // Help and version are "errors" of exit code 0 that print to standard output; any
+        // other is a command line that cannot be used.
+        return app.exit(error) == 0 ? 0 : 2;
     }
     for (const auto& command : commands) {
         if (command.subcommand->parsed()) return command.run();

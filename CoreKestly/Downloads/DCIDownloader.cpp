@@ -28,6 +28,8 @@ std::atomic<uint64_t> downloaderCount{1};
 // The longest a worker runs its loop before it looks at its queue and its close flag again.
 constexpr auto kLoopSlice = std::chrono::milliseconds(500);
 
+constexpr auto kProgressTickInterval = std::chrono::milliseconds(25);
+
 // "Kestly" error codes.
 constexpr int64_t kNoRequestErrorCode = 1;
 
@@ -193,6 +195,11 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
 
 void DCIDownloader::addProgress(uint64_t bytes) {
     pendingProgress_.fetch_add(bytes);
+    // The main thread is woken at most this often per worker, so that it handles a few dozen
+    // ticks a second at full speed rather than one per chunk; the bytes in between are summed.
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastProgressSignal_ < kProgressTickInterval) return;
+    lastProgressSignal_ = now;
     progressSource_->signal();
 }
 

@@ -9,6 +9,7 @@
 #include "CoreKestly/Platform/DCIURLRequest.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -119,6 +120,8 @@ private:
 
     /// Bytes counted on the worker's thread that the main thread has not taken yet.
     std::atomic<uint64_t> pendingProgress_{0};
+    /// When the worker's thread last signalled the progress source; that thread only.
+    std::chrono::steady_clock::time_point lastProgressSignal_;
     /// On the main loop; made and released by the worker's thread, which alone signals it.
     std::unique_ptr<DCIRunLoopSource> progressSource_;
     /// On the worker's loop; `close` signals it to end an idle wait at once.

@@ -135,6 +135,8 @@ void DCIDownloader::threadMain() {
         progressSource_.reset();
     } catch (const std::exception& error) {
         DCLogError("%@ stopped: %s", name_, error.what());
+    } catch (...) {
+        DCLogError("%@ stopped on an unknown exception", name_);
     }
 }
 

@@ -131,7 +131,10 @@ public:
     bool succeeded() const { return succeeded_; }
     bool wantsProgress() const { return json_ || showsBar_; }
 
+    size_t stoppedWorkers() const { return stoppedWorkers_; }
+
     void handleEvent(const std::shared_ptr<DCIEvent>& event) override {
+        if (event->isCommonEventOfType(DCIEventTypeDownloaderStopped)) ++stoppedWorkers_;
         const auto found = event->action() ? indexOf_.find(event->action().get()) : indexOf_.end();
         if (found == indexOf_.end()) return;
         Item& item = items_[found->second];
@@ -239,6 +242,7 @@ private:
     const bool json_;
     const bool showsBar_;
     size_t endedCount_ = 0;
+    size_t stoppedWorkers_ = 0;
     size_t nextBody_ = 0;
     size_t barLines_ = 0;
     Clock::time_point lastBar_;
@@ -293,9 +297,7 @@ int download(const DownloadOptions& options) {
     }
     // The workers need the main loop until they have stopped.
     for (const auto& worker : workers) worker->close();
-    for (const auto& worker : workers) {
-        while (!mainLoop.runUntil([&] { return !worker->currentAction(); }, std::chrono::hours(1))) {
-        }
+    while (!mainLoop.runUntil([&] { return monitor->stoppedWorkers() == workers.size(); }, std::chrono::hours(1))) {
     }
     DCIEventManager::removeListener(monitor);
     return monitor->succeeded() ? 0 : 1;

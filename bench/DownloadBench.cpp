@@ -144,8 +144,8 @@ int main(int argc, char** argv) {
     std::vector<std::string> urls;
     for (size_t i = 0; i < smallCount; ++i) urls.push_back(server.url("/small/" + std::to_string(i)));
     std::vector<std::string> kestlyCommand = {kestly, "download", "--workers", "4", "-d", (folder / "k").string()};
-    std::vector<std::string> curlCommand = {"curl", "-sf", "--parallel", "--parallel-max", "4", "--remote-name-all",
-                                            "--output-dir", (folder / "c").string()};
+    std::vector<std::string> curlCommand = {"curl", "-sf", "--parallel", "--parallel-max", "4", "--remote-name-all"};
+    curlCommand.insert(curlCommand.end(), {"--output-dir", (folder / "c").string()});
     kestlyCommand.insert(kestlyCommand.end(), urls.begin(), urls.end());
     curlCommand.insert(curlCommand.end(), urls.begin(), urls.end());
     std::filesystem::create_directories(folder / "k");

@@ -54,7 +54,9 @@ protected:
         return found == events.end() ? -1 : found - events.begin();
     }
 
-    std::shared_ptr<DCIURLRequest> get(const std::string& path) { return DCIURLRequest::requestWithURL(server.url(path)); }
+    std::shared_ptr<DCIURLRequest> get(const std::string& path) {
+        return DCIURLRequest::requestWithURL(server.url(path));
+    }
 
     /// Queues the action and pumps the main loop until the worker has ended it and let it go.
     void run(const std::shared_ptr<DCIAction>& action) {
@@ -85,14 +87,14 @@ protected:
         });
         http.Get("/slow", [&self](const httplib::Request& request, httplib::Response& response) {
             const size_t chunks = std::stoul(request.get_param_value("chunks"));
-            response.set_chunked_content_provider("application/octet-stream", [&self, chunks](size_t offset,
-                                                                                               httplib::DataSink& sink) {
-                if (offset >= chunks * 1000 || !self.pause(20ms)) {
-                    sink.done();
-                    return true;
-                }
-                return sink.write(pattern(1000).data(), 1000);
-            });
+            response.set_chunked_content_provider("application/octet-stream",
+                                                  [&self, chunks](size_t offset, httplib::DataSink& sink) {
+                                                      if (offset >= chunks * 1000 || !self.pause(20ms)) {
+                                                          sink.done();
+                                                          return true;
+                                                      }
+                                                      return sink.write(pattern(1000).data(), 1000);
+                                                  });
         });
         http.Get("/pair", [this](const httplib::Request&, httplib::Response& response) {
             std::unique_lock lock(pairMutex);
@@ -129,14 +131,17 @@ struct Outcome {
 TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
     const std::string quoted32 = "0123456789abcdef0123456789abcdef";
     const Outcome outcomes[] = {
-        {"200 into memory, quoted 32-character tag", "/reply?status=200&size=1000&etag=%220123456789abcdef0123456789abcdef%22",
-         nullptr, DCIActionStatusCompleted, 200, pattern(1000), 1000, 1000, quoted32, std::nullopt, 0, 60},
+        {"200 into memory, quoted 32-character tag",
+         "/reply?status=200&size=1000&etag=%220123456789abcdef0123456789abcdef%22", nullptr, DCIActionStatusCompleted,
+         200, pattern(1000), 1000, 1000, quoted32, std::nullopt, 0, 60},
         {"200 into a file, short tag kept whole", "/reply?status=200&size=1000&etag=%22abc%22", "out",
          DCIActionStatusCompleted, 200, pattern(1000), 1000, 1000, "\"abc\"", std::nullopt, 0, 60},
-        {"204", "/reply?status=204&size=0", nullptr, DCIActionStatusCompleted, 204, "", 0, 0, std::nullopt, std::nullopt, 0, 60},
-        {"409, multipart tag ignored", "/reply?status=409&size=20&etag=%220123456789abcdef0123456789abcd-2%22",
-         nullptr, DCIActionStatusCompleted, 409, pattern(20), 20, 20, std::nullopt, std::nullopt, 0, 60},
-        {"404", "/reply?status=404&size=50", nullptr, DCIActionStatusCompleted, 404, std::nullopt, 0, 0, std::nullopt, std::nullopt, 0, 60},
+        {"204", "/reply?status=204&size=0", nullptr, DCIActionStatusCompleted, 204, "", 0, 0, std::nullopt,
+         std::nullopt, 0, 60},
+        {"409, multipart tag ignored", "/reply?status=409&size=20&etag=%220123456789abcdef0123456789abcd-2%22", nullptr,
+         DCIActionStatusCompleted, 409, pattern(20), 20, 20, std::nullopt, std::nullopt, 0, 60},
+        {"404", "/reply?status=404&size=50", nullptr, DCIActionStatusCompleted, 404, std::nullopt, 0, 0, std::nullopt,
+         std::nullopt, 0, 60},
         {"500", "/reply?status=500&size=50", nullptr, DCIActionStatusFailed, 500, std::nullopt, 0, 0, std::nullopt,
          DCIError("Kestly", 2, "Error: the server failed with error code 500"), 0, 60},
         {"upload counts both ways", "/reply?status=200&size=200", nullptr, DCIActionStatusCompleted, 200, pattern(200),
@@ -209,9 +214,8 @@ TEST_F(DCIDownloaderTest, HostStopsARunningDownloadAtItsNextChunkAndTheWorkerGoe
         const std::string destination = folder / "slow";
         const auto action = DCIDownloader::fileDownloadActionWithRequest(get("/slow?chunks=200"), destination);
         queue->addAction(action);
-        ASSERT_TRUE(pumpMainLoopUntil([&] {
-            return contextValue(action, kDCIDownloaderCurrentDownloadSizeKey)->uint64Value() > 0u;
-        }));
+        ASSERT_TRUE(pumpMainLoopUntil(
+            [&] { return contextValue(action, kDCIDownloaderCurrentDownloadSizeKey)->uint64Value() > 0u; }));
         action->changeStatus(stop);
         const auto next = DCIDownloader::dataDownloadActionWithRequest(get("/reply?status=200&size=10"));
         run(next);

@@ -21,15 +21,20 @@ struct Invocation {
     const char* name;
     std::string arguments;  // "{}" stands for the server's address
     int status;
-    std::string output;     // standard output, or for --json the "status" and "statusCode" of each line
+    std::string output;  // standard output, or for --json the "status" and "statusCode" of each line
 };
 
 TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
-    const auto program = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools/kestly/kestly";
+    const auto program =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools/kestly/kestly";
     if (!std::filesystem::exists(program)) GTEST_SKIP() << "kestly is not built at " << program;
     const LoopbackHTTPServer server([](httplib::Server& http, LoopbackHTTPServer&) {
-        http.Get("/a.txt", [](const httplib::Request&, httplib::Response& response) { response.set_content("hello", "text/plain"); });
-        http.Get("/b.txt", [](const httplib::Request&, httplib::Response& response) { response.set_content("world", "text/plain"); });
+        http.Get("/a.txt", [](const httplib::Request&, httplib::Response& response) {
+            response.set_content("hello", "text/plain");
+        });
+        http.Get("/b.txt", [](const httplib::Request&, httplib::Response& response) {
+            response.set_content("world", "text/plain");
+        });
     });
     const TemporaryDirectory folder;
     const std::string address = server.url("");

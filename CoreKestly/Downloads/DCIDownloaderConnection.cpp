@@ -124,7 +124,8 @@ void DCIDownloader::connection(DCIURLConnection&, const DCIURLResponse& didRecei
 
 void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didReceiveData) {
     if (stopsForHost()) return;
-    logProgressOncePerSecond("Downloaded %d bytes of %d (%@)", currentDownloadedSize_.load(), totalDownloadSize_.load());
+    logProgressOncePerSecond("Downloaded %d bytes of %d (%@)", currentDownloadedSize_.load(),
+                             totalDownloadSize_.load());
     addProgress(didReceiveData.size());
 
     if (const int file = downloadFile_.load(); file >= 0) {
@@ -137,9 +138,9 @@ void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didRe
     const auto buffer = dataReceived_.load();
     if (!buffer) return;
     if (buffer->size() + didReceiveData.size() > kMaximumDataSize) {
-        failCurrentAction(DCIError("Kestly", kDataTooLargeErrorCode,
-                                   DCIFormat("The response is larger than the %lu bytes a data download may hold",
-                                             kMaximumDataSize)));
+        failCurrentAction(DCIError(
+            "Kestly", kDataTooLargeErrorCode,
+            DCIFormat("The response is larger than the %lu bytes a data download may hold", kMaximumDataSize)));
         return;
     }
     buffer->insert(buffer->end(), didReceiveData.begin(), didReceiveData.end());

@@ -45,8 +45,9 @@ size_t receiveData(char* bytes, size_t size, size_t count, void* userData) {
     auto& transfer = *static_cast<Transfer*>(userData);
     if (!transfer.deliverResponseOnce()) return 0;
     const std::span chunk(reinterpret_cast<const uint8_t*>(bytes), size * count);
-    const bool goesOn = transfer.tellDelegate(
-        [&](DCIURLConnectionDelegate& delegate, DCIURLConnection& connection) { delegate.connection(connection, chunk); });
+    const bool goesOn = transfer.tellDelegate([&](DCIURLConnectionDelegate& delegate, DCIURLConnection& connection) {
+        delegate.connection(connection, chunk);
+    });
     return goesOn ? size * count : 0;
 }
 
@@ -117,7 +118,9 @@ DCIURLErrorCode errorCodeForResult(CURLcode result) {
 
 Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_ptr<DCIURLConnectionDelegate> urlDelegate,
                    std::weak_ptr<DCIURLLoader> urlLoader)
-    : request(std::move(urlRequest)), delegate(std::move(urlDelegate)), loader(std::move(urlLoader)),
+    : request(std::move(urlRequest)),
+      delegate(std::move(urlDelegate)),
+      loader(std::move(urlLoader)),
       easy(curl_easy_init()) {
     if (!easy) {
         setupError = DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "libcurl could not make a transfer");
@@ -229,9 +232,8 @@ bool Transfer::deliverResponseOnce() {
     if (encoding && !encoding->empty() && *encoding != "identity") length = -1;
     const DCIURLResponse response(url ? url : request->URL(), statusCode, length < 0 ? -1 : length,
                                   std::move(responseHeaders));
-    return tellDelegate([&](DCIURLConnectionDelegate& listener, DCIURLConnection& owner) {
-        listener.connection(owner, response);
-    });
+    return tellDelegate(
+        [&](DCIURLConnectionDelegate& listener, DCIURLConnection& owner) { listener.connection(owner, response); });
 }
 
 DCIError Transfer::errorForResult(CURLcode result) const {
@@ -246,7 +248,7 @@ std::string DCIURLResponse::description() const {
 }
 
 std::shared_ptr<DCIURLConnection> DCIURLConnection::initWithRequest(std::shared_ptr<const DCIURLRequest> request,
-                                                                     std::weak_ptr<DCIURLConnectionDelegate> delegate) {
+                                                                    std::weak_ptr<DCIURLConnectionDelegate> delegate) {
     if (!request) return nullptr;
     auto transfer = std::make_shared<Transfer>(request, std::move(delegate), DCIURLLoader::current());
     auto connection = std::shared_ptr<DCIURLConnection>(new DCIURLConnection(std::move(request), transfer));

@@ -16,7 +16,9 @@ class DCIURLResponse : public DCIObject {
 public:
     DCIURLResponse(std::string URL, int64_t statusCode, int64_t expectedContentLength,
                    std::vector<std::pair<std::string, std::string>> allHeaderFields)
-        : URL_(std::move(URL)), statusCode_(statusCode), expectedContentLength_(expectedContentLength),
+        : URL_(std::move(URL)),
+          statusCode_(statusCode),
+          expectedContentLength_(expectedContentLength),
           allHeaderFields_(std::move(allHeaderFields)) {}
 
     const std::string& URL() const { return URL_; }

@@ -68,7 +68,8 @@ std::pair<std::string, std::string> parseHeader(const std::string& line) {
 std::string fileNameOfURL(const std::string& url) {
     const auto schemeEnd = url.find("://");
     const auto pathStart = url.find('/', schemeEnd == std::string::npos ? 0 : schemeEnd + 3);
-    const std::string path = pathStart == std::string::npos ? "" : url.substr(pathStart, url.find_first_of("?#", pathStart) - pathStart);
+    const std::string path =
+        pathStart == std::string::npos ? "" : url.substr(pathStart, url.find_first_of("?#", pathStart) - pathStart);
     const std::string name = KestlyPath::lastComponent(path);
     if (name.empty() || name == "/" || name == "." || name == "..") throw UsageError{"no file name in URL " + url};
     return name;
@@ -81,7 +82,8 @@ std::shared_ptr<DCIURLRequest> makeRequest(const DownloadOptions& options, const
     for (const auto& header : options.headers) fields.HTTPHeaderFields.push_back(parseHeader(header));
     if (options.data && options.data->starts_with('@')) {
         fields.HTTPBodyFilePath = options.data->substr(1);
-        if (access(fields.HTTPBodyFilePath->c_str(), R_OK) != 0) throw UsageError{"cannot read " + *fields.HTTPBodyFilePath};
+        if (access(fields.HTTPBodyFilePath->c_str(), R_OK) != 0)
+            throw UsageError{"cannot read " + *fields.HTTPBodyFilePath};
     } else if (options.data) {
         fields.HTTPBody = std::make_shared<const DCIData>(*options.data);
     }
@@ -261,7 +263,8 @@ int download(const DownloadOptions& options) {
         for (const auto& url : options.urls) {
             std::optional<std::string> file;
             if (!options.output.empty()) file = options.output;
-            if (!options.directory.empty()) file = KestlyPath::appendingComponent(options.directory, fileNameOfURL(url));
+            if (!options.directory.empty())
+                file = KestlyPath::appendingComponent(options.directory, fileNameOfURL(url));
             if (file && !files.insert(*file).second) throw UsageError{"two URLs would be saved to " + *file};
             const auto request = makeRequest(options, url);
             const auto action = file ? DCIDownloader::fileDownloadActionWithRequest(request, *file)
@@ -308,11 +311,13 @@ int download(const DownloadOptions& options) {
 KestlyCommand addDownloadCommand(CLI::App& app) {
     auto options = std::make_shared<DownloadOptions>();
     CLI::App* command = app.add_subcommand(
-        "download", "Fetch URLs with download workers sharing one queue; bodies go to files or, in URL order, to "
-                    "standard output");
+        "download",
+        "Fetch URLs with download workers sharing one queue; bodies go to files or, in URL order, to "
+        "standard output");
     command->add_option("URL", options->urls, "The URLs to fetch")->required();
     auto* output = command->add_option("-o,--output", options->output, "The file for the body of a single URL");
-    command->add_option("-d,--directory", options->directory, "Save each body in DIR under the URL's last path component")
+    command
+        ->add_option("-d,--directory", options->directory, "Save each body in DIR under the URL's last path component")
         ->excludes(output);
     command->add_option("--workers", options->workers, "How many downloads run at once")
         ->check(CLI::Range(size_t{1}, kMaximumWorkers));

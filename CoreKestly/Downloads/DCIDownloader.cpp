@@ -92,6 +92,7 @@ DCIDownloader::DCIDownloader(std::shared_ptr<DCIActionQueue> queue, std::string 
 
 std::shared_ptr<DCIDownloader> DCIDownloader::initWithQueue(std::shared_ptr<DCIActionQueue> queue) {
     if (!queue) return nullptr;
+    DCIURLConnection::prepareLoading();
     auto worker = std::shared_ptr<DCIDownloader>(
         new DCIDownloader(std::move(queue), DCIFormat("Downloader %lu", downloaderCount.fetch_add(1))));
     worker->reset();

@@ -256,6 +256,11 @@ std::shared_ptr<DCIURLConnection> DCIURLConnection::initWithRequest(std::shared_
     return connection;
 }
 
+bool DCIURLConnection::prepareLoading() {
+    static const bool prepared = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+    return prepared;
+}
+
 DCIURLConnection::~DCIURLConnection() { cancel(); }
 
 void DCIURLConnection::start() {

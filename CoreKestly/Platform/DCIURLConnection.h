@@ -83,6 +83,13 @@ public:
     DCIURLConnection(const DCIURLConnection&) = delete;
     DCIURLConnection& operator=(const DCIURLConnection&) = delete;
 
+    /// Readies the process-wide state of the HTTP layer (libcurl and its TLS library), which
+    /// the first connection would otherwise do on its own thread. Doing it on a thread that
+    /// lives as long as the process, such as the main thread, keeps that thread's share of the
+    /// state from dying with a worker thread. Any thread, any number of times; answers whether
+    /// connections can load.
+    static bool prepareLoading();
+
     /// Begins loading on the bound loop. Any thread; a second call does nothing.
     void start();
     /// Stops the request. On the bound thread no callback comes after the call; from another

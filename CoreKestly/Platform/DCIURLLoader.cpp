@@ -13,10 +13,9 @@ std::shared_ptr<DCIURLLoader> DCIURLLoader::current() {
 }
 
 DCIURLLoader::DCIURLLoader()
-    : loop_(DCIRunLoop::current()), ownerThread_(std::this_thread::get_id()), multi_([] {
-          static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
-          return initialised == CURLE_OK ? curl_multi_init() : nullptr;
-      }()) {
+    : loop_(DCIRunLoop::current()),
+      ownerThread_(std::this_thread::get_id()),
+      multi_(DCIURLConnection::prepareLoading() ? curl_multi_init() : nullptr) {
     if (multi_) {
         curl_multi_setopt(multi_, CURLMOPT_SOCKETFUNCTION, socketCallback);
         curl_multi_setopt(multi_, CURLMOPT_SOCKETDATA, this);

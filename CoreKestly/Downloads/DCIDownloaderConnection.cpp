@@ -25,6 +25,13 @@ constexpr int64_t kDataTooLargeErrorCode = 3;
 
 // An entity tag of 32 characters in quote marks, the service's MD5 form, is kept without them.
 constexpr size_t kQuotedTagLength = 34;
+// Longer tags, or tags with control characters, are no entity tags anyone could check.
+constexpr size_t kMaximumTagLength = 1024;
+
+bool isUsableTag(std::string_view tag) {
+    return tag.size() <= kMaximumTagLength &&
+           std::ranges::none_of(tag, [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+}
 
 bool isStoppedByHost(int64_t status) { return status == DCIActionStatusCanceled || status == DCIActionStatusPaused; }
 
@@ -112,7 +119,7 @@ void DCIDownloader::connection(DCIURLConnection&, const DCIURLResponse& didRecei
         dataReceived_.store(std::move(buffer));
     }
 
-    if (auto tag = didReceiveResponse.valueForHTTPHeaderField("Etag")) {
+    if (auto tag = didReceiveResponse.valueForHTTPHeaderField("Etag"); tag && isUsableTag(*tag)) {
         if (tag->size() == kQuotedTagLength) *tag = tag->substr(1, kQuotedTagLength - 2);
         if (tag->find('-') != std::string::npos) {
             DCLogInfo("Ignoring S3 etag (%@) as it is of the multipart upload form which we can't check", *tag);

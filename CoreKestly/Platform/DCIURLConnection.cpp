@@ -17,8 +17,24 @@ namespace {
 
 // Bigger chunks than libcurl's 16 KiB default: fewer callbacks and writes at full speed.
 constexpr long kBufferSize = 256 * 1024;
-// Header fields kept per response; a server sending more gets the first ones only.
-constexpr size_t kMaximumHeaderFields = 256;
+// What is kept of one response head; a server sending more gets its first fields only.
+constexpr size_t kMaximumHeaderBytes = 64 * 1024;
+// What the description shows of a head, so that one log line stays short whatever was sent.
+constexpr size_t kDescribedHeaderFields = 32;
+constexpr size_t kDescribedTextLength = 256;
+
+bool hasLineBreakOrNull(std::string_view text) {
+    return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
+}
+
+// Text from the network as a log line may show it: cut short, control characters as "?".
+std::string printable(std::string_view text) {
+    std::string shown(text.substr(0, kDescribedTextLength));
+    for (char& c : shown) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    }
+    return shown;
+}
 
 std::string_view trimmed(std::string_view text) {
     const auto first = text.find_first_not_of(" \t\r\n");
@@ -34,8 +50,10 @@ size_t receiveHeader(char* bytes, size_t size, size_t count, void* userData) {
     // one is the response.
     if (line.starts_with("HTTP/")) {
         transfer.responseHeaders.clear();
+        transfer.responseHeaderBytes = 0;
     } else if (const auto colon = line.find(':');
-               colon != std::string_view::npos && transfer.responseHeaders.size() < kMaximumHeaderFields) {
+               colon != std::string_view::npos && transfer.responseHeaderBytes + line.size() <= kMaximumHeaderBytes) {
+        transfer.responseHeaderBytes += line.size();
         transfer.responseHeaders.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
     }
     return size * count;
@@ -163,6 +181,12 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     // A 100 Continue round trip would only delay every upload.
     headerList = curl_slist_append(headerList, "Expect:");
     for (const auto& [name, value] : request->allHTTPHeaderFields()) {
+        // A line break would end the field early and smuggle whatever follows into the request.
+        if (hasLineBreakOrNull(name) || hasLineBreakOrNull(value)) {
+            setupError = DCIError(kDCIURLErrorDomain, DCIURLErrorBadURL,
+                                  "the header field " + printable(name) + " holds a line break");
+            return;
+        }
         headerList = curl_slist_append(headerList, (name + (value.empty() ? ";" : ": " + value)).c_str());
     }
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headerList);
@@ -243,7 +267,10 @@ DCIError Transfer::errorForResult(CURLcode result) const {
 
 std::string DCIURLResponse::description() const {
     std::string text = "<DCIURLResponse: " + URL_ + "> { Status Code: " + std::to_string(statusCode_) + ", Headers {";
-    for (const auto& [name, value] : allHeaderFields_) text += "\n    " + name + " = " + value + ";";
+    for (size_t i = 0; i < allHeaderFields_.size() && i < kDescribedHeaderFields; ++i) {
+        text += "\n    " + printable(allHeaderFields_[i].first) + " = " + printable(allHeaderFields_[i].second) + ";";
+    }
+    if (allHeaderFields_.size() > kDescribedHeaderFields) text += "\n    ...";
     return text + "\n} }";
 }
 

@@ -59,6 +59,7 @@ struct DCIURLConnection::Transfer {
 
     // The loop's thread only.
     std::vector<std::pair<std::string, std::string>> responseHeaders;
+    size_t responseHeaderBytes = 0;
     bool responseDelivered = false;
     int64_t uploadReported = 0;
 };

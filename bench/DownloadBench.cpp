@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -82,14 +83,17 @@ double timeProgram(const std::vector<std::string>& arguments) {
 }
 
 // The best of a few alternating runs of each, as the machine may be busy with other work.
+// `beforeEachRun` empties the output folders, so that neither program finds files to replace.
 void compare(const char* what, double bytes, const std::vector<std::string>& kestlyCommand,
-             const std::vector<std::string>& curlCommand) {
+             const std::vector<std::string>& curlCommand, const std::function<void()>& beforeEachRun = [] {}) {
     double kestlySeconds = -1, curlSeconds = -1;
     const auto best = [](double& seconds, double run) {
         if (run > 0 && (seconds < 0 || run < seconds)) seconds = run;
     };
     for (int round = 0; round < 3; ++round) {
+        beforeEachRun();
         best(kestlySeconds, timeProgram(kestlyCommand));
+        beforeEachRun();
         best(curlSeconds, timeProgram(curlCommand));
     }
     const auto rate = [&](double seconds) { return seconds > 0 ? bytes / seconds / (1 << 20) : 0; };
@@ -148,10 +152,13 @@ int main(int argc, char** argv) {
     curlCommand.insert(curlCommand.end(), {"--output-dir", (folder / "c").string()});
     kestlyCommand.insert(kestlyCommand.end(), urls.begin(), urls.end());
     curlCommand.insert(curlCommand.end(), urls.begin(), urls.end());
-    std::filesystem::create_directories(folder / "k");
-    std::filesystem::create_directories(folder / "c");
+    const auto emptyFolders = [&] {
+        std::filesystem::remove_all(folder);
+        std::filesystem::create_directories(folder / "k");
+        std::filesystem::create_directories(folder / "c");
+    };
     compare(("small files, 4 at once (" + std::to_string(smallCount) + ")").c_str(),
-            static_cast<double>(smallCount * kSmallFileSize), kestlyCommand, curlCommand);
+            static_cast<double>(smallCount * kSmallFileSize), kestlyCommand, curlCommand, emptyFolders);
     std::filesystem::remove_all(folder);
 
     measureProgressCost(server, largeSize);

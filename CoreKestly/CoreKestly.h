@@ -10,8 +10,11 @@
 #include "CoreKestly/Platform/DCIError.h"
 #include "CoreKestly/Platform/DCIFormat.h"
 #include "CoreKestly/Platform/DCIMetadataQuery.h"
+#include "CoreKestly/Platform/DCILocalizedString.h"
 #include "CoreKestly/Platform/DCIObject.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/DCIURLConnection.h"
+#include "CoreKestly/Platform/DCIURLRequest.h"
 #include "CoreKestly/Platform/DCIValue.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
@@ -29,6 +32,8 @@
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 #include "CoreKestly/FileSystem/DCISHACache.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
+
+#include "CoreKestly/Downloads/DCIDownloader.h"
 
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItem.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"

@@ -18,3 +18,4 @@ KestlyCommand addScanCommand(CLI::App& app);
 KestlyCommand addManifestCommand(CLI::App& app);
 KestlyCommand addWatchCommand(CLI::App& app);
 KestlyCommand addFindCommand(CLI::App& app);
+KestlyCommand addDownloadCommand(CLI::App& app);

@@ -6,7 +6,7 @@
 #include <vector>
 
 int main(int argc, char** argv) {
-    CLI::App app{"kestly: watch, hash and read sample folders and project manifests, and find samples, with CoreKestly"};
+    CLI::App app{"kestly: watch, hash and read sample folders and project manifests, find samples and download, with CoreKestly"};
     app.set_version_flag("--version", std::string("kestly ") + KESTLY_VERSION);
     app.require_subcommand(0, 1);
     app.failure_message(CLI::FailureMessage::help);
@@ -17,6 +17,7 @@ int main(int argc, char** argv) {
         addScanCommand(app),
         addManifestCommand(app),
         addFindCommand(app),
+        addDownloadCommand(app),
     };
 
     try {

@@ -1,0 +1,242 @@
+// The worker's life: its thread and loop, the start of each action, progress and reset.
+// The connection's callbacks are in DCIDownloaderConnection.cpp.
+
+#include "CoreKestly/Downloads/DCIDownloader.h"
+
+#include "CoreKestly/CoreKestlyKeys.h"
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/Events/DCIEventManager.h"
+#include "CoreKestly/Platform/DCIFormat.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <system_error>
+#include <thread>
+
+namespace {
+
+// Plain process-wide values: the host makes workers and flips the switch from one thread at
+// a time, but workers read them on their own threads.
+std::atomic<bool> sendDownloadProgressEvents{true};
+std::atomic<uint64_t> downloaderCount{1};
+
+// The longest a worker runs its loop before it looks at its queue and its close flag again.
+constexpr auto kLoopSlice = std::chrono::milliseconds(500);
+
+constexpr auto kProgressTickInterval = std::chrono::milliseconds(25);
+
+// "Kestly" error codes.
+constexpr int64_t kNoRequestErrorCode = 1;
+
+std::shared_ptr<DCIAction> makeDownloadAction(std::shared_ptr<DCIURLRequest> request) {
+    auto action = DCIAction::initWithCategory(DCIActionCategoryCommon, DCIActionTypeDownload);
+    action->setContextObject(request, kDCIDownloaderRequestKey);
+    DCIDownloader::updateProgressOnAction(action, 0, 0);
+    return action;
+}
+
+void postWorkerEvent(uint64_t type, const std::shared_ptr<DCIDownloader>& worker) {
+    auto event = DCIEvent::commonEventWithType(type);
+    DCIDictionary context;
+    context.emplace(kDCIDownloaderDownloaderKey, DCIValue(worker));
+    event->setContext(std::move(context));
+    DCIEventManager::postEvent(std::move(event));
+}
+
+// Replaces the file or link at `path` with an empty file open for writing. Anything else is
+// left in place: a directory then fails to open, a device such as /dev/null is written to, and
+// a FIFO without a reader fails instead of blocking the worker.
+int replaceWithEmptyFile(const std::string& path) {
+    struct stat status;
+    if (lstat(path.c_str(), &status) == 0 && (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) {
+        unlink(path.c_str());
+    }
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
+}
+
+}  // namespace
+
+void DCIDownloader::setRequiresProgressEvents(bool requiresProgressEvents) {
+    sendDownloadProgressEvents.store(requiresProgressEvents);
+}
+
+std::shared_ptr<DCIAction> DCIDownloader::fileDownloadActionWithRequest(std::shared_ptr<DCIURLRequest> request,
+                                                                        std::optional<std::string> destination) {
+    auto action = makeDownloadAction(std::move(request));
+    action->setContextObject(destination ? std::optional<DCIValue>(*destination) : std::nullopt,
+                             kDCIDownloaderFilePathKey);
+    return action;
+}
+
+std::shared_ptr<DCIAction> DCIDownloader::dataDownloadActionWithRequest(std::shared_ptr<DCIURLRequest> request) {
+    return makeDownloadAction(std::move(request));
+}
+
+void DCIDownloader::updateProgressOnAction(const std::shared_ptr<DCIAction>& action, uint64_t with, uint64_t of) {
+    if (!action) return;
+    switch (action->status()) {
+    case DCIActionStatusRunning: action->setContextObject(DCIValue(with), kDCIDownloaderCurrentDownloadSizeKey); break;
+    case DCIActionStatusCompleted: action->setContextObject(DCIValue(of), kDCIDownloaderCurrentDownloadSizeKey); break;
+    default: action->setContextObject(DCIValue(0), kDCIDownloaderCurrentDownloadSizeKey); break;
+    }
+    action->setContextObject(DCIValue(of), kDCIDownloaderTotalDownloadSizeKey);
+}
+
+DCIDownloader::DCIDownloader(std::shared_ptr<DCIActionQueue> queue, std::string name)
+    : downloadQueue_(std::move(queue)), name_(std::move(name)) {}
+
+std::shared_ptr<DCIDownloader> DCIDownloader::initWithQueue(std::shared_ptr<DCIActionQueue> queue) {
+    if (!queue) return nullptr;
+    DCIURLConnection::prepareLoading();
+    auto worker = std::shared_ptr<DCIDownloader>(
+        new DCIDownloader(std::move(queue), DCIFormat("Downloader %lu", downloaderCount.fetch_add(1))));
+    worker->reset();
+    try {
+        // The thread owns the worker until its loop has ended.
+        std::thread([worker] { worker->threadMain(); }).detach();
+    } catch (const std::system_error& error) {
+        DCLogError("%@ could not start its thread: %s", worker->name_, error.what());
+        return nullptr;
+    }
+    return worker;
+}
+
+void DCIDownloader::close() {
+    complete_.store(true);
+    if (auto wake = wakeSource_.load()) wake->signal();
+}
+
+void DCIDownloader::threadMain() {
+    try {
+        DCIRunLoop& loop = DCIRunLoop::current();
+        // The handler runs on the main thread and uses the worker, which this thread keeps
+        // alive; the source goes before the thread ends, waiting out a handler under way.
+        progressSource_ = DCIRunLoop::main().addSignalSource([this] { handleProgress(); });
+        wakeSource_.store(std::shared_ptr<DCIRunLoopSource>(loop.addSignalSource([] {})));
+        postWorkerEvent(DCIEventTypeDownloaderStarted, shared_from_this());
+
+        while (!complete_.load() || currentAction_.load()) {
+            if (currentAction_.load()) {
+                // The slice ends as soon as the action does, so the next one starts at once.
+                loop.runUntil([this] { return !currentAction_.load(); }, kLoopSlice);
+            } else if (auto action = downloadQueue_->popNextAction()) {
+                processAction(action);
+            } else {
+                loop.runUntil([this] { return complete_.load(); }, kLoopSlice);
+            }
+        }
+
+        wakeSource_.store(nullptr);
+        postWorkerEvent(DCIEventTypeDownloaderStopped, shared_from_this());
+        progressSource_.reset();
+    } catch (const std::exception& error) {
+        DCLogError("%@ stopped: %s", name_, error.what());
+    } catch (...) {
+        DCLogError("%@ stopped on an unknown exception", name_);
+    }
+}
+
+void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
+    const int64_t status = action->status();
+    if (action->commonType() != DCIActionTypeDownload || status == DCIActionStatusCanceled ||
+        status == DCIActionStatusPaused) {
+        return;
+    }
+    const auto pathValue = action->contextObjectForKey(kDCIDownloaderFilePathKey);
+    const std::string* path = pathValue ? pathValue->string() : nullptr;
+    const auto requestValue = action->contextObjectForKey(kDCIDownloaderRequestKey);
+    const auto request = requestValue ? requestValue->object<DCIURLRequest>() : nullptr;
+
+    // No callback would ever end an action without a request: it fails before anything else.
+    if (!request) {
+        const DCIError error("Kestly", kNoRequestErrorCode, "The download action carries no URL request");
+        action->setContextObject(error, kDCIError);
+        action->changeStatus(DCIActionStatusFailed);
+        DCLogError("%@ Failed to start download for %@ with error %@", name_, path ? *path : "data", error);
+        return;
+    }
+
+    if (path) {
+        DCLogInfo("%@, Starting to download %@ - request = %@", name_, *path, request);
+        const int file = replaceWithEmptyFile(*path);
+        if (file < 0) {
+            const DCIError error = DCIError::posixError(errno, "open " + *path);
+            action->setContextObject(error, kDCIError);
+            action->changeStatus(DCIActionStatusFailed);
+            DCLogInfo("%@ Failed to start download for %@ with error %@", name_, *path, error);
+            return;
+        }
+        downloadFile_.store(file);
+    } else {
+        DCLogInfo("%@ Downloading data for %@", name_, request);
+    }
+
+    currentAction_.store(action);
+    action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+    currentDownloadedSize_.store(0);
+    totalDownloadSize_.store(0);
+    auto connection = DCIURLConnection::initWithRequest(request, weak_from_this());
+    connection_.store(connection);
+
+    // The test of the status and its change to Running happen together on the main thread,
+    // where the host changes statuses too.
+    DCIRunLoop::main().performSync([&] {
+        if (action->status() != DCIActionStatusPending) {
+            resetOnMainThread();
+            return;
+        }
+        action->changeStatus(DCIActionStatusRunning);
+        DCLogInfo("ACF CONNECTION START %@ (%@)", request->URL(), name_);
+        connection->start();
+    });
+}
+
+void DCIDownloader::addProgress(uint64_t bytes) {
+    pendingProgress_.fetch_add(bytes);
+    // The main thread is woken at most this often per worker, so that it handles a few dozen
+    // ticks a second at full speed rather than one per chunk; the bytes in between are summed.
+    const auto now = std::chrono::steady_clock::now();
+    if (now - lastProgressSignal_ < kProgressTickInterval) return;
+    lastProgressSignal_ = now;
+    progressSource_->signal();
+}
+
+void DCIDownloader::handleProgress() {
+    const uint64_t bytes = pendingProgress_.exchange(0);
+    const auto action = currentAction_.load();
+    if (!action) return;
+    const uint64_t current = currentDownloadedSize_.fetch_add(bytes) + bytes;
+    updateProgressOnAction(action, current, totalDownloadSize_.load());
+    if (!sendDownloadProgressEvents.load()) return;
+    auto event = DCIEvent::commonEventWithType(DCIEventTypeDownloadProgress);
+    event->setAction(action);
+    DCIEventManager::postEvent(std::move(event));
+}
+
+void DCIDownloader::reset() {
+    if (DCIIsMainThread()) {
+        resetOnMainThread();
+    } else {
+        DCIRunLoop::main().performSync([this] { resetOnMainThread(); });
+    }
+}
+
+void DCIDownloader::resetOnMainThread() {
+    // Bytes not yet handled belong to the action that ends here: a tick after this reset
+    // counts only the next action's bytes.
+    pendingProgress_.store(0);
+    const auto action = currentAction_.load();
+    const uint64_t total = totalDownloadSize_.load();
+    if (action && total != 0) updateProgressOnAction(action, total, total);
+    if (const int file = downloadFile_.exchange(-1); file >= 0) ::close(file);
+    currentAction_.store(nullptr);
+    dataReceived_.store(nullptr);
+    connection_.store(nullptr);
+    currentDownloadedSize_.store(0);
+    totalDownloadSize_.store(0);
+}

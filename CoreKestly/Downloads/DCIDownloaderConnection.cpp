@@ -1,0 +1,179 @@
+// What a worker does with its connection's callbacks: judging the status code, recording the
+// entity tag, writing the body, counting progress and ending the action.
+
+#include "CoreKestly/Downloads/DCIDownloader.h"
+
+#include "CoreKestly/CoreKestlyKeys.h"
+#include "CoreKestly/DCLog/DCLogger.h"
+#include "CoreKestly/Platform/DCIDate.h"
+#include "CoreKestly/Platform/DCIFormat.h"
+#include "CoreKestly/Platform/DCILocalizedString.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+// A data download holds its body in memory; a server that sends more than this ends it.
+constexpr uint64_t kMaximumDataSize = uint64_t{512} << 20;
+
+// "Kestly" error codes.
+constexpr int64_t kRefusedStatusErrorCode = 2;
+constexpr int64_t kDataTooLargeErrorCode = 3;
+
+// An entity tag of 32 characters in quote marks, the service's MD5 form, is kept without them.
+constexpr size_t kQuotedTagLength = 34;
+// Longer tags, or tags with control characters, are no entity tags anyone could check.
+constexpr size_t kMaximumTagLength = 1024;
+
+bool isUsableTag(std::string_view tag) {
+    return tag.size() <= kMaximumTagLength &&
+           std::ranges::none_of(tag, [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+}
+
+bool isStoppedByHost(int64_t status) { return status == DCIActionStatusCanceled || status == DCIActionStatusPaused; }
+
+bool writeWhole(int file, std::span<const uint8_t> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = write(file, bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        bytes = bytes.subspan(static_cast<size_t>(written));
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string DCIDownloader::currentURL() const {
+    const auto action = currentAction_.load();
+    const auto request = action ? action->contextObjectForKey(kDCIDownloaderRequestKey) : std::nullopt;
+    const auto urlRequest = request ? request->object<DCIURLRequest>() : nullptr;
+    return urlRequest ? urlRequest->URL() : std::string(kDCINilDescription);
+}
+
+bool DCIDownloader::stopsForHost() {
+    const auto action = currentAction_.load();
+    if (action && !isStoppedByHost(action->status())) return false;
+    if (const auto current = connection_.load()) current->cancel();
+    reset();
+    return true;
+}
+
+void DCIDownloader::failCurrentAction(const DCIError& error) {
+    const auto action = currentAction_.load();
+    if (action) {
+        action->setContextObject(error, kDCIError);
+        action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+        action->changeStatus(DCIActionStatusFailed);
+    }
+    if (const auto current = connection_.load()) current->cancel();
+    reset();
+}
+
+void DCIDownloader::logProgressOncePerSecond(const char* format, uint64_t count, uint64_t total) {
+    const double now = DCIAbsoluteTimeGetCurrent();
+    if (now - lastLogTime_.load() <= 1.0) return;
+    // The counts print as 32-bit signed numbers, as they always have in these lines.
+    DCLogInfo(format, static_cast<int32_t>(count), static_cast<int32_t>(total), name_);
+    lastLogTime_.store(now);
+}
+
+void DCIDownloader::connection(DCIURLConnection&, int64_t didSendBodyData, int64_t totalBytesWritten,
+                               int64_t totalBytesExpectedToWrite) {
+    if (stopsForHost()) return;
+    logProgressOncePerSecond("Uploaded %d bytes of %d (%@)", static_cast<uint64_t>(totalBytesWritten),
+                             static_cast<uint64_t>(totalBytesExpectedToWrite));
+    totalDownloadSize_.store(static_cast<uint64_t>(std::max<int64_t>(totalBytesExpectedToWrite, 0)));
+    addProgress(static_cast<uint64_t>(std::max<int64_t>(didSendBodyData, 0)));
+}
+
+void DCIDownloader::connection(DCIURLConnection&, const DCIURLResponse& didReceiveResponse) {
+    if (stopsForHost()) return;
+    const auto action = currentAction_.load();
+    const int64_t code = didReceiveResponse.statusCode();
+    action->setContextObject(DCIValue(code), kDCIDownloaderResponseStatusCodeKey);
+
+    if (code != 200 && code != 204 && code != 409) {
+        const std::string message = DCIFormat(DCILocalizedString("Error: the server failed with error code %lu"), code);
+        DCLogInfo("%@: %@ (%@)", message, didReceiveResponse.description(), name_);
+        action->setContextObject(DCIError("Kestly", kRefusedStatusErrorCode, message), kDCIError);
+        action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+        // A missing item is an answer, not a failure; its status code is the only sign.
+        action->changeStatus(code == 404 ? DCIActionStatusCompleted : DCIActionStatusFailed);
+        if (const auto current = connection_.load()) current->cancel();
+        reset();
+        return;
+    }
+    if (code != 200) DCLogInfo("%@ Server returned status code of %d - accepting", name_, code);
+
+    if (didReceiveResponse.expectedContentLength() > 0) {
+        totalDownloadSize_.fetch_add(static_cast<uint64_t>(didReceiveResponse.expectedContentLength()));
+    }
+    if (downloadFile_.load() < 0) {
+        auto buffer = std::make_shared<std::vector<uint8_t>>();
+        // A stated length is a promise from the network: room is made for what a data download may hold at most.
+        buffer->reserve(static_cast<size_t>(std::min(totalDownloadSize_.load(), kMaximumDataSize)));
+        dataReceived_.store(std::move(buffer));
+    }
+
+    if (auto tag = didReceiveResponse.valueForHTTPHeaderField("Etag"); tag && isUsableTag(*tag)) {
+        if (tag->size() == kQuotedTagLength) *tag = tag->substr(1, kQuotedTagLength - 2);
+        if (tag->find('-') != std::string::npos) {
+            DCLogInfo("Ignoring S3 etag (%@) as it is of the multipart upload form which we can't check", *tag);
+        } else {
+            action->setContextObject(DCIValue(*tag), kDCIDownloaderEtag);
+        }
+    }
+}
+
+void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didReceiveData) {
+    if (stopsForHost()) return;
+    logProgressOncePerSecond("Downloaded %d bytes of %d (%@)", currentDownloadedSize_.load(),
+                             totalDownloadSize_.load());
+    addProgress(didReceiveData.size());
+
+    if (const int file = downloadFile_.load(); file >= 0) {
+        if (!writeWhole(file, didReceiveData)) {
+            const auto path = currentAction_.load()->contextObjectForKey(kDCIDownloaderFilePathKey);
+            failCurrentAction(DCIError::posixError(errno, "write " + (path ? path->description() : std::string())));
+        }
+        return;
+    }
+    const auto buffer = dataReceived_.load();
+    if (!buffer) return;
+    if (buffer->size() + didReceiveData.size() > kMaximumDataSize) {
+        failCurrentAction(DCIError(
+            "Kestly", kDataTooLargeErrorCode,
+            DCIFormat("The response is larger than the %lu bytes a data download may hold", kMaximumDataSize)));
+        return;
+    }
+    buffer->insert(buffer->end(), didReceiveData.begin(), didReceiveData.end());
+}
+
+void DCIDownloader::connection(DCIURLConnection&, const DCIError& didFailWithError) {
+    DCLogError("CONNECTION FAIL %@ (%@)", currentURL(), name_);
+    if (const auto action = currentAction_.load()) {
+        action->setContextObject(didFailWithError, kDCIError);
+        action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+        action->changeStatus(DCIActionStatusFailed);
+    }
+    reset();
+}
+
+void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
+    DCLogInfo("ACF CONNECTION END %@ (%@)", currentURL(), name_);
+    const auto action = currentAction_.load();
+    if (action && !isStoppedByHost(action->status())) {
+        action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+        if (downloadFile_.load() < 0) {
+            auto buffer = dataReceived_.load();
+            action->setContextObject(DCIValue(DCIData(buffer ? std::move(*buffer) : std::vector<uint8_t>())),
+                                     kDCIDownloaderDataKey);
+        }
+        action->changeStatus(DCIActionStatusCompleted);
+    }
+    reset();
+}

@@ -1,0 +1,56 @@
+#pragma once
+
+#include "CoreKestly/Platform/DCIData.h"
+#include "CoreKestly/Platform/DCIObject.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+/// What an HTTP request is made of. Header fields keep their order; a body comes either from
+/// memory or from a file that is read while the request is sent.
+struct DCIURLRequestFields {
+    std::string URL;
+    std::string HTTPMethod = "GET";
+    std::vector<std::pair<std::string, std::string>> HTTPHeaderFields;
+    std::shared_ptr<const DCIData> HTTPBody;
+    std::optional<std::string> HTTPBodyFilePath;
+    /// Seconds the request may go without any progress (connecting, sending or receiving)
+    /// before it fails as timed out.
+    double timeoutInterval = 60;
+};
+
+/// An HTTP or HTTPS request, built by the host and carried by a download action. Immutable
+/// once made, so any thread may read it while a worker runs it.
+class DCIURLRequest : public DCIObject {
+public:
+    /// A GET request for `URL` with no headers, no body and a time-out of 60 seconds.
+    static std::shared_ptr<DCIURLRequest> requestWithURL(std::string URL);
+    static std::shared_ptr<DCIURLRequest> requestWithFields(DCIURLRequestFields fields);
+
+    const std::string& URL() const { return fields_.URL; }
+    const std::string& HTTPMethod() const { return fields_.HTTPMethod; }
+    const std::vector<std::pair<std::string, std::string>>& allHTTPHeaderFields() const {
+        return fields_.HTTPHeaderFields;
+    }
+    /// The value of the first header field named `name`, compared without regard to case.
+    std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const;
+    const std::shared_ptr<const DCIData>& HTTPBody() const { return fields_.HTTPBody; }
+    const std::optional<std::string>& HTTPBodyFilePath() const { return fields_.HTTPBodyFilePath; }
+    double timeoutInterval() const { return fields_.timeoutInterval; }
+
+    /// "<DCIURLRequest: METHOD URL>", the part log lines show.
+    std::string description() const override;
+
+private:
+    explicit DCIURLRequest(DCIURLRequestFields fields) : fields_(std::move(fields)) {}
+    const DCIURLRequestFields fields_;
+};
+
+/// The value of the first field named `name` among `fields`, names compared as HTTP compares
+/// them: without regard to ASCII case.
+std::optional<std::string> DCIHeaderFieldValue(const std::vector<std::pair<std::string, std::string>>& fields,
+                                               std::string_view name);

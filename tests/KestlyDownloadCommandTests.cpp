@@ -1,0 +1,79 @@
+// `kestly download` run as a program against a loopback server; skipped when the build has no
+// kestly beside the tests.
+
+#include "support/LoopbackHTTPServer.h"
+#include "support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace {
+
+struct Invocation {
+    const char* name;
+    std::string arguments;  // "{}" stands for the server's address
+    int status;
+    std::string output;  // standard output, or for --json the "status" and "statusCode" of each line
+};
+
+TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
+    const auto program =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools/kestly/kestly";
+    if (!std::filesystem::exists(program)) GTEST_SKIP() << "kestly is not built at " << program;
+    const LoopbackHTTPServer server([](httplib::Server& http, LoopbackHTTPServer&) {
+        http.Get("/a.txt", [](const httplib::Request&, httplib::Response& response) {
+            response.set_content("hello", "text/plain");
+        });
+        http.Get("/b.txt", [](const httplib::Request&, httplib::Response& response) {
+            response.set_content("world", "text/plain");
+        });
+    });
+    const TemporaryDirectory folder;
+    const std::string address = server.url("");
+
+    const Invocation invocations[] = {
+        {"bodies in URL order", "{}/b.txt {}/a.txt", 0, "worldhello"},
+        {"one file per URL", "-d " + folder.path().string() + " {}/a.txt {}/b.txt", 0, ""},
+        {"404 is no success", "--json {}/a.txt {}/missing", 1, "Completed 200 5\nCompleted 404 0\n"},
+        {"-o with two URLs", "-o out {}/a.txt {}/b.txt", 2, ""},
+        {"malformed header", "-H nocolon {}/a.txt", 2, ""},
+    };
+    for (const auto& invocation : invocations) {
+        SCOPED_TRACE(invocation.name);
+        std::string arguments = invocation.arguments;
+        for (size_t at; (at = arguments.find("{}")) != std::string::npos;) arguments.replace(at, 2, address);
+        FILE* pipe = popen((program.string() + " download " + arguments + " 2>/dev/null").c_str(), "r");
+        ASSERT_TRUE(pipe);
+        std::string output;
+        char buffer[4096];
+        while (const size_t count = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, count);
+        const int status = pclose(pipe);
+        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, invocation.status);
+
+        if (arguments.starts_with("--json")) {
+            // One line per action as it ends, in whatever order the workers finish.
+            std::istringstream lines(output);
+            std::set<std::string> results;
+            for (std::string line; std::getline(lines, line);) {
+                const auto json = nlohmann::json::parse(line);
+                if (!json.contains("status")) continue;  // a progress line
+                results.insert(json["status"].get<std::string>() + " " + json["statusCode"].dump() + " " +
+                               json["bytes"].dump() + "\n");
+            }
+            output.clear();
+            for (const auto& result : results) output += result;
+        }
+        EXPECT_EQ(output, invocation.output);
+    }
+    EXPECT_EQ(readWholeFile(folder / "a.txt") + readWholeFile(folder / "b.txt"), "helloworld");
+}
+
+}  // namespace

@@ -1,0 +1,32 @@
+#include "support/LoopbackHTTPServer.h"
+
+LoopbackHTTPServer::LoopbackHTTPServer(const std::function<void(httplib::Server&, LoopbackHTTPServer&)>& handlers) {
+    handlers(server_, *this);
+    port_ = server_.bind_to_any_port("127.0.0.1");
+    if (port_ <= 0) return;  // every request then fails to connect, and the test with it
+    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+LoopbackHTTPServer::~LoopbackHTTPServer() {
+    {
+        std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    stopped_.notify_all();
+    server_.stop();
+    if (thread_.joinable()) thread_.join();
+}
+
+std::string LoopbackHTTPServer::url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+}
+
+bool LoopbackHTTPServer::pause(std::chrono::milliseconds duration) {
+    std::unique_lock lock(mutex_);
+    return !stopped_.wait_for(lock, duration, [this] { return stopping_; });
+}
+
+// The packaged server library is built without ThreadSanitizer, which then cannot follow the
+// hand-overs inside its thread pool; what it reports there is no race of ours.
+extern "C" const char* __tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <httplib.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+/// A real HTTP server on 127.0.0.1 at a port the system picks, serving the handlers the test
+/// registers, stopped and joined when the object goes away.
+class LoopbackHTTPServer {
+public:
+    explicit LoopbackHTTPServer(const std::function<void(httplib::Server&, LoopbackHTTPServer&)>& handlers);
+    ~LoopbackHTTPServer();
+    LoopbackHTTPServer(const LoopbackHTTPServer&) = delete;
+    LoopbackHTTPServer& operator=(const LoopbackHTTPServer&) = delete;
+
+    /// "http://127.0.0.1:PORT" followed by `path`.
+    std::string url(const std::string& path) const;
+    /// Waits, in a handler, for `duration` or until the server stops; answers whether it is
+    /// still running, so that a slow handler never holds up the end of a test.
+    bool pause(std::chrono::milliseconds duration);
+
+private:
+    httplib::Server server_;
+    int port_ = 0;
+    std::mutex mutex_;
+    std::condition_variable stopped_;
+    bool stopping_ = false;
+    std::thread thread_;
+};

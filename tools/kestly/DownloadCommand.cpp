@@ -1,0 +1,331 @@
+// kestly download: fetches URLs through one action queue served by several download workers,
+// into files or to standard output, with a progress bar on a terminal or JSON lines.
+
+#include "KestlyCommand.h"
+
+#include "CoreKestly/CoreKestlyKeys.h"
+#include "CoreKestly/Downloads/DCIDownloader.h"
+#include "CoreKestly/Events/DCIEventManager.h"
+#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <nlohmann/json.hpp>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using nlohmann::ordered_json;
+
+struct DownloadOptions {
+    std::vector<std::string> urls;
+    std::string output;
+    std::string directory;
+    size_t workers = 4;
+    std::string method;
+    std::vector<std::string> headers;
+    std::optional<std::string> data;
+    double timeout = 60;
+    bool json = false;
+};
+
+// The most workers one command starts, whatever it is asked for.
+constexpr size_t kMaximumWorkers = 64;
+constexpr auto kBarInterval = std::chrono::milliseconds(100);
+constexpr auto kJSONProgressInterval = std::chrono::milliseconds(250);
+
+// What the command line asks for that cannot be done, for the message of exit status 2.
+struct UsageError {
+    std::string message;
+};
+
+// "Name: value", refusing what would break the request's framing.
+std::pair<std::string, std::string> parseHeader(const std::string& line) {
+    const auto colon = line.find(':');
+    if (colon == 0 || colon == std::string::npos || line.find_first_of("\r\n") != std::string::npos ||
+        line.substr(0, colon).find_first_of(" \t") != std::string::npos) {
+        throw UsageError{"not a header of the form 'Name: value': " + line};
+    }
+    const auto valueStart = line.find_first_not_of(" \t", colon + 1);
+    return {line.substr(0, colon), valueStart == std::string::npos ? "" : line.substr(valueStart)};
+}
+
+// The last component of the URL's path, as the name of the file it is saved to.
+std::string fileNameOfURL(const std::string& url) {
+    const auto schemeEnd = url.find("://");
+    const auto pathStart = url.find('/', schemeEnd == std::string::npos ? 0 : schemeEnd + 3);
+    const std::string path =
+        pathStart == std::string::npos ? "" : url.substr(pathStart, url.find_first_of("?#", pathStart) - pathStart);
+    const std::string name = KestlyPath::lastComponent(path);
+    if (name.empty() || name == "/" || name == "." || name == "..") throw UsageError{"no file name in URL " + url};
+    return name;
+}
+
+std::shared_ptr<DCIURLRequest> makeRequest(const DownloadOptions& options, const std::string& url) {
+    DCIURLRequestFields fields;
+    fields.URL = url;
+    fields.HTTPMethod = !options.method.empty() ? options.method : options.data ? "POST" : "GET";
+    for (const auto& header : options.headers) fields.HTTPHeaderFields.push_back(parseHeader(header));
+    if (options.data && options.data->starts_with('@')) {
+        fields.HTTPBodyFilePath = options.data->substr(1);
+        if (access(fields.HTTPBodyFilePath->c_str(), R_OK) != 0)
+            throw UsageError{"cannot read " + *fields.HTTPBodyFilePath};
+    } else if (options.data) {
+        fields.HTTPBody = std::make_shared<const DCIData>(*options.data);
+    }
+    fields.timeoutInterval = options.timeout;
+    return DCIURLRequest::requestWithFields(std::move(fields));
+}
+
+const char* statusName(int64_t status) {
+    static const char* const names[] = {"Undefined", "Restarted", "Pending", "Running",
+                                        "Paused",    "Canceled",  "Failed",  "Completed"};
+    return status >= 0 && status <= DCIActionStatusCompleted ? names[status] : "Undefined";
+}
+
+std::string humanBytes(double bytes) {
+    const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+    size_t unit = 0;
+    for (; bytes >= 1024 && unit + 1 < std::size(units); ++unit) bytes /= 1024;
+    char text[32];
+    std::snprintf(text, sizeof text, unit == 0 ? "%.0f %s" : "%.1f %s", bytes, units[unit]);
+    return text;
+}
+
+uint64_t contextNumber(const DCIAction& action, std::string_view key) {
+    const auto value = action.contextObjectForKey(key);
+    return value ? value->uint64Value().value_or(0) : 0;
+}
+
+// Follows the actions on the main thread: prints each result as it ends, keeps the bar and the
+// JSON progress lines, and writes data bodies to standard output in URL order.
+class DownloadMonitor : public DCIEventListener {
+public:
+    struct Item {
+        std::string url;
+        std::optional<std::string> file;
+        std::shared_ptr<DCIAction> action;
+        Clock::time_point started;
+        Clock::time_point lastJSONProgress;
+        bool ended = false;
+    };
+
+    DownloadMonitor(std::vector<Item> items, bool json)
+        : items_(std::move(items)), json_(json), showsBar_(isatty(STDERR_FILENO) == 1) {
+        for (size_t i = 0; i < items_.size(); ++i) indexOf_[items_[i].action.get()] = i;
+    }
+
+    bool allEnded() const { return endedCount_ == items_.size(); }
+    bool succeeded() const { return succeeded_; }
+    bool wantsProgress() const { return json_ || showsBar_; }
+
+    size_t stoppedWorkers() const { return stoppedWorkers_; }
+
+    void handleEvent(const std::shared_ptr<DCIEvent>& event) override {
+        if (event->isCommonEventOfType(DCIEventTypeDownloaderStopped)) ++stoppedWorkers_;
+        const auto found = event->action() ? indexOf_.find(event->action().get()) : indexOf_.end();
+        if (found == indexOf_.end()) return;
+        Item& item = items_[found->second];
+        if (event->isCommonEventOfType(DCIEventTypeDownloadProgress)) {
+            progressed(item);
+        } else if (event->isCommonEventOfType(DCIEventTypeActionStatusChanged)) {
+            const int64_t status = event->contextValue(kDCIActionStatusKey)->int64Value().value_or(0);
+            if (status == DCIActionStatusRunning) item.started = Clock::now();
+            if (status >= DCIActionStatusPaused && !item.ended) ended(item, status);
+        }
+    }
+
+private:
+    void progressed(Item& item) {
+        const auto now = Clock::now();
+        if (json_ && now - item.lastJSONProgress >= kJSONProgressInterval) {
+            item.lastJSONProgress = now;
+            print(ordered_json{{"url", item.url},
+                               {"progress", contextNumber(*item.action, kDCIDownloaderCurrentDownloadSizeKey)},
+                               {"total", contextNumber(*item.action, kDCIDownloaderTotalDownloadSizeKey)}});
+        }
+        if (showsBar_ && now - lastBar_ >= kBarInterval) drawBar(now);
+    }
+
+    void ended(Item& item, int64_t status) {
+        item.ended = true;
+        ++endedCount_;
+        const DCIAction& action = *item.action;
+        const auto statusCode = action.contextObjectForKey(kDCIDownloaderResponseStatusCodeKey);
+        // No response has no status code: -1.
+        const int64_t code = statusCode ? statusCode->int64Value().value_or(-1) : -1;
+        const bool completed = status == DCIActionStatusCompleted && code != 404;
+        succeeded_ = succeeded_ && completed;
+        const auto data = action.contextObjectForKey(kDCIDownloaderDataKey);
+        uint64_t bytes = data && data->data() ? data->data()->length() : 0;
+        struct stat fileStatus;
+        if (item.file && stat(item.file->c_str(), &fileStatus) == 0) bytes = static_cast<uint64_t>(fileStatus.st_size);
+
+        if (showsBar_) clearBar();
+        if (json_) {
+            const auto etag = action.contextObjectForKey(kDCIDownloaderEtag);
+            const auto error = action.contextObjectForKey(kDCIError);
+            print(ordered_json{
+                {"url", item.url},
+                {"status", statusName(status)},
+                {"statusCode", code >= 0 ? ordered_json(code) : ordered_json(nullptr)},
+                {"file", item.file ? ordered_json(*item.file) : ordered_json(nullptr)},
+                {"bytes", bytes},
+                {"etag", etag && etag->string() ? ordered_json(*etag->string()) : ordered_json(nullptr)},
+                {"error", error && error->error() ? ordered_json(error->error()->localizedDescription())
+                                                  : ordered_json(nullptr)},
+            });
+        } else {
+            if (!completed) {
+                const auto error = action.contextObjectForKey(kDCIError);
+                std::string reason = statusName(status);
+                if (code >= 0) reason = "status " + std::to_string(code);
+                if (error && error->error()) reason = error->error()->localizedDescription();
+                std::fprintf(stderr, "kestly: %s: %s\n", item.url.c_str(), reason.c_str());
+            }
+            writeBodiesInOrder();
+        }
+        if (showsBar_) drawBar(Clock::now());
+    }
+
+    // Bodies go out in URL order, each as soon as those before it have gone.
+    void writeBodiesInOrder() {
+        for (; nextBody_ < items_.size() && items_[nextBody_].ended; ++nextBody_) {
+            const Item& item = items_[nextBody_];
+            if (item.file) continue;
+            const auto data = item.action->contextObjectForKey(kDCIDownloaderDataKey);
+            if (data && data->data()) std::fwrite(data->data()->bytes().data(), 1, data->data()->length(), stdout);
+        }
+        std::fflush(stdout);
+    }
+
+    void print(const ordered_json& line) const {
+        std::printf("%s\n", line.dump(-1, ' ', false, ordered_json::error_handler_t::replace).c_str());
+        std::fflush(stdout);
+    }
+
+    void drawBar(Clock::time_point now) {
+        clearBar();
+        for (const Item& item : items_) {
+            if (item.ended || item.action->status() != DCIActionStatusRunning) continue;
+            const uint64_t current = contextNumber(*item.action, kDCIDownloaderCurrentDownloadSizeKey);
+            const uint64_t total = contextNumber(*item.action, kDCIDownloaderTotalDownloadSizeKey);
+            const double seconds = std::chrono::duration<double>(now - item.started).count();
+            std::fprintf(stderr, "%-40.40s %10s / %-10s %10s/s\n", KestlyPath::lastComponent(item.url).c_str(),
+                         humanBytes(static_cast<double>(current)).c_str(),
+                         total ? humanBytes(static_cast<double>(total)).c_str() : "?",
+                         humanBytes(seconds > 0 ? static_cast<double>(current) / seconds : 0).c_str());
+            ++barLines_;
+        }
+        std::fflush(stderr);
+        lastBar_ = now;
+    }
+
+    void clearBar() {
+        for (; barLines_ > 0; --barLines_) std::fputs("\033[A\033[K", stderr);
+    }
+
+    std::vector<Item> items_;
+    std::map<const DCIAction*, size_t> indexOf_;
+    const bool json_;
+    const bool showsBar_;
+    size_t endedCount_ = 0;
+    size_t stoppedWorkers_ = 0;
+    size_t nextBody_ = 0;
+    size_t barLines_ = 0;
+    Clock::time_point lastBar_;
+    bool succeeded_ = true;
+};
+
+int download(const DownloadOptions& options) {
+    // The library's information lines would tear the progress bar: they stay quiet unless the
+    // person asked for them.
+    setenv("VERBOSE_LOGGING", "no", 0);
+    std::vector<DownloadMonitor::Item> items;
+    try {
+        if (!options.output.empty() && options.urls.size() != 1) throw UsageError{"-o names the file of a single URL"};
+        if (!(options.timeout > 0)) throw UsageError{"--timeout must be a positive number of seconds"};
+        std::set<std::string> files;
+        for (const auto& url : options.urls) {
+            std::optional<std::string> file;
+            if (!options.output.empty()) file = options.output;
+            if (!options.directory.empty())
+                file = KestlyPath::appendingComponent(options.directory, fileNameOfURL(url));
+            if (file && !files.insert(*file).second) throw UsageError{"two URLs would be saved to " + *file};
+            const auto request = makeRequest(options, url);
+            const auto action = file ? DCIDownloader::fileDownloadActionWithRequest(request, *file)
+                                     : DCIDownloader::dataDownloadActionWithRequest(request);
+            // The queue hands out the smallest value first: URLs start in the order given.
+            action->setPriority(items.size() + 1);
+            items.push_back({url, file, action, {}, {}, false});
+        }
+    } catch (const UsageError& error) {
+        std::fprintf(stderr, "kestly: %s\n", error.message.c_str());
+        return 2;
+    }
+
+    const auto monitor = std::make_shared<DownloadMonitor>(items, options.json);
+    DCIEventManager::addListener(monitor);
+    DCIDownloader::setRequiresProgressEvents(monitor->wantsProgress());
+    const auto queue = DCIActionQueue::init();
+    for (const auto& item : items) queue->addAction(item.action);
+
+    std::vector<std::shared_ptr<DCIDownloader>> workers;
+    const size_t count = std::clamp<size_t>(options.workers, 1, std::min(kMaximumWorkers, items.size()));
+    for (size_t i = 0; i < count; ++i) {
+        if (auto worker = DCIDownloader::initWithQueue(queue)) workers.push_back(std::move(worker));
+    }
+    if (workers.empty()) {
+        std::fprintf(stderr, "kestly: could not start a download worker\n");
+        DCIEventManager::removeListener(monitor);
+        return 1;
+    }
+
+    DCIRunLoop& mainLoop = DCIRunLoop::main();
+    while (!mainLoop.runUntil([&] { return monitor->allEnded(); }, std::chrono::hours(1))) {
+    }
+    // The workers need the main loop until they have stopped.
+    for (const auto& worker : workers) worker->close();
+    while (!mainLoop.runUntil([&] { return monitor->stoppedWorkers() == workers.size(); }, std::chrono::hours(1))) {
+    }
+    DCIEventManager::removeListener(monitor);
+    return monitor->succeeded() ? 0 : 1;
+}
+
+}  // namespace
+
+KestlyCommand addDownloadCommand(CLI::App& app) {
+    auto options = std::make_shared<DownloadOptions>();
+    CLI::App* command = app.add_subcommand(
+        "download",
+        "Fetch URLs with download workers sharing one queue; bodies go to files or, in URL order, to "
+        "standard output");
+    command->add_option("URL", options->urls, "The URLs to fetch")->required();
+    auto* output = command->add_option("-o,--output", options->output, "The file for the body of a single URL");
+    command
+        ->add_option("-d,--directory", options->directory, "Save each body in DIR under the URL's last path component")
+        ->excludes(output);
+    command->add_option("--workers", options->workers, "How many downloads run at once")
+        ->check(CLI::Range(size_t{1}, kMaximumWorkers));
+    command->add_option("-X,--request", options->method, "The HTTP method [GET, or POST with --data]");
+    command->add_option("-H,--header", options->headers, "A request header, 'Name: value'")->allow_extra_args(false);
+    command->add_option("--data", options->data, "The request body: TEXT, or @FILE for a file's contents");
+    command->add_option("--timeout", options->timeout, "Seconds a request may go without progress [60]");
+    command->add_flag("--json", options->json,
+                      "Print one JSON line per finished URL and progress lines, instead of bodies and a bar");
+    return {command, [options] { return download(*options); }};
+}

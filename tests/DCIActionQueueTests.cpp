@@ -264,6 +264,15 @@ TEST_F(DCIActionQueueTest, ObserversMayChangeTheQueueFromTheirCallback) {
     EXPECT_EQ(calls, 2);
     EXPECT_TRUE(queue_->running());
 
+    // An addition is told once the action can be taken, and only for an action really added.
+    auto action = DCIAction::init();
+    std::vector<std::shared_ptr<DCIAction>> taken;
+    auto additions = queue_->addAdditionObserver([&] { taken.push_back(queue_->popNextAction()); });
+    queue_->addAction(action);
+    additions.reset();
+    queue_->addAction(action);
+    EXPECT_EQ(taken, std::vector<std::shared_ptr<DCIAction>>{action});
+
     // An observation may outlive its queue.
     auto late = queue_->addPausedObserver([](bool, bool) {});
     queue_.reset();

@@ -4,25 +4,32 @@
 #include <map>
 #include <new>
 
-/// The paused observers of one queue. Its lock also serialises pause and resume, so each real
+/// The paused and addition observers of one queue. Its lock also serialises pause and resume, so each real
 /// transition is announced exactly once however many threads race; it is recursive so that an
 /// observer may pause, resume or (un)register from its callback.
 struct DCIPausedObservation::Registry {
     std::recursive_mutex mutex;
     std::map<uint64_t, DCIPausedObserver> observers;
+    std::map<uint64_t, DCIAdditionObserver> additionObservers;
     uint64_t nextIdentifier = 0;
 
     // Called with `mutex` held. Each observer is looked up again before its call, since an
     // earlier one may have removed it, and called through a copy, since it may remove itself.
-    void notify(bool isPrior, bool paused) {
+    template <class Observers, class... Arguments>
+    static void notify(Observers& registered, Arguments... arguments) {
         std::vector<uint64_t> identifiers;
-        for (const auto& [identifier, observer] : observers) identifiers.push_back(identifier);
+        for (const auto& [identifier, observer] : registered) identifiers.push_back(identifier);
         for (const uint64_t identifier : identifiers) {
-            const auto registered = observers.find(identifier);
-            if (registered == observers.end()) continue;
-            const DCIPausedObserver observer = registered->second;
-            observer(isPrior, paused);
+            const auto found = registered.find(identifier);
+            if (found == registered.end()) continue;
+            const auto observer = found->second;
+            observer(arguments...);
         }
+    }
+
+    uint64_t add(auto& registered, auto observer) {
+        registered.emplace(nextIdentifier, std::move(observer));
+        return nextIdentifier++;
     }
 };
 
@@ -31,6 +38,7 @@ DCIPausedObservation::~DCIPausedObservation() {
     if (!registry) return;
     std::lock_guard lock(registry->mutex);
     registry->observers.erase(identifier_);
+    registry->additionObservers.erase(identifier_);
 }
 
 DCIActionQueue::DCIActionQueue()
@@ -54,17 +62,23 @@ bool DCIActionQueue::isHandedOutAfter(const Entry& a, const Entry& b) {
 void DCIActionQueue::addAction(const std::shared_ptr<DCIAction>& action) {
     if (!action) return;
     try {
-        std::lock_guard lock(mutex_);
-        if (waiting_.contains(action.get())) return;
-        // Every allocation comes before the action counts as waiting: one failing after it
-        // would leave an action that is never handed out and that every later add refuses.
-        if (heap_.size() == heap_.capacity()) heap_.reserve(std::max<size_t>(16, 2 * heap_.capacity()));
-        waiting_.insert(action.get());
-        // Counted as waiting before its priority is read: see DCIAction::announcePriorityChange.
-        ++action->waitingCount_;
-        heap_.push_back(Entry{action->priority(), action->timestamp().timePoint(), action->creationSequence_, action});
-        std::push_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
-        action->changeStatus(DCIActionStatusPending);
+        {
+            std::lock_guard lock(mutex_);
+            if (waiting_.contains(action.get())) return;
+            // Every allocation comes before the action counts as waiting: one failing after it
+            // would leave an action that is never handed out and that every later add refuses.
+            if (heap_.size() == heap_.capacity()) heap_.reserve(std::max<size_t>(16, 2 * heap_.capacity()));
+            waiting_.insert(action.get());
+            // Counted as waiting before its priority is read: see DCIAction::announcePriorityChange.
+            ++action->waitingCount_;
+            heap_.push_back(
+                Entry{action->priority(), action->timestamp().timePoint(), action->creationSequence_, action});
+            std::push_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
+            action->changeStatus(DCIActionStatusPending);
+        }
+        // Outside the queue's lock, so that an observer may take the action at once.
+        std::lock_guard lock(pausedObservers_->mutex);
+        pausedObservers_->notify(pausedObservers_->additionObservers);
     } catch (const std::bad_alloc&) {
         // Out of memory, where even a log line may not fit. The action is either not queued
         // or queued without its status change; either way its status tells the caller.
@@ -119,14 +133,19 @@ void DCIActionQueue::resume() { changePaused(false); }
 void DCIActionQueue::changePaused(bool paused) {
     std::lock_guard lock(pausedObservers_->mutex);
     if (this->paused() == paused) return;
-    pausedObservers_->notify(true, !paused);
+    pausedObservers_->notify(pausedObservers_->observers, true, !paused);
     running_.store(!paused);
-    pausedObservers_->notify(false, paused);
+    pausedObservers_->notify(pausedObservers_->observers, false, paused);
 }
 
 std::unique_ptr<DCIPausedObservation> DCIActionQueue::addPausedObserver(DCIPausedObserver observer) {
     std::lock_guard lock(pausedObservers_->mutex);
-    const uint64_t identifier = pausedObservers_->nextIdentifier++;
-    pausedObservers_->observers.emplace(identifier, std::move(observer));
+    const uint64_t identifier = pausedObservers_->add(pausedObservers_->observers, std::move(observer));
+    return std::unique_ptr<DCIPausedObservation>(new DCIPausedObservation(pausedObservers_, identifier));
+}
+
+std::unique_ptr<DCIPausedObservation> DCIActionQueue::addAdditionObserver(DCIAdditionObserver observer) {
+    std::lock_guard lock(pausedObservers_->mutex);
+    const uint64_t identifier = pausedObservers_->add(pausedObservers_->additionObservers, std::move(observer));
     return std::unique_ptr<DCIPausedObservation>(new DCIPausedObservation(pausedObservers_, identifier));
 }

@@ -14,7 +14,11 @@
 /// `paused` still the old value, and once right after it, with the new value.
 using DCIPausedObserver = std::function<void(bool isPrior, bool paused)>;
 
-/// Keeps one paused observer registered for as long as it lives. It may outlive its queue.
+/// Told that an action was added to a queue, on the adding thread, after the queue's lock is
+/// released. For takers that sleep while the queue is empty.
+using DCIAdditionObserver = std::function<void()>;
+
+/// Keeps one paused or addition observer registered for as long as it lives. It may outlive its queue.
 /// Destroyed on another thread while its observer is being called, it waits for that call.
 class DCIPausedObservation {
 public:
@@ -76,6 +80,9 @@ public:
     /// they may pause, resume and observe from the callback, but must not wait there for
     /// another thread that does.
     std::unique_ptr<DCIPausedObservation> addPausedObserver(DCIPausedObserver observer);
+    /// Registers `observer` for every action really added (not one already waiting) for as
+    /// long as the answer lives; the same rules as for paused observers apply.
+    std::unique_ptr<DCIPausedObservation> addAdditionObserver(DCIAdditionObserver observer);
 
     /// The waiting actions in the order they would be handed out now: the next one first. (An
     /// array kept for taking from its end would hold them the other way round.) A copy: the

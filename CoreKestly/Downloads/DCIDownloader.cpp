@@ -27,6 +27,8 @@ std::atomic<uint64_t> downloaderCount{1};
 
 // The longest a worker runs its loop before it looks at its queue and its close flag again.
 constexpr auto kLoopSlice = std::chrono::milliseconds(500);
+// An idle worker is woken by what it waits for; the limit only bounds a wait nobody ends.
+constexpr auto kIdleWait = std::chrono::hours(1);
 
 constexpr auto kProgressTickInterval = std::chrono::milliseconds(25);
 
@@ -117,17 +119,25 @@ void DCIDownloader::threadMain() {
         // The handler runs on the main thread and uses the worker, which this thread keeps
         // alive; the source goes before the thread ends, waiting out a handler under way.
         progressSource_ = DCIRunLoop::main().addSignalSource([this] { handleProgress(); });
-        wakeSource_.store(std::shared_ptr<DCIRunLoopSource>(loop.addSignalSource([] {})));
+        // An idle worker sleeps until its queue gets an action or resumes, or `close`.
+        bool woken = false;
+        const auto wake = std::shared_ptr<DCIRunLoopSource>(loop.addSignalSource([&woken] { woken = true; }));
+        wakeSource_.store(wake);
+        const auto additions = downloadQueue_->addAdditionObserver([wake] { wake->signal(); });
+        const auto resumes = downloadQueue_->addPausedObserver([wake](bool isPrior, bool) {
+            if (!isPrior) wake->signal();
+        });
         postWorkerEvent(DCIEventTypeDownloaderStarted, shared_from_this());
 
         while (!complete_.load() || currentAction_.load()) {
+            woken = false;
             if (currentAction_.load()) {
                 // The slice ends as soon as the action does, so the next one starts at once.
                 loop.runUntil([this] { return !currentAction_.load(); }, kLoopSlice);
             } else if (auto action = downloadQueue_->popNextAction()) {
                 processAction(action);
             } else {
-                loop.runUntil([this] { return complete_.load(); }, kLoopSlice);
+                loop.runUntil([&] { return woken || complete_.load(); }, kIdleWait);
             }
         }
 

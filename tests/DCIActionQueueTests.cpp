@@ -264,7 +264,7 @@ TEST_F(DCIActionQueueTest, ObserversMayChangeTheQueueFromTheirCallback) {
     EXPECT_EQ(calls, 2);
     EXPECT_TRUE(queue_->running());
 
-    // An addition is told once the action can be taken, and only for an action really added.
+    // An addition is told once the action can be taken; a removed observer hears no more.
     auto action = DCIAction::init();
     std::vector<std::shared_ptr<DCIAction>> taken;
     auto additions = queue_->addAdditionObserver([&] { taken.push_back(queue_->popNextAction()); });

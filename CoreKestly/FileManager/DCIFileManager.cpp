@@ -8,24 +8,12 @@
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
-#include <algorithm>
 #include <thread>
 
 namespace {
 
 std::mutex sharedInstanceMutex;
 std::shared_ptr<DCIFileManager> sharedInstance;
-
-std::string lowercased(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-    return text;
-}
-
-void addOnce(std::vector<std::string>& names, const std::string& name) {
-    std::string lowered = lowercased(name);
-    if (std::find(names.begin(), names.end(), lowered) == names.end()) names.push_back(std::move(lowered));
-}
 
 }  // namespace
 
@@ -72,15 +60,15 @@ void DCIFileManager::setCaches(std::shared_ptr<DCISHACache> primaryFileCache, st
 }
 
 void DCIFileManager::addPrimaryFileExtension(const std::string& extension) {
-    updateQueries([&](DCIFileKinds& kinds) { addOnce(kinds.primaryExtensions, extension); });
+    updateQueries([&](DCIFileKinds& kinds) { kinds.primaryExtensions.push_back(extension); });
 }
 
 void DCIFileManager::addPrimaryFilename(const std::string& filename) {
-    updateQueries([&](DCIFileKinds& kinds) { addOnce(kinds.primaryFilenames, filename); });
+    updateQueries([&](DCIFileKinds& kinds) { kinds.primaryFilenames.push_back(filename); });
 }
 
 void DCIFileManager::addSecondaryFileExtension(const std::string& extension) {
-    updateQueries([&](DCIFileKinds& kinds) { addOnce(kinds.secondaryExtensions, extension); });
+    updateQueries([&](DCIFileKinds& kinds) { kinds.secondaryExtensions.push_back(extension); });
 }
 
 std::vector<std::string> DCIFileManager::primaryFiles() const { return queries()->kinds().primaryExtensions; }

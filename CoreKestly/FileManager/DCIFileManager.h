@@ -200,6 +200,7 @@ private:
     void lookForChanges();
     static DCIFolderSet folderSetFromSet(const DCIFolderSet& set, const DCIFolderSet& notInSet);
     static void compareNewFileSet(const DCIFileSet& newFiles, DCIFileSet& oldFiles);
+    /// Posts FileModified for each file of both sets (by path) whose hash changed.
     static void findModifiedFilesInNewSet(const DCIFileSet& newFiles, const DCIFileSet& oldFiles);
 
     // File operations (DCIFileManagerOperations.cpp).

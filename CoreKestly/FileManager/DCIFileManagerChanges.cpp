@@ -87,21 +87,18 @@ void DCIFileManager::lookForChanges() {
         post(DCIEventTypeFolderRemoved, {{std::string(kDCIOldFolderObject), removed}});
     }
 
-    // Files at one path in both scans are judged by content alone.
-    DCIFileSet sameOld;
-    DCIFileSet sameNew;
+    // Files at one path in both scans are judged by content alone; the others are paired by
+    // hash. Only the few files left on either side are copied.
+    DCIFileSet oldOnly;
+    DCIFileSet newOnly;
     for (const auto& file : oldFiles) {
-        const auto same = newFiles.find(file);
-        if (same == newFiles.end()) continue;
-        sameOld.insert(file);
-        sameNew.insert(*same);
+        if (!newFiles.contains(file)) oldOnly.insert(file);
     }
-    for (const auto& file : sameOld) {
-        oldFiles.erase(file);
-        newFiles.erase(file);
+    for (const auto& file : newFiles) {
+        if (!oldFiles.contains(file)) newOnly.insert(file);
     }
-    compareNewFileSet(newFiles, oldFiles);
-    findModifiedFilesInNewSet(sameNew, sameOld);
+    compareNewFileSet(newOnly, oldOnly);
+    findModifiedFilesInNewSet(newFiles, oldFiles);
 }
 
 DCIFolderSet DCIFileManager::folderSetFromSet(const DCIFolderSet& set, const DCIFolderSet& notInSet) {
@@ -138,12 +135,14 @@ void DCIFileManager::compareNewFileSet(const DCIFileSet& newFiles, DCIFileSet& o
 }
 
 void DCIFileManager::findModifiedFilesInNewSet(const DCIFileSet& newFiles, const DCIFileSet& oldFiles) {
-    for (const auto& old : inPathOrder(oldFiles)) {
+    DCIFileSet modified;
+    for (const auto& old : oldFiles) {
         const auto current = newFiles.find(old);
         if (current == newFiles.end()) continue;
         const auto hash = (*current)->fileHash();
-        if (hash && hash != old->fileHash()) post(DCIEventTypeFileModified, {{std::string(kDCIFileObject), *current}});
+        if (hash && hash != old->fileHash()) modified.insert(*current);
     }
+    for (const auto& file : inPathOrder(modified)) post(DCIEventTypeFileModified, {{std::string(kDCIFileObject), file}});
 }
 
 std::shared_ptr<DCIFolderObject> DCIFileManager::folderWithPath(const std::string& path) const {

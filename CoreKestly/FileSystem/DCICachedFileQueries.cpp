@@ -1,9 +1,9 @@
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
 
 #include "CoreKestly/FileSystem/DCISHACache.h"
-#include "CoreKestly/Platform/KestlyPath.h"
 
 #include <algorithm>
+#include <string_view>
 
 namespace {
 
@@ -13,13 +13,34 @@ std::string lowercased(std::string text) {
     return text;
 }
 
-std::vector<std::string> lowercased(std::vector<std::string> names) {
-    for (auto& name : names) name = lowercased(std::move(name));
-    return names;
+// Lower-cased, each name once, in the order first given.
+std::vector<std::string> lowercased(const std::vector<std::string>& names) {
+    std::vector<std::string> lowered;
+    for (const auto& name : names) {
+        std::string lower = lowercased(name);
+        if (std::find(lowered.begin(), lowered.end(), lower) == lowered.end()) lowered.push_back(std::move(lower));
+    }
+    return lowered;
 }
 
-bool contains(const std::vector<std::string>& names, const std::string& name) {
-    return std::find(names.begin(), names.end(), name) != names.end();
+// Whether `names` (lower case) holds `name` in any ASCII case. Asked for every entry of every
+// scan, so it compares in place rather than making a lower-case copy.
+bool contains(const std::vector<std::string>& names, std::string_view name) {
+    return std::any_of(names.begin(), names.end(), [&](const std::string& candidate) {
+        return std::equal(candidate.begin(), candidate.end(), name.begin(), name.end(), [](char lower, char c) {
+            return lower == (c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
+        });
+    });
+}
+
+// The last component of a standardised path, and its extension as `KestlyPath::extension`
+// finds it, as views into the path.
+std::string_view lastComponent(std::string_view path) { return path.substr(path.rfind('/') + 1); }
+
+std::string_view extension(std::string_view path) {
+    const std::string_view name = lastComponent(path);
+    const size_t dot = name.rfind('.');
+    return dot == std::string_view::npos || dot == 0 ? std::string_view() : name.substr(dot + 1);
 }
 
 }  // namespace
@@ -31,12 +52,11 @@ DCICachedFileQueries::DCICachedFileQueries(const DCIFileKinds& kinds, std::share
       primaryFileCache_(std::move(primaryFileCache)), sampleCache_(std::move(sampleCache)) {}
 
 bool DCICachedFileQueries::isPrimaryFile(const std::string& path) const {
-    return contains(kinds_.primaryExtensions, lowercased(KestlyPath::extension(path))) ||
-           contains(kinds_.primaryFilenames, lowercased(KestlyPath::lastComponent(path)));
+    return contains(kinds_.primaryExtensions, extension(path)) || contains(kinds_.primaryFilenames, lastComponent(path));
 }
 
 bool DCICachedFileQueries::isSecondaryFile(const std::string& path) const {
-    return contains(kinds_.secondaryExtensions, lowercased(KestlyPath::extension(path)));
+    return contains(kinds_.secondaryExtensions, extension(path));
 }
 
 bool DCICachedFileQueries::isFileOfInterest(const std::string& path) {

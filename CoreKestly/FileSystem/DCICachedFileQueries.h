@@ -28,7 +28,7 @@ public:
     DCICachedFileQueries(const DCIFileKinds& kinds, std::shared_ptr<DCISHACache> primaryFileCache,
                          std::shared_ptr<DCISHACache> sampleCache);
 
-    /// The lists, lower-cased.
+    /// The lists, lower-cased, each name once.
     const DCIFileKinds& kinds() const { return kinds_; }
     bool isPrimaryFile(const std::string& path) const;
     bool isSecondaryFile(const std::string& path) const;

@@ -161,16 +161,26 @@ TEST_F(DCIFileManagerTests, FoldersAndLinksThatAppearAreWatchedToo) {
     fs::create_directory(directory / "outside");
     EXPECT_EQ(changesAfter([&](auto& r) { fs::create_directory_symlink(directory / "outside", r + "/link"); }),
               std::vector<std::string>{"added folder link"});
-    // The stream does not wait for the marker's pass: a change in the new folder alone is told.
+    // A renamed folder keeps its folders watched, also next to a sibling whose name extends its own.
+    fs::create_directories(root + "/Drums/Sub");
+    fs::create_directory(root + "/Drums 2");
+    changesAfter([](auto&) {});
+    EXPECT_EQ(changesAfter([](auto& r) { move(r, "Drums", "Perc"); }),
+              (std::vector<std::string>{"added folder Perc", "removed folder Drums"}));  // no file to pair them
+    EXPECT_EQ(changesAfter([](auto& r) { fs::create_directory(r + "/Perc/Sub/New"); }),
+              std::vector<std::string>{"added folder Perc/Sub/New"});
+    // The stream does not wait for the marker's pass: a change in the new folders alone is told.
     recorder->events.clear();
     write(root, "new/x.wav", "1");
     write(directory / "outside", "y.wav", "2");
-    EXPECT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() >= 2; }, 10s));
+    write(root, "Perc/Sub/New/z.wav", "3");
+    EXPECT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() >= 3; }, 10s));
     pumpMainLoopBriefly();
     std::vector<std::string> changes;
     for (const auto& event : recorder->events) changes.push_back(describe(*event, root));
     std::ranges::sort(changes);
-    EXPECT_EQ(changes, (std::vector<std::string>{"added file link/y.wav", "added file new/x.wav"}));
+    EXPECT_EQ(changes, (std::vector<std::string>{"added file Perc/Sub/New/z.wav", "added file link/y.wav",
+                                                 "added file new/x.wav"}));
 }
 
 TEST_F(DCIFileManagerTests, ChangesCloserThanTheQuietPeriodMakeOnePass) {
@@ -217,8 +227,10 @@ TEST_F(DCIFileManagerTests, StartAndStopPostReadyRootRemovedAndStoppedInOrder) {
 TEST_F(DCIFileManagerTests, QueuedOperationsReportTheirStatusAndRaiseNoChangeEvent) {
     write(root, "a/x.wav", "1");
     write(root, "taken.wav", "2");
+    const auto early = manager->queueCreateDirectoryAtPath(root + "/early");  // waits for the start
     start(root);
     ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    EXPECT_TRUE(pumpMainLoopUntil([&] { return early->status() == DCIActionStatusCompleted; }));
     std::shared_ptr<DCIAction> move, copyOnto, mkdir;
     const auto changes = changesAfter([&](auto& r) {
         move = manager->queueMoveItemAtPath(r + "/a/x.wav", r + "/y.wav");
@@ -253,7 +265,10 @@ TEST_F(DCIFileManagerTests, UnqueuedOperationsAndTheirFailures) {
     EXPECT_FALSE(manager->unqueuedMoveItemAtPath(root + "/x.wav", root + "/missing/x.wav"));
     EXPECT_TRUE(fs::exists(root + "/x.wav"));
     EXPECT_TRUE(manager->unqueuedCreateDirectoryAtPath(root + "/deep"));
+    EXPECT_FALSE(manager->unqueuedCopyItemAtPath(root + "/deep", root + "/deep/er/inside"));
+    EXPECT_FALSE(fs::exists(root + "/deep/er/inside"));
     EXPECT_FALSE(manager->unqueuedCopyItemAtPath(std::nullopt, root + "/y.wav"));
+    EXPECT_FALSE(manager->unqueuedCopyItemAtPath("x.wav", root + "/y.wav"));  // relative
     EXPECT_EQ(manager->queueCreateDirectoryAtPath(std::nullopt), nullptr);
     pumpMainLoopBriefly();
     EXPECT_EQ(types(), std::vector<uint64_t>{});  // no status events for unqueued actions
@@ -303,6 +318,7 @@ TEST_F(DCIFileManagerTests, TheSampleLookupAsksTheSharedManagersFinder) {
     ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
     auto settings = manager->sampleFinder()->querySettings();
     settings.backend = DCIMetadataQueryBackend::folderScan;
+    settings.scanFolders = {root};
     manager->sampleFinder()->setQuerySettings(settings);
     std::optional<std::string> found;
     std::atomic<bool> done{false};

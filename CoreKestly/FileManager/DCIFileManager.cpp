@@ -8,6 +8,8 @@
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
+#include <filesystem>
+#include <system_error>
 #include <thread>
 
 namespace {
@@ -16,6 +18,14 @@ std::mutex sharedInstanceMutex;
 std::shared_ptr<DCIFileManager> sharedInstance;
 
 }  // namespace
+
+std::string DCIFileManager::absolutePath(const std::string& path) {
+    std::string standardized = KestlyPath::standardize(path);
+    if (standardized.starts_with('/')) return standardized;
+    std::error_code error;
+    const auto workingFolder = std::filesystem::current_path(error);
+    return error ? standardized : KestlyPath::standardize(KestlyPath::appendingComponent(workingFolder.string(), standardized));
+}
 
 std::shared_ptr<DCIFileManager> DCIFileManager::sharedFileManager() {
     std::lock_guard lock(sharedInstanceMutex);
@@ -87,10 +97,22 @@ void DCIFileManager::startWatchingRootFolder(const std::string& rootFolder, cons
     if (started()) stop();
     const uint64_t generation = ++generation_;
     started_ = true;
-    std::thread([self = shared_from_this(), root = KestlyPath::standardize(rootFolder), generation,
-                 primaryCachePath, secondaryCachePath, calculator = std::move(sasIDCalculator)] {
-        self->threadMain(root, generation, primaryCachePath, secondaryCachePath, calculator);
-    }).detach();
+    {
+        std::lock_guard lock(runsMutex_);
+        ++runsAlive_;
+    }
+    try {
+        std::thread([self = shared_from_this(), root = absolutePath(rootFolder), generation, primaryCachePath,
+                     secondaryCachePath, calculator = std::move(sasIDCalculator)] {
+            self->threadMain(root, generation, primaryCachePath, secondaryCachePath, calculator);
+            self->runEnded();
+        }).detach();
+    } catch (const std::system_error& error) {
+        DCLogError("The file manager could not start its thread: %s", error.what());
+        started_ = false;
+        runEnded();
+        DCIEventManager::postEvent(DCIEvent::commonEventWithType(DCIEventTypeFileManagerStopped));
+    }
 }
 
 void DCIFileManager::stop() {
@@ -118,7 +140,7 @@ void DCIFileManager::signalFileManagerThread(bool fromFSEvent) {
 }
 
 void DCIFileManager::setFSEventStreamOptions(const DCIFSEventStream::Options& options) {
-    std::lock_guard lock(streamOptionsMutex_);
+    std::lock_guard lock(settingsMutex_);
     streamOptions_ = options;
 }
 
@@ -139,6 +161,8 @@ std::optional<std::string> DCIFileManager::SasIDForFileAtPath(const std::string&
 }
 
 DCIFileIdentifiers DCIFileManager::identifiersForFileAtPath(const std::string& path) {
+    // A stop during start-up ends the first hashing at once instead of after every file.
+    if (const uint64_t starting = startingUp_.load(); starting != 0 && !runIsCurrent(starting)) return {};
     return queries()->identifiersForFileAtPath(path);
 }
 

@@ -79,7 +79,7 @@ public:
 
     // Start and stop. Outcomes arrive as events: 1 (ready), 10 (root removed), 2 (stopped).
 
-    /// Starts watching `rootFolder` (standardised first) with a primary and a secondary cache
+    /// Starts watching `rootFolder` (standardised, and absolute against the working folder) with a primary and a secondary cache
     /// at the two paths, both computing `sasID`s with `sasIDCalculator`. Stops a run in
     /// progress first; the new run begins once that one has ended. Returns at once: the
     /// caches are opened and the tree built on the watcher thread.
@@ -122,7 +122,7 @@ public:
     std::shared_ptr<DCIFileObject> fileWithPath(const std::string& path) const;
 
     // File operations. Each makes an action of the common category with the paths in its
-    // context (nothing when a path is missing). A queued action is carried out by the watcher
+    // context (nothing when a path is missing or not absolute). A queued action is carried out by the watcher
     // thread and reports Pending, Running, then Completed or Failed (with the error under
     // kDCIError); queued while the manager is not started, it waits for the next start. An
     // unqueued one runs on the calling thread and answers success. A successful operation
@@ -191,6 +191,10 @@ private:
     void threadMain(const std::string& rootPath, uint64_t generation, const std::string& primaryCachePath,
                     const std::string& secondaryCachePath, const DCISasIDCalculator& sasIDCalculator);
     bool runIsCurrent(uint64_t generation) const;
+    void runEnded();
+    void pointSampleFinderAt(const std::string& rootPath);
+    /// `path` standardised, and made absolute against the working folder when relative.
+    static std::string absolutePath(const std::string& path);
     void buildFirstTree(uint64_t generation, const std::string& rootPath);
     void watchUntilStopped(uint64_t generation);
     bool rootExists() const;
@@ -219,8 +223,9 @@ private:
     std::mutex kindsMutex_;  // serialises changes of the lists and caches behind `queries_`
     DCIAtomicSharedPtr<DCICachedFileQueries> queries_;
 
-    std::mutex streamOptionsMutex_;
+    std::mutex settingsMutex_;  // guards the two members below
     DCIFSEventStream::Options streamOptions_;
+    std::vector<std::string> sampleFinderFoldersSetByRun_;
 
     // The hand-over to the watcher thread.
     std::mutex SyncronizeMutex;
@@ -231,4 +236,9 @@ private:
 
     std::recursive_mutex treeLock_;  // the installation of a new tree against a tree update
     std::mutex runLock_;             // held by a watcher thread for its whole run
+    std::atomic<uint64_t> startingUp_{0};  // the generation building its first tree, or 0
+
+    std::mutex runsMutex_;  // guards runsAlive_: watcher threads started and not yet ended
+    std::condition_variable runsEnded_;
+    int runsAlive_ = 0;
 };

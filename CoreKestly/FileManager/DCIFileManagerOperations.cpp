@@ -18,6 +18,10 @@ std::shared_ptr<DCIAction> makeAction(DCIActionType type) {
     return DCIAction::initWithCategory(DCIActionCategoryCommon, type);
 }
 
+// Paths of file operations are absolute: a relative one would mean the process's working
+// folder on disk and the root in the tree.
+bool usable(const std::optional<std::string>& path) { return path && path->starts_with('/'); }
+
 std::string contextPath(const DCIAction& action, std::string_view key) {
     const auto value = action.contextObjectForKey(key);
     const std::string* path = value ? value->string() : nullptr;
@@ -28,7 +32,7 @@ std::string contextPath(const DCIAction& action, std::string_view key) {
 
 std::shared_ptr<DCIAction> DCIFileManager::moveItemAtPath(const std::optional<std::string>& path,
                                                           const std::optional<std::string>& toPath, bool queued) {
-    if (!path || !toPath) return nullptr;
+    if (!usable(path) || !usable(toPath)) return nullptr;
     auto action = makeAction(DCIActionTypeMoveFile);
     action->setContextObject(*path, kDCIFileManagerMoveFrom);
     action->setContextObject(*toPath, kDCIFileManagerMoveTo);
@@ -38,7 +42,7 @@ std::shared_ptr<DCIAction> DCIFileManager::moveItemAtPath(const std::optional<st
 
 std::shared_ptr<DCIAction> DCIFileManager::copyItemAtPath(const std::optional<std::string>& path,
                                                           const std::optional<std::string>& toPath, bool queued) {
-    if (!path || !toPath) return nullptr;
+    if (!usable(path) || !usable(toPath)) return nullptr;
     auto action = makeAction(DCIActionTypeCopyFile);
     action->setContextObject(*path, kDCIFileManagerMoveFrom);
     action->setContextObject(*toPath, kDCIFileManagerMoveTo);
@@ -47,7 +51,7 @@ std::shared_ptr<DCIAction> DCIFileManager::copyItemAtPath(const std::optional<st
 }
 
 std::shared_ptr<DCIAction> DCIFileManager::createDirectoryAtPath(const std::optional<std::string>& path, bool queued) {
-    if (!path) return nullptr;
+    if (!usable(path)) return nullptr;
     auto action = makeAction(DCIActionTypeCreateDirectory);
     action->setContextObject(*path, kDCIFileManagerCreatePath);
     if (queued) enqueueFileAction(action);

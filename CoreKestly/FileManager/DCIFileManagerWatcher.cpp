@@ -29,7 +29,18 @@ bool DCIFileManager::runIsCurrent(uint64_t generation) const {
     return started() && generation_.load() == generation;
 }
 
-void DCIFileManager::waitUntilStopped() { std::lock_guard run(runLock_); }
+void DCIFileManager::waitUntilStopped() {
+    std::unique_lock lock(runsMutex_);
+    runsEnded_.wait(lock, [this] { return runsAlive_ == 0; });
+}
+
+void DCIFileManager::runEnded() {
+    {
+        std::lock_guard lock(runsMutex_);
+        --runsAlive_;
+    }
+    runsEnded_.notify_all();
+}
 
 bool DCIFileManager::rootExists() const {
     const auto root = rootFolder();
@@ -53,19 +64,15 @@ void DCIFileManager::threadMain(const std::string& rootPath, uint64_t generation
     setCaches(DCISHACache::initWithCachePath(primaryCachePath, sasIDCalculator),
               DCISHACache::initWithCachePath(secondaryCachePath, sasIDCalculator));
     {
+        // File actions queued while no run was going are carried out on the first turn.
         std::lock_guard lock(SyncronizeMutex);
-        haveEvents_ = haveFSEvents_ = false;
+        haveEvents_ = true;
+        haveFSEvents_ = false;
     }
-    if (const auto finder = sampleFinder()) {
-        DCIMetadataQuerySettings settings = finder->querySettings();
-        const std::string music = DCIMetadataQuerySettings::userMusicFolder();
-        settings.scanFolders = {music};
-        if (!KestlyPath::isSameOrBelow(rootPath, music)) settings.scanFolders.insert(settings.scanFolders.begin(), rootPath);
-        finder->setQuerySettings(std::move(settings));
-    }
+    pointSampleFinderAt(rootPath);
     DCIFSEventStream::Options options;
     {
-        std::lock_guard lock(streamOptionsMutex_);
+        std::lock_guard lock(settingsMutex_);
         options = streamOptions_;
     }
     // The stream starts before the first scan, so that changes made during it are noticed.
@@ -84,9 +91,30 @@ void DCIFileManager::threadMain(const std::string& rootPath, uint64_t generation
     post(DCIEventTypeFileManagerStopped);
     stream.reset();
     setCaches(nullptr, nullptr);  // releasing a cache writes what it has not saved yet
+    // A tree built after `stop` (by the start-up scan or a last pass) is not kept.
+    if (!runIsCurrent(generation)) rootFolder_.store(nullptr);
+}
+
+void DCIFileManager::pointSampleFinderAt(const std::string& rootPath) {
+    const auto finder = sampleFinder();
+    if (!finder) return;
+    DCIMetadataQuerySettings settings = finder->querySettings();
+    std::lock_guard lock(settingsMutex_);
+    // Folders the host chose itself are left alone.
+    if (!settings.scanFolders.empty() && settings.scanFolders != sampleFinderFoldersSetByRun_) return;
+    const std::string music = DCIMetadataQuerySettings::userMusicFolder();
+    settings.scanFolders = {music};
+    if (!KestlyPath::isSameOrBelow(rootPath, music)) settings.scanFolders.insert(settings.scanFolders.begin(), rootPath);
+    sampleFinderFoldersSetByRun_ = settings.scanFolders;
+    finder->setQuerySettings(std::move(settings));
 }
 
 void DCIFileManager::buildFirstTree(uint64_t generation, const std::string& rootPath) {
+    startingUp_ = generation;
+    struct EndOfStartUp {
+        std::atomic<uint64_t>& startingUp;
+        ~EndOfStartUp() { startingUp = 0; }
+    } endOfStartUp{startingUp_};
     auto pause = kFirstRetryPause;
     for (;;) {
         std::shared_ptr<DCIFolderObject> tree;

@@ -15,9 +15,11 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <set>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace {
@@ -25,8 +27,10 @@ namespace {
 constexpr uint32_t kFolderEvents = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM |
                                    IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_EXCL_UNLINK |
                                    IN_MASK_ADD;
-// The parent is watched only for what happens to the root's own entry.
-constexpr uint32_t kParentEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR | IN_MASK_ADD;
+// The parent is watched only for what happens to the root's own entry, and to the parent
+// itself, whose removal or rename takes the root along.
+constexpr uint32_t kParentEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF |
+                                   IN_ONLYDIR | IN_MASK_ADD;
 
 std::string kernelWatchLimit() {
     std::ifstream limit("/proc/sys/fs/inotify/max_user_watches");
@@ -55,16 +59,19 @@ std::vector<std::string> subFolderNames(const std::string& path) {
     return names;
 }
 
-size_t countFolders(const std::string& root) {
-    size_t count = 0;
+// The folders below `root`, each directory once however many links lead to it; the count
+// stops at `limit`, so that a huge tree costs a bounded walk for a log line.
+size_t countFolders(const std::string& root, size_t limit) {
+    std::set<std::pair<dev_t, ino_t>> seen;
     std::vector<std::string> pending{root};
-    while (!pending.empty() && count < 10'000'000) {
+    while (!pending.empty() && seen.size() < limit) {
         std::string path = std::move(pending.back());
         pending.pop_back();
-        ++count;
+        struct stat status;
+        if (stat(path.c_str(), &status) != 0 || !seen.emplace(status.st_dev, status.st_ino).second) continue;
         for (const std::string& name : subFolderNames(path)) pending.push_back(KestlyPath::appendingComponent(path, name));
     }
-    return count;
+    return seen.size();
 }
 
 }  // namespace
@@ -124,8 +131,11 @@ private:
         parentWatch_ = inotify_add_watch(inotify_.get(), parent.c_str(), kParentEvents);
     }
 
-    // Watches `path` and every folder below it that is not watched yet.
+    // Watches `path` and every folder below it. Folders already watched are walked too, as
+    // after an overflow new folders may hide below them; each directory is entered once per
+    // walk, so links that loop end it.
     void addWatches(const std::string& path) {
+        std::unordered_set<int> walked;
         std::vector<std::string> pending{path};
         while (!pending.empty() && !fallingBack_) {
             std::string folder = std::move(pending.back());
@@ -137,23 +147,29 @@ private:
             const int watch = inotify_add_watch(inotify_.get(), folder.c_str(), kFolderEvents);
             if (watch < 0) {
                 if (errno == ENOSPC) fallBackForWatchLimit("the limit fs.inotify.max_user_watches = " + kernelWatchLimit());
-                else if (errno == ENOMEM || errno == EMFILE) fallBackForWatchLimit(std::strerror(errno));
+                else if (errno == ENOMEM) fallBackForWatchLimit("the kernel's memory for watches");
                 continue;  // gone, not a folder or not readable: nothing to watch
             }
-            // A watch the stream already has is a folder reached again through a link.
-            if (!pathByWatch_.emplace(watch, folder).second) continue;
+            if (!walked.insert(watch).second) continue;
+            pathByWatch_.emplace(watch, folder);  // a folder reached through a link keeps its first path
             watchByPath_[folder] = watch;
             for (const std::string& name : subFolderNames(folder)) pending.push_back(KestlyPath::appendingComponent(folder, name));
         }
     }
 
+    // Drops the watches of `path` and of everything below it. "/a/b 2" sorts between "/a/b" and
+    // "/a/b/c", so the folders below are the range from "/a/b/" up to "/a/b0" ('0' follows '/').
     void removeWatchesUnder(const std::string& path) {
-        auto entry = watchByPath_.lower_bound(path);
-        while (entry != watchByPath_.end() && KestlyPath::isSameOrBelow(entry->first, path)) {
-            inotify_rm_watch(inotify_.get(), entry->second);
-            pathByWatch_.erase(entry->second);
-            entry = watchByPath_.erase(entry);
-        }
+        auto removeRange = [&](auto first, auto last) {
+            for (auto entry = first; entry != last;) {
+                inotify_rm_watch(inotify_.get(), entry->second);
+                pathByWatch_.erase(entry->second);
+                entry = watchByPath_.erase(entry);
+            }
+        };
+        const auto exact = watchByPath_.find(path);
+        if (exact != watchByPath_.end()) removeRange(exact, std::next(exact));
+        removeRange(watchByPath_.lower_bound(path + "/"), watchByPath_.lower_bound(path + "0"));
     }
 
     void forgetWatch(int watch) {
@@ -191,6 +207,7 @@ private:
         auto watched = pathByWatch_.find(event.wd);
         if (watched == pathByWatch_.end()) {
             if (event.wd == parentWatch_) {
+                if (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) return true;
                 if (name != rootName_) return false;
                 if (event.mask & (IN_CREATE | IN_MOVED_TO)) addWatches(root_);
                 return true;
@@ -231,8 +248,10 @@ private:
     }
 
     void fallBackForWatchLimit(const std::string& limit) {
-        fallBack("cannot watch the " + std::to_string(countFolders(root_)) + " folders under " + root_ + ": " +
-                 limit + " is reached");
+        constexpr size_t kCountLimit = 1'000'000;
+        const size_t folders = countFolders(root_, kCountLimit);
+        fallBack("cannot watch the " + std::string(folders >= kCountLimit ? "more than " : "") + std::to_string(folders) +
+                 " folders under " + root_ + ": " + limit + " is reached");
     }
 
     // Gives up inotify for good: the watches go back to the system, and a timer announces.

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
 #include <string_view>
 #include <vector>
 
@@ -21,25 +22,30 @@ DCIError failure(const std::string& operation, const std::string& path) {
     return DCIError::posixError(errno, operation + " " + path);
 }
 
-// Removes what a failed copy left, or a moved item's source; a folder with its contents.
-void removeItem(const std::string& path) {
-    struct stat status;
-    if (lstat(path.c_str(), &status) != 0) return;
-    if (S_ISDIR(status.st_mode)) {
-        if (DIR* directory = opendir(path.c_str())) {
-            std::vector<std::string> names;
-            while (const dirent* entry = readdir(directory)) {
-                const std::string_view name = entry->d_name;
-                if (name != "." && name != "..") names.emplace_back(name);
-            }
-            closedir(directory);
-            for (const auto& name : names) removeItem(KestlyPath::appendingComponent(path, name));
-        }
-        rmdir(path.c_str());
-    } else {
-        unlink(path.c_str());
+// Removes the entry `name` of the folder open as `folder`, a folder with its contents. Each
+// level is opened through the one above without following links, so a folder swapped for a
+// link meanwhile is removed as the link, never followed.
+void removeEntry(int folder, const char* name) {
+    if (unlinkat(folder, name, 0) == 0 || errno != EISDIR) return;
+    const int descriptor = openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (descriptor < 0) return;
+    DIR* directory = fdopendir(descriptor);
+    if (!directory) {
+        close(descriptor);
+        return;
     }
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(directory)) {
+        const std::string_view entryName = entry->d_name;
+        if (entryName != "." && entryName != "..") names.emplace_back(entryName);
+    }
+    for (const auto& entryName : names) removeEntry(dirfd(directory), entryName.c_str());
+    closedir(directory);
+    unlinkat(folder, name, AT_REMOVEDIR);
 }
+
+// Removes what a failed copy left, or a moved item's source.
+void removeItem(const std::string& path) { removeEntry(AT_FDCWD, path.c_str()); }
 
 // Copies the bytes: shared blocks when the file system has them, else in the kernel, else
 // through a buffer (a file system pair that copy_file_range does not serve).
@@ -73,8 +79,14 @@ bool copyContents(int source, int destination) {
 }
 
 std::optional<DCIError> copyFile(const std::string& from, const std::string& to, const struct stat& status) {
-    DCIFileDescriptor source(open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!source) return failure("open", from);
+    // Non-blocking and checked once open: a FIFO swapped in since the look must not hang us.
+    DCIFileDescriptor source(open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat opened;
+    if (!source || fstat(source.get(), &opened) != 0) return failure("open", from);
+    if (!S_ISREG(opened.st_mode) || opened.st_ino != status.st_ino || opened.st_dev != status.st_dev) {
+        errno = EAGAIN;
+        return failure("copy (changed while being copied)", from);
+    }
     DCIFileDescriptor destination(
         open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, status.st_mode & 07777));
     if (!destination) return failure("create", to);
@@ -142,6 +154,18 @@ std::string temporarySibling(const std::string& path) {
                                               "-" + KestlyPath::lastComponent(path));
 }
 
+// Whether `to` would lie inside the folder `from`: a copy there would copy itself without end.
+bool isInsideItself(const std::string& from, const std::string& to) {
+    char* source = realpath(from.c_str(), nullptr);
+    char* destinationFolder = realpath(KestlyPath::deletingLastComponent(to).c_str(), nullptr);
+    const bool inside = source && destinationFolder &&
+                        KestlyPath::isSameOrBelow(
+                            KestlyPath::appendingComponent(destinationFolder, KestlyPath::lastComponent(to)), source);
+    std::free(source);
+    std::free(destinationFolder);
+    return inside;
+}
+
 }  // namespace
 
 namespace DCIFileOperations {
@@ -165,6 +189,10 @@ std::optional<DCIError> copyItem(const std::string& from, const std::string& to)
     if (lstat(to.c_str(), &status) == 0) {
         errno = EEXIST;
         return failure("copy to", to);
+    }
+    if (isInsideItself(from, to)) {
+        errno = EINVAL;
+        return failure("copy " + from + " into itself at", to);
     }
     return copyTree(from, to);
 }

@@ -22,6 +22,9 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <deque>
+#include <functional>
+#include <variant>
 #include <cstdio>
 #include <memory>
 #include <sstream>
@@ -82,7 +85,8 @@ Json textOrNull(const std::optional<std::string>& text) { return text ? Json(*te
 // Prints what the file manager says and ends the main loop after its stopped event.
 class EventPrinter : public DCIEventListener {
 public:
-    EventPrinter(bool json, std::shared_ptr<DCIFileManager> manager) : json_(json), manager_(std::move(manager)) {}
+    EventPrinter(bool json, std::shared_ptr<DCIFileManager> manager, std::function<void(std::shared_ptr<DCIAction>)> actionEnded)
+        : json_(json), manager_(std::move(manager)), actionEnded_(std::move(actionEnded)) {}
 
     int exitStatus() const { return outputFailed_ ? 1 : rootRemoved_ ? 3 : 0; }
 
@@ -97,6 +101,10 @@ public:
             manager_->stop();
         }
         if (event->type() == DCIEventTypeFileManagerStopped) DCIRunLoop::main().stop();
+        const int64_t status = announcedStatus(*event);
+        const bool ended = status == DCIActionStatusCompleted || status == DCIActionStatusFailed ||
+                           status == DCIActionStatusCanceled;
+        if (event->type() == DCIEventTypeActionStatusChanged && ended && event->action()) actionEnded_(event->action());
     }
 
 private:
@@ -168,43 +176,96 @@ private:
 
     const bool json_;
     const std::shared_ptr<DCIFileManager> manager_;
+    const std::function<void(std::shared_ptr<DCIAction>)> actionEnded_;
     bool rootRemoved_ = false;
     bool outputFailed_ = false;
 };
 
-// One line of standard input as the words or JSON object of a command, carried out as a
-// queued file operation; answers why it cannot be, or "".
-std::string runCommand(DCIFileManager& manager, const std::string& line) {
+// A command of standard input: an operation and the absolute paths it names.
+struct Command {
     std::string op;
-    std::vector<std::string> paths;
+    std::vector<std::string> paths;  // from and to, or the one path
+};
+
+// One line as the words or the JSON object of a command; the reason when it is none.
+std::variant<Command, std::string> parseCommand(const std::string& line) {
+    Command command;
     if (line.starts_with('{')) {
-        const Json command = Json::parse(line, nullptr, false);
-        if (!command.is_object() || !command.contains("op") || !command["op"].is_string()) return "not a command object";
-        op = command["op"];
-        for (const char* key : {"from", "to", "path"}) {
-            if (command.contains(key) && command[key].is_string()) paths.push_back(command[key]);
+        const Json object = Json::parse(line, nullptr, false);
+        if (!object.is_object() || !object.contains("op") || !object["op"].is_string()) return "not a command object";
+        command.op = object["op"];
+        const bool transfer = command.op == "move" || command.op == "copy";
+        const std::vector<const char*> keys = transfer ? std::vector{"from", "to"}
+                                              : command.op == "mkdir" ? std::vector{"path"}
+                                                                      : std::vector<const char*>{};
+        // Each path is taken by its key, and only the keys of the operation are allowed, so that
+        // a misnamed key can never turn a move around.
+        if (object.size() != keys.size() + 1) return "expected the keys op and " + std::string(transfer ? "from, to" : "path");
+        for (const char* key : keys) {
+            if (!object.contains(key) || !object[key].is_string()) return std::string("expected a string under ") + key;
+            command.paths.push_back(object[key]);
         }
     } else {
         std::istringstream words(line);
-        words >> op;
-        for (std::string word; words >> word;) paths.push_back(word);
+        words >> command.op;
+        for (std::string word; words >> word;) command.paths.push_back(word);
     }
-    for (auto& path : paths) {
+    for (auto& path : command.paths) {
         const auto absolute = absoluteStandardPath(path);
         if (!absolute) return "the working folder is gone";
         path = *absolute;
     }
-    if (op == "stop" && paths.empty()) manager.stop();
-    else if (op == "move" && paths.size() == 2) manager.queueMoveItemAtPath(paths[0], paths[1]);
-    else if (op == "copy" && paths.size() == 2) manager.queueCopyItemAtPath(paths[0], paths[1]);
-    else if (op == "mkdir" && paths.size() == 1) manager.queueCreateDirectoryAtPath(paths[0]);
-    else if (!op.empty()) return "expected move FROM TO, copy FROM TO, mkdir PATH or stop";
-    return "";
+    const size_t count = command.paths.size();
+    const bool fits = (command.op == "stop" && count == 0) || (command.op == "mkdir" && count == 1) ||
+                      ((command.op == "move" || command.op == "copy") && count == 2);
+    if (!fits) return "expected move FROM TO, copy FROM TO, mkdir PATH or stop";
+    return command;
 }
+
+// Carries out the commands of standard input in the order given. The file manager hands out
+// actions of equal priority newest first, so each is queued only once the one before has
+// ended; `stop` waits its turn too. Main thread only.
+class CommandRunner {
+public:
+    explicit CommandRunner(std::shared_ptr<DCIFileManager> manager) : manager_(std::move(manager)) {}
+
+    void add(const std::string& line) {
+        auto parsed = parseCommand(line);
+        if (const auto* problem = std::get_if<std::string>(&parsed)) {
+            std::fprintf(stderr, "kestly: %s: %s\n", terminalText(line).c_str(), problem->c_str());
+            return;
+        }
+        waiting_.push_back(std::get<Command>(std::move(parsed)));
+        runNext();
+    }
+
+    void actionEnded(const std::shared_ptr<DCIAction>& action) {
+        if (action != running_) return;
+        running_.reset();
+        runNext();
+    }
+
+private:
+    void runNext() {
+        while (!running_ && !waiting_.empty()) {
+            const Command command = std::move(waiting_.front());
+            waiting_.pop_front();
+            const auto& paths = command.paths;
+            if (command.op == "stop") manager_->stop();
+            else if (command.op == "move") running_ = manager_->queueMoveItemAtPath(paths[0], paths[1]);
+            else if (command.op == "copy") running_ = manager_->queueCopyItemAtPath(paths[0], paths[1]);
+            else running_ = manager_->queueCreateDirectoryAtPath(paths[0]);
+        }
+    }
+
+    const std::shared_ptr<DCIFileManager> manager_;
+    std::deque<Command> waiting_;
+    std::shared_ptr<DCIAction> running_;
+};
 
 // Reads commands on a thread of its own, so that a slow or endless standard input never holds
 // up the main loop; each line is handed to the main thread. Ends with the input.
-void readCommands(std::shared_ptr<DCIFileManager> manager) {
+void readCommands(std::shared_ptr<CommandRunner> runner) {
     std::string pending;
     bool discarding = false;  // the rest of a line that was too long
     char buffer[4096];
@@ -223,13 +284,8 @@ void readCommands(std::shared_ptr<DCIFileManager> manager) {
                 }
                 continue;
             }
-            if (!discarding) {
-                DCIRunLoop::main().performAsync([manager, line = std::move(pending)] {
-                    const std::string problem = runCommand(*manager, line);
-                    if (!problem.empty()) {
-                        std::fprintf(stderr, "kestly: %s: %s\n", terminalText(line).c_str(), problem.c_str());
-                    }
-                });
+            if (!discarding && !pending.empty()) {
+                DCIRunLoop::main().performAsync([runner, line = std::move(pending)] { runner->add(line); });
             }
             pending.clear();
             discarding = false;
@@ -264,7 +320,9 @@ int watch(const WatchOptions& options) {
     for (const auto& name : kinds.primaryFilenames) manager->addPrimaryFilename(name);
     for (const auto& extension : kinds.secondaryExtensions) manager->addSecondaryFileExtension(extension);
 
-    const auto printer = std::make_shared<EventPrinter>(options.json, manager);
+    const auto runner = std::make_shared<CommandRunner>(manager);
+    const auto printer = std::make_shared<EventPrinter>(
+        options.json, manager, [runner](const std::shared_ptr<DCIAction>& action) { runner->actionEnded(action); });
     DCIEventManager::addListener(printer);
     int signalsSeen = 0;
     const auto signalSource = DCIRunLoop::main().addFileDescriptorSource(signals.get(), EPOLLIN, [&](uint32_t) {
@@ -280,7 +338,7 @@ int watch(const WatchOptions& options) {
                      terminalText(*root).c_str());
     }
     manager->startWatchingRootFolder(*root, caches.primary, caches.secondary, nullptr);
-    std::thread(readCommands, manager).detach();
+    std::thread(readCommands, runner).detach();
 
     DCIRunLoop::main().run();
     DCIEventManager::removeListener(printer);

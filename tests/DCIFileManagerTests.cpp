@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
@@ -269,6 +271,15 @@ TEST_F(DCIFileManagerTests, UnqueuedOperationsAndTheirFailures) {
     EXPECT_FALSE(fs::exists(root + "/deep/er/inside"));
     EXPECT_FALSE(manager->unqueuedCopyItemAtPath(std::nullopt, root + "/y.wav"));
     EXPECT_FALSE(manager->unqueuedCopyItemAtPath("x.wav", root + "/y.wav"));  // relative
+    // Across file systems a folder is copied into place, then its source removed.
+    const std::string elsewhere = "/dev/shm/kestly-move-" + std::to_string(getpid());
+    write(elsewhere, "f/z.wav", "9");
+    if (fs::exists(elsewhere)) {
+        EXPECT_TRUE(manager->unqueuedMoveItemAtPath(elsewhere + "/f", root + "/f"));
+        EXPECT_EQ(readWholeFile(root + "/f/z.wav"), "9");
+        EXPECT_FALSE(fs::exists(elsewhere + "/f"));
+        remove(elsewhere, "");
+    }
     EXPECT_EQ(manager->queueCreateDirectoryAtPath(std::nullopt), nullptr);
     pumpMainLoopBriefly();
     EXPECT_EQ(types(), std::vector<uint64_t>{});  // no status events for unqueued actions

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <new>
 #include <random>
@@ -99,6 +100,9 @@ TEST_F(DCIActionQueueTest, FollowsTheOrderWhileActionsComeGoAndChangePriority) {
     std::mt19937 random(11);
     std::vector<std::pair<size_t, std::shared_ptr<DCIAction>>> waiting;
     size_t created = 0;
+    const auto handedOutBefore = [](const auto& a, const auto& b) {
+        return std::make_tuple(a.second->priority(), b.first) < std::make_tuple(b.second->priority(), a.first);
+    };
     for (int step = 0; step < 3000; ++step) {
         const auto choice = random() % 10;
         if (choice < 5) {
@@ -107,15 +111,16 @@ TEST_F(DCIActionQueueTest, FollowsTheOrderWhileActionsComeGoAndChangePriority) {
         } else if (choice < 7 && !waiting.empty()) {
             waiting[random() % waiting.size()].second->setPriority(random() % 20);
         } else {
-            const auto next = std::min_element(waiting.begin(), waiting.end(), [](const auto& a, const auto& b) {
-                return std::make_tuple(a.second->priority(), b.first) < std::make_tuple(b.second->priority(), a.first);
-            });
+            const auto next = std::min_element(waiting.begin(), waiting.end(), handedOutBefore);
             const auto expected = next == waiting.end() ? nullptr : next->second;
             ASSERT_EQ(queue_->popNextAction(), expected) << "step " << step;
             if (expected) waiting.erase(next);
         }
     }
-    EXPECT_EQ(queue_->queue().size(), waiting.size());
+    std::sort(waiting.begin(), waiting.end(), handedOutBefore);
+    Actions expected;
+    for (const auto& [rank, action] : waiting) expected.push_back(action);
+    EXPECT_EQ(queue_->queue(), expected);
 }
 
 TEST_F(DCIActionQueueTest, APriorityChangedWhileWaitingCountsAtTheNextHandOut) {
@@ -318,7 +323,9 @@ TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
     }
     for (size_t taker = 0; taker < kTakers; ++taker) {
         threads.emplace_back([&, taker] {
-            while (takenCount < kTotal) {
+            // A lost action must fail the test, not hang it.
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+            while (takenCount < kTotal && std::chrono::steady_clock::now() < deadline) {
                 if (auto action = queue_->popNextAction()) {
                     takenBy[taker].push_back(std::move(action));
                     ++takenCount;
@@ -331,7 +338,8 @@ TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
     // Reorders waiting actions and pauses hand-out now and then, while all of the above runs.
     threads.emplace_back([&] {
         std::mt19937 random(3);
-        for (int round = 0; takenCount < kTotal; ++round) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        for (int round = 0; takenCount < kTotal && std::chrono::steady_clock::now() < deadline; ++round) {
             all[random() % kTotal]->setPriority(random() % 17);
             if (round % 64 == 0) queue_->pause();
             if (round % 64 == 1) queue_->resume();
@@ -339,6 +347,7 @@ TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
         queue_->resume();
     });
     for (auto& thread : threads) thread.join();
+    ASSERT_EQ(takenCount, kTotal) << "actions were lost";
 
     std::set<DCIAction*> distinct;
     size_t handedOut = 0;

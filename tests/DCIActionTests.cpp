@@ -11,6 +11,7 @@
 #include <chrono>
 #include <limits>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -229,6 +230,13 @@ TEST_F(DCIActionEventsTest, OnlyAFailureKeepsTheError) {
     EXPECT_TRUE(action->contextObjectForKey(kDCIError).has_value());
     action->changeStatus(DCIActionStatusCompleted);
     EXPECT_FALSE(action->contextObjectForKey(kDCIError).has_value());
+}
+
+TEST(DCIAction, EachStatusHasItsTextAndOtherNumbersNone) {
+    const std::vector<std::pair<int64_t, std::string_view>> table{
+        {0, "Undefined"}, {1, "Restarted"}, {2, "Pending"}, {3, "Running"}, {4, "Paused"}, {5, "Canceled"},
+        {6, "Failed"},    {7, "Completed"}, {8, ""},        {-1, ""},       {std::numeric_limits<int64_t>::min(), ""}};
+    for (const auto& [status, text] : table) EXPECT_EQ(DCIActionStatusText(status), text) << status;
 }
 
 TEST_F(DCIActionEventsTest, UnknownStatusesAreStoredAnnouncedAndShownWithoutText) {

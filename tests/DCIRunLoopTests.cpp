@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <stdexcept>
 #include <string>
@@ -103,6 +104,21 @@ TEST(DCIRunLoopPerform, ClosuresOfEachThreadRunInTheOrderQueued) {
 
     int next[2] = {0, 0};
     for (const auto& [producer, sequence] : ran) EXPECT_EQ(sequence, next[producer]++);
+}
+
+TEST(DCIRunLoopPerform, AClosureThatQueuesItselfRunsOncePerPassAndStarvesNoSource) {
+    int closureRuns = 0;
+    bool signalled = false;
+    std::function<void()> requeue = [&] {
+        if (++closureRuns < 1000) mainLoop().performAsync(requeue);
+    };
+    const auto source = mainLoop().addSignalSource([&] { signalled = true; });
+    mainLoop().performAsync(requeue);
+    source->signal();
+    EXPECT_TRUE(mainLoop().runOnce());
+    EXPECT_TRUE(signalled);
+    EXPECT_EQ(closureRuns, 1);
+    drain(mainLoop());
 }
 
 TEST(DCIRunLoopPerform, PerformSyncFromAnotherThreadRunsOnTheLoopAndWaits) {

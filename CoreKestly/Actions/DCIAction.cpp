@@ -1,16 +1,18 @@
 #include "CoreKestly/Actions/DCIAction.h"
 
+#include "CoreKestly/Actions/DCIActionQueuePlace.h"
+
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Events/DCIEventManager.h"
 
+#include <algorithm>
 #include <array>
 #include <limits>
 
 namespace {
 
 std::atomic<uint64_t> nextCreationSequence{0};
-std::atomic<uint64_t> waitingPriorityChangeCount{0};
 
 uint64_t incrementedPriority(uint64_t priority, int64_t change) {
     if (change >= 0) {
@@ -110,7 +112,7 @@ void DCIAction::recursivelyChangeStatus(int64_t status) {
 
 void DCIAction::setPriority(uint64_t priority) {
     priority_.store(priority);
-    announcePriorityChange();
+    followPriorityInQueues();
 }
 
 void DCIAction::recursivelySetPriority(uint64_t priority) {
@@ -122,18 +124,39 @@ void DCIAction::recursivelyIncrementPriority(int64_t change) {
     uint64_t priority = priority_.load();
     while (!priority_.compare_exchange_weak(priority, incrementedPriority(priority, change))) {
     }
-    announcePriorityChange();
+    followPriorityInQueues();
     for (const auto& child : children()) child->recursivelyIncrementPriority(change);
 }
 
-void DCIAction::announcePriorityChange() const {
+void DCIAction::followPriorityInQueues() const {
     // The priority was stored before this test, and a queue counts the action as waiting
     // before it reads the priority (both sequentially consistent), so a queue either reads the
-    // new value or is told to look again.
-    if (waitingCount_.load() > 0) ++waitingPriorityChangeCount;
+    // new value or is listed here. Queues are locked after the list is, never the other way.
+    if (waitingCount_.load() == 0) return;
+    std::vector<std::shared_ptr<DCIActionQueuePlace>> places;
+    {
+        std::lock_guard lock(placesMutex_);
+        places = places_;
+    }
+    for (const auto& place : places) place->followPriority();
 }
 
-uint64_t DCIAction::waitingPriorityChanges() { return waitingPriorityChangeCount.load(); }
+bool DCIAction::waitsIn(const DCIActionQueueHeap* queue) const {
+    std::lock_guard lock(placesMutex_);
+    return std::any_of(places_.begin(), places_.end(), [&](const auto& place) { return place->queue == queue; });
+}
+
+void DCIAction::enterQueue(std::shared_ptr<DCIActionQueuePlace> place) {
+    std::lock_guard lock(placesMutex_);
+    places_.push_back(std::move(place));
+    ++waitingCount_;
+}
+
+void DCIAction::leaveQueue(const DCIActionQueuePlace& place) {
+    std::lock_guard lock(placesMutex_);
+    std::erase_if(places_, [&](const auto& entry) { return entry.get() == &place; });
+    --waitingCount_;
+}
 
 void DCIAction::setParent(std::shared_ptr<DCIAction> parent) {
     if (parent == parent_) return;

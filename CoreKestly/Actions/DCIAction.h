@@ -58,6 +58,9 @@ std::string_view DCIActionStatusText(int64_t status);
 /// and priority are atomic values, though `changeStatus` tests and sets without a lock, so two
 /// threads changing one action at once may both announce. Tree changes (`setParent`) must
 /// not run concurrently with each other or with the recursive operations on the same tree.
+class DCIActionQueueHeap;
+class DCIActionQueuePlace;
+
 class DCIAction : public DCIObject, public std::enable_shared_from_this<DCIAction> {
 public:
     /// An action of category 0 and type 0.
@@ -153,10 +156,13 @@ private:
 
     DCIAction(uint64_t category, uint64_t type);
 
-    /// Lets queues know that they may have to re-order, when this action waits in one.
-    void announcePriorityChange() const;
-    /// How many priority changes of waiting actions there have been, all actions together.
-    static uint64_t waitingPriorityChanges();
+    /// Moves this action in every queue it waits in to where its priority now puts it.
+    void followPriorityInQueues() const;
+    /// Whether this action waits in `queue`.
+    bool waitsIn(const DCIActionQueueHeap* queue) const;
+    /// Called by a queue with its lock held when this action starts or stops waiting there.
+    void enterQueue(std::shared_ptr<DCIActionQueuePlace> place);
+    void leaveQueue(const DCIActionQueuePlace& place);
 
     const uint64_t category_;
     const uint64_t type_;
@@ -166,8 +172,10 @@ private:
     const uint64_t creationSequence_;
     std::atomic<uint64_t> priority_{1};
     std::atomic<int64_t> status_{DCIActionStatusUndefined};
-    /// The number of queues the action waits in.
+    /// The number of queues the action waits in: a priority change looks no further when 0.
     std::atomic<uint64_t> waitingCount_{0};
+    mutable std::mutex placesMutex_;  // taken after a queue's lock, never before
+    std::vector<std::shared_ptr<DCIActionQueuePlace>> places_;
 
     std::shared_ptr<DCIAction> parent_;
     // Children leave from their destructors, which run on whatever thread drops them last.

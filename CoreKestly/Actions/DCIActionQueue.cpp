@@ -1,5 +1,7 @@
 #include "CoreKestly/Actions/DCIActionQueue.h"
 
+#include "CoreKestly/Actions/DCIActionQueuePlace.h"
+
 #include <algorithm>
 #include <map>
 #include <new>
@@ -41,39 +43,129 @@ DCIPausedObservation::~DCIPausedObservation() {
     registry->additionObservers.erase(identifier_);
 }
 
+/// The waiting actions of one queue: a binary heap, next on top, each action knowing its
+/// position through its place, so that a priority change moves it by O(log n) swaps.
+class DCIActionQueueHeap {
+public:
+    /// A waiting action with the keys it is ordered by, copied so that ordering never reads a
+    /// priority that another thread is changing.
+    struct Entry {
+        uint64_t priority;
+        DCIDate::Clock::time_point created;
+        uint64_t creationSequence;
+        std::shared_ptr<DCIAction> action;
+        std::shared_ptr<DCIActionQueuePlace> place;
+    };
+
+    static bool isHandedOutAfter(const Entry& a, const Entry& b) {
+        if (a.priority != b.priority) return a.priority > b.priority;
+        // Newest first. Timestamps decide wherever they differ, as `compareTo` does; the
+        // creation sequence orders equal ones, which keeps the ordering strict.
+        if (a.created != b.created) return a.created < b.created;
+        return a.creationSequence < b.creationSequence;
+    }
+
+    // The members below are called with `mutex` held.
+
+    void push(Entry entry) {
+        entries.push_back(std::move(entry));
+        siftUp(entries.size() - 1);
+    }
+
+    Entry popTop() {
+        Entry top = std::move(entries.front());
+        top.place->position = DCIActionQueuePlace::kLeft;
+        Entry last = std::move(entries.back());
+        entries.pop_back();
+        if (!entries.empty()) {
+            put(0, std::move(last));
+            siftDown(0);
+        }
+        return top;
+    }
+
+    void followPriority(size_t position) {
+        Entry& entry = entries[position];
+        const uint64_t priority = entry.action->priority();
+        if (priority == entry.priority) return;
+        entry.priority = priority;
+        siftDown(siftUp(position));
+    }
+
+    std::mutex mutex;
+    std::vector<Entry> entries;
+
+private:
+    void put(size_t position, Entry entry) {
+        entry.place->position = position;
+        entries[position] = std::move(entry);
+    }
+
+    size_t siftUp(size_t position) {
+        Entry moving = std::move(entries[position]);
+        while (position > 0) {
+            const size_t parent = (position - 1) / 2;
+            if (!isHandedOutAfter(entries[parent], moving)) break;
+            put(position, std::move(entries[parent]));
+            position = parent;
+        }
+        put(position, std::move(moving));
+        return position;
+    }
+
+    void siftDown(size_t position) {
+        Entry moving = std::move(entries[position]);
+        for (;;) {
+            size_t child = 2 * position + 1;
+            if (child >= entries.size()) break;
+            if (child + 1 < entries.size() && isHandedOutAfter(entries[child], entries[child + 1])) ++child;
+            if (!isHandedOutAfter(moving, entries[child])) break;
+            put(position, std::move(entries[child]));
+            position = child;
+        }
+        put(position, std::move(moving));
+    }
+};
+
+void DCIActionQueuePlace::followPriority() const {
+    const auto heap = heap_.lock();
+    if (!heap) return;
+    std::lock_guard lock(heap->mutex);
+    if (position != kLeft) heap->followPriority(position);
+}
+
 DCIActionQueue::DCIActionQueue()
-    : priorityChangesSeen_(DCIAction::waitingPriorityChanges()),
+    : heap_(std::make_shared<DCIActionQueueHeap>()),
       pausedObservers_(std::make_shared<DCIPausedObservation::Registry>()) {}
 
 std::shared_ptr<DCIActionQueue> DCIActionQueue::init() { return std::shared_ptr<DCIActionQueue>(new DCIActionQueue()); }
 
 DCIActionQueue::~DCIActionQueue() {
-    for (const auto& entry : heap_) --entry.action->waitingCount_;
-}
-
-bool DCIActionQueue::isHandedOutAfter(const Entry& a, const Entry& b) {
-    if (a.priority != b.priority) return a.priority > b.priority;
-    // Newest first. Timestamps decide wherever they differ, as `compareTo` does; the creation
-    // sequence orders equal ones, which keeps the ordering strict (std::*_heap needs that).
-    if (a.created != b.created) return a.created < b.created;
-    return a.creationSequence < b.creationSequence;
+    std::vector<DCIActionQueueHeap::Entry> released;  // destroyed unlocked
+    std::lock_guard lock(heap_->mutex);
+    for (auto& entry : heap_->entries) {
+        entry.place->position = DCIActionQueuePlace::kLeft;
+        entry.action->leaveQueue(*entry.place);
+    }
+    released.swap(heap_->entries);
 }
 
 void DCIActionQueue::addAction(const std::shared_ptr<DCIAction>& action) {
     if (!action) return;
     try {
         {
-            std::lock_guard lock(mutex_);
-            if (waiting_.contains(action.get())) return;
+            auto& heap = *heap_;
+            std::lock_guard lock(heap.mutex);
+            if (action->waitsIn(&heap)) return;
             // Every allocation comes before the action counts as waiting: one failing after it
             // would leave an action that is never handed out and that every later add refuses.
-            if (heap_.size() == heap_.capacity()) heap_.reserve(std::max<size_t>(16, 2 * heap_.capacity()));
-            waiting_.insert(action.get());
-            // Counted as waiting before its priority is read: see DCIAction::announcePriorityChange.
-            ++action->waitingCount_;
-            heap_.push_back(
-                Entry{action->priority(), action->timestamp().timePoint(), action->creationSequence_, action});
-            std::push_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
+            auto place = std::make_shared<DCIActionQueuePlace>(heap_);
+            if (heap.entries.size() == heap.entries.capacity())
+                heap.entries.reserve(std::max<size_t>(16, 2 * heap.entries.capacity()));
+            // Listed in the action before its priority is read: see DCIAction::followPriorityInQueues.
+            action->enterQueue(place);
+            heap.push(DCIActionQueueHeap::Entry{action->priority(), action->timestamp().timePoint(),
+                                                action->creationSequence_, action, std::move(place)});
             action->changeStatus(DCIActionStatusPending);
         }
         // Outside the queue's lock, so that an observer may take the action at once.
@@ -87,39 +179,21 @@ void DCIActionQueue::addAction(const std::shared_ptr<DCIAction>& action) {
 
 std::shared_ptr<DCIAction> DCIActionQueue::popNextAction() {
     if (!running()) return nullptr;
-    std::lock_guard lock(mutex_);
-    if (heap_.empty()) return nullptr;
-    catchUpWithPriorityChanges();
-    std::pop_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
-    auto action = std::move(heap_.back().action);
-    heap_.pop_back();
-    waiting_.erase(action.get());
-    --action->waitingCount_;
-    return action;
-}
-
-void DCIActionQueue::catchUpWithPriorityChanges() {
-    // Read before the priorities: a change that lands during the pass is caught next time.
-    const uint64_t changes = DCIAction::waitingPriorityChanges();
-    if (changes == priorityChangesSeen_) return;
-    priorityChangesSeen_ = changes;
-    bool reordered = false;
-    for (auto& entry : heap_) {
-        const uint64_t priority = entry.action->priority();
-        reordered = reordered || priority != entry.priority;
-        entry.priority = priority;
-    }
-    if (reordered) std::make_heap(heap_.begin(), heap_.end(), isHandedOutAfter);
+    std::lock_guard lock(heap_->mutex);
+    if (heap_->entries.empty()) return nullptr;
+    auto top = heap_->popTop();
+    top.action->leaveQueue(*top.place);
+    return std::move(top.action);
 }
 
 std::vector<std::shared_ptr<DCIAction>> DCIActionQueue::queue() const {
-    std::vector<Entry> entries;
+    std::vector<DCIActionQueueHeap::Entry> entries;
     {
-        std::lock_guard lock(mutex_);
-        entries = heap_;
+        std::lock_guard lock(heap_->mutex);
+        entries = heap_->entries;
     }
-    for (auto& entry : entries) entry.priority = entry.action->priority();
-    std::sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) { return isHandedOutAfter(b, a); });
+    std::sort(entries.begin(), entries.end(),
+              [](const auto& a, const auto& b) { return DCIActionQueueHeap::isHandedOutAfter(b, a); });
     std::vector<std::shared_ptr<DCIAction>> actions;
     actions.reserve(entries.size());
     for (auto& entry : entries) actions.push_back(std::move(entry.action));

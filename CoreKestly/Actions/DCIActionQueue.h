@@ -7,8 +7,9 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <unordered_set>
 #include <vector>
+
+class DCIActionQueueHeap;
 
 /// Told of a change of a queue's `paused()`: once just before it, with `isPrior` set and
 /// `paused` still the old value, and once right after it, with the new value.
@@ -45,8 +46,8 @@ private:
 ///
 /// Threads: any thread may add and take; each action is handed out once. Adding holds the
 /// queue's lock while it sets the action's status, so the lock order is queue first, action
-/// second. Hand-out costs O(log n) while no waiting action's priority changes, and one pass
-/// over the waiting actions after such a change.
+/// second. Adding and hand-out cost O(log n); so does a priority change, in each queue the
+/// action waits in, and nothing in the others.
 class DCIActionQueue {
 public:
     /// An empty, running queue.
@@ -92,25 +93,9 @@ public:
 private:
     DCIActionQueue();
 
-    /// A waiting action with the keys it is ordered by, copied so that ordering never reads a
-    /// priority that another thread is changing.
-    struct Entry {
-        uint64_t priority;
-        DCIDate::Clock::time_point created;
-        uint64_t creationSequence;
-        std::shared_ptr<DCIAction> action;
-    };
-
-    static bool isHandedOutAfter(const Entry& a, const Entry& b);
-    /// Re-reads the priorities and restores the heap when any waiting action's priority changed
-    /// since the last look.
-    void catchUpWithPriorityChanges();
     void changePaused(bool paused);
 
-    mutable std::mutex mutex_;
-    std::vector<Entry> heap_;                      // a max-heap by isHandedOutAfter: next on top
-    std::unordered_set<const DCIAction*> waiting_;  // the actions of heap_, to refuse duplicates
-    uint64_t priorityChangesSeen_;
+    std::shared_ptr<DCIActionQueueHeap> heap_;  // shared with the places of its actions
 
     std::atomic<bool> running_{true};
     std::shared_ptr<DCIPausedObservation::Registry> pausedObservers_;

@@ -5,11 +5,11 @@ std::shared_ptr<DCIEvent> DCIEvent::commonEventWithType(uint64_t type) {
 }
 
 std::shared_ptr<DCIEvent> DCIEvent::initWithCategory(uint64_t category, uint64_t type) {
-    return std::shared_ptr<DCIEvent>(new DCIEvent(category, type, DCIDate::now()));
+    return std::make_shared<DCIEvent>(Key(), category, type, DCIDate::now());
 }
 
 std::shared_ptr<DCIEvent> DCIEvent::init() {
-    return std::shared_ptr<DCIEvent>(new DCIEvent(DCIEventCategoryCommon, 0, std::nullopt));
+    return std::make_shared<DCIEvent>(Key(), DCIEventCategoryCommon, 0, std::nullopt);
 }
 
 void DCIEvent::setContext(DCIDictionary context) {

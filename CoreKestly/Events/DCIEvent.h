@@ -68,8 +68,17 @@ public:
     std::string description() const override;
 
 private:
-    DCIEvent(uint64_t category, uint64_t type, std::optional<DCIDate> timestamp)
+    // Lets the initialisers make an event and its reference count in one allocation, while
+    // nobody else can call the constructor.
+    struct Key {
+        explicit Key() = default;
+    };
+
+public:
+    DCIEvent(Key, uint64_t category, uint64_t type, std::optional<DCIDate> timestamp)
         : category_(category), type_(type), timestamp_(timestamp) {}
+
+private:
 
     const uint64_t category_;
     const uint64_t type_;

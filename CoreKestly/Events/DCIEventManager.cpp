@@ -5,6 +5,7 @@
 #include "CoreKestly/Platform/DCIRunLoop.h"
 
 #include <atomic>
+#include <cstddef>
 #include <exception>
 #include <mutex>
 #include <optional>
@@ -31,6 +32,11 @@ public:
         const uint64_t generation = liveGeneration_.load(std::memory_order_acquire);
         if (generation == kNoGeneration || !event) return;
         queue_.push(QueuedEvent{std::move(event), generation});
+        // A drain that is already due will see this event: it clears the flag before it pops,
+        // and the fence orders the push before the look at the flag. Most posts thus only read
+        // a line that the main thread writes once per drain.
+        std::atomic_thread_fence(std::memory_order_seq_cst);
+        if (drainDue_.load(std::memory_order_relaxed) || drainDue_.exchange(true)) return;
         source_->signal();
     }
 
@@ -40,6 +46,7 @@ public:
         auto listener = std::dynamic_pointer_cast<DCIEventListener>(object);
         if (!listener || indexOf(listener) != kNotFound) return;
         listeners_.push_back(std::move(listener));
+        publishListeners();
     }
 
     void remove(const std::shared_ptr<DCIObject>& object) {
@@ -47,9 +54,11 @@ public:
         std::lock_guard lock(mutex_);
         if (liveGeneration_.load(std::memory_order_relaxed) == kNoGeneration) return;
         if (auto listener = std::dynamic_pointer_cast<DCIEventListener>(object)) {
-            if (const size_t index = indexOf(listener); index != kNotFound) listeners_.erase(listeners_.begin() + index);
+            if (const size_t index = indexOf(listener); index != kNotFound)
+                listeners_.erase(listeners_.begin() + static_cast<std::ptrdiff_t>(index));
         }
         std::erase_if(listeners_, [](const auto& entry) { return entry.expired(); });
+        publishListeners();
         if (!listeners_.empty()) return;
         liveGeneration_.store(kNoGeneration, std::memory_order_release);
         // Nothing queued can be delivered any more; waiting for the main loop to drain it
@@ -65,6 +74,7 @@ private:
         std::shared_ptr<DCIEvent> event;
         uint64_t generation;
     };
+    using Listeners = std::vector<std::weak_ptr<DCIEventListener>>;
     static constexpr uint64_t kNoGeneration = 0;
     static constexpr size_t kNotFound = static_cast<size_t>(-1);
     static constexpr int kEventsPerDrain = 4096;
@@ -85,17 +95,20 @@ private:
         return kNotFound;
     }
 
-    // The listeners of the live generation, held for the delivery of one event; none when
-    // the event belongs to a released generation.
-    std::vector<std::shared_ptr<DCIEventListener>> snapshotFor(uint64_t generation) {
+    // Called with the mutex held, after every change of the listeners. The drain keeps the
+    // copy it has until the version moves, so delivering an event takes no lock and copies
+    // no list; the copy holds listeners weakly, as the registration does.
+    void publishListeners() {
+        published_ = std::make_shared<const Listeners>(listeners_);
+        listenersVersion_.fetch_add(1, std::memory_order_release);
+    }
+
+    // The published listeners, unless `held` is already the current copy.
+    void refresh(std::shared_ptr<const Listeners>& held, uint64_t& heldVersion) {
+        if (held && listenersVersion_.load(std::memory_order_acquire) == heldVersion) return;
         std::lock_guard lock(mutex_);
-        std::vector<std::shared_ptr<DCIEventListener>> snapshot;
-        if (generation != liveGeneration_.load(std::memory_order_relaxed)) return snapshot;
-        snapshot.reserve(listeners_.size());
-        for (const auto& entry : listeners_) {
-            if (auto listener = entry.lock()) snapshot.push_back(std::move(listener));
-        }
-        return snapshot;
+        held = published_;
+        heldVersion = listenersVersion_.load(std::memory_order_relaxed);
     }
 
     // On the main thread. Takes the queued events in order, including those posted by
@@ -104,11 +117,22 @@ private:
     // for ever and starve the rest of the main loop, so a drain hands the loop back after a
     // batch and signals itself to go on.
     void drain() {
+        // Cleared before the first pop: whatever is posted from here on either is popped
+        // below or signals again.
+        drainDue_.exchange(false);
+        std::shared_ptr<const Listeners> listeners;
+        uint64_t listenersVersion = 0;
         for (int delivered = 0; delivered < kEventsPerDrain; ++delivered) {
             auto queued = pop();
             if (!queued) return;
-            for (const auto& listener : snapshotFor(queued->generation)) deliver(*listener, queued->event);
+            // An event of a released generation reaches nobody, not even a later bus.
+            if (queued->generation != liveGeneration_.load(std::memory_order_acquire)) continue;
+            refresh(listeners, listenersVersion);
+            for (const auto& entry : *listeners) {
+                if (const auto listener = entry.lock()) deliver(*listener, queued->event);
+            }
         }
+        drainDue_.store(true);
         source_->signal();
     }
 
@@ -134,9 +158,14 @@ private:
     std::unique_ptr<DCIRunLoopSource> source_;
     std::atomic<uint64_t> liveGeneration_{kNoGeneration};
 
+    // Whether a drain is signalled and has not yet started popping.
+    alignas(64) std::atomic<bool> drainDue_{false};
+    alignas(64) std::atomic<uint64_t> listenersVersion_{0};
+
     std::mutex mutex_;  // guards the listeners, the generation counter and the source's creation
     uint64_t lastGeneration_ = kNoGeneration;
-    std::vector<std::weak_ptr<DCIEventListener>> listeners_;
+    Listeners listeners_;
+    std::shared_ptr<const Listeners> published_;
 };
 
 }  // namespace

@@ -48,7 +48,8 @@ public:
         // most of the next pop's wait for memory.
         if (Node* after = next->next.load(std::memory_order_relaxed)) __builtin_prefetch(after, 1);
         // `next` becomes the new empty front node once its value has been taken.
-        std::optional<T> value = std::move(next->value);
+        // Every node after the front holds a value: it was pushed with one.
+        std::optional<T> value(std::in_place, std::move(*next->value));
         next->value.reset();
         giveBack(tail_);
         tail_ = next;

@@ -95,6 +95,10 @@ TEST_F(DCIFolderObjectTests, ScanTakesEveryFolderAndTheFilesOfInterest) {
     EXPECT_EQ(folderAt(tree, ".git/objects")->relativePath(), ".git/objects");
     EXPECT_EQ(folderAt(tree, ".git/objects")->parent(), folderAt(tree, ".git"));
     EXPECT_EQ(folderAt(tree, ".git/objects")->root(), tree);
+    // A folder's snapshots hold its subtree, without itself.
+    EXPECT_EQ(relativePaths(folderAt(tree, ".git")->gatherFiles()), std::set<std::string>{".git/objects/blob.wav"});
+    EXPECT_FALSE(tree->gatherFolders().contains(tree));
+    EXPECT_TRUE(folderAt(tree, "empty")->gatherFolders().empty());
 }
 
 TEST_F(DCIFolderObjectTests, LinksCountAsWhatTheyLeadTo) {
@@ -331,19 +335,6 @@ TEST_F(DCIFolderObjectTests, OnlyRegularFilesAndFoldersEnterTheTree) {
     EXPECT_TRUE(tree->updateItemAtSubPath("kick.wav"));
     EXPECT_TRUE(tree->files()->empty());
     EXPECT_TRUE(tree->generateHashes());
-}
-
-TEST_F(DCIFolderObjectTests, SnapshotsHoldTheSubtree) {
-    root.writeFiles({"top.wav", "a/b/deep.wav"});
-    root.makeFolder("a/leaf");
-    const auto tree = buildTree();
-
-    EXPECT_EQ(relativePaths(tree->gatherFiles()), (std::set<std::string>{"top.wav", "a/b/deep.wav"}));
-    EXPECT_EQ(relativePaths(folderAt(tree, "a")->gatherFiles()), std::set<std::string>{"a/b/deep.wav"});
-    EXPECT_EQ(relativePaths(tree->gatherFolders()), (std::set<std::string>{"a", "a/b", "a/leaf"}));
-    EXPECT_FALSE(tree->gatherFolders().contains(tree));
-    EXPECT_TRUE(folderAt(tree, "a/leaf")->gatherFolders().empty());
-
 }
 
 TEST_F(DCIFolderObjectTests, PathRelativeToFolder) {

@@ -155,7 +155,6 @@ TEST(DCLogger, EntriesGoToTheLogFileSetAtTheTimeTheyAreWritten) {
     const int file = open(other.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     ASSERT_GE(file, 0);
     logger.setLogFile(file);
-    EXPECT_EQ(logger.logFile(), file);
     logger.log("to the other log");
     logger.flush();
     logger.setLogFile(-1);

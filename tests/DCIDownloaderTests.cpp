@@ -142,6 +142,8 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
          DCIActionStatusCompleted, 409, pattern(20), 20, 20, std::nullopt, std::nullopt, 0, 60},
         {"404", "/reply?status=404&size=50", nullptr, DCIActionStatusCompleted, 404, std::nullopt, 0, 0, std::nullopt,
          std::nullopt, 0, 60},
+        {"403", "/reply?status=403&size=50", nullptr, DCIActionStatusFailed, 403, std::nullopt, 0, 0, std::nullopt,
+         DCIError("Kestly", 2, "Error: the server failed with error code 403"), 0, 60},
         {"500", "/reply?status=500&size=50", nullptr, DCIActionStatusFailed, 500, std::nullopt, 0, 0, std::nullopt,
          DCIError("Kestly", 2, "Error: the server failed with error code 500"), 0, 60},
         {"upload counts both ways", "/reply?status=200&size=200", nullptr, DCIActionStatusCompleted, 200, pattern(200),

@@ -25,8 +25,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kSHA256OfABC = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-
 template <class Set>
 std::set<std::string> relativePaths(const Set& items) {
     std::set<std::string> paths;
@@ -71,35 +69,19 @@ protected:
 
 TEST_F(DCIFolderObjectTests, IsMadeForAnyExistingItem) {
     EXPECT_EQ(DCIFolderObject::initWithPath(root / "missing", nullptr, queries), nullptr);
-
-    const std::string file = root.writeFile("kick.wav", "abc");
-    const auto folderAtFile = DCIFolderObject::initWithPath(file, nullptr, queries);
+    const auto folderAtFile = DCIFolderObject::initWithPath(root.writeFile("kick.wav", "abc"), nullptr, queries);
     ASSERT_NE(folderAtFile, nullptr);
     EXPECT_TRUE(folderAtFile->files()->empty());
-    EXPECT_TRUE(folderAtFile->subFolders()->empty());
-
     const auto tree = buildTree();
-    ASSERT_NE(tree, nullptr);
     EXPECT_TRUE(tree->exists());
-    EXPECT_EQ(tree->absolutePath(), root.path().string());
-    EXPECT_EQ(tree->description(), tree->absolutePath());
-    EXPECT_EQ(tree->relativePath(), "");
-    EXPECT_EQ(tree->parent(), nullptr);
-    EXPECT_EQ(tree->root(), tree);
     fs::remove_all(root.path());
     EXPECT_FALSE(tree->exists());
 }
 
 TEST_F(DCIFolderObjectTests, ScanTakesEveryFolderAndTheFilesOfInterest) {
-    root.writeFile("Song.ALS", "a");
-    root.writeFile("notes.txt", "a");
-    root.writeFile("kick.WAV", "a");
-    root.writeFile(".hidden.wav", "a");
+    root.writeFiles({"Song.ALS", "notes.txt", "kick.WAV", ".hidden.wav"}, "a");
     root.writeFile(".wav", "a");  // hidden, with no extension
-    root.writeFile("song.als.bak", "a");
-    root.writeFile("sub/project.json", "a");
-    root.writeFile("sub/other.json", "a");
-    root.writeFile(".git/objects/blob.wav", "a");
+    root.writeFiles({"song.als.bak", "sub/project.json", "sub/other.json", ".git/objects/blob.wav"}, "a");
     root.makeFolder("empty");
     root.makeFolder("Kit.als");  // a folder, whatever its name
 
@@ -113,11 +95,14 @@ TEST_F(DCIFolderObjectTests, ScanTakesEveryFolderAndTheFilesOfInterest) {
     EXPECT_EQ(folderAt(tree, ".git/objects")->relativePath(), ".git/objects");
     EXPECT_EQ(folderAt(tree, ".git/objects")->parent(), folderAt(tree, ".git"));
     EXPECT_EQ(folderAt(tree, ".git/objects")->root(), tree);
+    // A folder's snapshots hold its subtree, without itself.
+    EXPECT_EQ(relativePaths(folderAt(tree, ".git")->gatherFiles()), std::set<std::string>{".git/objects/blob.wav"});
+    EXPECT_FALSE(tree->gatherFolders().contains(tree));
+    EXPECT_TRUE(folderAt(tree, "empty")->gatherFolders().empty());
 }
 
 TEST_F(DCIFolderObjectTests, LinksCountAsWhatTheyLeadTo) {
-    root.writeFile("real/kick.wav", "abc");
-    root.writeFile("real/readme.txt", "abc");
+    root.writeFiles({"real/kick.wav", "real/readme.txt"});
     fs::create_directory_symlink(root / "real", root / "linked");
     fs::create_symlink(root / "real/kick.wav", root / "alias.wav");
     fs::create_symlink(root / "real/readme.txt", root / "alias.txt.wav");
@@ -135,9 +120,7 @@ TEST_F(DCIFolderObjectTests, LinksCountAsWhatTheyLeadTo) {
 }
 
 TEST_F(DCIFolderObjectTests, LinksBackToAnAncestorAreNotFollowedAgain) {
-    root.writeFile("a/b/deep.wav", "abc");
-    root.writeFile("p/r.wav", "abc");
-    root.writeFile("q/s.wav", "abc");
+    root.writeFiles({"a/b/deep.wav", "p/r.wav", "q/s.wav"});
     fs::create_directory_symlink("..", root / "a/up");           // to the root
     fs::create_directory_symlink(".", root / "self");            // to itself
     fs::create_directory_symlink("../../a", root / "a/b/toA");   // to its grandparent
@@ -191,8 +174,7 @@ TEST_F(DCIFolderObjectTests, ADeepTreeHoldsFewDescriptorsOpen) {
 }
 
 TEST_F(DCIFolderObjectTests, GenerateHashesFillsEveryFileThroughTheCaches) {
-    root.writeFile("Song.als", "abc");
-    root.writeFile("a/b/kick.wav", "abc");
+    root.writeFiles({"Song.als", "a/b/kick.wav"});
     root.writeFile("a/snare.wav", "different");
     root.writeFile("a/project.json", "abc");
     const auto tree = buildTree();
@@ -204,11 +186,6 @@ TEST_F(DCIFolderObjectTests, GenerateHashesFillsEveryFileThroughTheCaches) {
     for (const auto& [path, record] : sampleCache->shaCache()) samplePaths.insert(path);
     EXPECT_EQ(primaryPaths, (std::set<std::string>{root / "Song.als", root / "a/project.json"}));
     EXPECT_EQ(samplePaths, (std::set<std::string>{root / "a/b/kick.wav", root / "a/snare.wav"}));
-    for (const auto& file : tree->gatherFiles()) {
-        ASSERT_TRUE(file->fileHash()) << file->relativePath();
-        EXPECT_EQ(file->fileHash()->size(), 64u);
-        EXPECT_EQ(file->sasID(), "sas-" + file->name());
-    }
     EXPECT_EQ(folderAt(tree, "a/b")->files()->at("kick.wav")->fileHash(), kSHA256OfABC);
 
     // A fresh build of the unchanged tree is answered by the caches without reading a file.
@@ -219,10 +196,7 @@ TEST_F(DCIFolderObjectTests, GenerateHashesFillsEveryFileThroughTheCaches) {
 }
 
 TEST_F(DCIFolderObjectTests, GenerateHashesAnswersNoForAVanishedFileAndHashesTheOthers) {
-    root.writeFile("top.wav", "abc");
-    root.writeFile("a/b/c/gone.wav", "abc");
-    root.writeFile("a/b/c/stays.wav", "abc");
-    root.writeFile("z/later.wav", "abc");
+    root.writeFiles({"top.wav", "a/b/c/gone.wav", "a/b/c/stays.wav", "z/later.wav"});
     const auto tree = buildTree();
     fs::remove(root / "a/b/c/gone.wav");
 
@@ -257,8 +231,7 @@ public:
 };
 
 TEST_F(DCIFolderObjectTests, GenerateHashesAsksForTheSasIDOnlyAfterAHash) {
-    root.writeFile("a.wav", "abc");
-    root.writeFile("unhashable.wav", "abc");
+    root.writeFiles({"a.wav", "unhashable.wav"});
     const auto separate = std::make_shared<SeparateQueries>();
     const auto tree = DCIFolderObject::initWithPath(root.path().string(), nullptr, separate);
     ASSERT_TRUE(tree->generateHashes()) << "the file without an answer is hashed directly";
@@ -326,36 +299,23 @@ TEST_F(DCIFolderObjectTests, UpdateAddsANewFolderWithItsSubtreeButKeepsAKnownOne
     EXPECT_EQ(folderAt(tree, "new")->parent(), tree);
 }
 
-TEST_F(DCIFolderObjectTests, UpdateRemovesWhatVanished) {
-    root.writeFile("a/kick.wav", "abc");
-    root.writeFile("b/snare.wav", "abc");
-    const auto tree = buildTree();
-    const auto a = folderAt(tree, "a");
-
-    fs::remove(root / "a/kick.wav");
-    EXPECT_TRUE(a->updateItemAtSubPath("kick.wav"));
-    EXPECT_TRUE(a->files()->empty());
-
-    fs::remove_all(root / "b");
-    EXPECT_TRUE(tree->updateItemAtSubPath("b"));
-    EXPECT_FALSE(tree->subFolders()->contains("b"));
-    EXPECT_TRUE(tree->subFolders()->contains("a"));
-}
-
-TEST_F(DCIFolderObjectTests, UpdateChangesNothingForNamesItNeedNotHold) {
-    root.writeFile("a/kick.wav", "abc");
-    root.writeFile("notes.txt", "abc");
+TEST_F(DCIFolderObjectTests, UpdateRemovesWhatVanishedAndNothingElse) {
+    root.writeFiles({"a/kick.wav", "b/snare.wav", "notes.txt"});
     const auto tree = buildTree();
     const auto files = tree->files();
     const auto subFolders = tree->subFolders();
-
-    EXPECT_FALSE(tree->updateItemAtSubPath("never-there.wav"));
-    EXPECT_FALSE(tree->updateItemAtSubPath("notes.txt"));
-    EXPECT_FALSE(tree->updateItemAtSubPath("a/kick.wav"));
-    EXPECT_FALSE(tree->updateItemAtSubPath(".."));
-    EXPECT_FALSE(tree->updateItemAtSubPath(""));
+    for (const char* name : {"never-there.wav", "notes.txt", "a/kick.wav", "..", ""}) {
+        EXPECT_FALSE(tree->updateItemAtSubPath(name)) << name;
+    }
     EXPECT_EQ(*tree->files(), *files);
     EXPECT_EQ(*tree->subFolders(), *subFolders);
+
+    fs::remove(root / "a/kick.wav");
+    EXPECT_TRUE(folderAt(tree, "a")->updateItemAtSubPath("kick.wav"));
+    EXPECT_TRUE(folderAt(tree, "a")->files()->empty());
+    fs::remove_all(root / "b");
+    EXPECT_TRUE(tree->updateItemAtSubPath("b"));
+    EXPECT_EQ(relativePaths(tree->gatherFolders()), std::set<std::string>{"a"});
 }
 
 TEST_F(DCIFolderObjectTests, OnlyRegularFilesAndFoldersEnterTheTree) {
@@ -377,28 +337,6 @@ TEST_F(DCIFolderObjectTests, OnlyRegularFilesAndFoldersEnterTheTree) {
     EXPECT_TRUE(tree->generateHashes());
 }
 
-TEST_F(DCIFolderObjectTests, SnapshotsHoldTheSubtree) {
-    root.writeFile("top.wav", "abc");
-    root.writeFile("a/b/deep.wav", "abc");
-    root.makeFolder("a/leaf");
-    const auto tree = buildTree();
-
-    EXPECT_EQ(relativePaths(tree->gatherFiles()), (std::set<std::string>{"top.wav", "a/b/deep.wav"}));
-    EXPECT_EQ(relativePaths(folderAt(tree, "a")->gatherFiles()), std::set<std::string>{"a/b/deep.wav"});
-    EXPECT_EQ(relativePaths(tree->gatherFolders()), (std::set<std::string>{"a", "a/b", "a/leaf"}));
-    EXPECT_FALSE(tree->gatherFolders().contains(tree));
-    EXPECT_TRUE(folderAt(tree, "a/leaf")->gatherFolders().empty());
-
-    // Snapshots of two builds meet by path.
-    const auto again = buildTree();
-    const DCIFolderSet oldFolders = tree->gatherFolders();
-    for (const auto& folder : again->gatherFolders()) {
-        EXPECT_TRUE(oldFolders.contains(folder)) << folder->relativePath();
-    }
-    const DCIFileSet oldFiles = tree->gatherFiles();
-    for (const auto& file : again->gatherFiles()) EXPECT_TRUE(oldFiles.contains(file)) << file->relativePath();
-}
-
 TEST_F(DCIFolderObjectTests, PathRelativeToFolder) {
     for (const char* folder : {"a/b/c", "a/d", "x/y"}) root.makeFolder(folder);
     const auto tree = buildTree();
@@ -408,11 +346,9 @@ TEST_F(DCIFolderObjectTests, PathRelativeToFolder) {
     const auto d = folderAt(tree, "a/d");
     const auto y = folderAt(tree, "x/y");
 
-    EXPECT_EQ(b->relativePath(), "a/b");
     EXPECT_EQ(d->pathRelativeToFolder(b), "../d");        // siblings
     EXPECT_EQ(b->pathRelativeToFolder(b), "");            // itself
     EXPECT_EQ(a->pathRelativeToFolder(c), "../..");       // an ancestor
-    EXPECT_EQ(tree->pathRelativeToFolder(c), "../../.."); // the root
     EXPECT_EQ(c->pathRelativeToFolder(tree), "a/b/c");    // below
     EXPECT_EQ(c->pathRelativeToFolder(y), "../../a/b/c"); // cousins
     EXPECT_EQ(c->pathRelativeToFolder(nullptr), std::nullopt);
@@ -423,23 +359,10 @@ TEST_F(DCIFolderObjectTests, PathRelativeToFolder) {
     elsewhere.makeFolder("a/b");
     const auto unrelated = DCIFolderObject::initWithPath(elsewhere.path().string(), nullptr, queries);
     EXPECT_EQ(c->pathRelativeToFolder(folderAt(unrelated, "a/b")), std::nullopt);
-    EXPECT_EQ(c->pathRelativeToFolder(unrelated), std::nullopt);
-}
-
-TEST_F(DCIFolderObjectTests, IdentityIsTheAbsolutePath) {
-    root.makeFolder("a/b");
-    const auto first = buildTree();
-    const auto second = buildTree();
-    EXPECT_NE(folderAt(first, "a"), folderAt(second, "a"));
-    EXPECT_TRUE(folderAt(first, "a")->isEqual(*folderAt(second, "a")));
-    EXPECT_EQ(folderAt(first, "a")->hash(), folderAt(second, "a")->hash());
-    EXPECT_FALSE(folderAt(first, "a")->isEqual(*folderAt(first, "a/b")));
-    EXPECT_TRUE(first->isEqual(*second));
 }
 
 TEST_F(DCIFolderObjectTests, SearchFindsTheNearestMatchFirst) {
-    root.writeFile("a/b/deep.wav", "abc");
-    root.writeFile("a/near.wav", "abc");
+    root.writeFiles({"a/b/deep.wav", "a/near.wav"});
     root.writeFile("z/unique.wav", "unique");
     const auto tree = buildTree();
 

@@ -1,14 +1,11 @@
 // `kestly manifest` run as a program: what reaches the terminal, and its exit statuses. The
 // program is looked for where the build puts it beside the tests; a build without it skips.
 
+#include "support/KestlyProgram.h"
 #include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,24 +18,11 @@ constexpr const char* kHostileManifest = R"({"creator_id": 1, "path": "P", "user
     "name": "\u001b]0;title\u0007\u001b[31mred\\x41", "files": {"samples": [{"path": "P/a\nsamples  1  -  -  x.wav",
     "file_hash": "", "file_size": 1, "url": "u", "sas_id": "\u202eevil\u0085"}]}})";
 
-// Standard output and exit status of kestly with `arguments`, a shell command line's tail.
-std::pair<std::string, int> kestly(const std::string& arguments) {
-    const auto build = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
-    const std::string program = (build / "tools/kestly/kestly").string();
-    FILE* pipe = popen(("'" + program + "' " + arguments + " 2>/dev/null").c_str(), "r");
-    if (!pipe) return {"", -1};
-    std::string output;
-    char buffer[4096];
-    while (const size_t count = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, count);
-    const int status = pclose(pipe);
-    return {output, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
-}
-
 TEST(DCIManifestV2ProjectCommandTests, TheTableEscapesAndTheExitStatusesHoldTheirWord) {
-    if (kestly("--version").second != 0) GTEST_SKIP() << "kestly is not built beside the tests";
+    if (runKestly("--version").status != 0) GTEST_SKIP() << "kestly is not built beside the tests";
     TemporaryDirectory folder;
     const std::string file = "'" + folder.writeFile("m.json", kHostileManifest) + "'";
-    const auto [table, status] = kestly("manifest " + file);
+    const auto [status, table] = runKestly("manifest " + file + " 2>/dev/null");
     ASSERT_EQ(status, 0);
     EXPECT_NE(table.find("name               \\u{1B}]0;title\\u{7}\\u{1B}[31mred\\\\x41\n"), std::string::npos);
     EXPECT_NE(table.find("  \\u{202E}evil\\u{85}  a\\u{A}samples  1  -  -  x.wav\n1 file\n"), std::string::npos);
@@ -50,7 +34,9 @@ TEST(DCIManifestV2ProjectCommandTests, TheTableEscapesAndTheExitStatusesHoldThei
         {"manifest /dev/zero", 2},
         {"manifest " + file + " >/dev/full", 2},
     };
-    for (const auto& [arguments, expected] : runs) EXPECT_EQ(kestly(arguments).second, expected) << arguments;
+    for (const auto& [arguments, expected] : runs) {
+        EXPECT_EQ(runKestly(arguments + " 2>/dev/null").status, expected) << arguments;
+    }
 }
 
 }  // namespace

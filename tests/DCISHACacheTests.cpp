@@ -1,8 +1,8 @@
 #include "CoreKestly/FileSystem/DCISHACache.h"
 
-#include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
 #include "CoreKestly/Platform/DCISQLiteDatabaseInternal.h"
+#include "support/LogReading.h"
 #include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -34,20 +34,10 @@ namespace {
 // An arbitrary whole second to give files, well away from the time the test runs.
 constexpr time_t kSomeSecond = 1'600'000'000;
 
-void setModificationTime(const std::string& path, time_t seconds, long nanoseconds = 0) {
-    const timespec times[2] = {{0, UTIME_OMIT}, {seconds, nanoseconds}};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
 DCIDate dateAt(time_t seconds) { return DCIDate::dateWithSecondsSince1970(seconds); }
 
 // A regular file whose reading fails at once: the first page of the address space is never mapped.
 constexpr const char* kUnhashableFile = "/proc/self/mem";
-
-std::string logSoFar() {
-    DCLogger::sharedLogger().flush();
-    return readWholeFile(DCLogger::sharedLogger().currentLogFileURL());
-}
 
 // The cache file's rows, read behind the cache's back: path → sasID.
 std::map<std::string, std::string> storedSasIDs(const std::string& cachePath) {
@@ -88,18 +78,21 @@ protected:
 
 TEST_F(SHACacheTest, AnswersFromItsRecordWhileTheModificationTimeIsUnchanged) {
     const std::string path = folder.writeFile("a.wav", "first content");
-    setModificationTime(path, kSomeSecond);
     auto cache = makeCache();
-
-    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
-    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
-    EXPECT_EQ(cache->SHAForFileEco(path), KSTSha256ForFileAtPath(path));
+    const auto record = cache->recordForFile(path);
+    ASSERT_TRUE(record);
+    EXPECT_EQ(record->sha, KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(record->answeredSasID(), "sas:a.wav");
+    EXPECT_EQ(cache->recordForFile(path), record);
+    EXPECT_EQ(cache->SHAForFile(path), record->sha);
+    EXPECT_EQ(cache->SHAForFileEco(path), record->sha);
     EXPECT_EQ(cache->SasIDForFile(path), "sas:a.wav");
     EXPECT_EQ(calculatorCalls, 1);
 
     folder.writeFile("a.wav", "second content");
-    setModificationTime(path, kSomeSecond + 1);
+    setModificationTime(path, kSomeSecond);
     EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
+    EXPECT_EQ(cache->recordForFile(path)->stamp.mdate, dateAt(kSomeSecond));
     EXPECT_EQ(calculatorCalls, 2);
 }
 
@@ -166,8 +159,9 @@ TEST_F(SHACacheTest, StoresAnEmptySasIDWhenThereIsNoAnswer) {
 TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
     const std::string path = kUnhashableFile;
     auto cache = makeCache();
+    LogSince log;
     EXPECT_FALSE(cache->SHAForFile(path));
-    EXPECT_NE(logSoFar().find("Unable to calcualate SHA for " + path), std::string::npos);
+    EXPECT_TRUE(log.has("Unable to calcualate SHA for " + path));
     ASSERT_EQ(cache->shaCache().count(path), 1u);
     EXPECT_FALSE(cache->shaCache().at(path).sha);
 
@@ -175,33 +169,8 @@ TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
     EXPECT_EQ(cache->SasIDForFile(path), "sas:mem");
     EXPECT_EQ(calculatorCalls, 1);
     EXPECT_FALSE(cache->SHAForFile(path));
-    EXPECT_EQ(calculatorCalls, 2);
-}
-
-TEST_F(SHACacheTest, RecordForFileAnswersAsTheHashLookupThenTheSasIDLookup) {
-    const std::string path = folder.writeFile("a.wav", "content");
-    auto cache = makeCache();
-    const auto record = cache->recordForFile(path);
-    ASSERT_TRUE(record);
-    EXPECT_EQ(record->sha, KSTSha256ForFileAtPath(path));
-    EXPECT_EQ(record->answeredSasID(), "sas:a.wav");
-    EXPECT_EQ(cache->recordForFile(path), record);
-    EXPECT_EQ(cache->SHAForFile(path), record->sha);
-    EXPECT_EQ(cache->SasIDForFile(path), record->answeredSasID());
-    EXPECT_EQ(calculatorCalls, 1);
-
-    setModificationTime(path, kSomeSecond);
-    EXPECT_EQ(cache->recordForFile(path)->stamp.mdate, dateAt(kSomeSecond));
-    EXPECT_EQ(calculatorCalls, 2);
-
-    // A record without a hash is a miss here as for the hash lookup.
-    EXPECT_FALSE(cache->recordForFile(kUnhashableFile)->sha);
-    EXPECT_FALSE(cache->recordForFile(kUnhashableFile)->sha);
-    EXPECT_EQ(calculatorCalls, 4);
-
-    EXPECT_FALSE(cache->recordForFile(folder / "missing"));
-    auto withoutCalculator = DCISHACache::initWithCachePath(cachePath + "-2", nullptr);
-    EXPECT_EQ(withoutCalculator->recordForFile(path)->answeredSasID(), std::nullopt);
+    EXPECT_FALSE(cache->recordForFile(path)->sha);
+    EXPECT_EQ(calculatorCalls, 3);
 }
 
 TEST_F(SHACacheTest, PersistWritesOnlyWhatChanged) {
@@ -265,15 +234,12 @@ TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
     EXPECT_EQ(storedSasIDs(cachePath), (std::map<std::string, std::string>{{kept, "sas:kept.wav"}}));
 }
 
-TEST_F(SHACacheTest, WritesUnsavedChangesWhenDestroyed) {
-    const std::string path = folder.writeFile("a.wav", "content");
-    makeCache()->SHAForFile(path);
-    EXPECT_EQ(makeCache()->shaCache().count(path), 1u);
-}
-
-TEST_F(SHACacheTest, ReloadSeesTheWritesScheduledBeforeIt) {
+TEST_F(SHACacheTest, WritesUnsavedChangesWhenDestroyedAndReloadSeesTheWritesScheduledBeforeIt) {
     std::vector<std::string> paths;
     for (int i = 0; i < 200; ++i) paths.push_back(folder.writeFile("f" + std::to_string(i), std::to_string(i)));
+    makeCache()->SHAForFile(paths[0]);
+    EXPECT_EQ(makeCache()->shaCache().count(paths[0]), 1u);
+
     auto cache = makeCache();
     for (const auto& path : paths) cache->SHAForFile(path);
     cache->persist();
@@ -282,10 +248,33 @@ TEST_F(SHACacheTest, ReloadSeesTheWritesScheduledBeforeIt) {
     EXPECT_FALSE(cache->dirty());
 }
 
+// A write the file refuses leaves the paths unsaved, so the next persist writes them.
+TEST_F(SHACacheTest, AFailedWriteKeepsItsPathsForTheNextPersist) {
+    const std::string path = folder.writeFile("a.wav", "content");
+    auto cache = makeCache();
+    std::string failure;
+    auto other = DCISQLiteDatabase::open(cachePath, failure);
+    ASSERT_TRUE(other->execute("CREATE TRIGGER refuse BEFORE INSERT ON records BEGIN SELECT RAISE(ABORT, 'no'); END"));
+    cache->SHAForFile(path);
+    LogSince log;
+    cache->persist();
+    cache->waitUntilPersisted();
+    EXPECT_NE(log.text().find("Unable to write SHA cache " + cachePath), std::string::npos);
+    EXPECT_TRUE(cache->dirty());
+    EXPECT_TRUE(storedSasIDs(cachePath).empty());
+
+    ASSERT_TRUE(other->execute("DROP TRIGGER refuse"));
+    cache->persist();
+    cache->waitUntilPersisted();
+    EXPECT_FALSE(cache->dirty());
+    EXPECT_EQ(storedSasIDs(cachePath), (std::map<std::string, std::string>{{path, "sas:a.wav"}}));
+}
+
 TEST_F(SHACacheTest, WorksInMemoryWhenItsFileCannotBeMade) {
     const std::string path = folder.writeFile("a.wav", "content");
+    LogSince log;
     auto cache = DCISHACache::initWithCachePath(folder / "no such folder/sha.cache", countingCalculator());
-    EXPECT_NE(logSoFar().find("caching in memory only"), std::string::npos);
+    EXPECT_NE(log.text().find("caching in memory only"), std::string::npos);
     EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
     EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
     EXPECT_EQ(calculatorCalls, 1);
@@ -302,22 +291,28 @@ struct UnusableFile {
 
 class UnusableCacheFileTest : public SHACacheTest, public ::testing::WithParamInterface<UnusableFile> {};
 
-TEST_P(UnusableCacheFileTest, IsSetAsideAndReplacedByAnEmptyCache) {
+TEST_P(UnusableCacheFileTest, IsSetAsideWithItsJournalAndReplacedByAnEmptyCache) {
     GetParam().make(cachePath);
     const std::string original = readWholeFile(cachePath);
+    // A journal beside the file belongs to it, not to the cache that takes its place; an empty
+    // one is one that SQLite leaves alone.
+    std::ofstream(cachePath + "-journal").flush();
     const std::string path = folder.writeFile("a.wav", "content");
 
+    LogSince log;
     auto cache = makeCache();
     EXPECT_TRUE(cache->shaCache().empty());
     const auto asideFiles = setAsideFiles(folder);
-    ASSERT_EQ(asideFiles.size(), 1u);
-    EXPECT_EQ(readWholeFile(asideFiles[0]), original) << "nothing of the user's is lost";
-    EXPECT_NE(logSoFar().find("SHA cache " + cachePath + " could not be used"), std::string::npos);
+    ASSERT_EQ(asideFiles.size(), 2u);
+    const std::string aside = std::min(asideFiles[0], asideFiles[1]);
+    EXPECT_EQ(readWholeFile(aside), original) << "nothing of the user's is lost";
+    EXPECT_TRUE(std::filesystem::exists(aside + "-journal"));
+    EXPECT_NE(log.text().find("SHA cache " + cachePath + " could not be used"), std::string::npos);
 
     EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
     cache.reset();
     EXPECT_EQ(makeCache()->shaCache().count(path), 1u);
-    EXPECT_EQ(setAsideFiles(folder).size(), 1u);
+    EXPECT_EQ(setAsideFiles(folder).size(), 2u);
 }
 
 void writeText(const std::string& path) {
@@ -358,8 +353,9 @@ TEST_F(SHACacheTest, ACacheFileOfTheEarlierFormatIsEmptiedInPlaceAndRefilled) {
     ASSERT_TRUE(DCISQLiteDatabase::open(cachePath, failure)->execute(
         "PRAGMA application_id = 1263749187; CREATE TABLE records (path TEXT PRIMARY KEY, mdate INTEGER, sha TEXT, "
         "sasID TEXT); INSERT INTO records VALUES ('" + path + "', " + std::to_string(time(nullptr)) + ", 'old', '')"));
+    LogSince log;
     EXPECT_TRUE(makeCache()->shaCache().empty());
-    EXPECT_NE(logSoFar().find("SHA cache " + cachePath + " was of an earlier format"), std::string::npos);
+    EXPECT_NE(log.text().find("SHA cache " + cachePath + " was of an earlier format"), std::string::npos);
     EXPECT_TRUE(setAsideFiles(folder).empty());
     makeCache()->SHAForFile(path);
     EXPECT_EQ(makeCache()->shaCache().at(path).sha, KSTSha256ForFileAtPath(path));

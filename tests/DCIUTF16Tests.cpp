@@ -10,13 +10,11 @@ namespace {
 
 TEST(DCIUTF16Tests, LengthCountsUTF16CodeUnits) {
     const std::vector<std::pair<std::string, size_t>> rows = {
-        {"", 0},
-        {"Beat Project", 12},
+        {"", 0}, {"Beat Project", 12},
         {"Bëat Prøject", 12},           // two-byte characters: one unit each
         {"ビート", 3},                  // three-byte characters: one unit each
         {"🎵", 2},                      // beyond the Basic Multilingual Plane: a surrogate pair
-        {"a🎵b", 4},
-        {std::string("a\0b", 3), 3},
+        {"a🎵b", 4}, {std::string("a\0b", 3), 3},
     };
     for (const auto& [text, units] : rows) EXPECT_EQ(DCIUTF16Length(text), units) << text;
 }

@@ -55,9 +55,7 @@ TEST(DCIValue, EqualityIsByValueAndObjectsByIdentity) {
 
 TEST(DCIDictionary, DescriptionQuotesOnlyWhatIsNotAPlainWord) {
     const DCIDictionary dictionary{
-        {"sourcePath", "/Samples/kick.wav"},
-        {"destPath", "/Samples/My Kicks/kick \"1\".wav"},
-        {"statusCode", 404},
+        {"sourcePath", "/Samples/kick.wav"}, {"destPath", "/Samples/My Kicks/kick \"1\".wav"}, {"statusCode", 404},
         {"empty", ""},
     };
     EXPECT_EQ(DCIDescription(dictionary),

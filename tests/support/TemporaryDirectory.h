@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <initializer_list>
 #include <string>
 
 /// A fresh folder under the system's temporary directory, removed with everything in it
@@ -18,6 +19,10 @@ public:
 
     /// Writes `contents` to `relative`, making the folders on the way.
     std::string writeFile(const std::string& relative, const std::string& contents) const;
+    /// Writes `contents` to each of `relatives`.
+    void writeFiles(std::initializer_list<std::string> relatives, const std::string& contents = "abc") const {
+        for (const auto& relative : relatives) writeFile(relative, contents);
+    }
     /// Makes the folder `relative` and its parents.
     std::string makeFolder(const std::string& relative) const;
 
@@ -41,3 +46,9 @@ private:
 
 /// The whole content of a file, or "" when it cannot be read.
 std::string readWholeFile(const std::string& path);
+
+/// Sets the modification time of `path`, following a link; fails the test when it cannot.
+void setModificationTime(const std::string& path, long long seconds, long nanoseconds = 0);
+
+/// The SHA-256 of "abc", as the library writes digests.
+inline constexpr const char* kSHA256OfABC = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";

@@ -26,9 +26,10 @@ std::atomic<bool> sendDownloadProgressEvents{true};
 std::atomic<uint64_t> downloaderCount{1};
 
 // The longest a worker runs its loop before it looks at its queue and its close flag again.
+// An idle worker is woken at once by an addition, a resume or `close`; the slice bounds the
+// wait for anything else that makes an action available, such as a queue resumed without
+// telling its observers.
 constexpr auto kLoopSlice = std::chrono::milliseconds(500);
-// An idle worker is woken by what it waits for; the limit only bounds a wait nobody ends.
-constexpr auto kIdleWait = std::chrono::hours(1);
 
 constexpr auto kProgressTickInterval = std::chrono::milliseconds(25);
 
@@ -137,7 +138,7 @@ void DCIDownloader::threadMain() {
             } else if (auto action = downloadQueue_->popNextAction()) {
                 processAction(action);
             } else {
-                loop.runUntil([&] { return woken || complete_.load(); }, kIdleWait);
+                loop.runUntil([&] { return woken || complete_.load(); }, kLoopSlice);
             }
         }
 

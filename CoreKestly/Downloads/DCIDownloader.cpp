@@ -116,39 +116,50 @@ void DCIDownloader::close() {
 
 void DCIDownloader::threadMain() {
     try {
-        DCIRunLoop& loop = DCIRunLoop::current();
-        // The handler runs on the main thread and uses the worker, which this thread keeps
-        // alive; the source goes before the thread ends, waiting out a handler under way.
-        progressSource_ = DCIRunLoop::main().addSignalSource([this] { handleProgress(); });
-        // An idle worker sleeps until its queue gets an action or resumes, or `close`.
-        bool woken = false;
-        const auto wake = std::shared_ptr<DCIRunLoopSource>(loop.addSignalSource([&woken] { woken = true; }));
-        wakeSource_.store(wake);
-        const auto additions = downloadQueue_->addAdditionObserver([wake] { wake->signal(); });
-        const auto resumes = downloadQueue_->addPausedObserver([wake](bool isPrior, bool) {
-            if (!isPrior) wake->signal();
-        });
-        postWorkerEvent(DCIEventTypeDownloaderStarted, shared_from_this());
-
-        while (!complete_.load() || currentAction_.load()) {
-            woken = false;
-            if (currentAction_.load()) {
-                // The slice ends as soon as the action does, so the next one starts at once.
-                loop.runUntil([this] { return !currentAction_.load(); }, kLoopSlice);
-            } else if (auto action = downloadQueue_->popNextAction()) {
-                processAction(action);
-            } else {
-                loop.runUntil([&] { return woken || complete_.load(); }, kLoopSlice);
-            }
-        }
-
-        wakeSource_.store(nullptr);
-        postWorkerEvent(DCIEventTypeDownloaderStopped, shared_from_this());
-        progressSource_.reset();
+        serveQueue();
     } catch (const std::exception& error) {
         DCLogError("%@ stopped: %s", name_, error.what());
     } catch (...) {
         DCLogError("%@ stopped on an unknown exception", name_);
+    }
+    // However the loop ended, the host hears that the worker stopped and that the action it
+    // held failed; otherwise it would wait for them for ever.
+    wakeSource_.store(nullptr);
+    try {
+        if (currentAction_.load())
+            failCurrentAction(DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "the download worker stopped"));
+        postWorkerEvent(DCIEventTypeDownloaderStopped, shared_from_this());
+    } catch (...) {
+        DCLogError("%@ could not tell that it stopped", name_);
+    }
+    progressSource_.reset();
+}
+
+void DCIDownloader::serveQueue() {
+    DCIRunLoop& loop = DCIRunLoop::current();
+    // The handler runs on the main thread and uses the worker, which this thread keeps alive;
+    // the source goes before the thread ends, waiting out a handler under way.
+    progressSource_ = DCIRunLoop::main().addSignalSource([this] { handleProgress(); });
+    // An idle worker sleeps until its queue gets an action or resumes, or `close`.
+    bool woken = false;
+    const auto wake = std::shared_ptr<DCIRunLoopSource>(loop.addSignalSource([&woken] { woken = true; }));
+    wakeSource_.store(wake);
+    const auto additions = downloadQueue_->addAdditionObserver([wake] { wake->signal(); });
+    const auto resumes = downloadQueue_->addPausedObserver([wake](bool isPrior, bool) {
+        if (!isPrior) wake->signal();
+    });
+    postWorkerEvent(DCIEventTypeDownloaderStarted, shared_from_this());
+
+    while (!complete_.load() || currentAction_.load()) {
+        woken = false;
+        if (currentAction_.load()) {
+            // The slice ends as soon as the action does, so the next one starts at once.
+            loop.runUntil([this] { return !currentAction_.load(); }, kLoopSlice);
+        } else if (auto action = downloadQueue_->popNextAction()) {
+            processAction(action);
+        } else {
+            loop.runUntil([&] { return woken || complete_.load(); }, kLoopSlice);
+        }
     }
 }
 

@@ -92,6 +92,8 @@ private:
     DCIDownloader(std::shared_ptr<DCIActionQueue> queue, std::string name);
 
     void threadMain();
+    /// The worker's loop, from its start to `close`; `threadMain` ends the worker however it ends.
+    void serveQueue();
     void processAction(const std::shared_ptr<DCIAction>& action);
     void resetOnMainThread();
     void handleProgress();

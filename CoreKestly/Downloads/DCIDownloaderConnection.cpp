@@ -18,6 +18,9 @@ namespace {
 
 // A data download holds its body in memory; a server that sends more than this ends it.
 constexpr uint64_t kMaximumDataSize = uint64_t{512} << 20;
+// Room made up front for a stated length, which is only the server's word; a longer body
+// grows the buffer as it comes.
+constexpr uint64_t kLargestReservation = uint64_t{4} << 20;
 
 // "Kestly" error codes.
 constexpr int64_t kRefusedStatusErrorCode = 2;
@@ -43,6 +46,19 @@ bool writeWhole(int file, std::span<const uint8_t> bytes) {
         bytes = bytes.subspan(static_cast<size_t>(written));
     }
     return true;
+}
+
+// Runs `end`, the last step of an action, then lets the action go even when `end` throws, so
+// that the worker never holds an action that nothing will end.
+template <class End>
+void endThenReset(DCIDownloader& worker, End&& end) {
+    try {
+        end();
+    } catch (...) {
+        worker.reset();
+        throw;
+    }
+    worker.reset();
 }
 
 }  // namespace
@@ -114,8 +130,7 @@ void DCIDownloader::connection(DCIURLConnection&, const DCIURLResponse& didRecei
     }
     if (downloadFile_.load() < 0) {
         auto buffer = std::make_shared<std::vector<uint8_t>>();
-        // A stated length is a promise from the network: room is made for what a data download may hold at most.
-        buffer->reserve(static_cast<size_t>(std::min(totalDownloadSize_.load(), kMaximumDataSize)));
+        buffer->reserve(static_cast<size_t>(std::min(totalDownloadSize_.load(), kLargestReservation)));
         dataReceived_.store(std::move(buffer));
     }
 
@@ -154,19 +169,21 @@ void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didRe
 }
 
 void DCIDownloader::connection(DCIURLConnection&, const DCIError& didFailWithError) {
-    DCLogError("CONNECTION FAIL %@ (%@)", currentURL(), name_);
-    if (const auto action = currentAction_.load()) {
-        action->setContextObject(didFailWithError, kDCIError);
-        action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
-        action->changeStatus(DCIActionStatusFailed);
-    }
-    reset();
+    endThenReset(*this, [&] {
+        DCLogError("CONNECTION FAIL %@ (%@)", currentURL(), name_);
+        if (const auto action = currentAction_.load()) {
+            action->setContextObject(didFailWithError, kDCIError);
+            action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+            action->changeStatus(DCIActionStatusFailed);
+        }
+    });
 }
 
 void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
-    DCLogInfo("ACF CONNECTION END %@ (%@)", currentURL(), name_);
-    const auto action = currentAction_.load();
-    if (action && !isStoppedByHost(action->status())) {
+    endThenReset(*this, [&] {
+        DCLogInfo("ACF CONNECTION END %@ (%@)", currentURL(), name_);
+        const auto action = currentAction_.load();
+        if (!action || isStoppedByHost(action->status())) return;
         action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
         if (downloadFile_.load() < 0) {
             auto buffer = dataReceived_.load();
@@ -174,6 +191,5 @@ void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
                                      kDCIDownloaderDataKey);
         }
         action->changeStatus(DCIActionStatusCompleted);
-    }
-    reset();
+    });
 }

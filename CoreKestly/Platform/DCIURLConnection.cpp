@@ -260,6 +260,17 @@ bool Transfer::deliverResponseOnce() {
         [&](DCIURLConnectionDelegate& listener, DCIURLConnection& owner) { listener.connection(owner, response); });
 }
 
+void Transfer::tellEnd(const std::optional<DCIError>& failure) {
+    ended = true;
+    tellDelegate([&](DCIURLConnectionDelegate& listener, DCIURLConnection& owner) {
+        if (failure) {
+            listener.connection(owner, *failure);
+        } else {
+            listener.connectionDidFinishLoading(owner);
+        }
+    });
+}
+
 DCIError Transfer::errorForResult(CURLcode result) const {
     const std::string text = errorBuffer[0] ? std::string(errorBuffer) : std::string(curl_easy_strerror(result));
     return DCIError(kDCIURLErrorDomain, errorCodeForResult(result), text);

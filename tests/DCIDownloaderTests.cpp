@@ -256,6 +256,7 @@ TEST_F(DCIDownloaderTest, CloseLetsTheCurrentActionFinishAndLeavesTheQueuedOnes)
     ASSERT_TRUE(pumpMainLoopUntil([&] { return stopped(worker); }));
     EXPECT_EQ(running->status(), DCIActionStatusCompleted);
     EXPECT_EQ(contextValue(running, kDCIDownloaderDataKey)->data()->length(), 10'000u);
+    EXPECT_EQ(contextValue(running, kDCIDownloaderCurrentDownloadSizeKey)->uint64Value(), 10'000u);  // no length stated
     EXPECT_LT(eventIndex(12, worker), eventIndex(13, worker));
     EXPECT_EQ(queue->queue(), std::vector{waiting});
 }

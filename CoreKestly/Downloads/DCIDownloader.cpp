@@ -132,6 +132,7 @@ void DCIDownloader::threadMain() {
     } catch (...) {
         DCLogError("%@ could not tell that it stopped", name_);
     }
+    progressTimer_.reset();
     progressSource_.reset();
 }
 
@@ -199,6 +200,9 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
     }
 
     currentAction_.store(action);
+    // The first bytes of an action are signalled at once.
+    progressTimer_.reset();
+    lastProgressSignal_ = {};
     action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
     currentDownloadedSize_.store(0);
     totalDownloadSize_.store(0);
@@ -221,17 +225,32 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
 void DCIDownloader::addProgress(uint64_t bytes) {
     pendingProgress_.fetch_add(bytes);
     // The main thread is woken at most this often per worker, so that it handles a few dozen
-    // ticks a second at full speed rather than one per chunk; the bytes in between are summed.
+    // ticks a second at full speed rather than one per chunk; the bytes in between are summed,
+    // and signalled when the interval ends even if the stream stalls there.
     const auto now = std::chrono::steady_clock::now();
-    if (now - lastProgressSignal_ < kProgressTickInterval) return;
-    lastProgressSignal_ = now;
+    if (now - lastProgressSignal_ >= kProgressTickInterval) {
+        signalProgress();
+    } else if (!progressTimer_) {
+        progressTimer_ = DCIRunLoop::current().addTimer(lastProgressSignal_ + kProgressTickInterval - now, false,
+                                                        [this] { signalProgress(); });
+    }
+}
+
+void DCIDownloader::signalProgress() {
+    lastProgressSignal_ = std::chrono::steady_clock::now();
     progressSource_->signal();
+    progressTimer_.reset();  // last: this may be the timer's own callback
+}
+
+void DCIDownloader::flushProgress() {
+    if (pendingProgress_.load() != 0) DCIRunLoop::main().performSync([this] { handleProgress(); });
 }
 
 void DCIDownloader::handleProgress() {
     const uint64_t bytes = pendingProgress_.exchange(0);
     const auto action = currentAction_.load();
-    if (!action) return;
+    // A tick whose bytes were taken already, by a flush or a reset, has nothing to tell.
+    if (!action || bytes == 0) return;
     const uint64_t current = currentDownloadedSize_.fetch_add(bytes) + bytes;
     updateProgressOnAction(action, current, totalDownloadSize_.load());
     if (!sendDownloadProgressEvents.load()) return;

@@ -98,6 +98,9 @@ private:
     void resetOnMainThread();
     void handleProgress();
     void addProgress(uint64_t bytes);
+    void signalProgress();
+    /// Has the main thread count the bytes not yet taken, and waits for it.
+    void flushProgress();
 
     /// The cancel test: when the host cancelled or paused the action, stops the request and
     /// resets. Answers whether the callback must end there.
@@ -126,6 +129,8 @@ private:
     std::chrono::steady_clock::time_point lastProgressSignal_;
     /// On the main loop; made and released by the worker's thread, which alone signals it.
     std::unique_ptr<DCIRunLoopSource> progressSource_;
+    /// On the worker's loop, while bytes wait for the tick interval to end; that thread only.
+    std::unique_ptr<DCIRunLoopSource> progressTimer_;
     /// On the worker's loop; `close` signals it to end an idle wait at once.
     DCIAtomicSharedPtr<DCIRunLoopSource> wakeSource_;
 };

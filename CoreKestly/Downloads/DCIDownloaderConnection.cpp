@@ -190,6 +190,8 @@ void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
             action->setContextObject(DCIValue(DCIData(buffer ? std::move(*buffer) : std::vector<uint8_t>())),
                                      kDCIDownloaderDataKey);
         }
+        // The last count the Running action shows is the whole, also when no length was stated.
+        flushProgress();
         action->changeStatus(DCIActionStatusCompleted);
     });
 }

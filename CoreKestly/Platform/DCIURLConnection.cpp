@@ -51,6 +51,10 @@ size_t receiveHeader(char* bytes, size_t size, size_t count, void* userData) {
     if (line.starts_with("HTTP/")) {
         transfer.responseHeaders.clear();
         transfer.responseHeaderBytes = 0;
+    } else if (line == "\r\n" || line == "\n") {
+        // The response goes out as soon as its head is complete, so that its status is judged
+        // even when no body follows in time.
+        if (transfer.isFinalHead() && !transfer.deliverResponseOnce()) return 0;
     } else if (const auto colon = line.find(':');
                colon != std::string_view::npos && transfer.responseHeaderBytes + line.size() <= kMaximumHeaderBytes) {
         transfer.responseHeaderBytes += line.size();
@@ -269,6 +273,17 @@ void Transfer::tellEnd(const std::optional<DCIError>& failure) {
             listener.connectionDidFinishLoading(owner);
         }
     });
+}
+
+bool Transfer::isFinalHead() const {
+    long statusCode = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &statusCode);
+    // No code yet is a proxy's answer to CONNECT; 1xx heads come before the response.
+    if (statusCode < 200) return false;
+    // libcurl follows a redirect that says where to: its head is not the response. One that is
+    // not followed after all (too many) ends in a failure, or is handed over at the end.
+    const bool isRedirect = statusCode >= 300 && statusCode < 400 && statusCode != 304;
+    return !isRedirect || !DCIHeaderFieldValue(responseHeaders, "Location");
 }
 
 DCIError Transfer::errorForResult(CURLcode result) const {

@@ -39,6 +39,9 @@ struct DCIURLConnection::Transfer {
     /// Hands over the response once, flushing the upload count first so that body-sent steps
     /// always come before it.
     bool deliverResponseOnce();
+    /// Whether the head just completed is the response's own rather than one libcurl goes past
+    /// (1xx, a proxy's, a redirect it follows).
+    bool isFinalHead() const;
     bool reportUploadProgress(int64_t totalSent);
     /// The error for libcurl's `result`, or for a body that could not be read.
     DCIError errorForResult(CURLcode result) const;

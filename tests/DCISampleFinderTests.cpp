@@ -100,8 +100,8 @@ protected:
 };
 
 TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritics) {
-    for (const char* name :
-         {"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav", "a808.mp3", "b808.mp3", "z/808.mp3"})
+    for (const char* name : {"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav",
+                             "a808.mp3", "b808.mp3", "z/808.mp3"})
         tree.writeFile(name, "");
     const struct {
         std::string name;

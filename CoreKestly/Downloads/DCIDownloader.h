@@ -105,7 +105,7 @@ private:
     /// The cancel test: when the host cancelled or paused the action, stops the request and
     /// resets. Answers whether the callback must end there.
     bool stopsForHost();
-    /// Ends the current action Failed with `error`, the connection cancelled.
+    /// Ends the current action Failed with `error`, logged, the connection cancelled.
     void failCurrentAction(const DCIError& error);
     /// Logs a progress line when more than a second has passed since the last one.
     void logProgressOncePerSecond(const char* format, uint64_t count, uint64_t total);

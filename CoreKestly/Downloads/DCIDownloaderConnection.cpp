@@ -38,14 +38,16 @@ bool isUsableTag(std::string_view tag) {
 
 bool isStoppedByHost(int64_t status) { return status == DCIActionStatusCanceled || status == DCIActionStatusPaused; }
 
-bool writeWhole(int file, std::span<const uint8_t> bytes) {
+// 0, or the errno of the write that failed, taken before anything else can change it.
+int writeWhole(int file, std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
         const ssize_t written = write(file, bytes.data(), bytes.size());
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
+        if (written < 0) return errno;
+        if (written == 0) return EIO;
         bytes = bytes.subspan(static_cast<size_t>(written));
     }
-    return true;
+    return 0;
 }
 
 // Runs `end`, the last step of an action, then lets the action go even when `end` throws, so
@@ -79,6 +81,7 @@ bool DCIDownloader::stopsForHost() {
 }
 
 void DCIDownloader::failCurrentAction(const DCIError& error) {
+    DCLogError("%@ Failed download of %@ with error %@", name_, currentURL(), error);
     const auto action = currentAction_.load();
     if (action) {
         action->setContextObject(error, kDCIError);
@@ -151,9 +154,9 @@ void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didRe
     addProgress(didReceiveData.size());
 
     if (const int file = downloadFile_.load(); file >= 0) {
-        if (!writeWhole(file, didReceiveData)) {
+        if (const int error = writeWhole(file, didReceiveData); error != 0) {
             const auto path = currentAction_.load()->contextObjectForKey(kDCIDownloaderFilePathKey);
-            failCurrentAction(DCIError::posixError(errno, "write " + (path ? path->description() : std::string())));
+            failCurrentAction(DCIError::posixError(error, "write " + (path ? path->description() : std::string())));
         }
         return;
     }

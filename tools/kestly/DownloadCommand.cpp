@@ -192,6 +192,7 @@ private:
                 {"error", error && error->error() ? ordered_json(error->error()->localizedDescription())
                                                   : ordered_json(nullptr)},
             });
+            item.action->removeContextObjectForKey(kDCIDownloaderDataKey);  // its size is all the line tells
         } else {
             if (!completed) {
                 const auto error = action.contextObjectForKey(kDCIError);

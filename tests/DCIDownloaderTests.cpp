@@ -65,8 +65,8 @@ protected:
     }
 
     // /reply?status=&size=[&etag=] answers `size` bytes; /drop hangs up after 4,000 of 10,000;
-    // /stall answers after 3 s; /slow?chunks= sends 1,000 bytes every 20 ms; /pair answers
-    // "together" once two requests are in at the same time.
+    // /stall answers after 3 s; /head sends a 500 head, then nothing for 3 s; /slow?chunks=
+    // sends 1,000 bytes every 20 ms; /pair answers "together" once two requests are in at once.
     LoopbackHTTPServer server{[this](httplib::Server& http, LoopbackHTTPServer& self) {
         const auto reply = [](const httplib::Request& request, httplib::Response& response) {
             response.status = std::stoi(request.get_param_value("status"));
@@ -84,6 +84,14 @@ protected:
         http.Get("/stall", [&self](const httplib::Request&, httplib::Response& response) {
             self.pause(3s);
             response.set_content("late", "text/plain");
+        });
+        http.Get("/head", [&self](const httplib::Request&, httplib::Response& response) {
+            response.status = 500;
+            response.set_chunked_content_provider("text/plain", [&self](size_t, httplib::DataSink& sink) {
+                self.pause(3s);
+                sink.done();
+                return true;
+            });
         });
         http.Get("/slow", [&self](const httplib::Request& request, httplib::Response& response) {
             const size_t chunks = std::stoul(request.get_param_value("chunks"));
@@ -152,6 +160,8 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
          std::nullopt, DCIError(kDCIURLErrorDomain, DCIURLErrorNetworkConnectionLost, ""), 0, 60},
         {"full disk", "/reply?status=200&size=1000", "/dev/full", DCIActionStatusFailed, 200, std::nullopt, 0, 1000,
          std::nullopt, DCIError(kDCIPOSIXErrorDomain, ENOSPC, ""), 0, 60},
+        {"500 head, then nothing", "/head", nullptr, DCIActionStatusFailed, 500, std::nullopt, 0, 0, std::nullopt,
+         DCIError("Kestly", 2, ""), 0, 1},
         {"time-out", "/stall", nullptr, DCIActionStatusFailed, std::nullopt, std::nullopt, 0, 0, std::nullopt,
          DCIError(kDCIURLErrorDomain, DCIURLErrorTimedOut, ""), 0, 1},
         {"missing folder", "/reply?status=200&size=10", "missing/out", DCIActionStatusFailed, std::nullopt,
@@ -258,6 +268,7 @@ TEST_F(DCIDownloaderTest, CloseLetsTheCurrentActionFinishAndLeavesTheQueuedOnes)
     ASSERT_TRUE(pumpMainLoopUntil([&] { return stopped(worker); }));
     EXPECT_EQ(running->status(), DCIActionStatusCompleted);
     EXPECT_EQ(contextValue(running, kDCIDownloaderDataKey)->data()->length(), 10'000u);
+    EXPECT_EQ(contextValue(running, kDCIDownloaderCurrentDownloadSizeKey)->uint64Value(), 10'000u);  // no length stated
     EXPECT_LT(eventIndex(12, worker), eventIndex(13, worker));
     EXPECT_EQ(queue->queue(), std::vector{waiting});
 }

@@ -100,7 +100,8 @@ protected:
 };
 
 TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritics) {
-    for (const char* name : {"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav"})
+    for (const char* name : {"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav",
+                             "a808.mp3", "b808.mp3", "z/808.mp3"})
         tree.writeFile(name, "");
     const struct {
         std::string name;
@@ -114,12 +115,19 @@ TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritic
         {"*.AIF", {"sub/Kick 01.aif"}},
         {"[x].wav", {"[x].wav"}},  // glob characters stand for themselves
         {"sub", {"sub"}},
+        {"808.mp3", {"z/808.mp3"}},  // names that hold it are no hits, and use up no room
     };
-    for (const auto backend : {DCIMetadataQueryBackend::locateDatabase, DCIMetadataQueryBackend::folderScan}) {
-        const auto settings = settingsFor(backend);
+    const std::string link = folder / "link";  // a scanned folder reached through a link
+    std::filesystem::create_directory_symlink(tree.path(), link);
+    for (const auto& [backend, root] : {std::pair{DCIMetadataQueryBackend::locateDatabase, tree.path().string()},
+                                        {DCIMetadataQueryBackend::folderScan, tree.path().string()},
+                                        {DCIMetadataQueryBackend::folderScan, link}}) {
+        auto settings = settingsFor(backend);
+        settings.maximumResults = 2;
+        settings.scanFolders = {root};
         for (const auto& test : cases) {
             std::vector<std::string> expected;
-            for (const auto& relative : test.found) expected.push_back(tree / relative);
+            for (const auto& relative : test.found) expected.push_back(root + "/" + relative);
             EXPECT_EQ(candidates(settings, test.name), expected) << test.name << " backend " << int(backend);
         }
     }

@@ -40,6 +40,7 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         {"404 is no success", "--json {}/a.txt {}/missing", 1, "Completed 200 5\nCompleted 404 0\n"},
         {"-o with two URLs", "-o out {}/a.txt {}/b.txt", 2, ""},
         {"malformed header", "-H nocolon {}/a.txt", 2, ""},
+        {"method that is no token", "--json -X 'GET /b.txt HTTP/1.1' {}/a.txt", 1, "Failed null 0\n"},
     };
     for (const auto& invocation : invocations) {
         SCOPED_TRACE(invocation.name);

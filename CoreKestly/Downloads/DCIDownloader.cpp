@@ -26,9 +26,10 @@ std::atomic<bool> sendDownloadProgressEvents{true};
 std::atomic<uint64_t> downloaderCount{1};
 
 // The longest a worker runs its loop before it looks at its queue and its close flag again.
+// An idle worker is woken at once by an addition, a resume or `close`; the slice bounds the
+// wait for anything else that makes an action available, such as a queue resumed without
+// telling its observers.
 constexpr auto kLoopSlice = std::chrono::milliseconds(500);
-// An idle worker is woken by what it waits for; the limit only bounds a wait nobody ends.
-constexpr auto kIdleWait = std::chrono::hours(1);
 
 constexpr auto kProgressTickInterval = std::chrono::milliseconds(25);
 
@@ -115,39 +116,51 @@ void DCIDownloader::close() {
 
 void DCIDownloader::threadMain() {
     try {
-        DCIRunLoop& loop = DCIRunLoop::current();
-        // The handler runs on the main thread and uses the worker, which this thread keeps
-        // alive; the source goes before the thread ends, waiting out a handler under way.
-        progressSource_ = DCIRunLoop::main().addSignalSource([this] { handleProgress(); });
-        // An idle worker sleeps until its queue gets an action or resumes, or `close`.
-        bool woken = false;
-        const auto wake = std::shared_ptr<DCIRunLoopSource>(loop.addSignalSource([&woken] { woken = true; }));
-        wakeSource_.store(wake);
-        const auto additions = downloadQueue_->addAdditionObserver([wake] { wake->signal(); });
-        const auto resumes = downloadQueue_->addPausedObserver([wake](bool isPrior, bool) {
-            if (!isPrior) wake->signal();
-        });
-        postWorkerEvent(DCIEventTypeDownloaderStarted, shared_from_this());
-
-        while (!complete_.load() || currentAction_.load()) {
-            woken = false;
-            if (currentAction_.load()) {
-                // The slice ends as soon as the action does, so the next one starts at once.
-                loop.runUntil([this] { return !currentAction_.load(); }, kLoopSlice);
-            } else if (auto action = downloadQueue_->popNextAction()) {
-                processAction(action);
-            } else {
-                loop.runUntil([&] { return woken || complete_.load(); }, kIdleWait);
-            }
-        }
-
-        wakeSource_.store(nullptr);
-        postWorkerEvent(DCIEventTypeDownloaderStopped, shared_from_this());
-        progressSource_.reset();
+        serveQueue();
     } catch (const std::exception& error) {
         DCLogError("%@ stopped: %s", name_, error.what());
     } catch (...) {
         DCLogError("%@ stopped on an unknown exception", name_);
+    }
+    // However the loop ended, the host hears that the worker stopped and that the action it
+    // held failed; otherwise it would wait for them for ever.
+    wakeSource_.store(nullptr);
+    try {
+        if (currentAction_.load())
+            failCurrentAction(DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "the download worker stopped"));
+        postWorkerEvent(DCIEventTypeDownloaderStopped, shared_from_this());
+    } catch (...) {
+        DCLogError("%@ could not tell that it stopped", name_);
+    }
+    progressTimer_.reset();
+    progressSource_.reset();
+}
+
+void DCIDownloader::serveQueue() {
+    DCIRunLoop& loop = DCIRunLoop::current();
+    // The handler runs on the main thread and uses the worker, which this thread keeps alive;
+    // the source goes before the thread ends, waiting out a handler under way.
+    progressSource_ = DCIRunLoop::main().addSignalSource([this] { handleProgress(); });
+    // An idle worker sleeps until its queue gets an action or resumes, or `close`.
+    bool woken = false;
+    const auto wake = std::shared_ptr<DCIRunLoopSource>(loop.addSignalSource([&woken] { woken = true; }));
+    wakeSource_.store(wake);
+    const auto additions = downloadQueue_->addAdditionObserver([wake] { wake->signal(); });
+    const auto resumes = downloadQueue_->addPausedObserver([wake](bool isPrior, bool) {
+        if (!isPrior) wake->signal();
+    });
+    postWorkerEvent(DCIEventTypeDownloaderStarted, shared_from_this());
+
+    while (!complete_.load() || currentAction_.load()) {
+        woken = false;
+        if (currentAction_.load()) {
+            // The slice ends as soon as the action does, so the next one starts at once.
+            loop.runUntil([this] { return !currentAction_.load(); }, kLoopSlice);
+        } else if (auto action = downloadQueue_->popNextAction()) {
+            processAction(action);
+        } else {
+            loop.runUntil([&] { return woken || complete_.load(); }, kLoopSlice);
+        }
     }
 }
 
@@ -187,6 +200,9 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
     }
 
     currentAction_.store(action);
+    // The first bytes of an action are signalled at once.
+    progressTimer_.reset();
+    lastProgressSignal_ = {};
     action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
     currentDownloadedSize_.store(0);
     totalDownloadSize_.store(0);
@@ -209,17 +225,32 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
 void DCIDownloader::addProgress(uint64_t bytes) {
     pendingProgress_.fetch_add(bytes);
     // The main thread is woken at most this often per worker, so that it handles a few dozen
-    // ticks a second at full speed rather than one per chunk; the bytes in between are summed.
+    // ticks a second at full speed rather than one per chunk; the bytes in between are summed,
+    // and signalled when the interval ends even if the stream stalls there.
     const auto now = std::chrono::steady_clock::now();
-    if (now - lastProgressSignal_ < kProgressTickInterval) return;
-    lastProgressSignal_ = now;
+    if (now - lastProgressSignal_ >= kProgressTickInterval) {
+        signalProgress();
+    } else if (!progressTimer_) {
+        progressTimer_ = DCIRunLoop::current().addTimer(lastProgressSignal_ + kProgressTickInterval - now, false,
+                                                        [this] { signalProgress(); });
+    }
+}
+
+void DCIDownloader::signalProgress() {
+    lastProgressSignal_ = std::chrono::steady_clock::now();
     progressSource_->signal();
+    progressTimer_.reset();  // last: this may be the timer's own callback
+}
+
+void DCIDownloader::flushProgress() {
+    if (pendingProgress_.load() != 0) DCIRunLoop::main().performSync([this] { handleProgress(); });
 }
 
 void DCIDownloader::handleProgress() {
     const uint64_t bytes = pendingProgress_.exchange(0);
     const auto action = currentAction_.load();
-    if (!action) return;
+    // A tick whose bytes were taken already, by a flush or a reset, has nothing to tell.
+    if (!action || bytes == 0) return;
     const uint64_t current = currentDownloadedSize_.fetch_add(bytes) + bytes;
     updateProgressOnAction(action, current, totalDownloadSize_.load());
     if (!sendDownloadProgressEvents.load()) return;

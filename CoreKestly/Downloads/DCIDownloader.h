@@ -92,15 +92,20 @@ private:
     DCIDownloader(std::shared_ptr<DCIActionQueue> queue, std::string name);
 
     void threadMain();
+    /// The worker's loop, from its start to `close`; `threadMain` ends the worker however it ends.
+    void serveQueue();
     void processAction(const std::shared_ptr<DCIAction>& action);
     void resetOnMainThread();
     void handleProgress();
     void addProgress(uint64_t bytes);
+    void signalProgress();
+    /// Has the main thread count the bytes not yet taken, and waits for it.
+    void flushProgress();
 
     /// The cancel test: when the host cancelled or paused the action, stops the request and
     /// resets. Answers whether the callback must end there.
     bool stopsForHost();
-    /// Ends the current action Failed with `error`, the connection cancelled.
+    /// Ends the current action Failed with `error`, logged, the connection cancelled.
     void failCurrentAction(const DCIError& error);
     /// Logs a progress line when more than a second has passed since the last one.
     void logProgressOncePerSecond(const char* format, uint64_t count, uint64_t total);
@@ -124,6 +129,8 @@ private:
     std::chrono::steady_clock::time_point lastProgressSignal_;
     /// On the main loop; made and released by the worker's thread, which alone signals it.
     std::unique_ptr<DCIRunLoopSource> progressSource_;
+    /// On the worker's loop, while bytes wait for the tick interval to end; that thread only.
+    std::unique_ptr<DCIRunLoopSource> progressTimer_;
     /// On the worker's loop; `close` signals it to end an idle wait at once.
     DCIAtomicSharedPtr<DCIRunLoopSource> wakeSource_;
 };

@@ -18,6 +18,9 @@ namespace {
 
 // A data download holds its body in memory; a server that sends more than this ends it.
 constexpr uint64_t kMaximumDataSize = uint64_t{512} << 20;
+// Room made up front for a stated length, which is only the server's word; a longer body
+// grows the buffer as it comes.
+constexpr uint64_t kLargestReservation = uint64_t{4} << 20;
 
 // "Kestly" error codes.
 constexpr int64_t kRefusedStatusErrorCode = 2;
@@ -35,14 +38,29 @@ bool isUsableTag(std::string_view tag) {
 
 bool isStoppedByHost(int64_t status) { return status == DCIActionStatusCanceled || status == DCIActionStatusPaused; }
 
-bool writeWhole(int file, std::span<const uint8_t> bytes) {
+// 0, or the errno of the write that failed, taken before anything else can change it.
+int writeWhole(int file, std::span<const uint8_t> bytes) {
     while (!bytes.empty()) {
         const ssize_t written = write(file, bytes.data(), bytes.size());
         if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return false;
+        if (written < 0) return errno;
+        if (written == 0) return EIO;
         bytes = bytes.subspan(static_cast<size_t>(written));
     }
-    return true;
+    return 0;
+}
+
+// Runs `end`, the last step of an action, then lets the action go even when `end` throws, so
+// that the worker never holds an action that nothing will end.
+template <class End>
+void endThenReset(DCIDownloader& worker, End&& end) {
+    try {
+        end();
+    } catch (...) {
+        worker.reset();
+        throw;
+    }
+    worker.reset();
 }
 
 }  // namespace
@@ -63,6 +81,7 @@ bool DCIDownloader::stopsForHost() {
 }
 
 void DCIDownloader::failCurrentAction(const DCIError& error) {
+    DCLogError("%@ Failed download of %@ with error %@", name_, currentURL(), error);
     const auto action = currentAction_.load();
     if (action) {
         action->setContextObject(error, kDCIError);
@@ -114,8 +133,7 @@ void DCIDownloader::connection(DCIURLConnection&, const DCIURLResponse& didRecei
     }
     if (downloadFile_.load() < 0) {
         auto buffer = std::make_shared<std::vector<uint8_t>>();
-        // A stated length is a promise from the network: room is made for what a data download may hold at most.
-        buffer->reserve(static_cast<size_t>(std::min(totalDownloadSize_.load(), kMaximumDataSize)));
+        buffer->reserve(static_cast<size_t>(std::min(totalDownloadSize_.load(), kLargestReservation)));
         dataReceived_.store(std::move(buffer));
     }
 
@@ -136,9 +154,9 @@ void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didRe
     addProgress(didReceiveData.size());
 
     if (const int file = downloadFile_.load(); file >= 0) {
-        if (!writeWhole(file, didReceiveData)) {
+        if (const int error = writeWhole(file, didReceiveData); error != 0) {
             const auto path = currentAction_.load()->contextObjectForKey(kDCIDownloaderFilePathKey);
-            failCurrentAction(DCIError::posixError(errno, "write " + (path ? path->description() : std::string())));
+            failCurrentAction(DCIError::posixError(error, "write " + (path ? path->description() : std::string())));
         }
         return;
     }
@@ -154,26 +172,29 @@ void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didRe
 }
 
 void DCIDownloader::connection(DCIURLConnection&, const DCIError& didFailWithError) {
-    DCLogError("CONNECTION FAIL %@ (%@)", currentURL(), name_);
-    if (const auto action = currentAction_.load()) {
-        action->setContextObject(didFailWithError, kDCIError);
-        action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
-        action->changeStatus(DCIActionStatusFailed);
-    }
-    reset();
+    endThenReset(*this, [&] {
+        DCLogError("CONNECTION FAIL %@ (%@)", currentURL(), name_);
+        if (const auto action = currentAction_.load()) {
+            action->setContextObject(didFailWithError, kDCIError);
+            action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+            action->changeStatus(DCIActionStatusFailed);
+        }
+    });
 }
 
 void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
-    DCLogInfo("ACF CONNECTION END %@ (%@)", currentURL(), name_);
-    const auto action = currentAction_.load();
-    if (action && !isStoppedByHost(action->status())) {
+    endThenReset(*this, [&] {
+        DCLogInfo("ACF CONNECTION END %@ (%@)", currentURL(), name_);
+        const auto action = currentAction_.load();
+        if (!action || isStoppedByHost(action->status())) return;
         action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
         if (downloadFile_.load() < 0) {
             auto buffer = dataReceived_.load();
             action->setContextObject(DCIValue(DCIData(buffer ? std::move(*buffer) : std::vector<uint8_t>())),
                                      kDCIDownloaderDataKey);
         }
+        // The last count the Running action shows is the whole, also when no length was stated.
+        flushProgress();
         action->changeStatus(DCIActionStatusCompleted);
-    }
-    reset();
+    });
 }

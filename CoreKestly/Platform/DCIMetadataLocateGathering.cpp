@@ -111,9 +111,11 @@ std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string&
         DCLogError("DCIMetadataQuery: no locate database at %@: %s", database, std::strerror(errno));
         return nullptr;
     }
-    const std::vector<std::string> arguments = {
-        program, "--database", database, "--ignore-case", "--basename", "--null",
-        "--limit", std::to_string(std::max<size_t>(maximumResults, 1)), "--", pattern.locateGlob()};
+    // No --limit: a glob without wildcards matches as a substring, and the program would count
+    // those hits (a808.mp3 for 808.mp3) against the limit before the whole-name check drops
+    // them. Reading stops, and the program is killed, once enough whole names are in.
+    const std::vector<std::string> arguments = {program,   "--database", database, "--ignore-case", "--basename",
+                                                "--null", "--",         pattern.locateGlob()};
     // A UTF-8 locale of its own makes `?` one character and folds case beyond ASCII.
     const std::vector<std::string> environment = {"LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin"};
     auto child = DCIChildProcess::spawn(program, arguments, environment);

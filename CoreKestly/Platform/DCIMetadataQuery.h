@@ -25,7 +25,8 @@ struct DCIMetadataQuerySettings {
     std::string locateDatabasePath;
     /// The locate program, run with an argument vector and no shell.
     std::string locateProgramPath = "/usr/bin/plocate";
-    /// The folders the scan walks, links not followed; empty for the user's music folder.
+    /// The folders the scan walks, each of which may be a link, with no link below them
+    /// followed; empty for the user's music folder.
     std::vector<std::string> scanFolders;
     /// A search gathers at most this many candidates, so that a name like "*" costs a bounded
     /// time and memory; the rest are left out.

@@ -1,5 +1,6 @@
 // The scan backend: a walk of the configured folders on a thread of its own, for machines
-// without a locate database. Links are not followed, so the walk always ends.
+// without a locate database. Links below those folders are not followed, so the walk always
+// ends.
 
 #include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
 #include "CoreKestly/Platform/DCIMetadataGatheringInternal.h"
@@ -23,10 +24,11 @@ struct DirectoryEntry {
 };
 
 // The entries of one folder, read whole and closed before the walk goes deeper, so the walk
-// holds one descriptor at a time at any depth.
-std::vector<DirectoryEntry> readFolder(const std::string& path, const std::atomic<bool>& cancelled) {
+// holds one descriptor at a time at any depth. `path` is followed when it is a link only if
+// `followsLink`.
+std::vector<DirectoryEntry> readFolder(const std::string& path, bool followsLink, const std::atomic<bool>& cancelled) {
     std::vector<DirectoryEntry> entries;
-    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followsLink ? 0 : O_NOFOLLOW));
     if (fd < 0) return entries;
     DIR* folder = fdopendir(fd);
     if (!folder) {
@@ -54,7 +56,9 @@ std::vector<std::string> scan(const std::vector<std::string>& folders, const DCI
     while (!toVisit.empty() && !cancelled && found.size() < maximumResults) {
         const std::string folder = std::move(toVisit.back());
         toVisit.pop_back();
-        for (const auto& entry : readFolder(folder, cancelled)) {
+        // A configured folder may be a link to where the files are; nothing below it is followed.
+        const bool isConfigured = std::find(folders.begin(), folders.end(), folder) != folders.end();
+        for (const auto& entry : readFolder(folder, isConfigured, cancelled)) {
             std::string path = KestlyPath::appendingComponent(folder, entry.name);
             if (pattern.matches(entry.name) && found.size() < maximumResults) found.push_back(path);
             if (entry.isFolder) toVisit.push_back(std::move(path));

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -25,6 +26,21 @@ constexpr size_t kDescribedTextLength = 256;
 
 bool hasLineBreakOrNull(std::string_view text) {
     return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
+}
+
+// A method is an HTTP token; anything else (spaces, line breaks) would rewrite the request line.
+bool isToken(std::string_view text) {
+    constexpr std::string_view kSymbols = "!#$%&'*+-.^_`|~";
+    return !text.empty() && std::ranges::all_of(text, [&](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || kSymbols.find(c) != std::string_view::npos;
+    });
+}
+
+bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
+    const auto sameLetter = [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+    };
+    return text.size() >= prefix.size() && std::ranges::equal(text.substr(0, prefix.size()), prefix, sameLetter);
 }
 
 // Text from the network as a log line may show it: cut short, control characters as "?".
@@ -51,6 +67,10 @@ size_t receiveHeader(char* bytes, size_t size, size_t count, void* userData) {
     if (line.starts_with("HTTP/")) {
         transfer.responseHeaders.clear();
         transfer.responseHeaderBytes = 0;
+    } else if (line == "\r\n" || line == "\n") {
+        // The response goes out as soon as its head is complete, so that its status is judged
+        // even when no body follows in time.
+        if (transfer.isFinalHead() && !transfer.deliverResponseOnce()) return 0;
     } else if (const auto colon = line.find(':');
                colon != std::string_view::npos && transfer.responseHeaderBytes + line.size() <= kMaximumHeaderBytes) {
         transfer.responseHeaderBytes += line.size();
@@ -150,7 +170,9 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     curl_easy_setopt(easy, CURLOPT_URL, request->URL().c_str());
     // Nothing but the web: a URL or a redirect to file:, scp: and the like is refused.
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    // A redirect never drops TLS that the request asked for.
+    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR,
+                     startsWithIgnoringCase(request->URL(), "https:") ? "https" : "http,https");
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -192,6 +214,11 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headerList);
 
     const std::string& method = request->HTTPMethod();
+    if (!isToken(method)) {
+        setupError =
+            DCIError(kDCIURLErrorDomain, DCIURLErrorBadURL, "the method " + printable(method) + " is no HTTP token");
+        return;
+    }
     const bool hasBody = request->HTTPBody() || request->HTTPBodyFilePath();
     if (request->HTTPBodyFilePath()) {
         const std::string& path = *request->HTTPBodyFilePath();
@@ -258,6 +285,28 @@ bool Transfer::deliverResponseOnce() {
                                   std::move(responseHeaders));
     return tellDelegate(
         [&](DCIURLConnectionDelegate& listener, DCIURLConnection& owner) { listener.connection(owner, response); });
+}
+
+void Transfer::tellEnd(const std::optional<DCIError>& failure) {
+    ended = true;
+    tellDelegate([&](DCIURLConnectionDelegate& listener, DCIURLConnection& owner) {
+        if (failure) {
+            listener.connection(owner, *failure);
+        } else {
+            listener.connectionDidFinishLoading(owner);
+        }
+    });
+}
+
+bool Transfer::isFinalHead() const {
+    long statusCode = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &statusCode);
+    // No code yet is a proxy's answer to CONNECT; 1xx heads come before the response.
+    if (statusCode < 200) return false;
+    // libcurl follows a redirect that says where to: its head is not the response. One that is
+    // not followed after all (too many) ends in a failure, or is handed over at the end.
+    const bool isRedirect = statusCode >= 300 && statusCode < 400 && statusCode != 304;
+    return !isRedirect || !DCIHeaderFieldValue(responseHeaders, "Location");
 }
 
 DCIError Transfer::errorForResult(CURLcode result) const {

@@ -30,12 +30,18 @@ struct DCIURLConnection::Transfer {
     Transfer& operator=(const Transfer&) = delete;
 
     /// Calls `tell(delegate, connection)` unless the connection is cancelled or gone, and
-    /// answers whether it may go on afterwards.
+    /// answers whether it may go on afterwards. A delegate that throws ends its request, and
+    /// hears of that as a failure unless it was hearing of the end already.
     template <class Tell>
     bool tellDelegate(Tell&& tell);
+    /// Tells the delegate that the request ended: with `failure`, or finished without one.
+    void tellEnd(const std::optional<DCIError>& failure);
     /// Hands over the response once, flushing the upload count first so that body-sent steps
     /// always come before it.
     bool deliverResponseOnce();
+    /// Whether the head just completed is the response's own rather than one libcurl goes past
+    /// (1xx, a proxy's, a redirect it follows).
+    bool isFinalHead() const;
     bool reportUploadProgress(int64_t totalSent);
     /// The error for libcurl's `result`, or for a body that could not be read.
     DCIError errorForResult(CURLcode result) const;
@@ -61,6 +67,8 @@ struct DCIURLConnection::Transfer {
     std::vector<std::pair<std::string, std::string>> responseHeaders;
     size_t responseHeaderBytes = 0;
     bool responseDelivered = false;
+    /// The delegate has been told of the request's end, or is being told.
+    bool ended = false;
     int64_t uploadReported = 0;
 };
 
@@ -77,8 +85,17 @@ bool DCIURLConnection::Transfer::tellDelegate(Tell&& tell) {
     try {
         tell(*listener, *owner);
     } catch (...) {
-        // Nothing may unwind through libcurl: a delegate that throws ends its request.
-        canceled = true;
+        // Nothing may unwind through libcurl. The request ends here, and a delegate that did
+        // not cancel it must hear so, or it would wait for its end for ever.
+        if (!canceled.exchange(true) && !ended) {
+            ended = true;
+            try {
+                listener->connection(*owner, DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown,
+                                                      "the request was ended by a failure in its handling"));
+            } catch (...) {
+                // Twice is enough: nothing more can be told to this delegate.
+            }
+        }
     }
     return !canceled;
 }

@@ -67,9 +67,7 @@ void DCIURLLoader::add(const std::shared_ptr<Transfer>& transfer) {
         refusal = DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "libcurl refused the transfer");
     }
     if (refusal) {
-        transfer->tellDelegate([&](DCIURLConnectionDelegate& delegate, DCIURLConnection& connection) {
-            delegate.connection(connection, *refusal);
-        });
+        transfer->tellEnd(refusal);
         return;
     }
     // libcurl asks for a timer of 0 ms at once: the transfer begins on the loop's next pass.
@@ -150,14 +148,9 @@ void DCIURLLoader::endFinishedTransfers() {
         const std::shared_ptr<Transfer> transfer = found->second;
         detach(transfer->easy);
         if (result == CURLE_OK) {
-            if (!transfer->deliverResponseOnce()) continue;
-            transfer->tellDelegate([](DCIURLConnectionDelegate& delegate, DCIURLConnection& connection) {
-                delegate.connectionDidFinishLoading(connection);
-            });
+            if (transfer->deliverResponseOnce()) transfer->tellEnd(std::nullopt);
         } else {
-            transfer->tellDelegate([&](DCIURLConnectionDelegate& delegate, DCIURLConnection& connection) {
-                delegate.connection(connection, transfer->errorForResult(result));
-            });
+            transfer->tellEnd(transfer->errorForResult(result));
         }
     }
 }

@@ -40,13 +40,14 @@ std::optional<std::string> DCISampleFinder::pathForSampleWithName(const std::opt
                                                                   const std::optional<std::string>& sha,
                                                                   uint64_t fileSize, uint64_t duration) {
     if (!name || name->empty()) return std::nullopt;
+    // The length first, so that no refusal logs a name of any length.
+    if (name->size() > kLongestName) {
+        DCLogError("DCISampleFinder: refused to search for a name of %lu bytes.", name->size());
+        return std::nullopt;
+    }
     if (DCIIsMainThread()) {
         DCLogError("DCISampleFinder: refused to search for %@ on the main thread, whose loop the search needs.",
                    *name);
-        return std::nullopt;
-    }
-    if (name->size() > kLongestName) {
-        DCLogError("DCISampleFinder: refused to search for a name of %lu bytes.", name->size());
         return std::nullopt;
     }
     std::lock_guard searching(searchMutex_);

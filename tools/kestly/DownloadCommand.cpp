@@ -2,6 +2,7 @@
 // into files or to standard output, with a progress bar on a terminal or JSON lines.
 
 #include "KestlyCommand.h"
+#include "TerminalText.h"
 
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/Downloads/DCIDownloader.h"
@@ -172,8 +173,10 @@ private:
         succeeded_ = succeeded_ && completed;
         const auto data = action.contextObjectForKey(kDCIDownloaderDataKey);
         uint64_t bytes = data && data->data() ? data->data()->length() : 0;
+        // Only a file has a size to tell; a device such as /dev/null as the destination has none.
         struct stat fileStatus;
-        if (item.file && stat(item.file->c_str(), &fileStatus) == 0) bytes = static_cast<uint64_t>(fileStatus.st_size);
+        if (item.file && lstat(item.file->c_str(), &fileStatus) == 0 && S_ISREG(fileStatus.st_mode))
+            bytes = static_cast<uint64_t>(fileStatus.st_size);
 
         if (showsBar_) clearBar();
         if (json_) {
@@ -189,26 +192,31 @@ private:
                 {"error", error && error->error() ? ordered_json(error->error()->localizedDescription())
                                                   : ordered_json(nullptr)},
             });
+            item.action->removeContextObjectForKey(kDCIDownloaderDataKey);  // its size is all the line tells
         } else {
             if (!completed) {
                 const auto error = action.contextObjectForKey(kDCIError);
                 std::string reason = statusName(status);
                 if (code >= 0) reason = "status " + std::to_string(code);
                 if (error && error->error()) reason = error->error()->localizedDescription();
-                std::fprintf(stderr, "kestly: %s: %s\n", item.url.c_str(), reason.c_str());
+                // The URL comes from the command line, the error text partly from the server.
+                std::fprintf(stderr, "kestly: %s: %s\n", terminalText(item.url).c_str(),
+                             terminalText(reason).c_str());
             }
             writeBodiesInOrder();
         }
         if (showsBar_) drawBar(Clock::now());
     }
 
-    // Bodies go out in URL order, each as soon as those before it have gone.
+    // Bodies go out in URL order, each as soon as those before it have gone, and are let go
+    // once written.
     void writeBodiesInOrder() {
         for (; nextBody_ < items_.size() && items_[nextBody_].ended; ++nextBody_) {
             const Item& item = items_[nextBody_];
             if (item.file) continue;
             const auto data = item.action->contextObjectForKey(kDCIDownloaderDataKey);
             if (data && data->data()) std::fwrite(data->data()->bytes().data(), 1, data->data()->length(), stdout);
+            item.action->removeContextObjectForKey(kDCIDownloaderDataKey);
         }
         std::fflush(stdout);
     }
@@ -225,7 +233,8 @@ private:
             const uint64_t current = contextNumber(*item.action, kDCIDownloaderCurrentDownloadSizeKey);
             const uint64_t total = contextNumber(*item.action, kDCIDownloaderTotalDownloadSizeKey);
             const double seconds = std::chrono::duration<double>(now - item.started).count();
-            std::fprintf(stderr, "%-40.40s %10s / %-10s %10s/s\n", KestlyPath::lastComponent(item.url).c_str(),
+            std::fprintf(stderr, "%-40.40s %10s / %-10s %10s/s\n",
+                         terminalText(KestlyPath::lastComponent(item.url)).c_str(),
                          humanBytes(static_cast<double>(current)).c_str(),
                          total ? humanBytes(static_cast<double>(total)).c_str() : "?",
                          humanBytes(seconds > 0 ? static_cast<double>(current) / seconds : 0).c_str());
@@ -274,7 +283,7 @@ int download(const DownloadOptions& options) {
             items.push_back({url, file, action, {}, {}, false});
         }
     } catch (const UsageError& error) {
-        std::fprintf(stderr, "kestly: %s\n", error.message.c_str());
+        std::fprintf(stderr, "kestly: %s\n", terminalText(error.message).c_str());
         return 2;
     }
 

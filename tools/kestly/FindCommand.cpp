@@ -2,6 +2,7 @@
 // the service knows, and confirms it by hash, size or length in frames.
 
 #include "KestlyCommand.h"
+#include "TerminalText.h"
 
 #include "CoreKestly/FileSystem/DCIFileQueries.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
@@ -51,7 +52,8 @@ bool isSHA256(const std::string& text) {
            });
 }
 
-void print(const std::string& path) { std::printf("%s\n", path.c_str()); }
+// Names on disk may hold anything but "/" and NUL, escape sequences included.
+void print(const std::string& path) { std::printf("%s\n", terminalText(path).c_str()); }
 
 // Every candidate of the index, gathered on the main loop as a finder gathers them.
 int printCandidates(const std::string& name, const DCIMetadataQuerySettings& settings) {

@@ -165,7 +165,7 @@ private:
     std::mutex mutex_;  // guards the listeners, the generation counter and the source's creation
     uint64_t lastGeneration_ = kNoGeneration;
     Listeners listeners_;
-    std::shared_ptr<const Listeners> published_;
+    std::shared_ptr<const Listeners> published_ = std::make_shared<const Listeners>();
 };
 
 }  // namespace

@@ -12,10 +12,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 class DCIAction;
@@ -208,6 +211,9 @@ private:
     static void findModifiedFilesInNewSet(const DCIFileSet& newFiles, const DCIFileSet& oldFiles);
 
     // File operations (DCIFileManagerOperations.cpp).
+    /// An action of `type` with each path under its key; none when a path is missing or relative.
+    std::shared_ptr<DCIAction> makeFileAction(
+        uint64_t type, std::initializer_list<std::pair<std::string_view, std::optional<std::string>>> paths, bool queued);
     bool finishFileAction(const std::shared_ptr<DCIAction>& action, bool inBackground,
                           const std::optional<class DCIError>& error, const std::string& updatedPath);
 

@@ -14,10 +14,6 @@
 
 namespace {
 
-std::shared_ptr<DCIAction> makeAction(DCIActionType type) {
-    return DCIAction::initWithCategory(DCIActionCategoryCommon, type);
-}
-
 // Paths of file operations are absolute: a relative one would mean the process's working
 // folder on disk and the root in the tree.
 bool usable(const std::optional<std::string>& path) { return path && path->starts_with('/'); }
@@ -32,28 +28,25 @@ std::string contextPath(const DCIAction& action, std::string_view key) {
 
 std::shared_ptr<DCIAction> DCIFileManager::moveItemAtPath(const std::optional<std::string>& path,
                                                           const std::optional<std::string>& toPath, bool queued) {
-    if (!usable(path) || !usable(toPath)) return nullptr;
-    auto action = makeAction(DCIActionTypeMoveFile);
-    action->setContextObject(*path, kDCIFileManagerMoveFrom);
-    action->setContextObject(*toPath, kDCIFileManagerMoveTo);
-    if (queued) enqueueFileAction(action);
-    return action;
+    return makeFileAction(DCIActionTypeMoveFile, {{kDCIFileManagerMoveFrom, path}, {kDCIFileManagerMoveTo, toPath}}, queued);
 }
 
 std::shared_ptr<DCIAction> DCIFileManager::copyItemAtPath(const std::optional<std::string>& path,
                                                           const std::optional<std::string>& toPath, bool queued) {
-    if (!usable(path) || !usable(toPath)) return nullptr;
-    auto action = makeAction(DCIActionTypeCopyFile);
-    action->setContextObject(*path, kDCIFileManagerMoveFrom);
-    action->setContextObject(*toPath, kDCIFileManagerMoveTo);
-    if (queued) enqueueFileAction(action);
-    return action;
+    return makeFileAction(DCIActionTypeCopyFile, {{kDCIFileManagerMoveFrom, path}, {kDCIFileManagerMoveTo, toPath}}, queued);
 }
 
 std::shared_ptr<DCIAction> DCIFileManager::createDirectoryAtPath(const std::optional<std::string>& path, bool queued) {
-    if (!usable(path)) return nullptr;
-    auto action = makeAction(DCIActionTypeCreateDirectory);
-    action->setContextObject(*path, kDCIFileManagerCreatePath);
+    return makeFileAction(DCIActionTypeCreateDirectory, {{kDCIFileManagerCreatePath, path}}, queued);
+}
+
+std::shared_ptr<DCIAction> DCIFileManager::makeFileAction(
+    uint64_t type, std::initializer_list<std::pair<std::string_view, std::optional<std::string>>> paths, bool queued) {
+    for (const auto& [key, path] : paths) {
+        if (!usable(path)) return nullptr;
+    }
+    auto action = DCIAction::initWithCategory(DCIActionCategoryCommon, type);
+    for (const auto& [key, path] : paths) action->setContextObject(*path, key);
     if (queued) enqueueFileAction(action);
     return action;
 }

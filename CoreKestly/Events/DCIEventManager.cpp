@@ -1,7 +1,7 @@
 #include "CoreKestly/Events/DCIEventManager.h"
 
 #include "CoreKestly/DCLog/DCLogger.h"
-#include "CoreKestly/Platform/DCIMPSCQueue.h"
+#include "CoreKestly/Platform/DCIMPSCQueueInternal.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 
 #include <atomic>
@@ -47,7 +47,7 @@ public:
         std::lock_guard lock(mutex_);
         if (liveGeneration_.load(std::memory_order_relaxed) == kNoGeneration) return;
         if (auto listener = std::dynamic_pointer_cast<DCIEventListener>(object)) {
-            if (const size_t index = indexOf(listener); index != kNotFound) listeners_.erase(listeners_.begin() + index);
+            if (const size_t index = indexOf(listener); index != kNotFound) listeners_.erase(listeners_.begin() + static_cast<ptrdiff_t>(index));
         }
         std::erase_if(listeners_, [](const auto& entry) { return entry.expired(); });
         if (!listeners_.empty()) return;

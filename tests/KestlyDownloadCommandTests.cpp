@@ -1,5 +1,4 @@
-// `kestly download` run as a program against a loopback server; skipped when the build has no
-// kestly beside the tests.
+// `kestly download` run as a program (the kestly of this build) against a loopback server.
 
 #include "support/LoopbackHTTPServer.h"
 #include "support/TemporaryDirectory.h"
@@ -25,9 +24,7 @@ struct Invocation {
 };
 
 TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
-    const auto program =
-        std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools/kestly/kestly";
-    if (!std::filesystem::exists(program)) GTEST_SKIP() << "kestly is not built at " << program;
+    const std::filesystem::path program = KESTLY_BINARY;
     const LoopbackHTTPServer server([](httplib::Server& http, LoopbackHTTPServer&) {
         http.Get("/a.txt", [](const httplib::Request&, httplib::Response& response) {
             response.set_content("hello", "text/plain");

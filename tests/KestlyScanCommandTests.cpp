@@ -1,5 +1,4 @@
-// `kestly scan` run as a program, the way a person runs it. The program is looked for where
-// the build puts it beside the tests; a build without it skips these tests.
+// `kestly scan` run as a program, the way a person runs it: the kestly of this build.
 
 #include "support/TemporaryDirectory.h"
 
@@ -34,11 +33,6 @@ std::string quoted(const std::string& text) {
 
 class KestlyScanCommandTests : public ::testing::Test {
 protected:
-    void SetUp() override {
-        program = fs::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools/kestly/kestly";
-        if (!fs::exists(program)) GTEST_SKIP() << "kestly is not built at " << program;
-    }
-
     // Runs `kestly scan` with `arguments` (already quoted), with $XDG_CACHE_HOME in `caches`.
     ProgramRun scan(const std::string& arguments) const {
         const std::string errorFile = caches / "stderr";
@@ -58,7 +52,7 @@ protected:
         return scan(quoted(root.path().string() + "/./") + " --primary-ext ALS --secondary-ext wav --json");
     }
 
-    fs::path program;
+    const fs::path program = KESTLY_BINARY;
     TemporaryDirectory root;
     TemporaryDirectory caches;
 };

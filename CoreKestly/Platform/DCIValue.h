@@ -73,7 +73,7 @@ public:
     /// or 0, null as "<null>", objects by their own description.
     std::string description() const;
 
-    friend bool operator==(const DCIValue& a, const DCIValue& b);
+    friend KESTLY_EXPORT bool operator==(const DCIValue& a, const DCIValue& b);
 
 private:
     using Storage = std::variant<std::monostate, bool, int64_t, uint64_t, double, std::string, DCIDate, DCIError,

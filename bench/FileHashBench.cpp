@@ -47,7 +47,7 @@ void makeFile() {
 
 void hashFile(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(KSTSha256ForFileAtPath(gFilePath));
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFileSize));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kFileSize));
 }
 
 void hashBytesInMemory(benchmark::State& state) {
@@ -57,7 +57,7 @@ void hashBytesInMemory(benchmark::State& state) {
         EVP_Digest(gFileBytes.data(), gFileBytes.size(), digest, &length, EVP_sha256(), nullptr);
         benchmark::DoNotOptimize(digest);
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFileSize));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kFileSize));
 }
 
 // The library's loop with the read chunk as the argument: what a larger chunk would gain.
@@ -77,7 +77,7 @@ void readAndHashWithChunk(benchmark::State& state) {
         close(descriptor);
         benchmark::DoNotOptimize(digest);
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFileSize));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kFileSize));
 }
 
 void sha256sumProgram(benchmark::State& state) {
@@ -85,7 +85,7 @@ void sha256sumProgram(benchmark::State& state) {
     for (auto _ : state) {
         if (std::system(command.c_str()) != 0) state.SkipWithError("sha256sum failed");
     }
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kFileSize));
+    state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(kFileSize));
 }
 
 void hashFileEco(benchmark::State& state) {

@@ -98,8 +98,8 @@ protected:
         std::vector<std::string> changes;
         for (const auto& event : recorder->events) {
             const auto line = describe(*event, root);
-            const bool change = event->type() >= DCIEventTypeFileAdded && event->type() <= DCIEventTypeFileModified;
-            if (change && line != "added file " + marker) changes.push_back(line);
+            const bool isChange = event->type() >= DCIEventTypeFileAdded && event->type() <= DCIEventTypeFileModified;
+            if (isChange && line != "added file " + marker) changes.push_back(line);
         }
         return changes;
     }

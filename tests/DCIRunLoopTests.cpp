@@ -55,7 +55,7 @@ public:
     std::string readAvailable() const {
         std::string text;
         char buffer[256];
-        for (ssize_t count; (count = read(readEnd(), buffer, sizeof buffer)) > 0;) text.append(buffer, count);
+        for (ssize_t count; (count = read(readEnd(), buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(count));
         return text;
     }
 

@@ -1,5 +1,4 @@
-// `kestly scan` run as a program, the way a person runs it. The program is looked for where
-// the build puts it beside the tests; a build without it skips these tests.
+// `kestly scan` run as a program, the way a person runs it: the kestly of this build.
 
 #include "support/KestlyProgram.h"
 #include "support/TemporaryDirectory.h"
@@ -19,10 +18,6 @@ namespace fs = std::filesystem;
 
 class KestlyScanCommandTests : public ::testing::Test {
 protected:
-    void SetUp() override {
-        if (!fs::exists(kestlyProgram())) GTEST_SKIP() << "kestly is not built at " << kestlyProgram();
-    }
-
     // Runs `kestly scan` with `arguments` (already quoted), with $XDG_CACHE_HOME in `caches`.
     ProgramRun scan(const std::string& arguments) const {
         const ScopedEnvironment cacheHome("XDG_CACHE_HOME", caches.path().c_str());

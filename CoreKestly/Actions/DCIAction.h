@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIObject.h"
 #include "CoreKestly/Platform/DCIValue.h"
@@ -42,7 +44,7 @@ enum DCIActionStatus : int64_t {
 };
 
 /// The status's name as above without its prefix ("Pending"); "" for a number outside the list.
-std::string_view DCIActionStatusText(int64_t status);
+KESTLY_EXPORT std::string_view DCIActionStatusText(int64_t status);
 
 /// One unit of work done later or elsewhere: a file move, copy or directory creation, a
 /// download, or anything of the host's. It carries what the work needs in its context, a
@@ -61,7 +63,7 @@ std::string_view DCIActionStatusText(int64_t status);
 class DCIActionQueueHeap;
 class DCIActionQueuePlace;
 
-class DCIAction : public DCIObject, public std::enable_shared_from_this<DCIAction> {
+class KESTLY_EXPORT DCIAction : public DCIObject, public std::enable_shared_from_this<DCIAction> {
 public:
     /// An action of category 0 and type 0.
     static std::shared_ptr<DCIAction> init();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Actions/DCIAction.h"
 
 #include <atomic>
@@ -21,7 +23,7 @@ using DCIAdditionObserver = std::function<void()>;
 
 /// Keeps one paused or addition observer registered for as long as it lives. It may outlive its queue.
 /// Destroyed on another thread while its observer is being called, it waits for that call.
-class DCIPausedObservation {
+class KESTLY_EXPORT DCIPausedObservation {
 public:
     ~DCIPausedObservation();
     DCIPausedObservation(const DCIPausedObservation&) = delete;
@@ -48,7 +50,7 @@ private:
 /// queue's lock while it sets the action's status, so the lock order is queue first, action
 /// second. Adding and hand-out cost O(log n); so does a priority change, in each queue the
 /// action waits in, and nothing in the others.
-class DCIActionQueue {
+class KESTLY_EXPORT DCIActionQueue {
 public:
     /// An empty, running queue.
     static std::shared_ptr<DCIActionQueue> init();

@@ -1,5 +1,6 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 
+#include "CoreKestly/Platform/DCISerialExecutorInternal.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
 #include <cerrno>
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <mutex>
 #include <vector>
 
 namespace {
@@ -38,9 +40,9 @@ bool preparePrivateDirectory(const std::string& directory) {
 struct LoggerRegistry {
     std::mutex mutex;
     std::vector<DCLogger*> loggers;
-    /// In a forked child, the handles of the parent's writer threads, kept without join or
-    /// detach: both would touch the record of a thread that does not exist there.
-    std::vector<std::unique_ptr<std::thread>> threadsOfParent;
+    /// In a forked child, the parent's writers, never destroyed: that would wait for a thread
+    /// that does not exist there, under locks the parent's threads may have held at the fork.
+    std::vector<std::unique_ptr<DCISerialExecutor>> writersOfParent;
 };
 
 // Writes everything, retrying after interruptions and short writes; gives up silently on any
@@ -54,11 +56,12 @@ void writeFully(int fd, std::string_view bytes) {
     }
 }
 
-std::string formatLocalTime(std::time_t seconds, const char* format) {
+/// "%Y-%m-%d %H:%M:%S" in local time.
+std::string localTimeStamp(std::time_t seconds) {
     std::tm local{};
     localtime_r(&seconds, &local);
     char text[64];
-    const size_t length = std::strftime(text, sizeof text, format, &local);
+    const size_t length = std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
     return std::string(text, length);
 }
 
@@ -68,6 +71,27 @@ LoggerRegistry& loggerRegistry() {
 }
 
 }  // namespace
+
+struct DCLogger::Output {
+    /// Writes one entry now, on the calling thread.
+    void write(const std::string& message) {
+        std::lock_guard lock(fileMutex);
+        if (file < 0) return;
+        // One write per entry, so that even another process appending to the same file cannot
+        // split it.
+        std::string entry = localTimeStamp(std::time(nullptr));
+        entry += ": ";
+        entry += message;
+        entry += '\n';
+        writeFully(file, entry);
+    }
+
+    std::mutex fileMutex;  // guards `file`, held while an entry is written
+    int file = -1;
+    /// Writes the entries in the order they were logged. None in a forked child, where its
+    /// thread does not exist.
+    std::unique_ptr<DCISerialExecutor> writer;
+};
 
 DCLogger& DCLogger::sharedLogger() {
     // Never destroyed: any thread may log until the process ends. What is still queued when
@@ -89,14 +113,15 @@ std::string DCLogger::perUserTemporaryDirectory() {
 
 DCLogger::DCLogger(const std::string& directory)
     : currentLogFileURL_(KestlyPath::appendingComponent(directory, "com.kestly.current.log")),
-      previousLogFileURL_(KestlyPath::appendingComponent(directory, "com.kestly.previous.log")) {
+      previousLogFileURL_(KestlyPath::appendingComponent(directory, "com.kestly.previous.log")),
+      output_(std::make_unique<Output>()) {
     if (preparePrivateDirectory(directory)) {
         // Each step may fail (no previous log, no current log, a read-only folder); the next
         // step still runs, and a failed open just leaves the logger without a file.
         ::unlink(previousLogFileURL_.c_str());
         ::rename(currentLogFileURL_.c_str(), previousLogFileURL_.c_str());
-        logFile_ = ::open(currentLogFileURL_.c_str(),
-                          O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+        output_->file = ::open(currentLogFileURL_.c_str(),
+                               O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
     } else {
         writeFully(STDERR_FILENO, "kestly: " + directory +
                                       " is not a directory of this user's own; the log file is off\n");
@@ -106,7 +131,7 @@ DCLogger::DCLogger(const std::string& directory)
     // Under the registry's lock, so that no fork falls between the writer's start and the
     // logger's registration.
     std::lock_guard lock(loggerRegistry().mutex);
-    writer_ = std::make_unique<std::thread>([this] { writeEntries(); });
+    output_->writer = std::make_unique<DCISerialExecutor>("kestly.log");
     loggerRegistry().loggers.push_back(this);
 }
 
@@ -115,106 +140,54 @@ DCLogger::~DCLogger() {
         std::lock_guard lock(loggerRegistry().mutex);
         std::erase(loggerRegistry().loggers, this);
     }
-    {
-        std::lock_guard lock(mutex_);
-        stopping_ = true;
-    }
-    wake_.notify_one();
-    if (writer_) writer_->join();
-    if (logFile_ >= 0) ::close(logFile_);
+    output_->writer.reset();  // writes what is still queued
+    if (output_->file >= 0) ::close(output_->file);
 }
 
 // A fork copies the locks in whatever state other threads hold them, but not the threads: the
-// loggers' locks are taken around it, so the child finds them free and every file write whole.
+// file locks are taken around it, so the child finds them free and every file write whole.
+// The child never touches the parent's writer, whose queue the parent goes on writing.
 void DCLogger::prepareForFork() {
     loggerRegistry().mutex.lock();
-    for (DCLogger* logger : loggerRegistry().loggers) {
-        logger->mutex_.lock();
-        logger->fileMutex_.lock();
-    }
+    for (DCLogger* logger : loggerRegistry().loggers) logger->output_->fileMutex.lock();
 }
 
 void DCLogger::afterForkInParent() {
-    for (DCLogger* logger : loggerRegistry().loggers) {
-        logger->fileMutex_.unlock();
-        logger->mutex_.unlock();
-    }
+    for (DCLogger* logger : loggerRegistry().loggers) logger->output_->fileMutex.unlock();
     loggerRegistry().mutex.unlock();
 }
 
 void DCLogger::afterForkInChild() {
     for (DCLogger* logger : loggerRegistry().loggers) {
-        // The parent writes what it had queued.
-        logger->pending_.clear();
-        logger->writtenCount_ = logger->queuedCount_;
-        loggerRegistry().threadsOfParent.push_back(std::move(logger->writer_));
-        logger->fileMutex_.unlock();
-        logger->mutex_.unlock();
+        loggerRegistry().writersOfParent.push_back(std::move(logger->output_->writer));
+        logger->output_->fileMutex.unlock();
     }
     loggerRegistry().mutex.unlock();
 }
 
 int DCLogger::logFile() const {
-    std::lock_guard lock(fileMutex_);
-    return logFile_;
+    std::lock_guard lock(output_->fileMutex);
+    return output_->file;
 }
 
 void DCLogger::setLogFile(int file) {
-    std::lock_guard lock(fileMutex_);
-    if (file == logFile_) return;
-    if (logFile_ >= 0) ::close(logFile_);
-    logFile_ = file;
+    std::lock_guard lock(output_->fileMutex);
+    if (file == output_->file) return;
+    if (output_->file >= 0) ::close(output_->file);
+    output_->file = file;
 }
 
 void DCLogger::log(std::string message) {
-    {
-        std::unique_lock lock(mutex_);
-        if (!writer_) {
-            lock.unlock();
-            std::lock_guard fileLock(fileMutex_);
-            writeEntry(message);
-            return;
-        }
-        pending_.push_back(std::move(message));
-        ++queuedCount_;
+    Output& output = *output_;
+    if (!output.writer) {
+        output.write(message);
+        return;
     }
-    wake_.notify_one();
+    output.writer->submit([&output, message = std::move(message)] { output.write(message); });
 }
 
 void DCLogger::flush() {
-    std::unique_lock lock(mutex_);
-    const uint64_t target = queuedCount_;
-    written_.wait(lock, [&] { return writtenCount_ >= target; });
-}
-
-void DCLogger::writeEntries() {
-    std::unique_lock lock(mutex_);
-    while (true) {
-        wake_.wait(lock, [&] { return stopping_ || !pending_.empty(); });
-        if (pending_.empty()) return;  // stopping, and everything is written
-        std::deque<std::string> batch;
-        batch.swap(pending_);
-        lock.unlock();
-        {
-            std::lock_guard fileLock(fileMutex_);
-            for (const auto& message : batch) writeEntry(message);
-        }
-        lock.lock();
-        writtenCount_ += batch.size();
-        written_.notify_all();
-    }
-}
-
-// Called with fileMutex_ held.
-void DCLogger::writeEntry(const std::string& message) const {
-    if (logFile_ < 0) return;
-    // One write per entry, so that even another process appending to the same file cannot
-    // split it.
-    std::string entry = formatLocalTime(std::time(nullptr), "%Y-%m-%d %H:%M:%S");
-    entry += ": ";
-    entry += message;
-    entry += '\n';
-    writeFully(logFile_, entry);
+    if (output_->writer) output_->writer->waitUntilIdle();
 }
 
 bool DCLogInfoIsSilenced() {
@@ -228,7 +201,7 @@ void DCLogMessage(std::string message) {
         std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
     char stamp[64];
     std::snprintf(stamp, sizeof stamp, "%s.%03lld %s[%d:%ld] ",
-                  formatLocalTime(std::chrono::system_clock::to_time_t(now), "%Y-%m-%d %H:%M:%S").c_str(),
+                  localTimeStamp(std::chrono::system_clock::to_time_t(now)).c_str(),
                   static_cast<long long>(milliseconds), program_invocation_short_name, static_cast<int>(getpid()),
                   static_cast<long>(::syscall(SYS_gettid)));
     // One write, so that lines of two threads never mix on standard error.

@@ -1,15 +1,12 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIFormat.h"
 
-#include <condition_variable>
-#include <cstdint>
-#include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
-#include <thread>
 
 /// The library's log file. Every message is appended as one entry, "%Y-%m-%d %H:%M:%S: "
 /// (local time at the moment of writing), the message and "\n", by one writer thread, so
@@ -28,7 +25,7 @@
 /// A process forked while loggers live may go on logging in the child: there, with no writer
 /// thread, each entry is written at once on the logging thread, and entries the parent had
 /// queued are left to the parent.
-class DCLogger {
+class KESTLY_EXPORT DCLogger {
 public:
     /// The process's logger, made on first use in `perUserTemporaryDirectory()` and kept until
     /// the process ends.
@@ -62,35 +59,23 @@ public:
     void flush();
 
 private:
+    /// The open file and the thread that writes to it.
+    struct Output;
+
     static void prepareForFork();
     static void afterForkInParent();
     static void afterForkInChild();
 
-    void writeEntries();
-    void writeEntry(const std::string& message) const;
-
     const std::string currentLogFileURL_;
     const std::string previousLogFileURL_;
-    mutable std::mutex fileMutex_;  // guards logFile_, held by the writer while it writes
-    int logFile_ = -1;
-
-    std::mutex mutex_;
-    std::condition_variable wake_;       // the writer waits here for entries
-    std::condition_variable written_;    // flush waits here for the writer
-    std::deque<std::string> pending_;
-    uint64_t queuedCount_ = 0;
-    uint64_t writtenCount_ = 0;
-    bool stopping_ = false;
-    /// None in a forked child, where the thread does not exist. Last: starts after every member
-    /// it uses.
-    std::unique_ptr<std::thread> writer_;
+    const std::unique_ptr<Output> output_;
 };
 
 /// Whether `DCLogInfo` is silenced: `VERBOSE_LOGGING` is exactly "no". Read at every call.
-bool DCLogInfoIsSilenced();
+KESTLY_EXPORT bool DCLogInfoIsSilenced();
 /// Echoes `message` to standard error as one line stamped with the time, the process name and
 /// ids, and appends it to the shared logger's file.
-void DCLogMessage(std::string message);
+KESTLY_EXPORT void DCLogMessage(std::string message);
 
 /// Logs information, unless `VERBOSE_LOGGING` is "no". The format takes the platform's
 /// conversions (`%@`, `%d`, `%lu`, `%s`...), see `DCIFormat`.

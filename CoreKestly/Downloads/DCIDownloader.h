@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Actions/DCIAction.h"
 #include "CoreKestly/Actions/DCIActionQueue.h"
 #include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
@@ -32,7 +34,7 @@
 /// it waiting for a download. The thread keeps its worker alive until it ends, after `close`
 /// and the current action, with `DCIEventTypeDownloaderStopped`; a host waits for that event
 /// before it exits.
-class DCIDownloader : public DCIObject,
+class KESTLY_EXPORT DCIDownloader : public DCIObject,
                       public DCIURLConnectionDelegate,
                       public std::enable_shared_from_this<DCIDownloader> {
 public:

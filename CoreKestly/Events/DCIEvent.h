@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIObject.h"
@@ -36,7 +38,7 @@ enum DCIEventType : uint64_t {
 /// Something that happened, told to the host's listeners on the main thread. The poster
 /// fills the action and context before posting; after that nobody changes the event.
 /// The action, context and timestamp may be read from any thread.
-class DCIEvent : public DCIObject {
+class KESTLY_EXPORT DCIEvent : public DCIObject {
 public:
     /// An event of category 0 with the given type, stamped now. Any number is accepted.
     static std::shared_ptr<DCIEvent> commonEventWithType(uint64_t type);

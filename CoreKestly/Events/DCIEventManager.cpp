@@ -1,7 +1,7 @@
 #include "CoreKestly/Events/DCIEventManager.h"
 
 #include "CoreKestly/DCLog/DCLogger.h"
-#include "CoreKestly/Platform/DCIMPSCQueue.h"
+#include "CoreKestly/Platform/DCIMPSCQueueInternal.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 
 #include <atomic>

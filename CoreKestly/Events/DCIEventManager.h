@@ -1,12 +1,14 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Platform/DCIObject.h"
 
 #include <memory>
 
 /// The host's side of the event bus. Listeners are called on the main thread only.
-class DCIEventListener : public virtual DCIObject {
+class KESTLY_EXPORT DCIEventListener : public virtual DCIObject {
 public:
     /// Called on the main thread for every event posted while the listener is registered.
     /// An exception thrown from here is logged and does not stop delivery to the others.
@@ -29,7 +31,7 @@ public:
 /// destroyed (one destroyed while registered is skipped from then on). A listener removed
 /// while an event is being delivered still receives that event and none after it; one added
 /// during delivery receives the events after the current one.
-class DCIEventManager {
+class KESTLY_EXPORT DCIEventManager {
 public:
     DCIEventManager() = delete;
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 #include "CoreKestly/FileSystem/DCISHACache.h"
@@ -44,7 +46,7 @@ class DCIActionQueue;
 ///
 /// Threads: every operation may be called from any thread; events arrive on the main thread,
 /// whose run loop the host must keep running. Nothing here blocks on the watcher's work.
-class DCIFileManager : public DCIObject,
+class KESTLY_EXPORT DCIFileManager : public DCIObject,
                        public DCIFileQueries,
                        public std::enable_shared_from_this<DCIFileManager> {
 public:

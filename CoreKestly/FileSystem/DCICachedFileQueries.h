@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/FileSystem/DCIFileQueries.h"
 
 #include <memory>
@@ -22,7 +24,7 @@ struct DCIFileKinds {
 /// secondary files (by extension) through the secondary one. For a tree built without a file
 /// manager: tests, tools, benchmarks. The lists never change after creation, so any number
 /// of threads may ask at once.
-class DCICachedFileQueries : public DCIFileQueries {
+class KESTLY_EXPORT DCICachedFileQueries : public DCIFileQueries {
 public:
     /// Either cache may be null: the files it would serve then get no hash and no `sasID`.
     DCICachedFileQueries(const DCIFileKinds& kinds, std::shared_ptr<DCISHACache> primaryFileCache,

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
 #include "CoreKestly/FileSystem/DCIPathIdentity.h"
 #include "CoreKestly/Platform/DCIDate.h"
@@ -23,7 +25,7 @@ class DCIFolderObject;
 /// and moves are found by comparing `fileHash()` values.
 ///
 /// Every accessor may be called from any thread.
-class DCIFileObject : public DCIObject {
+class KESTLY_EXPORT DCIFileObject : public DCIObject {
 public:
     /// The file `name` in `inFolder`, with its dates read from disk; nullptr when there is no
     /// folder, when the entry is not a regular file after links (a folder, FIFO, socket or

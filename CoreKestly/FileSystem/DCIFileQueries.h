@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <optional>
 #include <string>
 
@@ -13,7 +15,7 @@ struct DCIFileIdentifiers {
 /// it, and each file's hash and `sasID`, answered through whatever caches the answering object
 /// keeps. The file manager answers them for the tree of its root; `DCICachedFileQueries` does
 /// for a tree built without one. Answers may be asked for from any thread.
-class DCIFileQueries {
+class KESTLY_EXPORT DCIFileQueries {
 public:
     virtual ~DCIFileQueries() = default;
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
 #include "CoreKestly/FileSystem/DCIFileObject.h"
 #include "CoreKestly/FileSystem/DCIFileQueries.h"
@@ -41,7 +43,7 @@ using DCIFolderSet = std::unordered_set<std::shared_ptr<DCIFolderObject>, DCIIde
 /// Threads: a tree is built and changed by one thread at a time; anyone may read it meanwhile.
 /// The dictionaries are replaced, never edited, so a dictionary obtained from `files()` or
 /// `subFolders()` never changes under its holder. The tree takes no lock of its own.
-class DCIFolderObject : public DCIObject, public std::enable_shared_from_this<DCIFolderObject> {
+class KESTLY_EXPORT DCIFolderObject : public DCIObject, public std::enable_shared_from_this<DCIFolderObject> {
 public:
     /// The folder at the absolute `path` under `inFolder` (nullptr for a root), with its whole
     /// subtree built through `fileQueries`; nullptr when nothing exists at the path. A path to

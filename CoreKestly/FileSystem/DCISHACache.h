@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIObject.h"
 
@@ -28,7 +30,7 @@ using DCISasIDCalculator = std::function<std::optional<std::string>(const std::s
 /// content may have. An append changes the size, a rewrite the nanosecond modification time,
 /// a file renamed over another (even one with the same times, as copies that keep times
 /// make them) the inode.
-struct DCIFileStamp {
+struct KESTLY_EXPORT DCIFileStamp {
     /// The modification time to the nanosecond (POSIX st_mtim).
     DCIDate mdate;
     uint64_t size;
@@ -82,7 +84,7 @@ struct DCISHACacheRecord {
 /// other lookups or changes, and the calculator may call back into the cache. Two threads
 /// that miss on one path both hash it; the record stored last wins. Writes to the file run
 /// on the cache's own background thread, one at a time, in the order they were scheduled.
-class DCISHACache : public DCIObject {
+class KESTLY_EXPORT DCISHACache : public DCIObject {
 public:
     /// A cache on the file at `cachePath` (its folder must exist), with the file's records
     /// loaded and those of files whose stamp changed already dropped.

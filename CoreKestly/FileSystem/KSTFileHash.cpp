@@ -118,7 +118,7 @@ public:
     }
 
     void restAfterLastSlice() const {
-        const auto tail = std::chrono::nanoseconds(static_cast<int64_t>(kEcoTailFactor * workingTime_.count()));
+        const auto tail = std::chrono::nanoseconds(static_cast<int64_t>(kEcoTailFactor * static_cast<double>(workingTime_.count())));
         if (tail > std::chrono::nanoseconds::zero()) std::this_thread::sleep_for(tail);
     }
 

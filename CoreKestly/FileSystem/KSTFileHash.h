@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <optional>
 #include <string>
 
@@ -12,10 +14,10 @@
 // They log nothing and touch no cache. Safe to call from any number of threads at once.
 
 /// Hashes the file at `path` as fast as it can be read.
-std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path);
+KESTLY_EXPORT std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path);
 
 /// The same digest as `KSTSha256ForFileAtPath`, but the calling thread rests so that it
 /// works at most a little over 40 ms at a time: after each slice of more than 40 ms of
 /// reading and hashing it sleeps 14 ms, and after the last chunk, success or failure, it
 /// sleeps 0.35 of the working time of the last slice. Only the calling thread is slowed.
-std::optional<std::string> KSTSha256ForFileAtPathEco(const std::string& path);
+KESTLY_EXPORT std::optional<std::string> KSTSha256ForFileAtPathEco(const std::string& path);

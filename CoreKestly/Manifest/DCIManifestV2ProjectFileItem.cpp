@@ -7,7 +7,7 @@
 #include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItemInternal.h"
 #include "CoreKestly/Manifest/DCIManifestValuesInternal.h"
-#include "CoreKestly/Platform/DCIUTF16.h"
+#include "CoreKestly/Platform/DCIUTF16Internal.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
 using nlohmann::json;

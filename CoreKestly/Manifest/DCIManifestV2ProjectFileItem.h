@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIObject.h"
 
 #include <cstdint>
@@ -21,7 +23,7 @@
 /// component) is refused with an error line, so that no entry leads out of the folder.
 ///
 /// An entry is immutable once made, so it may be read from any thread.
-class DCIManifestV2ProjectFileItem : public DCIObject {
+class KESTLY_EXPORT DCIManifestV2ProjectFileItem : public DCIObject {
 public:
     /// `path` as a plain relative path: standardised (a leading "~" expanded, "." and empty
     /// components removed, ".." resolved in an absolute path), then without any "/", "." or

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItem.h"
 #include "CoreKestly/Platform/DCIData.h"
 #include "CoreKestly/Platform/DCIDate.h"
@@ -28,7 +30,7 @@
 /// last component.
 ///
 /// Every accessor is atomic: a manifest may be read, and its properties set, from any thread.
-class DCIManifestV2ProjectItem : public DCIObject {
+class KESTLY_EXPORT DCIManifestV2ProjectItem : public DCIObject {
 public:
     /// A manifest with nothing read: no files, no names, creator 0.
     static std::shared_ptr<DCIManifestV2ProjectItem> init();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -8,7 +10,7 @@
 #include <vector>
 
 /// An immutable run of bytes, such as a response body received into memory.
-class DCIData {
+class KESTLY_EXPORT DCIData {
 public:
     DCIData() = default;
     explicit DCIData(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)) {}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -9,7 +11,7 @@
 /// (a signed 64-bit count of seconds) fits, not only the years 1677 to 2262 that one 64-bit
 /// count of nanoseconds spans. The design counts absolute times as seconds from 1 January
 /// 2001 00:00 UTC (the reference date); file dates are whole seconds since 1970.
-class DCIDate {
+class KESTLY_EXPORT DCIDate {
 public:
     using Clock = std::chrono::system_clock;
 
@@ -57,4 +59,4 @@ inline constexpr double kDCITimeIntervalBetween1970AndReferenceDate = 978307200.
 
 /// The current absolute time in seconds since the reference date, as the file manager's
 /// notification stamps and the download workers' log times count it.
-double DCIAbsoluteTimeGetCurrent();
+KESTLY_EXPORT double DCIAbsoluteTimeGetCurrent();

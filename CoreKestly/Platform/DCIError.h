@@ -1,11 +1,13 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <cstdint>
 #include <string>
 
 /// Why something failed: a domain naming the error's origin, a code within that domain and
 /// a sentence for people. Actions keep one under `kDCIError` when they fail.
-class DCIError {
+class KESTLY_EXPORT DCIError {
 public:
     DCIError(std::string domain, int64_t code, std::string localizedDescription)
         : domain_(std::move(domain)), code_(code), localizedDescription_(std::move(localizedDescription)) {}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
@@ -22,7 +24,7 @@
 /// rescans miss nothing.
 ///
 /// The stream reads inotify on a thread of its own, which sleeps while nothing happens.
-class DCIFSEventStream {
+class KESTLY_EXPORT DCIFSEventStream {
 public:
     using Callback = std::function<void()>;
     /// Told, on the stream's thread, why the stream fell back to periodic announcements.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <unistd.h>
 
 #include <utility>
@@ -7,7 +9,7 @@
 /// Owns one open file descriptor and closes it when it goes. Whatever watches the descriptor
 /// (a run-loop source) must be removed before this closes it: declare the source after the
 /// descriptor so that it is destroyed first.
-class DCIFileDescriptor {
+class KESTLY_EXPORT DCIFileDescriptor {
 public:
     DCIFileDescriptor() = default;
     explicit DCIFileDescriptor(int fd) : fd_(fd) {}

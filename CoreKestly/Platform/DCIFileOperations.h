@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIError.h"
 
 #include <optional>
@@ -12,16 +14,16 @@ namespace DCIFileOperations {
 /// Moves the item at `from` to `to`, replacing a file (or an empty folder) at `to` in one step.
 /// Across file systems the item is copied beside `to` under a temporary name, put in place,
 /// and only then is the source removed.
-std::optional<DCIError> moveItem(const std::string& from, const std::string& to);
+KESTLY_EXPORT std::optional<DCIError> moveItem(const std::string& from, const std::string& to);
 
 /// Copies the item at `from` to `to`, which must not exist yet: a file with its permissions
 /// and modification time (shared blocks where the file system can, else copied in the
 /// kernel), a link as a link, a folder with everything in it. FIFOs, sockets and devices are
 /// refused. A copy that fails part way is removed again.
-std::optional<DCIError> copyItem(const std::string& from, const std::string& to);
+KESTLY_EXPORT std::optional<DCIError> copyItem(const std::string& from, const std::string& to);
 
 /// Creates the folder at `path` and the folders missing above it; an existing folder is
 /// success.
-std::optional<DCIError> createDirectory(const std::string& path);
+KESTLY_EXPORT std::optional<DCIError> createDirectory(const std::string& path);
 
 }  // namespace DCIFileOperations

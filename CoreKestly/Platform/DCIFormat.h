@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIObject.h"
 #include "CoreKestly/Platform/DCIValue.h"
 
@@ -15,7 +17,7 @@
 
 /// One argument of a printf-style format, captured with its type so the formatter never
 /// reads past the arguments it was given or reads them as something they are not.
-class DCIFormatArgument {
+class KESTLY_EXPORT DCIFormatArgument {
 public:
     /// A missing object: prints as "(null)".
     DCIFormatArgument(std::nullptr_t) {}
@@ -69,7 +71,7 @@ private:
 /// argument carries its own type. An unknown conversion ("%n" among them) is copied as
 /// text and takes no argument, as is a conversion directive cut off by the end of the format.
 /// Widths and precisions are capped at 4096.
-std::string DCIFormatArguments(std::string_view format, std::span<const DCIFormatArgument> arguments);
+KESTLY_EXPORT std::string DCIFormatArguments(std::string_view format, std::span<const DCIFormatArgument> arguments);
 
 template <class... Args>
 std::string DCIFormat(std::string_view format, const Args&... args) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <functional>
 #include <optional>
 #include <string>
@@ -10,6 +12,6 @@ using DCILocalizedStringTable = std::function<std::optional<std::string>(std::st
 
 /// Lets the host translate the library's user-visible messages, such as the text of a refused
 /// status code. Any thread; an empty function removes the table.
-void DCISetLocalizedStringTable(DCILocalizedStringTable table);
+KESTLY_EXPORT void DCISetLocalizedStringTable(DCILocalizedStringTable table);
 /// The host's translation of `key`, else `key` itself.
-std::string DCILocalizedString(std::string_view key);
+KESTLY_EXPORT std::string DCILocalizedString(std::string_view key);

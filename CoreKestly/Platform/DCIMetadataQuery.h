@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -19,7 +21,7 @@ enum class DCIMetadataQueryBackend {
 };
 
 /// How a metadata query searches.
-struct DCIMetadataQuerySettings {
+struct KESTLY_EXPORT DCIMetadataQuerySettings {
     DCIMetadataQueryBackend backend = DCIMetadataQueryBackend::automatic;
     /// The locate database to search; empty for the machine's own.
     std::string locateDatabasePath;
@@ -52,7 +54,7 @@ struct DCIMetadataQuerySettings {
 /// Threads: `startQuery`, `stopQuery` and `results` belong to the main thread (calls from any
 /// other thread are refused with a log line), and the query is destroyed there, or anywhere
 /// once no gathering is under way.
-class DCIMetadataQuery {
+class KESTLY_EXPORT DCIMetadataQuery {
 public:
     using FinishHandler = std::function<void(const std::vector<std::string>& results)>;
 

@@ -1,12 +1,14 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <memory>
 #include <string>
 
 /// The root of the library's object model. Context dictionaries and the event bus carry
 /// library and host objects alike as `std::shared_ptr<DCIObject>`; `description()` is what
 /// log lines and `description()` of containers print for the object.
-class DCIObject {
+class KESTLY_EXPORT DCIObject {
 public:
     virtual ~DCIObject() = default;
 

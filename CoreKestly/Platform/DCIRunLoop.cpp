@@ -21,7 +21,7 @@
 
 namespace {
 using Clock = DCIRunLoop::Clock;
-using Entry = DCIRunLoopSource::Entry;
+using Entry = DCIRunLoopSourceEntry;
 
 // epoll reports carry these ids for the loop's own descriptors; sources are numbered after them.
 constexpr uint64_t kWakeId = 0;
@@ -89,7 +89,7 @@ int millisecondsUntil(Clock::time_point deadline) {
     return static_cast<int>(std::clamp<int64_t>(left, 0, std::numeric_limits<int>::max()));
 }
 
-std::shared_ptr<Entry> makeEntry(const std::shared_ptr<DCIRunLoop::State>& state, Entry::Kind kind,
+std::shared_ptr<Entry> makeEntry(const std::shared_ptr<DCIRunLoopState>& state, Entry::Kind kind,
                                  Entry::Callback callback) {
     return std::make_shared<Entry>(state, kind, state->nextSourceId.fetch_add(1, std::memory_order_relaxed),
                                    std::move(callback));
@@ -101,7 +101,7 @@ std::shared_ptr<Entry> makeEntry(const std::shared_ptr<DCIRunLoop::State>& state
 /// callback of this pass, is skipped.
 class Pass {
 public:
-    Pass(DCIRunLoop::State& state, bool stoppable) : state_(state), stoppable_(stoppable), number_(++state.passCount) {}
+    Pass(DCIRunLoopState& state, bool stoppable) : state_(state), stoppable_(stoppable), number_(++state.passCount) {}
 
     std::optional<bool> run(int timeoutMs) {
         epoll_event events[kMaxEventsPerPass];
@@ -243,7 +243,7 @@ private:
         if (--entry->runningCallbacks == 0 && entry->detached) state_.callbackReturned.notify_all();
     }
 
-    DCIRunLoop::State& state_;
+    DCIRunLoopState& state_;
     const bool stoppable_;
     const uint64_t number_;
     bool ranCallback_ = false;
@@ -253,7 +253,7 @@ private:
 
 // MARK: - State
 
-DCIRunLoop::State::State(pid_t owner)
+DCIRunLoopState::DCIRunLoopState(pid_t owner)
     : ownerThread(owner),
       epollFd(epoll_create1(EPOLL_CLOEXEC)),
       wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
@@ -266,16 +266,16 @@ DCIRunLoop::State::State(pid_t owner)
     if (!usable) reportProblem(std::string("cannot create a run loop: ") + std::strerror(errno));
 }
 
-DCIRunLoop::State::~State() {
+DCIRunLoopState::~DCIRunLoopState() {
     for (int fd : {epollFd, wakeFd, timerFd})
         if (fd >= 0) ::close(fd);
 }
 
-bool DCIRunLoop::State::isOwnerThread() const { return gettid() == ownerThread; }
+bool DCIRunLoopState::isOwnerThread() const { return gettid() == ownerThread; }
 
-void DCIRunLoop::State::wake() const { bumpCounter(wakeFd); }
+void DCIRunLoopState::wake() const { bumpCounter(wakeFd); }
 
-void DCIRunLoop::State::close() {
+void DCIRunLoopState::close() {
     std::deque<Closure> droppedClosures;
     std::vector<std::shared_ptr<Entry>> droppedSources;
     {
@@ -295,7 +295,7 @@ void DCIRunLoop::State::close() {
     // Destroyed here, unlocked: what the closures and callbacks hold may call back into the loop.
 }
 
-bool DCIRunLoop::State::runUntil(Clock::time_point deadline, const std::function<bool()>* predicate) {
+bool DCIRunLoopState::runUntil(Clock::time_point deadline, const std::function<bool()>* predicate) {
     if (!isOwnerThread()) return false;
     for (bool firstPass = true;; firstPass = false) {
         if (predicate && (*predicate)()) return true;
@@ -308,11 +308,11 @@ bool DCIRunLoop::State::runUntil(Clock::time_point deadline, const std::function
     }
 }
 
-std::optional<bool> DCIRunLoop::State::runPass(int timeoutMs, bool stoppable) {
+std::optional<bool> DCIRunLoopState::runPass(int timeoutMs, bool stoppable) {
     return Pass(*this, stoppable).run(timeoutMs);
 }
 
-void DCIRunLoop::State::detach(Entry& entry) {
+void DCIRunLoopState::detach(Entry& entry) {
     std::unique_lock lock(mutex);
     if (!entry.detached) {
         entry.detached = true;
@@ -334,7 +334,7 @@ void DCIRunLoop::State::detach(Entry& entry) {
     if (!isOwnerThread()) callbackReturned.wait(lock, [&] { return entry.runningCallbacks == 0; });
 }
 
-void DCIRunLoop::State::armTimerDescriptor() {
+void DCIRunLoopState::armTimerDescriptor() {
     itimerspec when{};  // all zero disarms
     const auto earliest = std::min_element(timers.begin(), timers.end(),
                                            [](const auto& a, const auto& b) { return a->deadline < b->deadline; });
@@ -353,7 +353,7 @@ void DCIRunLoop::State::armTimerDescriptor() {
 // descriptor would remove whatever registration a newer file holds under the reused number,
 // or none at all while a duplicate keeps the file open, which epoll then keeps reporting. So
 // the loop registers a duplicate of its own, which only it closes, once the registration ended.
-bool DCIRunLoop::State::watch(Entry& entry, uint32_t events) {
+bool DCIRunLoopState::watch(Entry& entry, uint32_t events) {
     const auto sameNumber = std::find_if(fileDescriptorSources.begin(), fileDescriptorSources.end(),
                                          [&](const auto& attached) { return attached.second->fileDescriptor == entry.fileDescriptor; });
     if (sameNumber != fileDescriptorSources.end()) {
@@ -370,18 +370,18 @@ bool DCIRunLoop::State::watch(Entry& entry, uint32_t events) {
     return true;
 }
 
-bool DCIRunLoop::State::ownerStillHoldsWatchedFile(const Entry& entry) const {
+bool DCIRunLoopState::ownerStillHoldsWatchedFile(const Entry& entry) const {
     return sameOpenFile(entry.fileDescriptor, entry.watchedDescriptor);
 }
 
-void DCIRunLoop::State::dropOrphan(Entry& entry) {
+void DCIRunLoopState::dropOrphan(Entry& entry) {
     reportProblem("descriptor " + std::to_string(entry.fileDescriptor) +
                   " was closed before its run-loop source was removed; the source is removed");
     entry.detached = true;
     unwatch(entry);
 }
 
-void DCIRunLoop::State::unwatch(Entry& entry) {
+void DCIRunLoopState::unwatch(Entry& entry) {
     if (entry.watchedDescriptor >= 0) {
         epoll_ctl(epollFd, EPOLL_CTL_DEL, entry.watchedDescriptor, nullptr);
         ::close(entry.watchedDescriptor);
@@ -405,7 +405,7 @@ DCIRunLoop& DCIRunLoop::current() {
     return *loop;
 }
 
-DCIRunLoop::DCIRunLoop(int ownerThreadId) : state_(std::make_shared<State>(ownerThreadId)) {}
+DCIRunLoop::DCIRunLoop(int ownerThreadId) : state_(std::make_shared<DCIRunLoopState>(ownerThreadId)) {}
 
 DCIRunLoop::~DCIRunLoop() { state_->close(); }
 
@@ -426,7 +426,7 @@ bool DCIRunLoop::runOnce() {
 // work, its thread may end and destroy the loop object while they are still returning.
 
 void DCIRunLoop::stop() {
-    const std::shared_ptr<State> state = state_;
+    const std::shared_ptr<DCIRunLoopState> state = state_;
     state->stopRequested.store(true, std::memory_order_release);
     state->wake();
 }
@@ -436,7 +436,7 @@ int DCIRunLoop::fileDescriptor() const { return state_->epollFd; }
 bool DCIRunLoop::isCurrent() const { return state_->isOwnerThread(); }
 
 void DCIRunLoop::performAsync(Closure closure) {
-    const std::shared_ptr<State> state = state_;
+    const std::shared_ptr<DCIRunLoopState> state = state_;
     {
         std::lock_guard lock(state->mutex);
         // Only a closure being dropped by close() can get here; it goes with the loop.
@@ -465,7 +465,7 @@ std::unique_ptr<DCIRunLoopSource> DCIRunLoop::addSignalSource(Closure callback) 
     auto entry = makeEntry(state_, Entry::Kind::signal, [callback = std::move(callback)](uint32_t) { callback(); });
     std::lock_guard lock(state_->mutex);
     state_->signalSources.push_back(entry);
-    return std::make_unique<DCIRunLoopSource>(std::move(entry));
+    return std::unique_ptr<DCIRunLoopSource>(new DCIRunLoopSource(std::move(entry)));
 }
 
 std::unique_ptr<DCIRunLoopSource> DCIRunLoop::addFileDescriptorSource(int fd, uint32_t events,
@@ -475,11 +475,11 @@ std::unique_ptr<DCIRunLoopSource> DCIRunLoop::addFileDescriptorSource(int fd, ui
     std::lock_guard lock(state_->mutex);
     if (!state_->watch(*entry, events)) return nullptr;
     state_->fileDescriptorSources.emplace(entry->id, entry);
-    return std::make_unique<DCIRunLoopSource>(std::move(entry));
+    return std::unique_ptr<DCIRunLoopSource>(new DCIRunLoopSource(std::move(entry)));
 }
 
 void DCIRunLoop::modifyFileDescriptorSource(DCIRunLoopSource& source, uint32_t events) {
-    Entry& entry = source.entry();
+    Entry& entry = *source.entry_;
     std::lock_guard lock(state_->mutex);
     if (entry.loop != state_ || entry.kind != Entry::Kind::fileDescriptor || entry.detached) return;
     epollControl(state_->epollFd, EPOLL_CTL_MOD, entry.watchedDescriptor, events, entry.id);
@@ -493,7 +493,7 @@ std::unique_ptr<DCIRunLoopSource> DCIRunLoop::addTimer(Clock::duration interval,
     entry->deadline = later(Clock::now(), entry->interval);
     state_->timers.push_back(entry);
     state_->armTimerDescriptor();
-    return std::make_unique<DCIRunLoopSource>(std::move(entry));
+    return std::unique_ptr<DCIRunLoopSource>(new DCIRunLoopSource(std::move(entry)));
 }
 
 // MARK: - Sources

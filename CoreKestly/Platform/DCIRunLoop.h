@@ -1,11 +1,16 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
 
 class DCIRunLoopSource;
+// What a loop shares with its sources, and one source; both are the loop's own business.
+struct DCIRunLoopState;
+struct DCIRunLoopSourceEntry;
 
 /// An event loop owned by one thread: closures performed from other threads, signalable
 /// sources, file-descriptor sources and timers, all of whose callbacks run on that thread.
@@ -15,7 +20,7 @@ class DCIRunLoopSource;
 /// of the process's initial thread, where events are delivered; a host either runs it with
 /// `run()` or watches `fileDescriptor()` in its own loop and calls `runOnce()` whenever that
 /// descriptor becomes readable.
-class DCIRunLoop {
+class KESTLY_EXPORT DCIRunLoop {
 public:
     using Clock = std::chrono::steady_clock;
     using Closure = std::function<void()>;
@@ -90,19 +95,15 @@ public:
     /// fires missed while the loop was busy are skipped, not caught up.
     std::unique_ptr<DCIRunLoopSource> addTimer(Clock::duration interval, bool repeats, Closure callback);
 
-    struct State;
-
 private:
     /// A loop belonging to the thread whose kernel thread id is `ownerThreadId`.
     explicit DCIRunLoop(int ownerThreadId);
-    std::shared_ptr<State> state_;
+    std::shared_ptr<DCIRunLoopState> state_;
 };
 
 /// The handle of a source added to a loop; destroying it removes the source.
-class DCIRunLoopSource {
+class KESTLY_EXPORT DCIRunLoopSource {
 public:
-    struct Entry;
-    explicit DCIRunLoopSource(std::shared_ptr<Entry> entry) : entry_(std::move(entry)) {}
     DCIRunLoopSource(const DCIRunLoopSource&) = delete;
     DCIRunLoopSource& operator=(const DCIRunLoopSource&) = delete;
     ~DCIRunLoopSource();
@@ -110,11 +111,11 @@ public:
     /// For a signal source: asks for the callback to run on the loop's thread. Any thread.
     void signal();
 
-    Entry& entry() const { return *entry_; }
-
 private:
-    std::shared_ptr<Entry> entry_;
+    friend class DCIRunLoop;
+    explicit DCIRunLoopSource(std::shared_ptr<DCIRunLoopSourceEntry> entry) : entry_(std::move(entry)) {}
+    std::shared_ptr<DCIRunLoopSourceEntry> entry_;
 };
 
 /// Whether the calling thread is the process's initial thread.
-bool DCIIsMainThread();
+KESTLY_EXPORT bool DCIIsMainThread();

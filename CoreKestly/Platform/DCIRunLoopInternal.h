@@ -19,15 +19,15 @@
 // goes, a one-shot timer fires, the loop dies) drops that reference and breaks the cycle.
 
 /// One source: what it watches and the callback it runs on the loop's thread.
-struct DCIRunLoopSource::Entry {
+struct DCIRunLoopSourceEntry {
     enum class Kind { signal, fileDescriptor, timer };
     /// Signal sources and timers ignore the argument; descriptor sources get epoll's events.
     using Callback = std::function<void(uint32_t)>;
 
-    Entry(std::shared_ptr<DCIRunLoop::State> owner, Kind sourceKind, uint64_t sourceId, Callback work)
+    DCIRunLoopSourceEntry(std::shared_ptr<DCIRunLoopState> owner, Kind sourceKind, uint64_t sourceId, Callback work)
         : loop(std::move(owner)), kind(sourceKind), id(sourceId), callback(std::move(work)) {}
 
-    const std::shared_ptr<DCIRunLoop::State> loop;
+    const std::shared_ptr<DCIRunLoopState> loop;
     const Kind kind;
     /// Names the source in epoll's reports, which may still arrive after the source has gone.
     const uint64_t id;
@@ -37,8 +37,8 @@ struct DCIRunLoopSource::Entry {
     /// sources are scanned for it.
     std::atomic<bool> signalled{false};
 
-    // Fixed at creation. `fileDescriptor` is the owner's; see `State::watch` for why epoll is
-    // given a duplicate of it.
+    // Fixed at creation. `fileDescriptor` is the owner's; see `DCIRunLoopState::watch` for why
+    // epoll is given a duplicate of it.
     int fileDescriptor = -1;
     DCIRunLoop::Clock::duration interval{};
     bool repeats = false;
@@ -56,13 +56,15 @@ struct DCIRunLoopSource::Entry {
 };
 
 /// What a loop shares with its sources and with the threads that perform on it.
-struct DCIRunLoop::State {
-    using Entry = DCIRunLoopSource::Entry;
+struct DCIRunLoopState {
+    using Clock = DCIRunLoop::Clock;
+    using Closure = DCIRunLoop::Closure;
+    using Entry = DCIRunLoopSourceEntry;
 
-    explicit State(pid_t ownerThread);
-    ~State();
-    State(const State&) = delete;
-    State& operator=(const State&) = delete;
+    explicit DCIRunLoopState(pid_t ownerThread);
+    ~DCIRunLoopState();
+    DCIRunLoopState(const DCIRunLoopState&) = delete;
+    DCIRunLoopState& operator=(const DCIRunLoopState&) = delete;
 
     bool isOwnerThread() const;
     /// Makes the loop's descriptor readable, so a waiting pass returns and scans for work.

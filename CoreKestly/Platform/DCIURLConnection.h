@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIError.h"
 #include "CoreKestly/Platform/DCIObject.h"
 #include "CoreKestly/Platform/DCIURLRequest.h"
@@ -12,7 +14,7 @@
 #include <vector>
 
 /// The head of an HTTP response: the final one, after any redirects were followed.
-class DCIURLResponse : public DCIObject {
+class KESTLY_EXPORT DCIURLResponse : public DCIObject {
 public:
     DCIURLResponse(std::string URL, int64_t statusCode, int64_t expectedContentLength,
                    std::vector<std::pair<std::string, std::string>> allHeaderFields)
@@ -49,7 +51,7 @@ class DCIURLConnection;
 /// only while that loop runs. For one request: any number of body-sent steps, then the
 /// response, any number of data chunks, and exactly one of the failure and the finish,
 /// unless the connection is cancelled first, after which nothing more comes.
-class DCIURLConnectionDelegate {
+class KESTLY_EXPORT DCIURLConnectionDelegate {
 public:
     virtual ~DCIURLConnectionDelegate() = default;
 
@@ -73,7 +75,7 @@ public:
 /// Lifetime: the connection holds its delegate weakly. The delegate may cancel or drop its
 /// last reference to the connection from inside any callback; dropping the last reference
 /// cancels the request.
-class DCIURLConnection : public DCIObject, public std::enable_shared_from_this<DCIURLConnection> {
+class KESTLY_EXPORT DCIURLConnection : public DCIObject, public std::enable_shared_from_this<DCIURLConnection> {
 public:
     /// A connection for `request`, bound to the calling thread's run loop, that loads only
     /// once started. nullptr for a null request.

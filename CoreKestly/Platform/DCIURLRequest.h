@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIData.h"
 #include "CoreKestly/Platform/DCIObject.h"
 
@@ -25,7 +27,7 @@ struct DCIURLRequestFields {
 
 /// An HTTP or HTTPS request, built by the host and carried by a download action. Immutable
 /// once made, so any thread may read it while a worker runs it.
-class DCIURLRequest : public DCIObject {
+class KESTLY_EXPORT DCIURLRequest : public DCIObject {
 public:
     /// A GET request for `URL` with no headers, no body and a time-out of 60 seconds.
     static std::shared_ptr<DCIURLRequest> requestWithURL(std::string URL);
@@ -52,5 +54,5 @@ private:
 
 /// The value of the first field named `name` among `fields`, names compared as HTTP compares
 /// them: without regard to ASCII case.
-std::optional<std::string> DCIHeaderFieldValue(const std::vector<std::pair<std::string, std::string>>& fields,
+KESTLY_EXPORT std::optional<std::string> DCIHeaderFieldValue(const std::vector<std::pair<std::string, std::string>>& fields,
                                                std::string_view name);

@@ -1,4 +1,4 @@
-#include "CoreKestly/Platform/DCIUTF16.h"
+#include "CoreKestly/Platform/DCIUTF16Internal.h"
 
 namespace {
 

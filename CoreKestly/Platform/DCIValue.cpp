@@ -29,7 +29,7 @@ std::string describeDouble(double value) {
 // Plain words print bare in a property list; anything else is quoted and escaped.
 bool isPlainWord(std::string_view text) {
     if (text.empty()) return false;
-    for (unsigned char c : text) {
+    for (const char c : text) {
         const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
                            c == '_' || c == '$' || c == '+' || c == '/' || c == ':' || c == '.' || c == '-';
         if (!plain) return false;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIData.h"
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIError.h"
@@ -18,7 +20,7 @@
 /// One value of a context dictionary: null, a truth value, a number, a string, a date, an
 /// error, bytes or any library or host object. Values are cheap to copy: bytes and objects
 /// are shared, not copied.
-class DCIValue {
+class KESTLY_EXPORT DCIValue {
 public:
     /// The null value, which stands for "no value" inside collections.
     DCIValue() = default;
@@ -71,7 +73,7 @@ public:
     /// or 0, null as "<null>", objects by their own description.
     std::string description() const;
 
-    friend bool operator==(const DCIValue& a, const DCIValue& b);
+    friend KESTLY_EXPORT bool operator==(const DCIValue& a, const DCIValue& b);
 
 private:
     using Storage = std::variant<std::monostate, bool, int64_t, uint64_t, double, std::string, DCIDate, DCIError,
@@ -85,7 +87,7 @@ using DCIDictionary = std::map<std::string, DCIValue, std::less<>>;
 
 /// The dictionary in the property-list style of the original platform:
 /// "{\n    key = value;\n}", with keys and values quoted where they are not plain words.
-std::string DCIDescription(const DCIDictionary& dictionary);
+KESTLY_EXPORT std::string DCIDescription(const DCIDictionary& dictionary);
 
 /// The shared null value, for filling a collection with something that may be missing.
-const DCIValue& DCINull();
+KESTLY_EXPORT const DCIValue& DCINull();

@@ -1,10 +1,12 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include <cstdint>
 #include <string>
 
 /// Reads the length of an audio file, for confirming a sample by its duration.
-class DCIAudioFile {
+class KESTLY_EXPORT DCIAudioFile {
 public:
     /// Reads the number of sample frames and the whole sample rate (frames per second, any
     /// fraction dropped) of the audio file at `path`: WAV, AIFF, FLAC, Ogg, and MP3 where the

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CoreKestly/CoreKestlyExport.h"
+
 #include "CoreKestly/Platform/DCIMetadataQuery.h"
 #include "CoreKestly/Platform/DCIObject.h"
 
@@ -23,7 +25,7 @@ class DCIFileQueries;
 /// query starts, gathers and stops on the main loop, which must keep running meanwhile. A
 /// call on the main thread is refused with a log line. Searches on one finder run one at a
 /// time; settings may be changed from any thread.
-class DCISampleFinder : public DCIObject {
+class KESTLY_EXPORT DCISampleFinder : public DCIObject {
 public:
     /// How long a search waits at most for the index to gather its candidates. A search ends
     /// as soon as they are in, so the figure costs nothing when the file is found; it is the

@@ -6,10 +6,8 @@
 #include <filesystem>
 #include <string>
 
-/// The `kestly` program the build puts beside the test programs.
-inline std::filesystem::path kestlyProgram() {
-    return std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / "tools/kestly/kestly";
-}
+/// The `kestly` program of this build, named by the build for every command test.
+inline std::filesystem::path kestlyProgram() { return KESTLY_BINARY; }
 
 /// `text` quoted for a shell command line.
 inline std::string shellQuoted(const std::string& text) {

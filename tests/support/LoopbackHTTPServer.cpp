@@ -29,4 +29,5 @@ bool LoopbackHTTPServer::pause(std::chrono::milliseconds duration) {
 
 // The packaged server library is built without ThreadSanitizer, which then cannot follow the
 // hand-overs inside its thread pool; what it reports there is no race of ours.
+extern "C" const char* __tsan_default_suppressions();  // the sanitizer's hook, called by name
 extern "C" const char* __tsan_default_suppressions() { return "race:libcpp-httplib.so\n"; }

@@ -143,7 +143,9 @@ TEST(DCIManifestV2ProjectFileItemTests, PathsRelativeToTheProjectFolder) {
         if (row.logged.empty()) {
             EXPECT_EQ(logged.find("ERROR"), std::string::npos) << row.path << logged;
             // Only a session entry falls back, which warns.
-            if (row.category != "session") EXPECT_EQ(logged.find("WARNING"), std::string::npos) << row.path << logged;
+            if (row.category != "session") {
+                EXPECT_EQ(logged.find("WARNING"), std::string::npos) << row.path << logged;
+            }
         } else {
             EXPECT_NE(logged.find(": " + row.logged), std::string::npos) << row.path << logged;
         }

@@ -25,49 +25,27 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 const std::regex kStampedEntry(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}: (.*)$)");
 
-// Sends standard error to a file for the object's lifetime.
-class CapturedStandardError {
-public:
-    explicit CapturedStandardError(const std::string& path) : saved_(dup(STDERR_FILENO)) {
-        const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(file, STDERR_FILENO);
-        close(file);
-    }
-    ~CapturedStandardError() {
-        dup2(saved_, STDERR_FILENO);
-        close(saved_);
-    }
-
-private:
-    int saved_;
-};
-
-// What DCLogInfo and DCLogError write to standard error and to the shared log file.
-struct Logged {
-    std::string standardError;
-    std::string logFile;
-};
-
-template <class Log>
-Logged capture(const TemporaryDirectory& folder, Log&& log) {
-    const LogSince logged;
-    const std::string errPath = folder / "stderr.txt";
-    {
-        CapturedStandardError captured(errPath);
-        log();
-    }
-    return {readWholeFile(errPath), logged.text()};
+unsigned permissionsOf(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
 }  // namespace
 
-TEST(DCLogger, StartingALoggerRotatesOneGeneration) {
-    TemporaryDirectory folder;
-    folder.writeFile("com.kestly.previous.log", "two runs ago\n");
-    folder.writeFile("com.kestly.current.log", "the last run\n");
-    DCLogger logger(folder.path().string());
-    EXPECT_EQ(logger.currentLogFileURL(), folder / "com.kestly.current.log");
-    EXPECT_EQ(readWholeFile(folder / "com.kestly.previous.log"), "the last run\n");
+TEST(DCLogger, AFirstRunMakesAPrivateFolderAndLogAndTheNextKeepsOneGeneration) {
+    TemporaryDirectory parent;
+    const std::string folder = parent / "kestly";
+    {
+        DCLogger first(folder);
+        EXPECT_EQ(permissionsOf(folder), 0700u);
+        EXPECT_EQ(permissionsOf(first.currentLogFileURL()), 0600u);
+        EXPECT_FALSE(std::filesystem::exists(first.previousLogFileURL()));
+        first.log("the last run");  // written by the time the logger is gone
+    }
+    parent.writeFile("kestly/com.kestly.previous.log", "two runs ago\n");
+    DCLogger logger(folder);
+    EXPECT_EQ(logger.currentLogFileURL(), folder + "/com.kestly.current.log");
+    EXPECT_TRUE(readWholeFile(folder + "/com.kestly.previous.log").ends_with(": the last run\n"));
     // A message of several lines is one entry, stamped once.
     logger.log("first entry\nsecond line");
     logger.log("after");
@@ -79,18 +57,6 @@ TEST(DCLogger, StartingALoggerRotatesOneGeneration) {
     EXPECT_EQ(match[1], "first entry");
     EXPECT_EQ(lines[1], "second line");
     EXPECT_TRUE(std::regex_match(lines[2], kStampedEntry));
-}
-
-TEST(DCLogger, AFirstRunMakesAPrivateFolderAndLog) {
-    TemporaryDirectory parent;
-    const std::string folder = parent / "kestly";
-    DCLogger logger(folder);
-    EXPECT_FALSE(std::filesystem::exists(logger.previousLogFileURL()));
-    struct stat status {};
-    ASSERT_EQ(stat(folder.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0700u);
-    ASSERT_EQ(stat(logger.currentLogFileURL().c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777, 0600u);
 }
 
 TEST(DCLogger, ThePerUserTemporaryDirectory) {
@@ -118,13 +84,34 @@ TEST(DCLogger, ALinkWhereTheLogGoesIsNeverFollowed) {
     EXPECT_EQ(readWholeFile(victim), "precious\n");
 }
 
+TEST(DCLogger, AFolderThatIsNotARealOneOfOurOwnGetsNoLogAndOneWarning) {
+    TemporaryDirectory folder;
+    const std::string elsewhere = folder.makeFolder("elsewhere");
+    std::filesystem::create_directory_symlink(elsewhere, folder / "link");
+    for (const std::string& candidate :
+         {std::string("/proc/kestly-no-such-folder"), folder / "link", folder.writeFile("file", "")}) {
+        testing::internal::CaptureStderr();
+        {
+            DCLogger logger(candidate);
+            EXPECT_EQ(logger.logFile(), -1) << candidate;
+            logger.log("goes nowhere");
+            logger.log("nor here");
+        }
+        const auto warnings = linesOf(testing::internal::GetCapturedStderr());
+        ASSERT_EQ(warnings.size(), 1u) << candidate;
+        EXPECT_NE(warnings[0].find(candidate), std::string::npos);
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
+}
+
 TEST(DCLogger, EntriesOfConcurrentThreadsStayWholeAndInEachThreadsOrder) {
     TemporaryDirectory folder;
     constexpr int kPerThread = 500;
+    const auto entry = [](char tag, int index) { return tag + std::to_string(index) + std::string(300, tag); };
     {
         DCLogger logger(folder.path().string());
-        auto writer = [&logger](char tag) {
-            for (int i = 0; i < kPerThread; ++i) logger.log(std::string(1, tag) + std::to_string(i) + std::string(300, tag));
+        const auto writer = [&](char tag) {
+            for (int i = 0; i < kPerThread; ++i) logger.log(entry(tag, i));
         };
         std::thread a(writer, 'a'), b(writer, 'b');
         a.join();
@@ -134,12 +121,9 @@ TEST(DCLogger, EntriesOfConcurrentThreadsStayWholeAndInEachThreadsOrder) {
     for (const auto& line : linesOf(readWholeFile(folder / "com.kestly.current.log"))) {
         std::smatch match;
         ASSERT_TRUE(std::regex_match(line, match, kStampedEntry)) << line;
-        const std::string message = match[1];
-        const char tag = message[0];
-        ASSERT_TRUE(tag == 'a' || tag == 'b');
-        const int index = std::stoi(message.substr(1));
-        EXPECT_EQ(index, next[tag - 'a']++);
-        EXPECT_EQ(message, std::string(1, tag) + std::to_string(index) + std::string(300, tag));
+        const char tag = match.str(1)[0];
+        ASSERT_TRUE(tag == 'a' || tag == 'b') << line;
+        EXPECT_EQ(match[1], entry(tag, next[tag - 'a']++));
     }
     EXPECT_EQ(next[0], kPerThread);
     EXPECT_EQ(next[1], kPerThread);
@@ -150,11 +134,9 @@ TEST(DCLogger, EntriesGoToTheLogFileSetAtTheTimeTheyAreWritten) {
     DCLogger logger(folder.path().string());
     logger.log("to the current log");
     logger.flush();
-
-    const std::string other = folder / "other.log";
-    const int file = open(other.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    ASSERT_GE(file, 0);
-    logger.setLogFile(file);
+    const int other = open((folder / "other.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    ASSERT_GE(other, 0);
+    logger.setLogFile(other);
     logger.log("to the other log");
     logger.flush();
     logger.setLogFile(-1);
@@ -162,32 +144,9 @@ TEST(DCLogger, EntriesGoToTheLogFileSetAtTheTimeTheyAreWritten) {
     logger.flush();
 
     EXPECT_TRUE(readWholeFile(logger.currentLogFileURL()).ends_with(": to the current log\n"));
-    const auto lines = linesOf(readWholeFile(other));
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_TRUE(lines[0].ends_with(": to the other log"));
-    // The logger closed the descriptor it was given when it was replaced.
-    EXPECT_EQ(fcntl(file, F_GETFD), -1);
-}
-
-TEST(DCLogger, AFolderThatIsNotARealOneOfOurOwnGetsNoLogAndOneWarning) {
-    TemporaryDirectory folder;
-    const std::string elsewhere = folder.makeFolder("elsewhere");
-    std::filesystem::create_directory_symlink(elsewhere, folder / "link");
-    for (const std::string& candidate :
-         {std::string("/proc/kestly-no-such-folder"), folder / "link", folder.writeFile("file", "")}) {
-        const std::string errPath = folder / "stderr.txt";
-        {
-            CapturedStandardError captured(errPath);
-            DCLogger logger(candidate);
-            EXPECT_EQ(logger.logFile(), -1) << candidate;
-            logger.log("goes nowhere");
-            logger.log("nor here");
-        }
-        const auto warnings = linesOf(readWholeFile(errPath));
-        ASSERT_EQ(warnings.size(), 1u) << candidate;
-        EXPECT_NE(warnings[0].find(candidate), std::string::npos);
-    }
-    EXPECT_TRUE(std::filesystem::is_empty(elsewhere));
+    const auto lines = linesOf(readWholeFile(folder / "other.log"));
+    EXPECT_TRUE(lines.size() == 1 && lines[0].ends_with(": to the other log")) << testing::PrintToString(lines);
+    EXPECT_EQ(fcntl(other, F_GETFD), -1);  // closed by the logger when it was replaced
 }
 
 TEST(DCLogger, AForkedChildLogsAndExits) {
@@ -210,34 +169,25 @@ TEST(DCLogger, AForkedChildLogsAndExits) {
     EXPECT_EQ(log.find(": before the fork\n"), log.rfind(": before the fork\n"));
 }
 
-TEST(DCLogInfo, IsSilencedOnlyByVerboseLoggingExactlyNo) {
-    TemporaryDirectory folder;
-    struct Case {
-        const char* value;
-        bool logs;
-    };
-    for (const Case& c : {Case{"no", false}, Case{nullptr, true}, Case{"NO", true}, Case{"yes", true}, Case{"", true}}) {
-        ScopedEnvironment verbose("VERBOSE_LOGGING", c.value);
-        const std::string marker = std::string("info marker ") + (c.value ? c.value : "unset");
-        const Logged logged = capture(folder, [&] { DCLogInfo("%s %d", marker.c_str(), 17); });
-        const std::string expected = marker + " 17";
-        EXPECT_EQ(logged.standardError.find(expected) != std::string::npos, c.logs) << marker;
-        EXPECT_EQ(logged.logFile.find(expected) != std::string::npos, c.logs) << marker;
+TEST(DCLogger, InfoIsSilencedOnlyByVerboseLoggingExactlyNoAndErrorsNever) {
+    struct Case { const char* verbose; bool error, logs; };
+    const Case cases[] = {{"no", false, false}, {nullptr, false, true}, {"NO", false, true},
+                          {"yes", false, true}, {"", false, true},      {"no", true, true}};
+    for (const Case& c : cases) {
+        ScopedEnvironment verbose("VERBOSE_LOGGING", c.verbose);
+        const std::string marker = std::string(c.error ? "error" : "info") + " marker " + (c.verbose ? c.verbose : "unset");
+        SCOPED_TRACE(marker);
+        const LogSince log;
+        testing::internal::CaptureStderr();
+        if (c.error) {
+            DCLogError("%@ %d", marker.c_str(), 17);
+        } else {
+            DCLogInfo("%@ %d", marker.c_str(), 17);
+        }
+        const std::string echo = testing::internal::GetCapturedStderr();
+        // One entry in the log; one line echoed: time, process name and ids, then the message.
+        EXPECT_EQ(log.count(marker + " 17"), c.logs ? 1u : 0u);
+        const std::regex echoed(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \S+\[\d+:\d+\] )" + marker + " 17\n");
+        EXPECT_TRUE(c.logs ? std::regex_match(echo, echoed) : echo.empty()) << echo;
     }
-}
-
-TEST(DCLogError, LogsWhateverVerboseLoggingSaysWithTheEchoOnOneLine) {
-    TemporaryDirectory folder;
-    ScopedEnvironment verbose("VERBOSE_LOGGING", "no");
-    const Logged logged = capture(folder, [] { DCLogError("Not setting nil object for key %@", "sourcePath"); });
-
-    const auto echo = linesOf(logged.standardError);
-    ASSERT_EQ(echo.size(), 1u);
-    // time, process name and ids, then the message
-    EXPECT_TRUE(std::regex_match(echo[0], std::regex(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \S+\[\d+:\d+\] )"
-                                                     R"(Not setting nil object for key sourcePath$)")))
-        << echo[0];
-    const auto entries = linesOf(logged.logFile);
-    ASSERT_EQ(entries.size(), 1u);
-    EXPECT_TRUE(entries[0].ends_with(": Not setting nil object for key sourcePath"));
 }

@@ -1,8 +1,7 @@
 #include "CoreKestly/Actions/DCIAction.h"
-#include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "support/EventRecorder.h"
-#include "support/TemporaryDirectory.h"
+#include "support/LogReading.h"
 
 #include <gtest/gtest.h>
 
@@ -15,6 +14,10 @@ namespace {
 constexpr uint64_t kTestCategory = 42;
 
 std::shared_ptr<DCIEvent> testEvent(uint64_t type) { return DCIEvent::initWithCategory(kTestCategory, type); }
+
+void postTestEvents(std::initializer_list<uint64_t> types) {
+    for (uint64_t type : types) DCIEventManager::postEvent(testEvent(type));
+}
 
 class NotAListener : public DCIObject {};
 
@@ -36,6 +39,13 @@ protected:
         return recorder;
     }
 
+    // Pumps until `recorder` has as many events as expected, and a little longer for extra ones.
+    static void expectTypes(const EventRecorder& recorder, const std::vector<uint64_t>& types) {
+        pumpMainLoopUntil([&] { return recorder.events.size() >= types.size(); });
+        pumpMainLoopBriefly();
+        EXPECT_EQ(recorder.typesOfCategory(kTestCategory), types);
+    }
+
 private:
     std::vector<std::shared_ptr<EventRecorder>> registered_;
 };
@@ -48,8 +58,7 @@ TEST_F(DCIEventManagerTest, DeliversOnTheMainThreadInEachProducersOrder) {
     std::vector<std::thread> producers;
     for (uint64_t producer = 0; producer < 3; ++producer) {
         producers.emplace_back([producer] {
-            for (uint64_t i = 0; i < kPerThread; ++i)
-                DCIEventManager::postEvent(DCIEvent::initWithCategory(100 + producer, i));
+            for (uint64_t i = 0; i < kPerThread; ++i) DCIEventManager::postEvent(DCIEvent::initWithCategory(100 + producer, i));
         });
     }
     for (auto& producer : producers) producer.join();
@@ -63,79 +72,46 @@ TEST_F(DCIEventManagerTest, DeliversOnTheMainThreadInEachProducersOrder) {
     }
 }
 
-TEST_F(DCIEventManagerTest, AnEventPostedByAListenerFollowsTheCurrentOneInTheSameDrain) {
+TEST_F(DCIEventManagerTest, WhatAListenerDoesDuringDeliveryChangesOnlyLaterEvents) {
+    // On event 1 the host posts 3, adds a latecomer and removes the leaver: each event still
+    // reaches all its listeners before the next one is delivered.
     std::vector<std::string> arrivals;
-    const auto first = addRecorder();
-    const auto second = addRecorder();
-    first->onEvent = [&](const auto& event) {
-        arrivals.push_back("first:" + std::to_string(event->type()));
-        if (event->type() == 1) DCIEventManager::postEvent(testEvent(2));
-    };
-    second->onEvent = [&](const auto& event) { arrivals.push_back("second:" + std::to_string(event->type())); };
-
-    DCIEventManager::postEvent(testEvent(1));
-    ASSERT_TRUE(DCIRunLoop::main().runOnce());
-    // One drain served both events: the re-posted one came after every listener had the first.
-    EXPECT_EQ(arrivals, (std::vector<std::string>{"first:1", "second:1", "first:2", "second:2"}));
-}
-
-TEST_F(DCIEventManagerTest, ListenersAddedOrRemovedDuringDeliveryChangeOnlyLaterEvents) {
     const auto latecomer = std::make_shared<EventRecorder>();
     const auto leaver = addRecorder();
     const auto host = addRecorder();
-    host->onEvent = [&](const auto& event) {
+    for (const auto& [name, recorder] : {std::pair{"leaver", leaver}, {"host", host}, {"latecomer", latecomer}}) {
+        recorder->onEvent = [&arrivals, name](const auto& event) { arrivals.push_back(name + std::to_string(event->type())); };
+    }
+    host->onEvent = [&, log = host->onEvent](const auto& event) {
+        log(event);
         if (event->type() != 1) return;
+        DCIEventManager::postEvent(testEvent(3));
         DCIEventManager::addListener(latecomer);
         DCIEventManager::removeListener(leaver);
     };
-
-    DCIEventManager::postEvent(testEvent(1));
-    DCIEventManager::postEvent(testEvent(2));
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return host->events.size() == 2; }));
-
-    EXPECT_EQ(leaver->typesOfCategory(kTestCategory), std::vector<uint64_t>{1});
-    EXPECT_EQ(latecomer->typesOfCategory(kTestCategory), std::vector<uint64_t>{2});
+    postTestEvents({1, 2});
+    expectTypes(*host, {1, 2, 3});
+    EXPECT_EQ(arrivals, (std::vector<std::string>{"leaver1", "host1", "host2", "latecomer2", "host3", "latecomer3"}));
     DCIEventManager::removeListener(latecomer);
 }
 
-TEST_F(DCIEventManagerTest, RemovingTheLastListenerInsideHandleEventDropsTheRestOfTheDrain) {
-    const auto only = std::make_shared<EventRecorder>();
-    only->onEvent = [&](const auto&) { DCIEventManager::removeListener(only); };
-    DCIEventManager::addListener(only);
-
-    for (uint64_t i = 0; i < 5; ++i) DCIEventManager::postEvent(testEvent(i));
+TEST_F(DCIEventManagerTest, RegistrationRules) {
+    // An object that is no listener still creates the bus, which then drains to nobody; with
+    // no listener registered, removing anything releases it.
+    const auto stranger = std::make_shared<NotAListener>();
+    DCIEventManager::addListener(stranger);
+    ASSERT_TRUE(DCIEventManager::hasSharedInstance());
+    postTestEvents({0});
     pumpMainLoopBriefly();
-    EXPECT_EQ(only->typesOfCategory(kTestCategory), std::vector<uint64_t>{0});
+    DCIEventManager::removeListener(stranger);
     EXPECT_FALSE(DCIEventManager::hasSharedInstance());
 
-    // A new bus starts clean: only what is posted from then on arrives.
-    const auto fresh = addRecorder();
-    DCIEventManager::postEvent(testEvent(9));
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return !fresh->events.empty(); }));
-    pumpMainLoopBriefly();
-    EXPECT_EQ(fresh->typesOfCategory(kTestCategory), std::vector<uint64_t>{9});
-}
-
-TEST_F(DCIEventManagerTest, RegistrationRules) {
-    // A listener registered twice hears each event once.
+    // Registered twice, a listener hears each event once; other objects are not registered.
     const auto twice = addRecorder();
     DCIEventManager::addListener(twice);
-    // Other objects are not registered, and nothing fails.
     DCIEventManager::addListener(std::make_shared<NotAListener>());
     DCIEventManager::addListener(nullptr);
-
-    DCIEventManager::postEvent(testEvent(1));
-    DCIEventManager::postEvent(nullptr);
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return !twice->events.empty(); }));
-    pumpMainLoopBriefly();
-    EXPECT_EQ(twice->events.size(), 1u);
-
-    // Removing an object that was never registered leaves the bus as long as listeners remain.
-    DCIEventManager::removeListener(std::make_shared<NotAListener>());
-    EXPECT_TRUE(DCIEventManager::hasSharedInstance());
-}
-
-TEST_F(DCIEventManagerTest, TwoListenersInsideOneObjectAreTwo) {
+    // Two listeners inside one object are two.
     struct Pair : DCIObject {
         EventRecorder left, right;
     };
@@ -143,28 +119,25 @@ TEST_F(DCIEventManagerTest, TwoListenersInsideOneObjectAreTwo) {
     const std::shared_ptr<EventRecorder> left(pair, &pair->left), right(pair, &pair->right);
     DCIEventManager::addListener(left);
     DCIEventManager::addListener(right);
-    DCIEventManager::postEvent(testEvent(1));
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return pair->left.events.size() == 1 && pair->right.events.size() == 1; }));
+    // One destroyed while registered is skipped.
+    auto doomed = std::make_shared<EventRecorder>();
+    DCIEventManager::addListener(doomed);
+    doomed.reset();
+
+    postTestEvents({1});
+    DCIEventManager::postEvent(nullptr);
+    expectTypes(*twice, {1});
+    EXPECT_EQ(pair->right.events.size(), 1u);
 
     DCIEventManager::removeListener(right);
-    DCIEventManager::postEvent(testEvent(2));
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return pair->left.events.size() == 2; }));
+    DCIEventManager::removeListener(std::make_shared<NotAListener>());
+    postTestEvents({2});
+    expectTypes(pair->left, {1, 2});
     EXPECT_EQ(pair->right.events.size(), 1u);
     DCIEventManager::removeListener(left);
 }
 
-TEST_F(DCIEventManagerTest, AnObjectThatIsNoListenerStillCreatesTheBus) {
-    const auto stranger = std::make_shared<NotAListener>();
-    DCIEventManager::addListener(stranger);
-    EXPECT_TRUE(DCIEventManager::hasSharedInstance());
-    DCIEventManager::postEvent(testEvent(1));  // delivered to nobody
-    pumpMainLoopBriefly();
-    // The set is empty, so removing anything releases the bus.
-    DCIEventManager::removeListener(stranger);
-    EXPECT_FALSE(DCIEventManager::hasSharedInstance());
-}
-
-TEST_F(DCIEventManagerTest, EventsWithoutABusAreDroppedForGood) {
+TEST_F(DCIEventManagerTest, EventsQueuedWhenTheLastListenerGoesAreFreedAndNeverDelivered) {
     DCIEventManager::postEvent(testEvent(1));  // no bus yet
     const auto first = addRecorder();
     auto queued = testEvent(2);
@@ -176,41 +149,34 @@ TEST_F(DCIEventManagerTest, EventsWithoutABusAreDroppedForGood) {
     EXPECT_TRUE(carried.expired());
     DCIEventManager::postEvent(testEvent(3));
 
-    const auto second = addRecorder();
-    DCIEventManager::postEvent(testEvent(4));
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return !second->events.empty(); }));
+    // The same, removed from inside handleEvent: the rest of the queue goes too.
+    const auto only = std::make_shared<EventRecorder>();
+    only->onEvent = [&](const auto&) { DCIEventManager::removeListener(only); };
+    DCIEventManager::addListener(only);
+    postTestEvents({4, 5, 6});
     pumpMainLoopBriefly();
+    EXPECT_EQ(only->typesOfCategory(kTestCategory), std::vector<uint64_t>{4});
+    EXPECT_FALSE(DCIEventManager::hasSharedInstance());
+
+    const auto last = addRecorder();
+    postTestEvents({7});
+    expectTypes(*last, {7});
     EXPECT_TRUE(first->events.empty());
-    EXPECT_EQ(second->typesOfCategory(kTestCategory), std::vector<uint64_t>{4});
-}
-
-TEST_F(DCIEventManagerTest, ADestroyedListenerIsSkipped) {
-    const auto survivor = addRecorder();
-    auto doomed = std::make_shared<EventRecorder>();
-    DCIEventManager::addListener(doomed);
-    const std::weak_ptr<EventRecorder> watch = doomed;
-    doomed.reset();
-    ASSERT_TRUE(watch.expired());
-
-    DCIEventManager::postEvent(testEvent(1));
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return !survivor->events.empty(); }));
 }
 
 TEST_F(DCIEventManagerTest, AThrowingListenerIsLoggedAndDeliveryGoesOn) {
-    auto thrower = addRecorder();
+    const LogSince log;
+    const auto thrower = addRecorder();
     thrower->onEvent = [](const auto& event) {
         if (event->type() == 1) throw std::runtime_error("listener failure 8841");
         if (event->type() == 2) throw 7;
     };
     const auto other = addRecorder();
-    for (uint64_t i = 1; i <= 3; ++i) DCIEventManager::postEvent(testEvent(i));
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return other->events.size() == 3; }));
+    postTestEvents({1, 2, 3});
+    expectTypes(*other, {1, 2, 3});
     EXPECT_EQ(thrower->events.size(), 3u);
-
-    DCLogger::sharedLogger().flush();
-    const std::string log = readWholeFile(DCLogger::sharedLogger().currentLogFileURL());
-    EXPECT_NE(log.find("threw while handling event"), std::string::npos);
-    EXPECT_NE(log.find("listener failure 8841"), std::string::npos);
+    EXPECT_NE(log.text().find("threw while handling event"), std::string::npos);
+    EXPECT_NE(log.text().find("listener failure 8841"), std::string::npos);
 }
 
 TEST_F(DCIEventManagerTest, ProducersRacingTheLastRemovalNeverCrashAndStopReaching) {
@@ -219,8 +185,7 @@ TEST_F(DCIEventManagerTest, ProducersRacingTheLastRemovalNeverCrashAndStopReachi
     std::vector<std::thread> producers;
     for (int producer = 0; producer < 4; ++producer) {
         producers.emplace_back([&running] {
-            uint64_t i = 0;
-            while (running.load(std::memory_order_relaxed)) DCIEventManager::postEvent(testEvent(i++));
+            for (uint64_t i = 0; running.load(std::memory_order_relaxed); ++i) DCIEventManager::postEvent(testEvent(i));
         });
     }
     const bool delivering = pumpMainLoopUntil([&] { return recorder->events.size() > 1000; });

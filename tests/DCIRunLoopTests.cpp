@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <future>
 #include <stdexcept>
@@ -19,6 +20,7 @@
 namespace {
 using namespace std::chrono_literals;
 using Clock = DCIRunLoop::Clock;
+using Closure = DCIRunLoop::Closure;
 
 // Only bounds waits that end far sooner when the loop works; never a measure of speed.
 constexpr auto kPatience = 10s;
@@ -49,43 +51,16 @@ public:
 
     int readEnd() const { return fds_[0]; }
     int writeEnd() const { return fds_[1]; }
-    void write(const std::string& text) const {
-        EXPECT_EQ(::write(writeEnd(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
-    }
+    void write(const std::string& text) const { EXPECT_EQ(::write(writeEnd(), text.data(), text.size()), ssize_t(text.size())); }
     std::string readAvailable() const {
         std::string text;
         char buffer[256];
-        for (ssize_t count; (count = read(readEnd(), buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(count));
+        for (ssize_t count; (count = read(readEnd(), buffer, sizeof buffer)) > 0;) text.append(buffer, size_t(count));
         return text;
     }
 
 private:
     int fds_[2] = {-1, -1};
-};
-
-/// A thread that runs its own loop until the object goes.
-class LoopThread {
-public:
-    LoopThread() : thread_([this] { run(); }) { loop_ = started_.get_future().get(); }
-    ~LoopThread() {
-        loop_->stop();
-        thread_.join();
-    }
-    LoopThread(const LoopThread&) = delete;
-    LoopThread& operator=(const LoopThread&) = delete;
-
-    DCIRunLoop& loop() const { return *loop_; }
-
-private:
-    void run() {
-        DCIRunLoop& loop = DCIRunLoop::current();
-        started_.set_value(&loop);
-        loop.run();
-    }
-
-    std::promise<DCIRunLoop*> started_;
-    DCIRunLoop* loop_ = nullptr;
-    std::thread thread_;
 };
 }  // namespace
 
@@ -95,13 +70,11 @@ TEST(DCIRunLoopPerform, ClosuresOfEachThreadRunInTheOrderQueued) {
     std::vector<std::thread> producers;
     for (int producer = 0; producer < 2; ++producer) {
         producers.emplace_back([&ran, producer] {
-            for (int i = 0; i < kEach; ++i)
-                mainLoop().performAsync([&ran, producer, i] { ran.emplace_back(producer, i); });
+            for (int i = 0; i < kEach; ++i) mainLoop().performAsync([&ran, producer, i] { ran.emplace_back(producer, i); });
         });
     }
     EXPECT_TRUE(runMainUntil([&] { return ran.size() == 2 * kEach; }));
     for (auto& producer : producers) producer.join();
-
     int next[2] = {0, 0};
     for (const auto& [producer, sequence] : ran) EXPECT_EQ(sequence, next[producer]++);
 }
@@ -121,9 +94,10 @@ TEST(DCIRunLoopPerform, AClosureThatQueuesItselfRunsOncePerPassAndStarvesNoSourc
     drain(mainLoop());
 }
 
-TEST(DCIRunLoopPerform, PerformSyncFromAnotherThreadRunsOnTheLoopAndWaits) {
+TEST(DCIRunLoopPerform, PerformSyncRunsOnTheLoopAndWaits) {
+    // From another thread: on the loop's thread, and done by the time it returns.
     bool ranOnMainThread = false;
-    int value = 0;
+    std::atomic<int> value = 0;
     std::thread caller([&] {
         mainLoop().performSync([&] {
             ranOnMainThread = DCIIsMainThread();
@@ -134,25 +108,19 @@ TEST(DCIRunLoopPerform, PerformSyncFromAnotherThreadRunsOnTheLoopAndWaits) {
     EXPECT_TRUE(runMainUntil([&] { return value == 42; }));
     caller.join();
     EXPECT_TRUE(ranOnMainThread);
-}
 
-TEST(DCIRunLoopPerform, PerformSyncOnTheLoopsOwnThreadRunsInline) {
-    bool ran = false;
-    mainLoop().performSync([&] { ran = true; });
-    EXPECT_TRUE(ran);
+    // On the loop's own thread, also inside a callback: inline.
+    int inlineRuns = 0;
+    mainLoop().performSync([&] { ++inlineRuns; });
+    mainLoop().performAsync([&] { mainLoop().performSync([&] { ++inlineRuns; }); });
+    EXPECT_TRUE(runMainUntil([&] { return inlineRuns == 2; }));
 
-    bool innerRan = false;
-    mainLoop().performAsync([&] { mainLoop().performSync([&] { innerRan = true; }); });
-    EXPECT_TRUE(runMainUntil([&] { return innerRan; }));
-}
-
-TEST(DCIRunLoopPerform, PerformSyncReturnsWhenTheLoopEndsWithoutRunningIt) {
+    // A loop that ends first never runs it, but lets the caller go.
     std::promise<DCIRunLoop*> made;
     std::thread owner([&] {
         DCIRunLoop& loop = DCIRunLoop::current();
         made.set_value(&loop);
-        // Leaves, destroying the loop, as soon as the closure is queued.
-        EXPECT_TRUE(isReadable(loop.fileDescriptor(), kPatience));
+        EXPECT_TRUE(isReadable(loop.fileDescriptor(), kPatience));  // leaves once the closure is queued
     });
     bool ran = false;
     made.get_future().get()->performSync([&] { ran = true; });
@@ -160,110 +128,78 @@ TEST(DCIRunLoopPerform, PerformSyncReturnsWhenTheLoopEndsWithoutRunningIt) {
     EXPECT_FALSE(ran);
 }
 
-TEST(DCIRunLoopSignal, SignalsBeforeTheCallbackRunsCoalesceIntoOneCall) {
-    int calls = 0;
-    const auto source = mainLoop().addSignalSource([&] { ++calls; });
-    std::vector<std::thread> signallers;
-    for (int i = 0; i < 4; ++i) {
-        signallers.emplace_back([&] {
-            for (int j = 0; j < 1000; ++j) source->signal();
-        });
-    }
-    for (auto& signaller : signallers) signaller.join();
-    EXPECT_TRUE(runMainUntil([&] { return calls > 0; }));
-    drain(mainLoop());
-    EXPECT_EQ(calls, 1);
-
-    source->signal();
-    EXPECT_TRUE(runMainUntil([&] { return calls == 2; }));
-}
-
-TEST(DCIRunLoopSignal, NoSignalIsLostWhileTheLoopRuns) {
-    constexpr int kThreads = 4;
-    constexpr int kSignalsEach = 2000;
+TEST(DCIRunLoopSignal, SignalsCoalesceUntilTheCallbackRunsAndNoneIsLost) {
+    constexpr int kThreads = 4, kSignalsEach = 1000;
     std::atomic<int> posted = 0;
-    int calls = 0;
-    int seen = 0;
+    int calls = 0, seen = 0;
     const auto source = mainLoop().addSignalSource([&] {
         ++calls;
         seen = posted.load();
     });
-    std::vector<std::thread> signallers;
-    for (int i = 0; i < kThreads; ++i) {
-        signallers.emplace_back([&] {
-            for (int j = 0; j < kSignalsEach; ++j) {
-                posted.fetch_add(1);
-                source->signal();
-            }
-        });
-    }
-    // The last signal must lead to a call that sees everything posted before it.
-    EXPECT_TRUE(runMainUntil([&] { return seen == kThreads * kSignalsEach; }));
-    for (auto& signaller : signallers) signaller.join();
-    EXPECT_GE(calls, 1);
-    EXPECT_LE(calls, kThreads * kSignalsEach);
-}
-
-TEST(DCIRunLoopSources, AHandleMayBeDestroyedInsideItsOwnCallback) {
-    auto captured = std::make_shared<int>(7);
-    const std::weak_ptr<int> watcher = captured;
-    int calls = 0;
-    int seenAfterRemoval = 0;
-    std::unique_ptr<DCIRunLoopSource> source;
-    source = mainLoop().addSignalSource([&, captured] {
-        ++calls;
-        source.reset();
-        seenAfterRemoval = *captured;  // the callback and its captures last until it returns
-    });
-    captured.reset();
-    source->signal();
-    EXPECT_TRUE(runMainUntil([&] { return source == nullptr; }));
+    const auto signalFromThreads = [&] {
+        std::vector<std::thread> signallers;
+        for (int i = 0; i < kThreads; ++i) {
+            signallers.emplace_back([&] {
+                for (int j = 0; j < kSignalsEach; ++j) {
+                    posted.fetch_add(1);
+                    source->signal();
+                }
+            });
+        }
+        return signallers;
+    };
+    // Signalled before the loop runs: one call.
+    for (auto& signaller : signalFromThreads()) signaller.join();
     drain(mainLoop());
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(seenAfterRemoval, 7);
-    EXPECT_TRUE(watcher.expired());
+    // Signalled while it runs: the last signal leads to a call that sees everything posted.
+    auto signallers = signalFromThreads();
+    EXPECT_TRUE(runMainUntil([&] { return seen == 2 * kThreads * kSignalsEach; }));
+    for (auto& signaller : signallers) signaller.join();
 }
 
-TEST(DCIRunLoopSources, ASourceRemovedByAnEarlierCallbackOfThePassNeverRuns) {
-    // Two sources ready together, each removing the other when it runs: only one may run.
-    const auto expectOneOfTwo = [](const std::function<std::unique_ptr<DCIRunLoopSource>(DCIRunLoop::Closure)>& add) {
-        int calls = 0;
-        std::unique_ptr<DCIRunLoopSource> first;
-        std::unique_ptr<DCIRunLoopSource> second;
-        first = add([&] {
-            ++calls;
-            second.reset();
-        });
-        second = add([&] {
-            ++calls;
-            first.reset();
-        });
+TEST(DCIRunLoopSources, ASourceRemovedInACallbackNeverRunsAgainNorLater) {
+    // Two sources ready in one pass, each removing both when it runs: one runs, once, its
+    // captures lasting until it returns, and nothing stays registered.
+    std::deque<Pipe> pipes;
+    const std::pair<const char*, std::function<std::unique_ptr<DCIRunLoopSource>(Closure)>> kinds[] = {
+        {"signal", [](Closure callback) {
+             auto source = mainLoop().addSignalSource(std::move(callback));
+             source->signal();
+             return source;
+         }},
+        {"timer", [](Closure callback) { return mainLoop().addTimer(0ms, true, std::move(callback)); }},
+        {"descriptor", [&](Closure callback) {  // left readable
+             pipes.emplace_back().write("unread");
+             return mainLoop().addFileDescriptorSource(pipes.back().readEnd(), EPOLLIN, [callback](uint32_t) { callback(); });
+         }},
+    };
+    for (const auto& [kind, add] : kinds) {
+        SCOPED_TRACE(kind);
+        auto captured = std::make_shared<int>(7);
+        const std::weak_ptr<int> watcher = captured;
+        int calls = 0, seenAfterRemoval = 0;
+        std::unique_ptr<DCIRunLoopSource> sources[2];
+        for (auto& source : sources) {
+            source = add([&, captured] {
+                ++calls;
+                sources[0].reset();
+                sources[1].reset();
+                seenAfterRemoval = *captured;
+            });
+        }
+        captured.reset();
         EXPECT_TRUE(runMainUntil([&] { return calls > 0; }));
         drain(mainLoop());
         EXPECT_EQ(calls, 1);
-    };
-    expectOneOfTwo([](DCIRunLoop::Closure callback) {
-        auto source = mainLoop().addSignalSource(std::move(callback));
-        source->signal();
-        return source;
-    });
-    expectOneOfTwo([](DCIRunLoop::Closure callback) { return mainLoop().addTimer(0ms, false, std::move(callback)); });
-    Pipe pipes[2];
-    int next = 0;
-    expectOneOfTwo([&](DCIRunLoop::Closure callback) {
-        const Pipe& pipe = pipes[next++];
-        pipe.write("ready");
-        return mainLoop().addFileDescriptorSource(pipe.readEnd(), EPOLLIN, [&pipe, callback](uint32_t) {
-            pipe.readAvailable();
-            callback();
-        });
-    });
+        EXPECT_EQ(seenAfterRemoval, 7);
+        EXPECT_TRUE(watcher.expired());
+        EXPECT_FALSE(isReadable(mainLoop().fileDescriptor()));
+    }
 }
 
 TEST(DCIRunLoopSources, DestroyedOnAnotherThreadWaitsForTheRunningCallback) {
-    std::atomic<bool> entered = false;
-    std::atomic<bool> destroying = false;
-    std::atomic<bool> finished = false;
+    std::atomic<bool> entered = false, destroying = false, finished = false;
     bool finishedBeforeDestructorReturned = false;
     auto source = mainLoop().addSignalSource([&] {
         entered = true;
@@ -303,91 +239,40 @@ TEST(DCIRunLoopSources, NoCallbackStartsAfterADestructorOnAnotherThreadReturned)
     EXPECT_EQ(lateCalls, 0);
 }
 
-TEST(DCIRunLoopTimer, OneShotFiresOnceAndNeverEarly) {
+TEST(DCIRunLoopTimer, TimersFireInDeadlineOrderNeverEarlyAndRepeatUntilRemoved) {
     const auto start = Clock::now();
-    int fires = 0;
-    Clock::time_point firedAt;
-    const auto timer = mainLoop().addTimer(20ms, false, [&] {
-        ++fires;
-        firedAt = Clock::now();
-    });
-    EXPECT_TRUE(runMainUntil([&] { return fires == 1; }));
-    EXPECT_GE(firedAt - start, 20ms);
-    mainLoop().runUntil(Clock::now() + 60ms);
-    EXPECT_EQ(fires, 1);
-}
-
-TEST(DCIRunLoopTimer, RepeatingFiresEveryIntervalUntilItsHandleGoes) {
-    const auto start = Clock::now();
-    std::vector<Clock::time_point> fires;
-    std::unique_ptr<DCIRunLoopSource> timer;
-    timer = mainLoop().addTimer(10ms, true, [&] {
-        fires.push_back(Clock::now());
-        if (fires.size() == 3) timer.reset();
-    });
-    EXPECT_TRUE(runMainUntil([&] { return timer == nullptr; }));
-    mainLoop().runUntil(Clock::now() + 50ms);
-    ASSERT_EQ(fires.size(), 3u);
-    for (size_t i = 0; i < fires.size(); ++i) EXPECT_GE(fires[i] - start, (i + 1) * 10ms);
-}
-
-TEST(DCIRunLoopTimer, TimersFireInDeadlineOrderAndARemovedOneNever) {
     std::string order;
-    const auto late = mainLoop().addTimer(30ms, false, [&] { order += "c"; });
-    const auto early = mainLoop().addTimer(10ms, false, [&] { order += "a"; });
-    const auto middle = mainLoop().addTimer(20ms, false, [&] { order += "b"; });
-    auto removed = mainLoop().addTimer(15ms, false, [&] { order += "x"; });
-    const auto never = mainLoop().addTimer(Clock::duration::max(), true, [&] { order += "n"; });
-    removed.reset();
-    EXPECT_TRUE(runMainUntil([&] { return order.size() >= 3; }));
-    drain(mainLoop());
+    std::vector<std::unique_ptr<DCIRunLoopSource>> timers;
+    for (const auto& [name, delay] : {std::pair{'c', 30ms}, {'a', 10ms}, {'b', 20ms}}) {
+        timers.push_back(mainLoop().addTimer(delay, false, [&, name, delay] {
+            order += name;
+            EXPECT_GE(Clock::now() - start, delay);
+        }));
+    }
+    mainLoop().addTimer(15ms, false, [&] { order += 'x'; });  // removed at once
+    timers.push_back(mainLoop().addTimer(Clock::duration::max(), true, [&] { order += 'n'; }));
+    int repeats = 0;
+    std::unique_ptr<DCIRunLoopSource> repeating;
+    repeating = mainLoop().addTimer(10ms, true, [&] {
+        EXPECT_GE(Clock::now() - start, ++repeats * 10ms);
+        if (repeats == 3) repeating.reset();
+    });
+    EXPECT_TRUE(runMainUntil([&] { return order.size() >= 3 && !repeating; }));
+    mainLoop().runUntil(Clock::now() + 50ms);
     EXPECT_EQ(order, "abc");
+    EXPECT_EQ(repeats, 3);
 }
 
-TEST(DCIRunLoopDescriptor, CallbackRunsWhenAPipeBecomesReadable) {
+TEST(DCIRunLoopDescriptor, CallbacksRunForTheWatchedEventsAsModified) {
     Pipe pipe;
-    std::string received;
-    uint32_t occurred = 0;
-    const auto source = mainLoop().addFileDescriptorSource(pipe.readEnd(), EPOLLIN, [&](uint32_t events) {
-        occurred |= events;
-        received += pipe.readAvailable();
-    });
-    ASSERT_NE(source, nullptr);
-    std::thread writer([&] { pipe.write("hello"); });
-    EXPECT_TRUE(runMainUntil([&] { return received == "hello"; }));
-    writer.join();
-    EXPECT_TRUE(occurred & EPOLLIN);
-}
-
-TEST(DCIRunLoopDescriptor, ModifyingChangesTheWatchedEvents) {
-    Pipe pipe;
-    int calls = 0;
-    const auto source = mainLoop().addFileDescriptorSource(pipe.writeEnd(), 0, [&](uint32_t) { ++calls; });
-    ASSERT_NE(source, nullptr);
+    std::vector<uint32_t> calls;
+    const auto writer = mainLoop().addFileDescriptorSource(pipe.writeEnd(), 0, [&](uint32_t events) { calls.push_back(events); });
     drain(mainLoop());
-    EXPECT_EQ(calls, 0);
-
-    mainLoop().modifyFileDescriptorSource(*source, EPOLLOUT);
+    mainLoop().modifyFileDescriptorSource(*writer, EPOLLOUT);
     EXPECT_TRUE(mainLoop().runOnce());
-    EXPECT_EQ(calls, 1);
-
-    mainLoop().modifyFileDescriptorSource(*source, 0);
+    mainLoop().modifyFileDescriptorSource(*writer, 0);
     drain(mainLoop());
-    EXPECT_EQ(calls, 1);
-}
-
-TEST(DCIRunLoopDescriptor, RemovedInsideItsCallbackWhileStillReadable) {
-    Pipe pipe;
-    pipe.write("unread");
-    int calls = 0;
-    std::unique_ptr<DCIRunLoopSource> source;
-    source = mainLoop().addFileDescriptorSource(pipe.readEnd(), EPOLLIN, [&](uint32_t) {
-        ++calls;
-        source.reset();
-    });
-    EXPECT_TRUE(runMainUntil([&] { return source == nullptr; }));
-    drain(mainLoop());
-    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(calls, std::vector<uint32_t>{EPOLLOUT});
 }
 
 TEST(DCIRunLoopDescriptor, AReadinessHandledByANestedRunIsNotReportedAgain) {
@@ -405,21 +290,15 @@ TEST(DCIRunLoopDescriptor, AReadinessHandledByANestedRunIsNotReportedAgain) {
     EXPECT_EQ(calls, 1);
 }
 
-TEST(DCIRunLoopDescriptor, RefusedDescriptorsGiveNoSource) {
-    Pipe pipe;
-    EXPECT_EQ(mainLoop().addFileDescriptorSource(-1, EPOLLIN, [](uint32_t) {}), nullptr);
-    const auto first = mainLoop().addFileDescriptorSource(pipe.readEnd(), EPOLLIN, [](uint32_t) {});
-    EXPECT_NE(first, nullptr);
-    EXPECT_EQ(mainLoop().addFileDescriptorSource(pipe.readEnd(), EPOLLIN, [](uint32_t) {}), nullptr);
-}
-
-TEST(DCIRunLoopDescriptor, ASourceOutlivingItsDescriptorDisturbsNoOtherAndLeavesNothingReady) {
+TEST(DCIRunLoopDescriptor, ADescriptorNumberIsWatchedOnceWhileItsFileLasts) {
     Pipe first, second;
     first.write("unread");
     const int keepsFirstOpen = dup(first.readEnd());
     int staleCalls = 0;
+    EXPECT_EQ(mainLoop().addFileDescriptorSource(-1, EPOLLIN, [](uint32_t) {}), nullptr);
     auto stale = mainLoop().addFileDescriptorSource(first.readEnd(), EPOLLIN, [&](uint32_t) { ++staleCalls; });
     ASSERT_NE(stale, nullptr);
+    EXPECT_EQ(mainLoop().addFileDescriptorSource(first.readEnd(), EPOLLIN, [](uint32_t) {}), nullptr);
     // The owner closes its descriptor without removing the source, and the number is reused.
     ASSERT_EQ(dup2(second.readEnd(), first.readEnd()), first.readEnd());
     mainLoop().runOnce();
@@ -439,8 +318,15 @@ TEST(DCIRunLoopDescriptor, ASourceOutlivingItsDescriptorDisturbsNoOtherAndLeaves
     close(keepsFirstOpen);
 }
 
-TEST(DCIRunLoopRun, StopFromAnotherThreadEndsRun) {
-    // performSync returns only once run() is running the closure.
+TEST(DCIRunLoopRun, AStopEndsTheNextRunButNotRunOnce) {
+    bool ran = false;
+    mainLoop().stop();
+    mainLoop().performAsync([&] { ran = true; });
+    EXPECT_TRUE(mainLoop().runOnce());
+    EXPECT_TRUE(ran);
+    mainLoop().run();  // returns at once, taking the stop
+
+    // From another thread, once run() is running the closure performSync waits for.
     std::thread stopper([] {
         mainLoop().performSync([] {});
         mainLoop().stop();
@@ -449,70 +335,53 @@ TEST(DCIRunLoopRun, StopFromAnotherThreadEndsRun) {
     stopper.join();
 }
 
-TEST(DCIRunLoopRun, AStopWithNoRunEndsTheNextRunButNotRunOnce) {
-    bool ran = false;
-    mainLoop().stop();
-    mainLoop().performAsync([&] { ran = true; });
-    EXPECT_TRUE(mainLoop().runOnce());
-    EXPECT_TRUE(ran);
-    mainLoop().run();  // returns at once, taking the stop
-
-    bool ranLater = false;
-    mainLoop().performAsync([&] { ranLater = true; });
-    EXPECT_TRUE(runMainUntil([&] { return ranLater; }));
-}
-
-TEST(DCIRunLoopRun, StopEndsOnlyTheInnermostRun) {
+TEST(DCIRunLoopRun, ANestedRunRunsWorkQueuedBeforeItAndAStopEndsOnlyTheInnermostRun) {
     std::vector<std::string> steps;
-    mainLoop().performAsync([&] {
-        mainLoop().performAsync([&] {
-            steps.push_back("inner stop");
+    const auto step = [&steps](std::string name) {
+        return [&steps, name] {
+            steps.push_back(name);
             mainLoop().stop();
-        });
-        mainLoop().run();
-        steps.push_back("nested run returned");
-        mainLoop().performAsync([&] {
-            steps.push_back("outer stop");
-            mainLoop().stop();
-        });
-    });
-    mainLoop().run();
-    EXPECT_EQ(steps, (std::vector<std::string>{"inner stop", "nested run returned", "outer stop"}));
-}
-
-TEST(DCIRunLoopRun, ANestedRunRunsWorkQueuedBeforeIt) {
-    std::vector<std::string> steps;
+        };
+    };
     mainLoop().performAsync([&] {
         steps.push_back("first");
         mainLoop().run();
-        steps.push_back("first done");
+        steps.push_back("nested run returned");
+        mainLoop().performAsync(step("outer stop"));
     });
-    mainLoop().performAsync([&] {
-        steps.push_back("second");
-        mainLoop().stop();
-    });
-    // Were the nested run to wait although "second" is ready, this would end it without "second".
+    mainLoop().performAsync(step("second"));
+    // Were the nested run to wait although "second" is ready, only this would end it.
     std::promise<void> finished;
     std::thread watchdog([done = finished.get_future()] {
         if (done.wait_for(kPatience) == std::future_status::timeout) mainLoop().stop();
     });
-    EXPECT_TRUE(runMainUntil([&] { return steps.size() == 3; }));
+    mainLoop().run();
     finished.set_value();
     watchdog.join();
-    EXPECT_EQ(steps, (std::vector<std::string>{"first", "second", "first done"}));
+    EXPECT_EQ(steps, (std::vector<std::string>{"first", "second", "nested run returned", "outer stop"}));
 }
 
-TEST(DCIRunLoopRun, RunOnceNeverWaitsAndRunsWhatIsReady) {
+TEST(DCIRunLoopRun, RunOnceNeverWaitsAndTheDescriptorIsReadableWhileWorkIsReady) {
+    const int fd = mainLoop().fileDescriptor();
     drain(mainLoop());
     EXPECT_FALSE(mainLoop().runOnce());
+    EXPECT_FALSE(isReadable(fd));
 
     int ran = 0;
     const auto source = mainLoop().addSignalSource([&] { ++ran; });
+    std::thread([] { mainLoop().performAsync([] {}); }).join();
+    EXPECT_TRUE(isReadable(fd));
     mainLoop().performAsync([&] { ++ran; });
     source->signal();
     EXPECT_TRUE(mainLoop().runOnce());
     EXPECT_EQ(ran, 2);
+    EXPECT_FALSE(isReadable(fd));
     EXPECT_FALSE(mainLoop().runOnce());
+
+    const auto timer = mainLoop().addTimer(5ms, false, [&] { ++ran; });
+    EXPECT_TRUE(isReadable(fd, kPatience));
+    EXPECT_TRUE(mainLoop().runOnce());
+    EXPECT_EQ(ran, 3);
 }
 
 TEST(DCIRunLoopRun, RunUntilReturnsAtItsDeadline) {
@@ -529,116 +398,65 @@ TEST(DCIRunLoopRun, RunUntilReturnsAtItsDeadline) {
     EXPECT_FALSE(ran);
 }
 
-TEST(DCIRunLoopRun, OnlyTheLoopsOwnThreadRunsIt) {
-    bool ran = false;
-    mainLoop().performAsync([&] { ran = true; });
-    std::thread([] {
-        EXPECT_FALSE(mainLoop().runOnce());
-        mainLoop().run();
-        EXPECT_FALSE(mainLoop().runUntil([] { return true; }, kPatience));
-    }).join();
-    EXPECT_FALSE(ran);
-    EXPECT_TRUE(runMainUntil([&] { return ran; }));
-}
-
-TEST(DCIRunLoopRun, TheDescriptorIsReadableWhileWorkIsReady) {
-    const int fd = mainLoop().fileDescriptor();
-    drain(mainLoop());
-    EXPECT_FALSE(isReadable(fd));
-
-    std::thread([] { mainLoop().performAsync([] {}); }).join();
-    EXPECT_TRUE(isReadable(fd));
-    EXPECT_TRUE(mainLoop().runOnce());
-    EXPECT_FALSE(isReadable(fd));
-
-    bool fired = false;
-    const auto timer = mainLoop().addTimer(5ms, false, [&] { fired = true; });
-    EXPECT_TRUE(isReadable(fd, kPatience));
-    EXPECT_TRUE(mainLoop().runOnce());
-    EXPECT_TRUE(fired);
-}
-
 TEST(DCIRunLoopCallbacks, AnExceptionIsReportedAndTheLoopGoesOn) {
     int signalCalls = 0;
+    bool ranAfter = false;
     const auto source = mainLoop().addSignalSource([&] {
         ++signalCalls;
         throw std::runtime_error("source failed");
     });
-    bool ranAfter = false;
     testing::internal::CaptureStderr();
     mainLoop().performAsync([] { throw std::runtime_error("disk on fire"); });
     mainLoop().performAsync([&] { ranAfter = true; });
-    source->signal();
-    const bool ran = runMainUntil([&] { return ranAfter && signalCalls == 1; });
-    source->signal();
-    const bool ranAgain = runMainUntil([&] { return signalCalls == 2; });
+    for (int round = 1; round <= 2; ++round) {
+        source->signal();
+        EXPECT_TRUE(runMainUntil([&] { return ranAfter && signalCalls == round; }));
+    }
     const std::string output = testing::internal::GetCapturedStderr();
-    EXPECT_TRUE(ran);
-    EXPECT_TRUE(ranAgain);
-    EXPECT_NE(output.find("kestly: uncaught exception in run-loop callback: disk on fire\n"), std::string::npos);
-    EXPECT_NE(output.find("kestly: uncaught exception in run-loop callback: source failed\n"), std::string::npos);
+    for (const char* what : {"disk on fire", "source failed"})
+        EXPECT_NE(output.find(std::string("kestly: uncaught exception in run-loop callback: ") + what + "\n"), std::string::npos);
 }
 
-TEST(DCIRunLoopThreads, TheMainThreadIsTheProcesssInitialThread) {
+TEST(DCIRunLoopThreads, EachThreadRunsItsOwnLoopAndOthersPerformAndSignalOnIt) {
     EXPECT_TRUE(DCIIsMainThread());
-    EXPECT_EQ(&DCIRunLoop::current(), &DCIRunLoop::main());
+    EXPECT_EQ(&DCIRunLoop::current(), &mainLoop());
     EXPECT_TRUE(mainLoop().isCurrent());
-    bool isMainInThread = true;
-    bool mainLoopIsCurrentInThread = true;
-    std::thread([&] {
-        isMainInThread = DCIIsMainThread();
-        mainLoopIsCurrentInThread = mainLoop().isCurrent();
-    }).join();
-    EXPECT_FALSE(isMainInThread);
-    EXPECT_FALSE(mainLoopIsCurrentInThread);
-}
-
-TEST(DCIRunLoopThreads, AThreadRunsItsOwnLoop) {
-    bool sameEachTime = false;
-    bool isCurrent = false;
-    bool timerFired = false;
-    DCIRunLoop* threadLoop = nullptr;
-    std::thread([&] {
+    // Another thread can neither run the main loop nor see it as its own.
+    bool ranOnMain = false, onMainThread = true, mainIsCurrent = true, ranMain = true;
+    mainLoop().performAsync([&] { ranOnMain = true; });
+    std::promise<DCIRunLoop*> started;
+    std::thread worker([&] {
+        onMainThread = DCIIsMainThread();
+        mainIsCurrent = mainLoop().isCurrent();
+        mainLoop().run();
+        ranMain = mainLoop().runOnce() || mainLoop().runUntil([] { return true; }, kPatience);
         DCIRunLoop& loop = DCIRunLoop::current();
-        threadLoop = &loop;
-        sameEachTime = &loop == &DCIRunLoop::current();
-        isCurrent = loop.isCurrent();
-        bool fired = false;
-        const auto timer = loop.addTimer(1ms, false, [&] { fired = true; });
-        timerFired = loop.runUntil([&] { return fired; }, kPatience);
-    }).join();
-    EXPECT_NE(threadLoop, &DCIRunLoop::main());
-    EXPECT_TRUE(sameEachTime);
-    EXPECT_TRUE(isCurrent);
-    EXPECT_TRUE(timerFired);
-}
-
-TEST(DCIRunLoopThreads, OtherThreadsPerformAndSignalOnAWorkersLoop) {
-    LoopThread worker;
-    DCIRunLoop& loop = worker.loop();
+        started.set_value(&loop);
+        loop.run();
+    });
+    DCIRunLoop& loop = *started.get_future().get();
+    EXPECT_NE(&loop, &mainLoop());
     EXPECT_FALSE(loop.isCurrent());
 
     bool ranOnWorker = false;
     loop.performSync([&] { ranOnWorker = loop.isCurrent() && &DCIRunLoop::current() == &loop; });
     EXPECT_TRUE(ranOnWorker);
-
     std::promise<bool> signalled;
     const auto source = loop.addSignalSource([&] { signalled.set_value(loop.isCurrent()); });
     source->signal();
     EXPECT_TRUE(signalled.get_future().get());
+    loop.stop();
+    worker.join();
+    EXPECT_FALSE(onMainThread || mainIsCurrent || ranMain || ranOnMain);
+    source->signal();  // its loop is gone; the handles still work, and go after it
+    EXPECT_TRUE(runMainUntil([&] { return ranOnMain; }));
 }
 
-TEST(DCIRunLoopThreads, HandlesAndQueuedClosuresOutliveTheirThreadsLoop) {
+TEST(DCIRunLoopThreads, ClosuresQueuedOnALoopThatEndsAreFreedWithIt) {
     auto captured = std::make_shared<int>(1);
     const std::weak_ptr<int> watcher = captured;
-    std::unique_ptr<DCIRunLoopSource> orphan;
-    std::thread([&] {
-        DCIRunLoop& loop = DCIRunLoop::current();
-        orphan = loop.addSignalSource([] {});
-        loop.performAsync([captured] {});  // never runs: the thread ends first
+    std::thread([captured = std::move(captured)]() mutable {
+        DCIRunLoop::current().performAsync([captured = std::move(captured)] {});  // never runs
     }).join();
-    captured.reset();
     EXPECT_TRUE(watcher.expired());
-    orphan->signal();
-    orphan.reset();
 }

@@ -269,7 +269,8 @@ TEST_F(SHACacheTest, AnUnusableCacheFileIsSetAsideWithItsJournal) {
         for (int i = 0; i < 100; ++i) cache->SHAForFile(folder.writeFile("damaged-" + std::to_string(i), "d"));
         cache.reset();
         // Overwrites the first table page: the file opens, and fails while its records are read.
-        std::fstream(cachePath, std::ios::in | std::ios::out | std::ios::binary).seekp(4096) << std::string(4096, '\xff');
+        std::fstream file(cachePath, std::ios::in | std::ios::out | std::ios::binary);
+        file.seekp(4096) << std::string(4096, '\xff');
     };
     const std::vector<std::pair<const char*, std::function<void()>>> rows = {
         {"text", [&] { std::ofstream(cachePath) << "path,sha\n/some/file,not a database\n"; }},

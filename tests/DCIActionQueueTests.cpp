@@ -64,8 +64,7 @@ protected:
 }  // namespace
 
 // Checked against a plain model of what waits, each action with its rank of creation: the next
-// to hand out has the smallest priority and, among those, the newest. Created in quick
-// succession, many actions share a clock tick, where creation order must still decide.
+// to hand out has the smallest priority and, among those, the newest.
 TEST_F(DCIActionQueueTest, FollowsTheOrderWhileActionsComeGoAndChangePriority) {
     std::mt19937 random(11);
     std::vector<std::pair<size_t, std::shared_ptr<DCIAction>>> waiting;

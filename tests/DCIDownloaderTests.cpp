@@ -64,7 +64,7 @@ protected:
     // /reply?status=&size=[&etag=][&cut=] answers `size` bytes; /go?to= redirects there;
     // /slow?chunks=[&gap=] sends a 1,000-byte chunk every `gap` ms (20 unless given); /pair
     // answers "together" once two requests are in at once.
-    LoopbackHTTPServer server{[this](httplib::Server& http, LoopbackHTTPServer& self) {
+    LoopbackHTTPServer server{[this](httplib::Server& http) {
         const auto reply = [](const httplib::Request& request, httplib::Response& response) {
             response.status = std::stoi(request.get_param_value("status"));
             if (request.has_param("etag")) response.set_header("ETag", request.get_param_value("etag"));
@@ -81,11 +81,11 @@ protected:
         http.Get("/go", [](const httplib::Request& request, httplib::Response& response) {
             response.set_redirect(request.get_param_value("to"));
         });
-        http.Get("/slow", [&self](const httplib::Request& request, httplib::Response& response) {
+        http.Get("/slow", [this](const httplib::Request& request, httplib::Response& response) {
             const size_t end = std::stoul(request.get_param_value("chunks")) * 1000;
             const std::chrono::milliseconds gap(request.has_param("gap") ? std::stoi(request.get_param_value("gap")) : 20);
-            response.set_chunked_content_provider("application/octet-stream", [&self, end, gap](size_t offset, auto& sink) {
-                if (offset < end && self.pause(gap)) return sink.write(pattern(1000).data(), 1000);
+            response.set_chunked_content_provider("application/octet-stream", [this, end, gap](size_t offset, auto& sink) {
+                if (offset < end && server.pause(gap)) return sink.write(pattern(1000).data(), 1000);
                 sink.done();
                 return true;
             });

@@ -62,7 +62,7 @@ protected:
     }
 
     // /reply?status=&size=[&etag=][&cut=] answers `size` bytes; /go?to= redirects there;
-    // /slow?chunks=[&gap=] sends a 1,000-byte chunk every `gap` ms (20 unless given); /pair
+    // /slow?chunks=&gap= sends a 1,000-byte chunk every `gap` ms; /pair
     // answers "together" once two requests are in at once.
     LoopbackHTTPServer server{[this](httplib::Server& http) {
         const auto reply = [](const httplib::Request& request, httplib::Response& response) {
@@ -83,9 +83,9 @@ protected:
         });
         http.Get("/slow", [this](const httplib::Request& request, httplib::Response& response) {
             const size_t end = std::stoul(request.get_param_value("chunks")) * 1000;
-            const std::chrono::milliseconds gap(request.has_param("gap") ? std::stoi(request.get_param_value("gap")) : 20);
-            response.set_chunked_content_provider("application/octet-stream", [this, end, gap](size_t offset, auto& sink) {
-                if (offset < end && server.pause(gap)) return sink.write(pattern(1000).data(), 1000);
+            const std::chrono::milliseconds gap(std::stoi(request.get_param_value("gap")));
+            response.set_chunked_content_provider("application/octet-stream", [this, end, gap](size_t at, auto& sink) {
+                if (at < end && server.pause(gap)) return sink.write(pattern(1000).data(), 1000);
                 sink.done();
                 return true;
             });
@@ -109,9 +109,8 @@ protected:
 };
 
 struct Outcome {
-    const char* name;
-    const char* path;         // on the server; nullptr: an action without a request
-    const char* destination;  // in the folder, or absolute; nullptr: a data download
+    std::string path;         // on the server; empty: an action without a request
+    std::string destination;  // in the folder, or absolute; empty: a data download
     int64_t status;
     std::optional<int64_t> statusCode;
     std::optional<std::string> body;  // the file's contents, or the data handed over
@@ -124,66 +123,60 @@ struct Outcome {
 
 TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
     constexpr int64_t done = DCIActionStatusCompleted, failed = DCIActionStatusFailed;
+    constexpr auto none = std::nullopt;
+    const auto reply = [](int status, size_t size, const std::string& more = "") {
+        return "/reply?status=" + std::to_string(status) + "&size=" + std::to_string(size) + more;
+    };
     const auto urlError = [](int64_t code) { return DCIError(kDCIURLErrorDomain, code, ""); };
     const auto posixError = [](int64_t code) { return DCIError(kDCIPOSIXErrorDomain, code, ""); };
+    const std::string tag32 = "0123456789abcdef0123456789abcdef";
     const Outcome outcomes[] = {
-        {"200 into memory, quoted 32-character tag",
-         "/reply?status=200&size=1000&etag=%220123456789abcdef0123456789abcdef%22", nullptr, done, 200, pattern(1000),
-         1000, 1000, {}, "0123456789abcdef0123456789abcdef"},
-        {"200 into a file, short tag kept whole", "/reply?status=200&size=1000&etag=%22abc%22", "out", done, 200,
-         pattern(1000), 1000, 1000, {}, "\"abc\""},
-        {"204", "/reply?status=204&size=0", nullptr, done, 204, "", 0, 0},
-        {"409, multipart tag ignored", "/reply?status=409&size=20&etag=%220123456789abcdef0123456789abcd-2%22", nullptr,
-         done, 409, pattern(20), 20, 20},
-        {"404 is an answer, no failure", "/reply?status=404&size=50", nullptr, done, 404, std::nullopt, 0, 0},
-        {"403", "/reply?status=403&size=50", nullptr, failed, 403, std::nullopt, 0, 0,
+        {reply(200, 1000, "&etag=%22" + tag32 + "%22"), "", done, 200, pattern(1000), 1000, 1000, none, tag32},
+        {reply(200, 1000, "&etag=%22abc%22"), "out", done, 200, pattern(1000), 1000, 1000, none, "\"abc\""},
+        {reply(204, 0), "", done, 204, "", 0, 0},
+        {reply(409, 20, "&etag=%22" + tag32.substr(2) + "-2%22"), "", done, 409, pattern(20), 20, 20},  // multipart tag
+        {reply(404, 50), "", done, 404, none, 0, 0},  // an answer, no failure
+        {reply(403, 50), "", failed, 403, none, 0, 0,
          DCIError("Kestly", 2, "Error: the server failed with error code 403")},
-        {"redirect followed", "/go?to=%2Freply%3Fstatus%3D200%26size%3D10", nullptr, done, 200, pattern(10), 10, 10},
-        {"redirect off the web", "/go?to=file%3A%2F%2F%2Fetc%2Fpasswd", "out", failed, std::nullopt, "", 0, 0,
-         urlError(DCIURLErrorUnsupportedURL)},
-        {"upload counts both ways", "/reply?status=200&size=200", nullptr, done, 200, pattern(200), 5200, 5200, {}, {},
-         5000},
-        {"connection dropped mid-body", "/reply?status=200&size=10000&cut=4000", "out", failed, 200, pattern(4000), 0, 10000,
+        {"/go?to=%2Freply%3Fstatus%3D200%26size%3D10", "", done, 200, pattern(10), 10, 10},
+        {"/go?to=file%3A%2F%2F%2Fetc%2Fpasswd", "out", failed, none, "", 0, 0, urlError(DCIURLErrorUnsupportedURL)},
+        {reply(200, 200), "", done, 200, pattern(200), 5200, 5200, none, none, 5000},  // the upload counts too
+        {reply(200, 10000, "&cut=4000"), "out", failed, 200, pattern(4000), 0, 10000,
          urlError(DCIURLErrorNetworkConnectionLost)},
-        {"a failed write fails the action alone", "/reply?status=200&size=1000", "/dev/full", failed, 200, std::nullopt,
-         0, 1000, posixError(ENOSPC)},
-        {"time-out", "/slow?chunks=1&gap=3000", nullptr, failed, 200, std::nullopt, 0, 0, urlError(DCIURLErrorTimedOut),
-         {}, 0, 1},
-        {"missing folder", "/reply?status=200&size=10", "missing/out", failed, std::nullopt, std::nullopt, 0, 0,
-         posixError(ENOENT)},
-        {"no request", nullptr, nullptr, failed, std::nullopt, std::nullopt, 0, 0, DCIError("Kestly", 1, "")},
+        {reply(200, 1000), "/dev/full", failed, 200, none, 0, 1000, posixError(ENOSPC)},  // the worker goes on
+        {"/slow?chunks=1&gap=3000", "", failed, 200, none, 0, 0, urlError(DCIURLErrorTimedOut), none, 0, 1},
+        {reply(200, 10), "missing/out", failed, none, none, 0, 0, posixError(ENOENT)},
+        {"", "", failed, none, none, 0, 0, DCIError("Kestly", 1, "")},
     };
     for (const auto& outcome : outcomes) {
-        SCOPED_TRACE(outcome.name);
+        SCOPED_TRACE(outcome.path + " into " + outcome.destination);
         std::shared_ptr<DCIURLRequest> request;
-        if (outcome.path) {
+        if (!outcome.path.empty()) {
             DCIURLRequestFields fields;
             fields.URL = server.url(outcome.path);
             fields.timeoutInterval = outcome.timeout;
-            if (outcome.uploadSize) {
-                fields.HTTPMethod = "POST";
-                fields.HTTPBody = std::make_shared<const DCIData>(pattern(outcome.uploadSize));
-            }
+            fields.HTTPMethod = outcome.uploadSize ? "POST" : "GET";
+            if (outcome.uploadSize) fields.HTTPBody = std::make_shared<const DCIData>(pattern(outcome.uploadSize));
             request = DCIURLRequest::requestWithFields(std::move(fields));
         }
-        const std::string destination = !outcome.destination            ? ""
-                                        : outcome.destination[0] == '/' ? outcome.destination
-                                                                        : folder / outcome.destination;
-        const auto action = outcome.destination ? DCIDownloader::fileDownloadActionWithRequest(request, destination)
-                                                : DCIDownloader::dataDownloadActionWithRequest(request);
+        const bool toFile = !outcome.destination.empty();
+        const std::string destination = outcome.destination.starts_with('/') ? outcome.destination
+                                                                              : folder / outcome.destination;
+        const auto action = toFile ? DCIDownloader::fileDownloadActionWithRequest(request, destination)
+                                   : DCIDownloader::dataDownloadActionWithRequest(request);
         run(action);
 
         const auto value = [&](std::string_view key) { return action->contextObjectForKey(key); };
         EXPECT_EQ(action->status(), outcome.status);
         const auto statusCode = value(kDCIDownloaderResponseStatusCodeKey);
-        EXPECT_EQ(statusCode ? statusCode->int64Value() : std::nullopt, outcome.statusCode);
+        EXPECT_EQ(statusCode ? statusCode->int64Value() : none, outcome.statusCode);
         EXPECT_EQ(downloadedSize(action), outcome.currentSize);
         EXPECT_EQ(value(kDCIDownloaderTotalDownloadSizeKey)->uint64Value(), outcome.totalSize);
         const auto etag = value(kDCIDownloaderEtag);
-        EXPECT_EQ(etag ? std::optional(etag->description()) : std::nullopt, outcome.etag);
+        EXPECT_EQ(etag ? std::optional(etag->description()) : none, outcome.etag);
 
         const auto data = value(kDCIDownloaderDataKey);
-        EXPECT_EQ(data.has_value(), !outcome.destination && outcome.body);
+        EXPECT_EQ(data.has_value(), !toFile && outcome.body);
         if (outcome.body) {
             EXPECT_EQ(data ? std::string(data->data()->stringView()) : readWholeFile(destination), *outcome.body);
         }
@@ -203,7 +196,7 @@ TEST_F(DCIDownloaderTest, HostStopsARunningDownloadAtItsNextChunkAndTheWorkerGoe
         SCOPED_TRACE(stop);
         const std::string destination = folder / "slow";
         const auto action = DCIDownloader::fileDownloadActionWithRequest(
-            DCIURLRequest::requestWithURL(server.url("/slow?chunks=200")), destination);
+            DCIURLRequest::requestWithURL(server.url("/slow?chunks=200&gap=20")), destination);
         queue->addAction(action);
         ASSERT_TRUE(pumpMainLoopUntil([&] { return downloadedSize(action) > 0; }));
         action->changeStatus(stop);
@@ -232,7 +225,7 @@ TEST_F(DCIDownloaderTest, WorkersSharingAQueueRunTheirActionsAtOnce) {
 }
 
 TEST_F(DCIDownloaderTest, CloseLetsTheCurrentActionFinishAndLeavesTheQueuedOnes) {
-    const auto running = dataDownload("/slow?chunks=10");
+    const auto running = dataDownload("/slow?chunks=10&gap=20");
     queue->addAction(running);
     ASSERT_TRUE(pumpMainLoopUntil([&] { return running->status() == DCIActionStatusRunning; }));
     const auto waiting = dataDownload("/reply?status=200&size=10");

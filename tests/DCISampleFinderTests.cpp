@@ -42,6 +42,7 @@ void writeAudio(const std::string& path, int format, int sampleRate, sf_count_t 
 bool hasNoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
 using Name = std::optional<std::string>;
+constexpr auto none = std::nullopt;
 
 // The finder's search on a thread of its own while the main loop runs, as a host runs it.
 std::optional<std::string> searchOffMain(DCISampleFinder& finder, const Name& name, const Name& sasID, const Name& sha,
@@ -68,7 +69,7 @@ protected:
     DCIMetadataQuerySettings settingsFor(DCIMetadataQueryBackend backend) {
         // A private database of the tree, every file in it visible to whoever searches.
         const std::string root = tree.path().string(), database = folder / "tree.db";
-        const std::string updatedb = "/usr/bin/updatedb --require-visibility 0 --database-root '" + root + "' --output ";
+        const std::string updatedb = "/usr/bin/updatedb --require-visibility 0 --database-root '" + root + "' -o ";
         EXPECT_EQ(std::system((updatedb + database).c_str()), 0);
         return {backend, database, "/usr/bin/plocate", {root}};
     }
@@ -127,7 +128,7 @@ TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritic
     EXPECT_FALSE(finished);
 }
 
-TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatApplies) {
+TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns) {
     tree.writeFile("a/Loop.wav", "RIFF and then no audio");  // unreadable audio, first in order
     tree.makeFolder("b");
     writeAudio(tree / "b/Loop.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1000);
@@ -141,19 +142,27 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatApplies) {
     });
     const auto queries = std::make_shared<DCICachedFileQueries>(DCIFileKinds{{}, {}, {"wav"}}, nullptr, cache);
     const auto finder = DCISampleFinder::initWithFileQueries(queries, settingsFor(DCIMetadataQueryBackend::automatic));
+
+    // A search while the main loop stands still ends empty after its wait, and does not hang;
+    // the start and stop it queued run later and leave the next searches their own candidates.
+    finder->setGatherTimeout(50ms);
+    const auto search = [&] { return finder->pathForSampleWithName("Loop.wav", "id-c", none, 0, 0); };
+    EXPECT_EQ(std::async(std::launch::async, search).get(), none);
+    finder->setGatherTimeout(DCISampleFinder::kDefaultGatherTimeout);
+
     const struct {
         Name name, sasID, sha;
         uint64_t size, duration;
         std::optional<std::string> found;
     } cases[] = {
-        {"Loop.wav", "id-c", std::nullopt, 0, 0, c},
+        {"Loop.wav", "id-c", none, 0, 0, c},
         {"Loop.wav", "id-none", KSTSha256ForFileAtPath(c), 0, 0, c},
-        {"Loop.wav", "id-none", std::nullopt, sizeOf(c), 0, std::nullopt},  // identifiers decide alone
-        {"Loop.wav", std::nullopt, std::nullopt, sizeOf(c), 1000, c},
-        {"Loop.wav", std::nullopt, std::nullopt, 0, 1000, tree / "b/Loop.wav"},  // a/ cannot be read
-        {"Loop.wav", std::nullopt, std::nullopt, 0, 0, std::nullopt},
-        {"Kick/Snare.wav", std::nullopt, std::nullopt, sizeOf(slashed), 0, slashed},
-        {std::nullopt, std::nullopt, std::nullopt, sizeOf(c), 0, std::nullopt},
+        {"Loop.wav", "id-none", none, sizeOf(c), 0, none},  // identifiers decide alone
+        {"Loop.wav", none, none, sizeOf(c), 1000, c},
+        {"Loop.wav", none, none, 0, 1000, tree / "b/Loop.wav"},  // a/ cannot be read
+        {"Loop.wav", none, none, 0, 0, none},
+        {"Kick/Snare.wav", none, none, sizeOf(slashed), 0, slashed},
+        {none, none, none, sizeOf(c), 0, none},
     };
     for (const auto& test : cases) {
         EXPECT_EQ(searchOffMain(*finder, test.name, test.sasID, test.sha, test.size, test.duration), test.found)
@@ -161,22 +170,9 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatApplies) {
     }
 
     LogSince log;
-    EXPECT_EQ(finder->pathForSampleWithName("Loop.wav", std::nullopt, std::nullopt, sizeOf(c), 0), std::nullopt);
+    EXPECT_EQ(finder->pathForSampleWithName("Loop.wav", none, none, sizeOf(c), 0), none);
     EXPECT_TRUE(log.has("DCISampleFinder: refused to search for Loop.wav on the main thread, whose loop the search "
                         "needs."));
-}
-
-TEST_F(DCISampleFinderTests, ASearchWhileTheMainLoopStandsStillEndsEmptyAfterItsWait) {
-    const std::string kick = tree.writeFile("kick.wav", "k");
-    const auto finder = DCISampleFinder::initWithFileQueries({}, settingsFor(DCIMetadataQueryBackend::folderScan));
-    finder->setGatherTimeout(50ms);
-    auto search = std::async(std::launch::async, [&] {
-        return finder->pathForSampleWithName("kick.wav", std::nullopt, std::nullopt, 1, 0);
-    });
-    EXPECT_EQ(search.get(), std::nullopt);  // and does not hang
-    // The start and stop it queued run now, and leave the next search its own candidates.
-    finder->setGatherTimeout(DCISampleFinder::kDefaultGatherTimeout);
-    EXPECT_EQ(searchOffMain(*finder, "kick.wav", std::nullopt, std::nullopt, 1, 0), kick);
 }
 
 TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone) {
@@ -197,7 +193,9 @@ TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone)
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);
-        if (test.format) writeAudio(tree / test.name, test.format, static_cast<int>(test.rate), static_cast<sf_count_t>(test.frames));
+        if (test.format) {
+            writeAudio(tree / test.name, test.format, static_cast<int>(test.rate), sf_count_t(test.frames));
+        }
         uint64_t frames = 7, rate = 7;
         EXPECT_EQ(DCIAudioFile::numberOfSamples(frames, rate, tree / test.name), test.format != 0);
         EXPECT_EQ(std::pair(frames, rate), std::pair(test.frames, test.rate));

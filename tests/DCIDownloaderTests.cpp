@@ -62,8 +62,8 @@ protected:
     }
 
     // /reply?status=&size=[&etag=][&cut=] answers `size` bytes; /go?to= redirects there;
-    // /slow?chunks=&gap= sends a 1,000-byte chunk every `gap` ms; /pair
-    // answers "together" once two requests are in at once.
+    // /slow?chunks=&gap= sends a 1,000-byte chunk every `gap` ms; /pair answers "together" once
+    // two requests are in at once.
     LoopbackHTTPServer server{[this](httplib::Server& http) {
         const auto reply = [](const httplib::Request& request, httplib::Response& response) {
             response.status = std::stoi(request.get_param_value("status"));

@@ -13,6 +13,7 @@
 #include <set>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -56,105 +57,76 @@ protected:
     void SetUp() override { DCIEventManager::addListener(recorder_); }
     void TearDown() override { DCIEventManager::removeListener(recorder_); }
 
-    // The statuses announced for `action` once the main loop has delivered what is queued.
-    std::vector<StatusChange> statusChangesOf(const std::shared_ptr<DCIAction>& action) {
-        pumpMainLoopBriefly();
-        return recorder_->statusChangesOf(action);
-    }
-
     std::shared_ptr<DCIActionQueue> queue_ = DCIActionQueue::init();
     std::shared_ptr<EventRecorder> recorder_ = std::make_shared<EventRecorder>();
 };
 
 }  // namespace
 
-TEST_F(DCIActionQueueTest, HandsOutTheSmallestPriorityValueFirst) {
-    const auto five = actionWithPriority(5);
-    const auto one = actionWithPriority(1);
-    const auto three = actionWithPriority(3);
-    for (const auto& action : {five, one, three}) queue_->addAction(action);
-    EXPECT_EQ(drain(*queue_), (Actions{one, three, five}));
-}
-
-TEST_F(DCIActionQueueTest, HandsOutTheNewestFirstAmongEqualPriorities) {
-    // Created in quick succession, many share a clock tick: creation order still decides.
-    Actions byCreation;
-    for (int i = 0; i < 300; ++i) byCreation.push_back(actionWithPriority(static_cast<uint64_t>(i % 3)));
-    Actions scrambled = byCreation;
-    std::shuffle(scrambled.begin(), scrambled.end(), std::mt19937(7));
-    for (const auto& action : scrambled) queue_->addAction(action);
-
-    Actions expected;
-    for (uint64_t priority = 0; priority < 3; ++priority) {
-        for (auto action = byCreation.rbegin(); action != byCreation.rend(); ++action) {
-            if ((*action)->priority() == priority) expected.push_back(*action);
-        }
-    }
-    EXPECT_EQ(queue_->queue(), expected);
-    EXPECT_EQ(drain(*queue_), expected);
-}
-
+// Checked against a plain model of what waits, each action with its rank of creation: the next
+// to hand out has the smallest priority and, among those, the newest.
 TEST_F(DCIActionQueueTest, FollowsTheOrderWhileActionsComeGoAndChangePriority) {
-    // A plain model of what waits, each action with its rank of creation: the next to hand
-    // out has the smallest priority and, among those, the highest rank.
     std::mt19937 random(11);
     std::vector<std::pair<size_t, std::shared_ptr<DCIAction>>> waiting;
     size_t created = 0;
     const auto handedOutBefore = [](const auto& a, const auto& b) {
         return std::make_tuple(a.second->priority(), b.first) < std::make_tuple(b.second->priority(), a.first);
     };
+    const auto expectQueueAsModelled = [&] {
+        std::ranges::sort(waiting, handedOutBefore);
+        Actions expected;
+        for (const auto& [rank, action] : waiting) expected.push_back(action);
+        EXPECT_EQ(queue_->queue(), expected);
+    };
     for (int step = 0; step < 3000; ++step) {
         const auto choice = random() % 10;
         if (choice < 5) {
-            waiting.emplace_back(created++, actionWithPriority(random() % 20));
-            queue_->addAction(waiting.back().second);
+            // Two at a time, the newer added first: creation, not arrival, orders equal priorities.
+            const auto older = actionWithPriority(random() % 20), newer = actionWithPriority(random() % 20);
+            waiting.emplace_back(created++, older);
+            waiting.emplace_back(created++, newer);
+            queue_->addAction(newer);
+            queue_->addAction(older);
         } else if (choice < 7 && !waiting.empty()) {
             waiting[random() % waiting.size()].second->setPriority(random() % 20);
+            if (step % 100 < 2) expectQueueAsModelled();
         } else {
-            const auto next = std::min_element(waiting.begin(), waiting.end(), handedOutBefore);
+            const auto next = std::ranges::min_element(waiting, handedOutBefore);
             const auto expected = next == waiting.end() ? nullptr : next->second;
             ASSERT_EQ(queue_->popNextAction(), expected) << "step " << step;
             if (expected) waiting.erase(next);
         }
     }
-    std::sort(waiting.begin(), waiting.end(), handedOutBefore);
-    Actions expected;
-    for (const auto& [rank, action] : waiting) expected.push_back(action);
-    EXPECT_EQ(queue_->queue(), expected);
+    expectQueueAsModelled();
 }
 
-TEST_F(DCIActionQueueTest, APriorityChangedWhileWaitingCountsAtTheNextHandOut) {
-    const auto a = actionWithPriority(5);
-    const auto b = actionWithPriority(3);
-    const auto c = actionWithPriority(4);
-    for (const auto& action : {a, b, c}) queue_->addAction(action);
-    EXPECT_EQ(queue_->popNextAction(), b);
-
-    a->setPriority(1);
-    EXPECT_EQ(queue_->popNextAction(), a);
-    EXPECT_EQ(queue_->popNextAction(), c);
-
-    // Through the tree: the group's parent does not wait, its children do.
-    const auto group = DCIAction::init();
-    const auto member = actionWithPriority(10);
-    const auto other = actionWithPriority(6);
+TEST_F(DCIActionQueueTest, APriorityChangedThroughTheTreeCountsAtTheNextHandOut) {
+    // The group's parent does not wait, its children do.
+    const auto group = DCIAction::init(), member = actionWithPriority(10), other = actionWithPriority(6);
     member->setParent(group);
     queue_->addAction(member);
     queue_->addAction(other);
     group->recursivelyIncrementPriority(-8);
-    EXPECT_EQ(queue_->popNextAction(), member);
-    EXPECT_EQ(queue_->popNextAction(), other);
+    EXPECT_EQ(drain(*queue_), (Actions{member, other}));
+    queue_->addAction(member);
+    queue_->addAction(other);
+    group->recursivelySetPriority(7);
+    EXPECT_EQ(drain(*queue_), (Actions{other, member}));
 }
 
-TEST_F(DCIActionQueueTest, AWaitingActionIsHeldOnceAndAnnouncedOnce) {
+TEST_F(DCIActionQueueTest, AWaitingActionIsHeldOnceAndAFinishedOneQueuedAgainAsPending) {
     const auto action = DCIAction::init();
     queue_->addAction(action);
     queue_->addAction(action);
     queue_->addAction(nullptr);
-    EXPECT_EQ(action->status(), DCIActionStatusPending);
     EXPECT_EQ(queue_->queue(), Actions{action});
     EXPECT_EQ(drain(*queue_), Actions{action});
-    EXPECT_EQ(statusChangesOf(action), (std::vector<StatusChange>{{2, 0}}));
+    action->changeStatus(DCIActionStatusCompleted);
+    queue_->addAction(action);
+    EXPECT_EQ(action->status(), DCIActionStatusPending);
+    EXPECT_EQ(drain(*queue_), Actions{action});
+    pumpMainLoopBriefly();
+    EXPECT_EQ(recorder_->statusChangesOf(action), (std::vector<StatusChange>{{2, 0}, {7, 2}, {2, 7}}));
 }
 
 TEST_F(DCIActionQueueTest, AnAddThatRunsOutOfMemoryLeavesTheActionFreeToBeAddedAgain) {
@@ -173,79 +145,44 @@ TEST_F(DCIActionQueueTest, AnAddThatRunsOutOfMemoryLeavesTheActionFreeToBeAddedA
     }
 }
 
-TEST_F(DCIActionQueueTest, AFinishedActionIsQueuedAgainAsPending) {
-    const auto action = DCIAction::init();
-    queue_->addAction(action);
-    ASSERT_EQ(queue_->popNextAction(), action);
-    action->changeStatus(DCIActionStatusCompleted);
-
-    queue_->addAction(action);
-    EXPECT_EQ(action->status(), DCIActionStatusPending);
-    EXPECT_EQ(queue_->popNextAction(), action);
-    EXPECT_EQ(statusChangesOf(action), (std::vector<StatusChange>{{2, 0}, {7, 2}, {2, 7}}));
-}
-
 TEST_F(DCIActionQueueTest, AnActionMayWaitInTwoQueues) {
     const auto other = DCIActionQueue::init();
-    const auto shared = actionWithPriority(5);
-    const auto local = actionWithPriority(3);
+    const auto shared = actionWithPriority(5), local = actionWithPriority(3);
     queue_->addAction(shared);
     queue_->addAction(local);
     other->addAction(shared);
     EXPECT_EQ(other->popNextAction(), shared);
-
     // Taken from one queue, it still waits in the other and still moves there.
     shared->setPriority(1);
     EXPECT_EQ(drain(*queue_), (Actions{shared, local}));
 }
 
-TEST_F(DCIActionQueueTest, EmptyAndPausedQueuesHandOutNothing) {
-    EXPECT_EQ(queue_->popNextAction(), nullptr);
-    EXPECT_TRUE(queue_->running());
-
-    const auto first = DCIAction::init();
-    queue_->addAction(first);
-    queue_->pause();
-    EXPECT_TRUE(queue_->paused());
-    EXPECT_EQ(queue_->popNextAction(), nullptr);
-
-    const auto second = DCIAction::init();
-    queue_->addAction(second);
-    EXPECT_EQ(second->status(), DCIActionStatusPending);
-    EXPECT_EQ(queue_->popNextAction(), nullptr);
-
-    queue_->resume();
-    EXPECT_EQ(drain(*queue_), (Actions{second, first}));
-}
-
-TEST_F(DCIActionQueueTest, PauseAndResumeAreAnnouncedOnlyOnRealTransitions) {
-    struct Notification {
-        bool isPrior;
-        bool paused;
-        bool queuePaused;
-        std::thread::id thread;
-        bool operator==(const Notification&) const = default;
-    };
-    std::vector<Notification> heard;
+TEST_F(DCIActionQueueTest, PausedQueuesTakeButHandOutNothingAndTellOnlyRealTransitions) {
+    // Each call: whether prior, the value told, the queue's state meanwhile, the calling thread.
+    using Heard = std::vector<std::tuple<bool, bool, bool, std::thread::id>>;
+    Heard heard;
     auto observation = queue_->addPausedObserver([&](bool isPrior, bool paused) {
-        heard.push_back({isPrior, paused, queue_->paused(), std::this_thread::get_id()});
+        heard.emplace_back(isPrior, paused, queue_->paused(), std::this_thread::get_id());
     });
-    const auto here = std::this_thread::get_id();
-
+    const auto first = DCIAction::init(), second = DCIAction::init();
     queue_->resume();
-    EXPECT_TRUE(heard.empty());
-
+    queue_->addAction(first);
     std::thread::id pauser;
     std::thread([&] {
         pauser = std::this_thread::get_id();
         queue_->pause();
         queue_->pause();
     }).join();
-    EXPECT_EQ(heard, (std::vector<Notification>{{true, false, false, pauser}, {false, true, true, pauser}}));
+    queue_->addAction(second);
+    EXPECT_EQ(second->status(), DCIActionStatusPending);
+    EXPECT_EQ(queue_->popNextAction(), nullptr);
+    EXPECT_EQ(heard, (Heard{{true, false, false, pauser}, {false, true, true, pauser}}));
 
     heard.clear();
     queue_->resume();
-    EXPECT_EQ(heard, (std::vector<Notification>{{true, true, true, here}, {false, false, false, here}}));
+    const auto here = std::this_thread::get_id();
+    EXPECT_EQ(heard, (Heard{{true, true, true, here}, {false, false, false, here}}));
+    EXPECT_EQ(drain(*queue_), (Actions{second, first}));
 
     heard.clear();
     queue_->setRunning(false);
@@ -270,13 +207,13 @@ TEST_F(DCIActionQueueTest, ObserversMayChangeTheQueueFromTheirCallback) {
     EXPECT_TRUE(queue_->running());
 
     // An addition is told once the action can be taken; a removed observer hears no more.
-    auto action = DCIAction::init();
-    std::vector<std::shared_ptr<DCIAction>> taken;
+    const auto action = DCIAction::init();
+    Actions taken;
     auto additions = queue_->addAdditionObserver([&] { taken.push_back(queue_->popNextAction()); });
     queue_->addAction(action);
     additions.reset();
     queue_->addAction(action);
-    EXPECT_EQ(taken, std::vector<std::shared_ptr<DCIAction>>{action});
+    EXPECT_EQ(taken, Actions{action});
 
     // An observation may outlive its queue.
     auto late = queue_->addPausedObserver([](bool, bool) {});
@@ -287,16 +224,10 @@ TEST_F(DCIActionQueueTest, ObserversMayChangeTheQueueFromTheirCallback) {
 // Without a listener, so that no status event keeps an action alive.
 TEST(DCIActionQueue, HoldsActionsOnlyWhileTheyWait) {
     auto queue = DCIActionQueue::init();
-    std::weak_ptr<DCIAction> taken;
-    std::weak_ptr<DCIAction> left;
-    {
-        auto first = actionWithPriority(1);
-        auto second = actionWithPriority(2);
-        taken = first;
-        left = second;
-        queue->addAction(first);
-        queue->addAction(second);
-    }
+    auto first = actionWithPriority(1), second = actionWithPriority(2);
+    const std::weak_ptr<DCIAction> taken = first, left = second;
+    queue->addAction(std::exchange(first, nullptr));
+    queue->addAction(std::exchange(second, nullptr));
     EXPECT_FALSE(taken.expired());
     queue->popNextAction();
     EXPECT_TRUE(taken.expired());
@@ -306,14 +237,14 @@ TEST(DCIActionQueue, HoldsActionsOnlyWhileTheyWait) {
 }
 
 TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
-    constexpr size_t kAdders = 2;
-    constexpr size_t kPerAdder = 3000;
-    constexpr size_t kTakers = 4;
-    constexpr size_t kTotal = kAdders * kPerAdder;
+    constexpr size_t kAdders = 2, kPerAdder = 3000, kTakers = 4, kTotal = kAdders * kPerAdder;
     Actions all;
     for (size_t i = 0; i < kTotal; ++i) all.push_back(actionWithPriority(i % 17));
-
     std::atomic<size_t> takenCount{0};
+    // A lost action must fail the test, not hang it.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    const auto goOn = [&] { return takenCount < kTotal && std::chrono::steady_clock::now() < deadline; };
+
     std::vector<Actions> takenBy(kTakers);
     std::vector<std::thread> threads;
     for (size_t adder = 0; adder < kAdders; ++adder) {
@@ -321,13 +252,11 @@ TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
             for (size_t i = adder * kPerAdder; i < (adder + 1) * kPerAdder; ++i) queue_->addAction(all[i]);
         });
     }
-    for (size_t taker = 0; taker < kTakers; ++taker) {
-        threads.emplace_back([&, taker] {
-            // A lost action must fail the test, not hang it.
-            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-            while (takenCount < kTotal && std::chrono::steady_clock::now() < deadline) {
+    for (auto& taken : takenBy) {
+        threads.emplace_back([&] {
+            while (goOn()) {
                 if (auto action = queue_->popNextAction()) {
-                    takenBy[taker].push_back(std::move(action));
+                    taken.push_back(std::move(action));
                     ++takenCount;
                 } else {
                     std::this_thread::yield();
@@ -338,8 +267,7 @@ TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
     // Reorders waiting actions and pauses hand-out now and then, while all of the above runs.
     threads.emplace_back([&] {
         std::mt19937 random(3);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        for (int round = 0; takenCount < kTotal && std::chrono::steady_clock::now() < deadline; ++round) {
+        for (int round = 0; goOn(); ++round) {
             all[random() % kTotal]->setPriority(random() % 17);
             if (round % 64 == 0) queue_->pause();
             if (round % 64 == 1) queue_->resume();
@@ -349,13 +277,8 @@ TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
     for (auto& thread : threads) thread.join();
     ASSERT_EQ(takenCount, kTotal) << "actions were lost";
 
-    std::set<DCIAction*> distinct;
-    size_t handedOut = 0;
-    for (const auto& taken : takenBy) {
-        handedOut += taken.size();
-        for (const auto& action : taken) distinct.insert(action.get());
-    }
-    EXPECT_EQ(handedOut, kTotal);
+    std::set<std::shared_ptr<DCIAction>> distinct;
+    for (const auto& taken : takenBy) distinct.insert(taken.begin(), taken.end());
     EXPECT_EQ(distinct.size(), kTotal);
     EXPECT_EQ(queue_->popNextAction(), nullptr);
 

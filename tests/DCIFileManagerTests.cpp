@@ -25,6 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Disk = std::function<void(const std::string& root)>;
+using Lines = std::vector<std::string>;
 
 constexpr const char* kSHA256OfABC = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
@@ -76,6 +77,10 @@ protected:
         manager->startWatchingRootFolder(rootPath, directory / "primary.sqlite", directory / "secondary.sqlite",
                                          nullptr);
     }
+    bool startedOnRoot() {
+        start(root);
+        return waitFor(DCIEventTypeFileManagerReady);
+    }
 
     std::vector<uint64_t> types() const { return recorder->typesOfCategory(DCIEventCategoryCommon); }
 
@@ -86,20 +91,18 @@ protected:
     // The change events of the passes that see what `change` did to the disk. A file written
     // after it marks the pass that must report it; events of that pass after the marker's
     // own are gathered too.
-    std::vector<std::string> changesAfter(const Disk& change) {
+    Lines changesAfter(const Disk& change) {
         recorder->events.clear();
         change(root);
         const std::string marker = "marker-" + std::to_string(++markers) + ".wav";
         write(root, marker, marker);
-        EXPECT_TRUE(pumpMainLoopUntil([&] {
-            return std::ranges::any_of(recorder->events, [&](const auto& e) { return describe(*e, root) == "added file " + marker; });
-        }, 10s));
+        const auto isMarker = [&](const auto& event) { return describe(*event, root) == "added file " + marker; };
+        EXPECT_TRUE(pumpMainLoopUntil([&] { return std::ranges::any_of(recorder->events, isMarker); }, 10s));
         pumpMainLoopBriefly();
-        std::vector<std::string> changes;
+        Lines changes;
         for (const auto& event : recorder->events) {
-            const auto line = describe(*event, root);
             const bool isChange = event->type() >= DCIEventTypeFileAdded && event->type() <= DCIEventTypeFileModified;
-            if (isChange && line != "added file " + marker) changes.push_back(line);
+            if (isChange && !isMarker(event)) changes.push_back(describe(*event, root));
         }
         return changes;
     }
@@ -115,7 +118,7 @@ TEST_F(DCIFileManagerTests, EachKindOfChangeIsReportedAsTheEventsOfOnePass) {
     struct Case {
         const char* name;
         Disk before, change;
-        std::vector<std::string> expected;
+        Lines expected;
     };
     const Case cases[] = {
         {"rename", [](auto& r) { write(r, "a/x.wav", "1"); }, [](auto& r) { move(r, "a/x.wav", "a/y.wav"); },
@@ -139,16 +142,23 @@ TEST_F(DCIFileManagerTests, EachKindOfChangeIsReportedAsTheEventsOfOnePass) {
          [](auto& r) { remove(r, "old"); fs::create_directory(r + "/new"); }, {"added folder new", "removed folder old"}},
         {"file moved out of a deleted folder", [](auto& r) { write(r, "d/x.wav", "1"); },
          [](auto& r) { move(r, "d/x.wav", "x.wav"); remove(r, "d"); }, {"removed folder d", "added file x.wav"}},
-        {"in-place change and files of no interest", [](auto& r) { write(r, "x.als", "1"); },
-         [](auto& r) { write(r, "x.als", "2"); write(r, "notes.txt", "2"); }, {"modified x.als"}},
+        // Writes closer together than the quiet period make one pass and one event.
+        {"in-place changes and files of no interest", [](auto& r) { write(r, "x.als", "0"); },
+         [](auto& r) {
+             for (const char* step : {"1", "2", "3", "4"}) {
+                 write(r, "x.als", step);
+                 std::this_thread::sleep_for(100ms);
+             }
+             write(r, "notes.txt", "2");
+         },
+         {"modified x.als"}},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);
         remove(root, "");
         fs::create_directory(root);
         if (test.before) test.before(root);
-        start(root);
-        ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+        ASSERT_TRUE(startedOnRoot());
         EXPECT_EQ(changesAfter(test.change), test.expected);
         manager->stop();
         ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
@@ -157,20 +167,20 @@ TEST_F(DCIFileManagerTests, EachKindOfChangeIsReportedAsTheEventsOfOnePass) {
 }
 
 TEST_F(DCIFileManagerTests, FoldersAndLinksThatAppearAreWatchedToo) {
-    start(root);
-    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
-    EXPECT_EQ(changesAfter([](auto& r) { fs::create_directory(r + "/new"); }), std::vector<std::string>{"added folder new"});
+    ASSERT_TRUE(startedOnRoot());
     fs::create_directory(directory / "outside");
-    EXPECT_EQ(changesAfter([&](auto& r) { fs::create_directory_symlink(directory / "outside", r + "/link"); }),
-              std::vector<std::string>{"added folder link"});
+    EXPECT_EQ(changesAfter([&](auto& r) {
+                  fs::create_directory(r + "/new");
+                  fs::create_directory_symlink(directory / "outside", r + "/link");
+              }),
+              (Lines{"added folder link", "added folder new"}));
     // A renamed folder keeps its folders watched, also next to a sibling whose name extends its own.
     fs::create_directories(root + "/Drums/Sub");
     fs::create_directory(root + "/Drums 2");
     changesAfter([](auto&) {});
     EXPECT_EQ(changesAfter([](auto& r) { move(r, "Drums", "Perc"); }),
-              (std::vector<std::string>{"added folder Perc", "removed folder Drums"}));  // no file to pair them
-    EXPECT_EQ(changesAfter([](auto& r) { fs::create_directory(r + "/Perc/Sub/New"); }),
-              std::vector<std::string>{"added folder Perc/Sub/New"});
+              (Lines{"added folder Perc", "removed folder Drums"}));  // no file to pair them
+    EXPECT_EQ(changesAfter([](auto& r) { fs::create_directory(r + "/Perc/Sub/New"); }), Lines{"added folder Perc/Sub/New"});
     // The stream does not wait for the marker's pass: a change in the new folders alone is told.
     recorder->events.clear();
     write(root, "new/x.wav", "1");
@@ -178,24 +188,10 @@ TEST_F(DCIFileManagerTests, FoldersAndLinksThatAppearAreWatchedToo) {
     write(root, "Perc/Sub/New/z.wav", "3");
     EXPECT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() >= 3; }, 10s));
     pumpMainLoopBriefly();
-    std::vector<std::string> changes;
+    Lines changes;
     for (const auto& event : recorder->events) changes.push_back(describe(*event, root));
     std::ranges::sort(changes);
-    EXPECT_EQ(changes, (std::vector<std::string>{"added file Perc/Sub/New/z.wav", "added file link/y.wav",
-                                                 "added file new/x.wav"}));
-}
-
-TEST_F(DCIFileManagerTests, ChangesCloserThanTheQuietPeriodMakeOnePass) {
-    write(root, "x.wav", "0");
-    start(root);
-    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
-    const auto changes = changesAfter([](auto& r) {
-        for (int step = 1; step <= 5; ++step) {
-            write(r, "x.wav", std::to_string(step));
-            std::this_thread::sleep_for(100ms);
-        }
-    });
-    EXPECT_EQ(changes, std::vector<std::string>{"modified x.wav"});
+    EXPECT_EQ(changes, (Lines{"added file Perc/Sub/New/z.wav", "added file link/y.wav", "added file new/x.wav"}));
 }
 
 TEST_F(DCIFileManagerTests, StartAndStopPostReadyRootRemovedAndStoppedInOrder) {
@@ -211,13 +207,12 @@ TEST_F(DCIFileManagerTests, StartAndStopPostReadyRootRemovedAndStoppedInOrder) {
 
     // A restart ends the running watcher before the new one starts.
     recorder->events.clear();
-    start(root);
-    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    ASSERT_TRUE(startedOnRoot());
     start(root);
     ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady, 2));
     EXPECT_EQ(types(), (std::vector<uint64_t>{DCIEventTypeFileManagerReady, DCIEventTypeFileManagerStopped,
                                               DCIEventTypeFileManagerReady}));
-    EXPECT_EQ(changesAfter([](auto& r) { write(r, "x.wav", "1"); }), std::vector<std::string>{"added file x.wav"});
+    EXPECT_EQ(changesAfter([](auto& r) { write(r, "x.wav", "1"); }), Lines{"added file x.wav"});
 
     recorder->events.clear();
     remove(root, "");
@@ -226,28 +221,25 @@ TEST_F(DCIFileManagerTests, StartAndStopPostReadyRootRemovedAndStoppedInOrder) {
     EXPECT_TRUE(manager->started());
 }
 
-TEST_F(DCIFileManagerTests, QueuedOperationsReportTheirStatusAndRaiseNoChangeEvent) {
+// Queued operations report their status; neither they nor the unqueued ones raise a change event.
+TEST_F(DCIFileManagerTests, OperationsUpdateTheTreeAndRefuseWhatTheyCannotDo) {
     write(root, "a/x.wav", "1");
     write(root, "taken.wav", "2");
     const auto early = manager->queueCreateDirectoryAtPath(root + "/early");  // waits for the start
-    start(root);
-    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    ASSERT_TRUE(startedOnRoot());
     EXPECT_TRUE(pumpMainLoopUntil([&] { return early->status() == DCIActionStatusCompleted; }));
     std::shared_ptr<DCIAction> move, copyOnto, mkdir;
-    const auto changes = changesAfter([&](auto& r) {
-        move = manager->queueMoveItemAtPath(r + "/a/x.wav", r + "/y.wav");
-        copyOnto = manager->queueCopyItemAtPath(r + "/y.wav", r + "/taken.wav");
-        mkdir = manager->queueCreateDirectoryAtPath(r + "/new/deeper");
-        ASSERT_TRUE(pumpMainLoopUntil([&] {
-            return move->status() > DCIActionStatusRunning && copyOnto->status() > DCIActionStatusRunning &&
-                   mkdir->status() > DCIActionStatusRunning;
-        }));
-    });
-    EXPECT_EQ(changes, std::vector<std::string>{});
-    const std::vector<StatusChange> completed{{DCIActionStatusPending, DCIActionStatusUndefined},
-                                              {DCIActionStatusRunning, DCIActionStatusPending},
-                                              {DCIActionStatusCompleted, DCIActionStatusRunning}};
-    EXPECT_EQ(recorder->statusChangesOf(move), completed);
+    EXPECT_EQ(changesAfter([&](auto& r) {
+                  move = manager->queueMoveItemAtPath(r + "/a/x.wav", r + "/y.wav");
+                  copyOnto = manager->queueCopyItemAtPath(r + "/y.wav", r + "/taken.wav");
+                  mkdir = manager->queueCreateDirectoryAtPath(r + "/new/deeper");
+                  ASSERT_TRUE(pumpMainLoopUntil([&] {
+                      return move->status() > DCIActionStatusRunning && copyOnto->status() > DCIActionStatusRunning &&
+                             mkdir->status() > DCIActionStatusRunning;
+                  }));
+              }),
+              Lines{});
+    EXPECT_EQ(move->status(), DCIActionStatusCompleted);
     EXPECT_EQ(copyOnto->status(), DCIActionStatusFailed);
     const auto error = copyOnto->contextObjectForKey(kDCIError);
     ASSERT_TRUE(error && error->error());
@@ -255,22 +247,18 @@ TEST_F(DCIFileManagerTests, QueuedOperationsReportTheirStatusAndRaiseNoChangeEve
     EXPECT_EQ(readWholeFile(root + "/taken.wav"), "2");
     EXPECT_TRUE(manager->fileWithPath(root + "/y.wav"));
     EXPECT_TRUE(manager->folderWithPath("new/deeper"));
-}
 
-TEST_F(DCIFileManagerTests, UnqueuedOperationsAndTheirFailures) {
-    write(root, "x.wav", "1");
-    start(root);
-    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
     recorder->events.clear();
-    EXPECT_TRUE(manager->unqueuedCopyItemAtPath(root + "/x.wav", root + "/deep/er/x.wav"));
-    EXPECT_TRUE(manager->unqueuedMoveItemAtPath(root + "/deep/er/x.wav", root + "/x.wav"));  // replaces
-    EXPECT_FALSE(manager->unqueuedMoveItemAtPath(root + "/x.wav", root + "/missing/x.wav"));
-    EXPECT_TRUE(fs::exists(root + "/x.wav"));
+    EXPECT_TRUE(manager->unqueuedCopyItemAtPath(root + "/y.wav", root + "/deep/er/x.wav"));
+    EXPECT_TRUE(manager->unqueuedMoveItemAtPath(root + "/deep/er/x.wav", root + "/y.wav"));  // replaces
+    EXPECT_FALSE(manager->unqueuedMoveItemAtPath(root + "/y.wav", root + "/missing/x.wav"));
+    EXPECT_TRUE(fs::exists(root + "/y.wav"));
     EXPECT_TRUE(manager->unqueuedCreateDirectoryAtPath(root + "/deep"));
     EXPECT_FALSE(manager->unqueuedCopyItemAtPath(root + "/deep", root + "/deep/er/inside"));
     EXPECT_FALSE(fs::exists(root + "/deep/er/inside"));
-    EXPECT_FALSE(manager->unqueuedCopyItemAtPath(std::nullopt, root + "/y.wav"));
-    EXPECT_FALSE(manager->unqueuedCopyItemAtPath("x.wav", root + "/y.wav"));  // relative
+    EXPECT_FALSE(manager->unqueuedCopyItemAtPath(std::nullopt, root + "/z.wav"));
+    EXPECT_EQ(manager->queueMoveItemAtPath(root + "/none.wav", "z.wav"), nullptr);  // relative
+    EXPECT_EQ(manager->queueCopyItemAtPath("none.wav", root + "/z.wav"), nullptr);
     // Across file systems a folder is copied into place, then its source removed.
     const std::string elsewhere = "/dev/shm/kestly-move-" + std::to_string(getpid());
     write(elsewhere, "f/z.wav", "9");
@@ -282,7 +270,7 @@ TEST_F(DCIFileManagerTests, UnqueuedOperationsAndTheirFailures) {
     }
     EXPECT_EQ(manager->queueCreateDirectoryAtPath(std::nullopt), nullptr);
     pumpMainLoopBriefly();
-    EXPECT_EQ(types(), std::vector<uint64_t>{});  // no status events for unqueued actions
+    EXPECT_EQ(types(), std::vector<uint64_t>{});
 
     auto odd = DCIAction::initWithCategory(DCIActionCategoryCommon, 42);
     manager->fileActionQueue()->addAction(odd);
@@ -290,11 +278,14 @@ TEST_F(DCIFileManagerTests, UnqueuedOperationsAndTheirFailures) {
     EXPECT_TRUE(pumpMainLoopUntil([&] { return odd->status() == DCIActionStatusFailed; }));
 }
 
-TEST_F(DCIFileManagerTests, LookupsAnswerOnlyBelowTheRoot) {
+// Lookups answer only below the root; hashes of the watched kinds come from their cache.
+TEST_F(DCIFileManagerTests, LookupsAndHashes) {
     write(root, "a/b/x.wav", "1");
+    write(root, "x.als", "abc");
+    write(root, "notes.txt", "abc");
     fs::create_directory(root + "2");
-    start(root);
-    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    EXPECT_EQ(manager->SHAForFileAtPath(root + "/x.als"), std::nullopt);  // no cache before a start
+    ASSERT_TRUE(startedOnRoot());
     const std::pair<std::string, std::optional<std::string>> folders[] = {
         {root, ""}, {root + "/a/b/", "a/b"}, {"a/b", "a/b"}, {"/", std::nullopt}, {root + "2", std::nullopt},
         {root + "/a/b/x.wav", std::nullopt}, {root + "/a/../a", "a"},
@@ -305,28 +296,19 @@ TEST_F(DCIFileManagerTests, LookupsAnswerOnlyBelowTheRoot) {
     }
     EXPECT_TRUE(manager->fileWithPath(root + "/a/b/x.wav"));
     EXPECT_FALSE(manager->fileWithPath(root + "2/a/b/x.wav"));
-}
 
-TEST_F(DCIFileManagerTests, QueriesRouteByKindAndHashOtherFilesUncached) {
-    write(root, "x.als", "abc");
-    write(root, "notes.txt", "abc");
-    EXPECT_EQ(manager->SHAForFileAtPath(root + "/x.als"), std::nullopt);  // no cache before a start
-    start(root);
-    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
     EXPECT_EQ(manager->SHAForFileAtPath(root + "/x.als"), kSHA256OfABC);
     EXPECT_EQ(manager->primaryFileCache()->shaCache().size(), 1u);
     LogSince log;
     EXPECT_EQ(manager->SHAForFileAtPath(root + "/notes.txt"), kSHA256OfABC);
-    EXPECT_TRUE(log.has("Unexpected: DCIFileManager is creating hash for file " + root +
-                        "/notes.txt.  It will not be cached."));
+    EXPECT_TRUE(log.has("Unexpected: DCIFileManager is creating hash for file " + root + "/notes.txt.  It will not be cached."));
 }
 
 TEST_F(DCIFileManagerTests, TheSampleLookupAsksTheSharedManagersFinder) {
     write(root, "Kicks/Kick:01.wav", "abc");
     manager = DCIFileManager::sharedFileManager();
     manager->addSecondaryFileExtension("wav");
-    start(root);
-    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    ASSERT_TRUE(startedOnRoot());
     auto settings = manager->sampleFinder()->querySettings();
     settings.backend = DCIMetadataQueryBackend::folderScan;
     settings.scanFolders = {root};
@@ -347,10 +329,9 @@ TEST_F(DCIFileManagerTests, AStreamOverItsWatchLimitFallsBackToPeriodicRescans) 
     write(root, "a/b/x.wav", "1");
     manager->setFSEventStreamOptions({.latency = 200ms, .fallbackInterval = 500ms, .maximumWatches = 1});
     LogSince log;
-    start(root);
-    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerReady));
+    ASSERT_TRUE(startedOnRoot());
     EXPECT_NE(log.text().find("cannot watch the 3 folders under " + root), std::string::npos) << log.text();
-    EXPECT_EQ(changesAfter([](auto& r) { write(r, "a/b/x.wav", "2"); }), std::vector<std::string>{"modified a/b/x.wav"});
+    EXPECT_EQ(changesAfter([](auto& r) { write(r, "a/b/x.wav", "2"); }), Lines{"modified a/b/x.wav"});
 }
 
 }  // namespace

@@ -42,9 +42,7 @@ TEST_F(DCIFileObjectTests, IsMadeOnlyForARegularFile) {
     ASSERT_EQ(mkfifo((directory / "pipe.wav").c_str(), 0600), 0);
     fs::create_symlink("/dev/null", directory / "null.wav");
     directory.makeFolder("folder.wav");
-    const auto file = fileNamed("kick.wav");
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(file->name(), "kick.wav");
+    ASSERT_NE(fileNamed("kick.wav"), nullptr);
     for (const char* name : {"missing.wav", "dangling.wav", "pipe.wav", "null.wav", "folder.wav"}) {
         EXPECT_EQ(fileNamed(name), nullptr) << name;
     }
@@ -56,38 +54,30 @@ TEST_F(DCIFileObjectTests, IsMadeOnlyForARegularFile) {
 }
 
 // Setting the modification time stamps the status-change time with now, a visibly different clock.
-TEST_F(DCIFileObjectTests, DatesAreTheWholeSecondsOfTheModificationAndStatusChangeTimesOfTheTarget) {
+TEST_F(DCIFileObjectTests, DatesAreTheWholeSecondsOfTheTargetReadWhenAskedAndKeptWhenItIsGone) {
     const std::string target = directory.writeFile("samples/kick.wav", "abc");
     fs::create_symlink(target, directory / "link.wav");
+    const auto file = fileNamed("link.wav");
     // 2001, 1969 (rounded down) and 2300, past what 64-bit nanoseconds reach.
     for (const time_t seconds : {1'000'000'000L, -1L, 10'413'792'000L}) {
         setModificationTime(target, seconds, 700'000'000);
-        const auto file = fileNamed("link.wav");
-        ASSERT_NE(file, nullptr);
+        EXPECT_NE(file->modifiedDate().timeIntervalSince1970(), static_cast<double>(seconds)) << "read only when asked";
+        EXPECT_TRUE(file->updateAttributes());
         struct stat status;
         ASSERT_EQ(stat(target.c_str(), &status), 0);
         EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), static_cast<double>(seconds));
         EXPECT_EQ(file->createdDate().timeIntervalSince1970(), static_cast<double>(status.st_ctim.tv_sec));
     }
-}
-
-TEST_F(DCIFileObjectTests, UpdateAttributesRereadsTheDatesAndKeepsThemWhenTheFileIsGone) {
-    const std::string path = directory.writeFile("kick.wav", "abc");
-    setModificationTime(path, 1'000'000'000);
-    const auto file = fileNamed("kick.wav");
-    setModificationTime(path, 1'200'000'000);
-    EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), 1'000'000'000.0) << "dates are read only when asked";
-    EXPECT_TRUE(file->updateAttributes());
-    EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), 1'200'000'000.0);
-
     const DCIDate created = file->createdDate();
-    fs::remove(path);
+    fs::remove(target);
     EXPECT_FALSE(file->updateAttributes());
-    EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), 1'200'000'000.0);
+    EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), 10'413'792'000.0);
     EXPECT_EQ(file->createdDate(), created);
 }
 
-TEST_F(DCIFileObjectTests, PathsFollowTheTreeAndStayWhenItGoes) {
+// Relative paths meet the folder by identity (the absolute path): a folder of another build of
+// the tree serves, one of another tree never does. A file let go by its tree keeps its path.
+TEST_F(DCIFileObjectTests, PathsAndIdentityFollowTheAbsolutePath) {
     directory.writeFiles({"top.wav", "a/b/deep.wav"});
     auto root = buildTree();
     const auto top = root->files()->at("top.wav");
@@ -95,15 +85,23 @@ TEST_F(DCIFileObjectTests, PathsFollowTheTreeAndStayWhenItGoes) {
     const auto deep = b->files()->at("deep.wav");
     EXPECT_EQ(deep->absolutePath(), directory / "a/b/deep.wav");
     EXPECT_EQ(deep->relativePath(), "a/b/deep.wav");
-    EXPECT_EQ(deep->pathRelativeToFolder(b), "deep.wav");
     EXPECT_EQ(deep->pathRelativeToFolder(root), "a/b/deep.wav");
-    EXPECT_EQ(top->pathRelativeToFolder(b), "../../top.wav");
+    EXPECT_EQ(top->pathRelativeToFolder(buildTree()->subFolders()->at("a")->subFolders()->at("b")), "../../top.wav");
     EXPECT_EQ(top->pathRelativeToFolder(nullptr), std::nullopt);
-    TemporaryDirectory elsewhere;
-    EXPECT_EQ(top->pathRelativeToFolder(DCIFolderObject::initWithPath(elsewhere.path().string(), nullptr, queries)),
-              std::nullopt);
 
-    // Renamed on disk, then let go by its tree: the object keeps the path it was made with.
+    directory.writeFile("top.wav", "different content");
+    const auto topAgain = buildTree()->files()->at("top.wav");
+    EXPECT_NE(top, topAgain);
+    EXPECT_TRUE(top->isEqual(*topAgain));
+    EXPECT_EQ(top->hash(), topAgain->hash());
+    EXPECT_FALSE(top->isEqual(*deep));
+    EXPECT_EQ((DCIFileSet{top, topAgain, deep}.size()), 2u);
+    // A folder at the file's path is something else.
+    const auto folderAtFilePath = DCIFolderObject::initWithPath(top->absolutePath(), nullptr, queries);
+    ASSERT_NE(folderAtFilePath, nullptr);
+    EXPECT_FALSE(top->isEqual(*folderAtFilePath));
+    EXPECT_FALSE(folderAtFilePath->isEqual(*top));
+
     const uint64_t identity = deep->hash();
     fs::rename(directory / "a", directory / "renamed");
     root.reset();
@@ -115,50 +113,9 @@ TEST_F(DCIFileObjectTests, PathsFollowTheTreeAndStayWhenItGoes) {
     EXPECT_EQ(deep->pathRelativeToFolder(buildTree()), std::nullopt);
 }
 
-// Files and folders of two builds of one tree meet by absolute path, whatever their content.
-TEST_F(DCIFileObjectTests, IdentityIsTheAbsolutePath) {
-    directory.writeFiles({"kick.wav", "snare.wav"});
-    directory.makeFolder("a/b");
-    const auto first = buildTree();
-    const auto kick = first->files()->at("kick.wav");
-    directory.writeFile("kick.wav", "different content");
-    const auto second = buildTree();
-    const auto kickAgain = second->files()->at("kick.wav");
-    EXPECT_NE(kick, kickAgain);
-    EXPECT_TRUE(kick->isEqual(*kickAgain));
-    EXPECT_TRUE(kickAgain->isEqual(*kick));
-    EXPECT_EQ(kick->hash(), kickAgain->hash());
-    const auto snare = first->files()->at("snare.wav");
-    EXPECT_FALSE(kick->isEqual(*snare));
-    EXPECT_NE(kick->hash(), snare->hash());
-    const DCIFileSet both{kick, kickAgain, snare};
-    EXPECT_EQ(both.size(), 2u);
-
-    const auto a = first->subFolders()->at("a"), aAgain = second->subFolders()->at("a");
-    EXPECT_TRUE(a->isEqual(*aAgain));
-    EXPECT_EQ(a->hash(), aAgain->hash());
-    EXPECT_FALSE(a->isEqual(*a->subFolders()->at("b")));
-    // A folder at the file's path is something else.
-    const auto folderAtFilePath = DCIFolderObject::initWithPath(kick->absolutePath(), nullptr, queries);
-    ASSERT_NE(folderAtFilePath, nullptr);
-    EXPECT_FALSE(kick->isEqual(*folderAtFilePath));
-    EXPECT_FALSE(folderAtFilePath->isEqual(*kick));
-}
-
+// A hash is computed on first use, by every thread that asks for it at once, and then kept.
 TEST_F(DCIFileObjectTests, FileHashIsComputedOnFirstUseAndThenKept) {
     const std::string path = directory.writeFile("kick.wav", "abc");
-    const auto file = fileNamed("kick.wav");
-    EXPECT_EQ(file->fileHash(), kSHA256OfABC);
-    fs::remove(path);
-    EXPECT_EQ(file->fileHash(), kSHA256OfABC) << "a stored hash is not recomputed";
-    file->setFileHash(std::nullopt);
-    EXPECT_EQ(file->fileHash(), std::nullopt);
-    directory.writeFile("kick.wav", "abc");
-    EXPECT_EQ(file->fileHash(), kSHA256OfABC) << "a failed computation is tried again";
-}
-
-TEST_F(DCIFileObjectTests, ThreadsThatAllAskForAMissingHashAllGetIt) {
-    directory.writeFile("kick.wav", "abc");
     const auto file = fileNamed("kick.wav");
     std::vector<std::optional<std::string>> answers(8);
     {
@@ -166,6 +123,12 @@ TEST_F(DCIFileObjectTests, ThreadsThatAllAskForAMissingHashAllGetIt) {
         for (auto& answer : answers) threads.emplace_back([&] { answer = file->fileHash(); });
     }
     for (const auto& answer : answers) EXPECT_EQ(answer, kSHA256OfABC);
+    fs::remove(path);
+    EXPECT_EQ(file->fileHash(), kSHA256OfABC) << "a stored hash is not recomputed";
+    file->setFileHash(std::nullopt);
+    EXPECT_EQ(file->fileHash(), std::nullopt);
+    directory.writeFile("kick.wav", "abc");
+    EXPECT_EQ(file->fileHash(), kSHA256OfABC) << "a failed computation is tried again";
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -67,17 +68,6 @@ protected:
     std::shared_ptr<DCIFileQueries> queries;
 };
 
-TEST_F(DCIFolderObjectTests, IsMadeForAnyExistingItem) {
-    EXPECT_EQ(DCIFolderObject::initWithPath(root / "missing", nullptr, queries), nullptr);
-    const auto folderAtFile = DCIFolderObject::initWithPath(root.writeFile("kick.wav", "abc"), nullptr, queries);
-    ASSERT_NE(folderAtFile, nullptr);
-    EXPECT_TRUE(folderAtFile->files()->empty());
-    const auto tree = buildTree();
-    EXPECT_TRUE(tree->exists());
-    fs::remove_all(root.path());
-    EXPECT_FALSE(tree->exists());
-}
-
 TEST_F(DCIFolderObjectTests, ScanTakesEveryFolderAndTheFilesOfInterest) {
     root.writeFiles({"Song.ALS", "notes.txt", "kick.WAV", ".hidden.wav"}, "a");
     root.writeFile(".wav", "a");  // hidden, with no extension
@@ -85,6 +75,8 @@ TEST_F(DCIFolderObjectTests, ScanTakesEveryFolderAndTheFilesOfInterest) {
     root.makeFolder("empty");
     root.makeFolder("Kit.als");  // a folder, whatever its name
 
+    EXPECT_EQ(DCIFolderObject::initWithPath(root / "missing", nullptr, queries), nullptr);
+    EXPECT_TRUE(DCIFolderObject::initWithPath(root / "notes.txt", nullptr, queries)->files()->empty());
     const auto tree = buildTree();
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(relativePaths(tree->gatherFiles()),
@@ -101,22 +93,34 @@ TEST_F(DCIFolderObjectTests, ScanTakesEveryFolderAndTheFilesOfInterest) {
     EXPECT_TRUE(folderAt(tree, "empty")->gatherFolders().empty());
 }
 
-TEST_F(DCIFolderObjectTests, LinksCountAsWhatTheyLeadTo) {
+// Links count as what they lead to. Names of interest on entries that could never be hashed
+// (a FIFO, a device) stay out: any of them in the tree would make every hashing pass answer NO.
+TEST_F(DCIFolderObjectTests, OnlyFoldersAndRegularFilesEnterTheTreeThroughLinks) {
     root.writeFiles({"real/kick.wav", "real/readme.txt"});
+    root.makeFolder("Kit.wav");
     fs::create_directory_symlink(root / "real", root / "linked");
     fs::create_symlink(root / "real/kick.wav", root / "alias.wav");
     fs::create_symlink(root / "real/readme.txt", root / "alias.txt.wav");
     fs::create_symlink(root / "real/readme.txt", root / "alias.txt");
     fs::create_symlink(root / "nowhere.wav", root / "dangling.wav");
     fs::create_symlink(root / "nowhere", root / "dangling-folder");
+    ASSERT_EQ(mkfifo((root / "pipe.wav").c_str(), 0600), 0);
+    fs::create_symlink("/dev/null", root / "null.wav");
 
     const auto tree = buildTree();
     ASSERT_NE(tree, nullptr);
-    EXPECT_EQ(relativePaths(tree->gatherFolders()), (std::set<std::string>{"real", "linked"}));
+    EXPECT_EQ(relativePaths(tree->gatherFolders()), (std::set<std::string>{"real", "linked", "Kit.wav"}));
     EXPECT_EQ(relativePaths(tree->gatherFiles()),
               (std::set<std::string>{"real/kick.wav", "linked/kick.wav", "alias.wav", "alias.txt.wav"}));
-    EXPECT_EQ(folderAt(tree, "linked")->absolutePath(), root / "linked");
     EXPECT_EQ(folderAt(tree, "linked")->files()->at("kick.wav")->absolutePath(), root / "linked/kick.wav");
+
+    // Updates keep the rule: a known folder stays one, a FIFO in a file's place removes it.
+    EXPECT_FALSE(tree->updateItemAtSubPath("Kit.wav"));
+    EXPECT_FALSE(tree->updateItemAtSubPath("pipe.wav"));
+    fs::rename(root / "pipe.wav", root / "alias.wav");
+    EXPECT_TRUE(tree->updateItemAtSubPath("alias.wav"));
+    EXPECT_FALSE(tree->files()->contains("alias.wav"));
+    EXPECT_TRUE(tree->generateHashes());
 }
 
 TEST_F(DCIFolderObjectTests, LinksBackToAnAncestorAreNotFollowedAgain) {
@@ -173,12 +177,13 @@ TEST_F(DCIFolderObjectTests, ADeepTreeHoldsFewDescriptorsOpen) {
     EXPECT_EQ(relativePaths(tree->gatherFiles()), std::set<std::string>{deepest + "bottom.wav"});
 }
 
+// A vanished file makes the pass answer NO, but every other file is still hashed.
 TEST_F(DCIFolderObjectTests, GenerateHashesFillsEveryFileThroughTheCaches) {
-    root.writeFiles({"Song.als", "a/b/kick.wav"});
-    root.writeFile("a/snare.wav", "different");
-    root.writeFile("a/project.json", "abc");
+    root.writeFiles({"Song.als", "a/b/kick.wav", "a/b/gone.wav", "a/snare.wav", "a/project.json"});
     const auto tree = buildTree();
-    ASSERT_TRUE(tree->generateHashes());
+    fs::remove(root / "a/b/gone.wav");
+    EXPECT_FALSE(tree->generateHashes());
+    EXPECT_EQ(folderAt(tree, "a/b")->files()->at("gone.wav")->fileHash(), std::nullopt);
     EXPECT_EQ(calculatorCalls, 4);
     // Primary files by extension or name go to the primary cache, samples to the other.
     std::set<std::string> primaryPaths, samplePaths;
@@ -186,28 +191,14 @@ TEST_F(DCIFolderObjectTests, GenerateHashesFillsEveryFileThroughTheCaches) {
     for (const auto& [path, record] : sampleCache->shaCache()) samplePaths.insert(path);
     EXPECT_EQ(primaryPaths, (std::set<std::string>{root / "Song.als", root / "a/project.json"}));
     EXPECT_EQ(samplePaths, (std::set<std::string>{root / "a/b/kick.wav", root / "a/snare.wav"}));
-    EXPECT_EQ(folderAt(tree, "a/b")->files()->at("kick.wav")->fileHash(), kSHA256OfABC);
 
     // A fresh build of the unchanged tree is answered by the caches without reading a file.
     const auto again = buildTree();
     ASSERT_TRUE(again->generateHashes());
     EXPECT_EQ(calculatorCalls, 4);
-    EXPECT_EQ(folderAt(again, "a/b")->files()->at("kick.wav")->sasID(), "sas-kick.wav");
-}
-
-TEST_F(DCIFolderObjectTests, GenerateHashesAnswersNoForAVanishedFileAndHashesTheOthers) {
-    root.writeFiles({"top.wav", "a/b/c/gone.wav", "a/b/c/stays.wav", "z/later.wav"});
-    const auto tree = buildTree();
-    fs::remove(root / "a/b/c/gone.wav");
-
-    EXPECT_FALSE(tree->generateHashes());
-    for (const auto& file : tree->gatherFiles()) {
-        if (file->name() == "gone.wav") {
-            EXPECT_EQ(file->fileHash(), std::nullopt);
-        } else {
-            EXPECT_EQ(file->fileHash(), kSHA256OfABC) << file->relativePath();
-            EXPECT_EQ(file->sasID(), "sas-" + file->name()) << file->relativePath();
-        }
+    for (const auto& file : again->gatherFiles()) {
+        EXPECT_EQ(file->fileHash(), kSHA256OfABC) << file->relativePath();
+        EXPECT_EQ(file->sasID(), "sas-" + file->name()) << file->relativePath();
     }
 }
 
@@ -258,37 +249,39 @@ TEST_F(DCIFolderObjectTests, ATreeWhoseQueriesAreGoneSeesNoFileOfInterestAndHash
     EXPECT_TRUE(a->files()->empty());
 }
 
-TEST_F(DCIFolderObjectTests, UpdateAddsAndRefreshesFilesOfInterest) {
-    root.writeFile("a/kick.wav", "abc");
+// An update replaces a dictionary, never changes one handed out: readers keep their snapshot.
+TEST_F(DCIFolderObjectTests, UpdateAddsRefreshesAndRemovesFilesOfInterest) {
+    root.writeFiles({"a/kick.wav", "notes.txt"});
     const auto tree = buildTree();
     ASSERT_TRUE(tree->generateHashes());
     const auto a = folderAt(tree, "a");
     const auto before = a->files();
     const auto oldKick = before->at("kick.wav");
+    for (const char* name : {"never-there.wav", "notes.txt", "a/kick.wav", "..", ""}) {
+        EXPECT_FALSE(tree->updateItemAtSubPath(name)) << name;
+    }
 
     root.writeFile("a/snare.wav", "new");
     EXPECT_TRUE(a->updateItemAtSubPath("snare.wav"));
-    ASSERT_TRUE(a->files()->contains("snare.wav"));
     EXPECT_EQ(a->files()->at("snare.wav")->sasID(), std::nullopt) << "an updated file is not hashed yet";
-
     root.writeFile("a/kick.wav", "changed");
     EXPECT_TRUE(a->updateItemAtSubPath("kick.wav"));
     const auto newKick = a->files()->at("kick.wav");
     EXPECT_NE(newKick, oldKick);
-    EXPECT_TRUE(newKick->isEqual(*oldKick));
     EXPECT_EQ(newKick->sasID(), std::nullopt);
+    fs::remove(root / "a/snare.wav");
+    EXPECT_TRUE(a->updateItemAtSubPath("snare.wav"));
+    EXPECT_FALSE(a->files()->contains("snare.wav"));
 
-    // The dictionary handed out before the updates never changed.
     EXPECT_EQ(before->size(), 1u);
     EXPECT_EQ(before->at("kick.wav"), oldKick);
     EXPECT_EQ(oldKick->sasID(), "sas-kick.wav");
 }
 
-TEST_F(DCIFolderObjectTests, UpdateAddsANewFolderWithItsSubtreeButKeepsAKnownOne) {
+TEST_F(DCIFolderObjectTests, UpdateAddsANewFolderWithItsSubtreeKeepsAKnownOneAndRemovesAVanishedOne) {
     root.writeFile("a/kick.wav", "abc");
     const auto tree = buildTree();
     const auto a = folderAt(tree, "a");
-
     root.writeFile("a/kick.wav", "changed");
     EXPECT_FALSE(tree->updateItemAtSubPath("a"));
     EXPECT_EQ(folderAt(tree, "a"), a);
@@ -297,68 +290,37 @@ TEST_F(DCIFolderObjectTests, UpdateAddsANewFolderWithItsSubtreeButKeepsAKnownOne
     EXPECT_TRUE(tree->updateItemAtSubPath("new"));
     EXPECT_EQ(relativePaths(folderAt(tree, "new")->gatherFiles()), std::set<std::string>{"new/deeper/snare.wav"});
     EXPECT_EQ(folderAt(tree, "new")->parent(), tree);
+
+    fs::remove_all(root / "a");
+    EXPECT_TRUE(tree->updateItemAtSubPath("a"));
+    EXPECT_EQ(relativePaths(tree->gatherFolders()), (std::set<std::string>{"new", "new/deeper"}));
+    fs::remove_all(root.path());
+    EXPECT_FALSE(tree->exists());
 }
 
-TEST_F(DCIFolderObjectTests, UpdateRemovesWhatVanishedAndNothingElse) {
-    root.writeFiles({"a/kick.wav", "b/snare.wav", "notes.txt"});
-    const auto tree = buildTree();
-    const auto files = tree->files();
-    const auto subFolders = tree->subFolders();
-    for (const char* name : {"never-there.wav", "notes.txt", "a/kick.wav", "..", ""}) {
-        EXPECT_FALSE(tree->updateItemAtSubPath(name)) << name;
-    }
-    EXPECT_EQ(*tree->files(), *files);
-    EXPECT_EQ(*tree->subFolders(), *subFolders);
-
-    fs::remove(root / "a/kick.wav");
-    EXPECT_TRUE(folderAt(tree, "a")->updateItemAtSubPath("kick.wav"));
-    EXPECT_TRUE(folderAt(tree, "a")->files()->empty());
-    fs::remove_all(root / "b");
-    EXPECT_TRUE(tree->updateItemAtSubPath("b"));
-    EXPECT_EQ(relativePaths(tree->gatherFolders()), std::set<std::string>{"a"});
-}
-
-TEST_F(DCIFolderObjectTests, OnlyRegularFilesAndFoldersEnterTheTree) {
-    // Names of interest on entries that could never be hashed: any of them in the tree would
-    // make every hashing pass answer NO.
-    root.writeFile("kick.wav", "abc");
-    root.makeFolder("Kit.wav");
-    ASSERT_EQ(mkfifo((root / "pipe.wav").c_str(), 0600), 0);
-    fs::create_symlink("/dev/null", root / "null.wav");
-    const auto tree = buildTree();
-    EXPECT_EQ(relativePaths(tree->gatherFiles()), std::set<std::string>{"kick.wav"});
-
-    // Updates keep the rule: a known folder stays one, a FIFO in a file's place removes it.
-    EXPECT_FALSE(tree->updateItemAtSubPath("Kit.wav"));
-    EXPECT_FALSE(tree->updateItemAtSubPath("pipe.wav"));
-    fs::rename(root / "pipe.wav", root / "kick.wav");
-    EXPECT_TRUE(tree->updateItemAtSubPath("kick.wav"));
-    EXPECT_TRUE(tree->files()->empty());
-    EXPECT_TRUE(tree->generateHashes());
-}
-
+// Folders meet by absolute path: one of another build of the same tree serves, one of another
+// tree never does.
 TEST_F(DCIFolderObjectTests, PathRelativeToFolder) {
     for (const char* folder : {"a/b/c", "a/d", "x/y"}) root.makeFolder(folder);
-    const auto tree = buildTree();
-    const auto a = folderAt(tree, "a");
-    const auto b = folderAt(tree, "a/b");
-    const auto c = folderAt(tree, "a/b/c");
-    const auto d = folderAt(tree, "a/d");
-    const auto y = folderAt(tree, "x/y");
-
-    EXPECT_EQ(d->pathRelativeToFolder(b), "../d");        // siblings
-    EXPECT_EQ(b->pathRelativeToFolder(b), "");            // itself
-    EXPECT_EQ(a->pathRelativeToFolder(c), "../..");       // an ancestor
-    EXPECT_EQ(c->pathRelativeToFolder(tree), "a/b/c");    // below
-    EXPECT_EQ(c->pathRelativeToFolder(y), "../../a/b/c"); // cousins
-    EXPECT_EQ(c->pathRelativeToFolder(nullptr), std::nullopt);
-
-    // A folder of another build of the same tree is met by path; one of another tree never.
-    EXPECT_EQ(c->pathRelativeToFolder(folderAt(buildTree(), "a/d")), "../b/c");
+    const auto tree = buildTree(), otherBuild = buildTree();
     TemporaryDirectory elsewhere;
     elsewhere.makeFolder("a/b");
     const auto unrelated = DCIFolderObject::initWithPath(elsewhere.path().string(), nullptr, queries);
-    EXPECT_EQ(c->pathRelativeToFolder(folderAt(unrelated, "a/b")), std::nullopt);
+    const std::vector<std::tuple<std::string, std::shared_ptr<DCIFolderObject>, std::optional<std::string>>> rows = {
+        {"a/d", folderAt(tree, "a/b"), "../d"},           // siblings
+        {"a/b", folderAt(tree, "a/b"), ""},               // itself
+        {"a", folderAt(tree, "a/b/c"), "../.."},          // an ancestor
+        {"a/b/c", tree, "a/b/c"},                         // below
+        {"a/b/c", folderAt(tree, "x/y"), "../../a/b/c"},  // cousins
+        {"a/b/c", folderAt(otherBuild, "a/d"), "../b/c"},
+        {"a/b/c", folderAt(unrelated, "a/b"), std::nullopt},
+        {"a/b/c", nullptr, std::nullopt},
+    };
+    for (const auto& [from, to, expected] : rows) {
+        EXPECT_EQ(folderAt(tree, from)->pathRelativeToFolder(to), expected) << from;
+    }
+    EXPECT_TRUE(folderAt(tree, "a")->isEqual(*folderAt(otherBuild, "a")));
+    EXPECT_EQ(folderAt(tree, "a")->hash(), folderAt(otherBuild, "a")->hash());
 }
 
 TEST_F(DCIFolderObjectTests, SearchFindsTheNearestMatchFirst) {

@@ -14,11 +14,6 @@ struct FormatCase {
     std::string expected;
 };
 
-void expectFormats(const std::vector<FormatCase>& cases) {
-    for (const auto& [format, arguments, expected] : cases)
-        EXPECT_EQ(DCIFormatArguments(format, arguments), expected) << "format: \"" << format << "\"";
-}
-
 class Sample final : public DCIObject {
 public:
     std::string description() const override { return "<Sample kick.wav>"; }
@@ -30,7 +25,7 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 TEST(DCIFormatTests, ConversionTable) {
-    expectFormats({
+    const FormatCase cases[] = {
         // Text and percent signs.
         {"", {}, ""}, {"no conversions at all", {1}, "no conversions at all"}, {"100%%", {}, "100%"},
         {"%%d", {7}, "%d"}, {"%d%%", {50}, "50%"}, {"50%", {}, "50%"}, {"50% ", {}, "50% "},
@@ -48,13 +43,17 @@ TEST(DCIFormatTests, ConversionTable) {
         {"%hhd %hd %ld %lld %qd %zd %td %jd %Ld", {1, 2, 3, 4, 5, 6, 7, 8, 9}, "1 2 3 4 5 6 7 8 9"},
         {"%hhu %zu", {300, size_t{1} << 40}, "300 1099511627776"},
         // Floating point conversions.
-        {"%5.2f|", {3.14159}, " 3.14|"}, {"%f %F", {1.5, kInfinity}, "1.500000 INF"},
-        {"%e %E", {12345.678, 0.00012}, "1.234568e+04 1.200000E-04"},
+        {"%5.2f|", {3.14159}, " 3.14|"}, {"%f %F", {1.5, kInfinity}, "1.500000 INF"}, {"%f", {kNaN}, "nan"},
+        {"%e %E", {12345.678, 0.00012}, "1.234568e+04 1.200000E-04"}, {"%a", {1.0}, "0x1p+0"},
         {"%g %G %g", {0.0001, 1e-10, 100000.0}, "0.0001 1E-10 100000"},
-        {"%a", {1.0}, "0x1p+0"},
         {"%+.1f % .1f %010.3f", {2.0, 2.0, -3.14159}, "+2.0  2.0 -00003.142"},
         {"%-8.1f|%#.0f", {2.0, 3.0}, "2.0     |3."}, {"%Lf %lf", {1.5, 2.5}, "1.500000 2.500000"},
-        {"%f", {kNaN}, "nan"},
+        // Text, characters and pointers. A precision never cuts a UTF-8 character in half.
+        {"%s %@", {"hello", "world"}, "hello world"}, {"%-8s|%8s|", {"kick", "snare"}, "kick    |   snare|"},
+        {"%.3s|%.0s|%.9s", {"abcdef", "abc", "abc"}, "abc||abc"}, {"%.2s|%.3s", {"Bëat", "Bëat"}, "B|Bë"},
+        {"%10@|", {"kick"}, "      kick|"}, {"%c%c%c", {'K', 'i', 'k'}, "Kik"}, {"%3c|%-3c|", {'x', 'y'}, "  x|y  |"},
+        {"%c", {static_cast<char>('\xC3')}, "\xC3"}, {"%p", {static_cast<const void*>(nullptr)}, "0x0"},
+        {"%8p|", {reinterpret_cast<const void*>(uintptr_t{0xbeef})}, "  0xbeef|"},
         // Width and precision from arguments.
         {"%*d|%-*d|", {5, 42, 4, 42}, "   42|42  |"}, {"%*d|", {-5, 42}, "42   |"},
         {"%.*f|%*.*f|", {2, 3.14159, 7, 1, 3.14159}, "3.14|    3.1|"},
@@ -67,45 +66,40 @@ TEST(DCIFormatTests, ConversionTable) {
         {"%d %d %i %x", {2.9, -2.9, 1e10, 255.5}, "2 -2 10000000000 ff"},
         {"%d %d %u", {1e300, kNaN, 1.8e19}, "1e+300 nan 18000000000000000000"},
         {"%u %x %05o %#X", {-1, -255, -8, -1}, "-1 -255 -0008 -1"},
-        {"%d %+d %5i|", {kUInt64Max, kUInt64Max, kUInt64Max}, "18446744073709551615 18446744073709551615 "
-                                                              "18446744073709551615|"},
+        {"%d %+d %5i|", {kUInt64Max, kUInt64Max, kUInt64Max},
+         "18446744073709551615 18446744073709551615 18446744073709551615|"},
         {"%f %.1e %g", {3, uint64_t{10}, -2}, "3.000000 1.0e+01 -2"},
         {"%c %c %c", {1000, "xy", 65.7}, "1000 xy A"}, {"%p %p", {5, "text"}, "5 text"},
-        // Missing arguments and nil objects print null.
-        {"%@ and %@", {"a"}, "a and (null)"},
+        // Values print by their kind; the null value is the shared null object, not a missing one.
+        {"%d %d %u %d", {DCIValue(3.5), DCIValue(-4), DCIValue(-4), DCIValue(true)}, "3 -4 -4 1"},
+        {"%@ %@ %@", {DCIValue(kUInt64Max), DCIValue(int64_t{1} << 62), DCIValue(0.25)},
+         "18446744073709551615 4611686018427387904 0.25"},
+        {"%f %@ %d", {DCIValue(2), DCIValue(kNaN), DCIValue(1e300)}, "2.000000 nan 1e+300"},
+        {"%s %5d|", {DCIValue("text"), DCIValue(std::string("ab"))}, "text    ab|"},
+        {"%@ %@", {DCIValue(), std::optional<DCIValue>()}, "<null> (null)"},
+        // Missing arguments and nil objects print null; a precision is for the argument that is
+        // missing, not for the word that stands in for it.
+        {"%@ and %@", {"a"}, "a and (null)"}, {"%.2s", {}, "(null)"},
         {"%d %s %f %@ %c %p %x", {}, "(null) (null) (null) (null) (null) (null) (null)"},
         {"%8@|%-8d|%3s|", {}, "  (null)|(null)  |(null)|"},
-        // The precision is for the argument that is missing, not for the word that stands in for it.
-        {"%.2s", {}, "(null)"},
         {"%@ %@ %@ %s", {std::shared_ptr<DCIObject>{}, nullptr, std::optional<std::string>{},
-                         static_cast<const char*>(nullptr)},
-         "(null) (null) (null) (null)"},
+                         static_cast<const char*>(nullptr)}, "(null) (null) (null) (null)"},
         // Extra arguments are ignored and many are taken in order.
         {"%d", {1, 2, 3}, "1"}, {"none", {1, "two"}, "none"},
         {"%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d%d", {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15},
          "0123456789101112131415"},
         {"%@=%d, %@=%.1f, %@=%s", {"a", 1, "b", 2.0, "c", "three"}, "a=1, b=2.0, c=three"},
-    });
+    };
+    for (const auto& [format, arguments, expected] : cases)
+        EXPECT_EQ(DCIFormatArguments(format, arguments), expected) << "format: \"" << format << "\"";
 }
 
-TEST(DCIFormatTests, TextCharacterAndPointerConversions) {
+TEST(DCIFormatTests, PointersPrintTheirAddressAndWidthsAndPrecisionsAreCapped) {
     const int object = 0;
     const std::string address = DCIFormat("%p", static_cast<const void*>(&object));
     EXPECT_EQ(address.substr(0, 2), "0x");
     EXPECT_EQ(std::stoull(address.substr(2), nullptr, 16), reinterpret_cast<uintptr_t>(&object));
 
-    expectFormats({
-        {"%s %@", {"hello", "world"}, "hello world"}, {"%-8s|%8s|", {"kick", "snare"}, "kick    |   snare|"},
-        {"%.3s|%.0s|%.9s", {"abcdef", "abc", "abc"}, "abc||abc"},
-        // A precision never cuts a UTF-8 character in half.
-        {"%.2s|%.3s", {"Bëat", "Bëat"}, "B|Bë"}, {"%10@|", {"kick"}, "      kick|"},
-        {"%c%c%c", {'K', 'i', 'k'}, "Kik"}, {"%3c|%-3c|", {'x', 'y'}, "  x|y  |"},
-        {"%c", {static_cast<char>('\xC3')}, "\xC3"}, {"%p", {static_cast<const void*>(nullptr)}, "0x0"},
-        {"%8p|", {reinterpret_cast<const void*>(uintptr_t{0xbeef})}, "  0xbeef|"},
-    });
-}
-
-TEST(DCIFormatTests, WidthsAndPrecisionsAreCapped) {
     EXPECT_EQ(DCIFormat("%99999999999999999999d", 1).size(), 4096u);
     EXPECT_EQ(DCIFormat("%*s", 1'000'000'000, "x").size(), 4096u);
     EXPECT_EQ(DCIFormat("%.99999f", 1.0).size(), 2u + 4096u);
@@ -115,7 +109,6 @@ TEST(DCIFormatTests, WidthsAndPrecisionsAreCapped) {
 TEST(DCIFormatTests, ArgumentsKeepTheTypeTheyArePassedWith) {
     const auto sample = std::make_shared<Sample>();
     char buffer[] = "mutable";
-
     EXPECT_EQ(DCIFormat("%c %d %d", 'A', 'A', true), "A 65 1");
     EXPECT_EQ(DCIFormat("%.2f %u %d", 1.5f, static_cast<unsigned short>(7), static_cast<signed char>(-3)),
               "1.50 7 -3");
@@ -123,18 +116,6 @@ TEST(DCIFormatTests, ArgumentsKeepTheTypeTheyArePassedWith) {
     EXPECT_EQ(DCIFormat("%@|%s", std::string("owned"), buffer), "owned|mutable");
     EXPECT_EQ(DCIFormat("%@ %@", sample, std::shared_ptr<Sample>()), "<Sample kick.wav> (null)");
     EXPECT_EQ(DCIFormat("100%%"), "100%");
-}
-
-TEST(DCIFormatTests, ValuesPrintByTheirKind) {
-    expectFormats({
-        {"%d %d %u %d", {DCIValue(3.5), DCIValue(-4), DCIValue(-4), DCIValue(true)}, "3 -4 -4 1"},
-        {"%@ %@ %@", {DCIValue(kUInt64Max), DCIValue(int64_t{1} << 62), DCIValue(0.25)},
-         "18446744073709551615 4611686018427387904 0.25"},
-        {"%f %@ %d", {DCIValue(2), DCIValue(kNaN), DCIValue(1e300)}, "2.000000 nan 1e+300"},
-        {"%s %5d|", {DCIValue("text"), DCIValue(std::string("ab"))}, "text    ab|"},
-        // The null value is the shared null object, not a missing one.
-        {"%@ %@", {DCIValue(), std::optional<DCIValue>()}, "<null> (null)"},
-    });
 }
 
 }  // namespace

@@ -36,6 +36,7 @@ namespace {
 using nlohmann::json;
 using Manifest = std::shared_ptr<DCIManifestV2ProjectItem>;
 using Entries = std::vector<std::pair<std::string, std::string>>;
+using Changes = std::vector<std::pair<const char*, json>>;  // a null value removes the key
 
 std::shared_ptr<const DCIData> bytes(std::string_view text) { return std::make_shared<const DCIData>(text); }
 
@@ -61,13 +62,20 @@ json logicManifest() {
             {"uuid", "9c-uuid"}, {"project_type", "logic"}};
 }
 
+json changed(json manifest, const Changes& changes) {
+    for (const auto& [key, value] : changes) {
+        if (value.is_null()) manifest.erase(key);
+        else manifest[key] = value;
+    }
+    return manifest;
+}
+
 Manifest read(const json& manifest) { return DCIManifestV2ProjectItem::initWithJSONData(bytes(manifest.dump())); }
 
-// Reads `manifest` into a fresh object whatever its validity; `valid` gets readJSON's answer.
-Manifest readAny(const json& manifest, bool* valid = nullptr) {
+// Reads `manifest` into a fresh object whatever its validity.
+Manifest readAny(const json& manifest) {
     Manifest item = DCIManifestV2ProjectItem::init();
-    const bool answer = item->readJSON(bytes(manifest.dump()));
-    if (valid) *valid = answer;
+    item->readJSON(bytes(manifest.dump()));
     return item;
 }
 
@@ -77,10 +85,12 @@ Entries categoriesAndPaths(const Manifest& manifest) {
     return entries;
 }
 
-TEST(DCIManifestV2ProjectItemTests, ReadsAnAbletonLiveProjectInAnyScript) {
+TEST(DCIManifestV2ProjectItemTests, ReadsAnAbletonLiveProjectInAnyScriptAndLogsIt) {
     for (const std::string project : {"Beat Project", "Bëat Prøject", "ビート 🎵"}) {
+        LogSince log;
         const Manifest manifest = read(abletonManifest(project));
         ASSERT_NE(manifest, nullptr) << project;
+        EXPECT_NE(log.text().find(": Parsing manifest information {\"collaboration\":true,"), std::string::npos);
         EXPECT_TRUE(manifest->isCollaboration());
         EXPECT_FALSE(manifest->isContribution());
         EXPECT_EQ(manifest->dateCreated(), DCIDate::dateWithTimeIntervalSince1970(1399371630));
@@ -98,30 +108,20 @@ TEST(DCIManifestV2ProjectItemTests, ReadsAnAbletonLiveProjectInAnyScript) {
 }
 
 // A long folder repeated in a line per entry, a long path, a long category: each is cut.
-TEST(DCIManifestV2ProjectItemTests, LogsWhatItParsesWithEveryValueShortened) {
-    LogSince log;
-    ASSERT_NE(read(abletonManifest()), nullptr);
-    EXPECT_NE(log.text().find(": Parsing manifest information {\"collaboration\":true,"), std::string::npos);
-
-    json manifest = logicManifest();
-    manifest["path"] = "Projects/" + std::string(100'000, 'F');
+TEST(DCIManifestV2ProjectItemTests, EveryLoggedValueIsShortened) {
+    json manifest = changed(logicManifest(), {{"path", "Projects/" + std::string(100'000, 'F')}});
     const std::string longPath = "Other/" + std::string(5000, 'p');
     for (int i = 0; i < 50; ++i) manifest["files"]["session"].push_back(fileEntry(longPath + std::to_string(i), 0));
     manifest["files"][std::string(5000, 'c')] = "no list";
-    LogSince shortened;
+    LogSince log;
     ASSERT_NE(read(manifest), nullptr);
-    EXPECT_EQ(shortened.count("ERROR: No file size set in manifest for " + longPath.substr(0, 1024) + "…"), 50u);
-    EXPECT_TRUE(shortened.has("Unexpected values in manifest " + std::string(1024, 'c') + "… (string) : \"no list\" (string)"));
-    EXPECT_LT(shortened.text().size(), 50u * 4096);  // two lines an entry, each value at most 1 KiB
+    EXPECT_EQ(log.count("ERROR: No file size set in manifest for " + longPath.substr(0, 1024) + "…"), 50u);
+    EXPECT_TRUE(log.has("Unexpected values in manifest " + std::string(1024, 'c') + "… (string) : \"no list\" (string)"));
+    EXPECT_LT(log.text().size(), 50u * 4096);  // two lines an entry, each value at most 1 KiB
 }
 
-// Each row changes the Logic manifest: a key set to a value, or removed for a null value.
 TEST(DCIManifestV2ProjectItemTests, RequiredValuesAndTheCreator) {
-    struct Row {
-        std::vector<std::pair<const char*, json>> changes;
-        std::optional<uint64_t> creator;  // nothing: the manifest is refused
-    };
-    const Row rows[] = {
+    const std::pair<Changes, std::optional<uint64_t>> rows[] = {  // no creator: the manifest is refused
         {{}, 12}, {{{"creator_id", 0}, {"CreatorId", 12}}, 12}, {{{"creator_id", nullptr}, {"CreatorId", 12}}, 12},
         {{{"creator_id", 5}, {"CreatorId", 12}}, 5}, {{{"creator_id", "5"}, {"CreatorId", 12}}, 12},
         {{{"creator_id", nullptr}}, {}}, {{{"creator_id", -4}}, {}}, {{{"creator_id", 4.5}}, {}},
@@ -129,31 +129,11 @@ TEST(DCIManifestV2ProjectItemTests, RequiredValuesAndTheCreator) {
         {{{"username", 7}}, {}}, {{{"uuid", ""}}, {}}, {{{"uuid", nullptr}}, {}}, {{{"uuid", json::array()}}, {}},
         {{{"path", nullptr}}, {}}, {{{"path", ""}}, {}}, {{{"path", 3}}, {}},
     };
-    for (const auto& row : rows) {
-        json manifest = logicManifest();
-        for (const auto& [key, value] : row.changes) {
-            if (value.is_null()) manifest.erase(key);
-            else manifest[key] = value;
-        }
+    for (const auto& [changes, creator] : rows) {
+        const json manifest = changed(logicManifest(), changes);
         const Manifest item = read(manifest);
-        EXPECT_EQ(item ? std::optional(item->creatorID()) : std::nullopt, row.creator) << manifest.dump();
+        EXPECT_EQ(item ? std::optional(item->creatorID()) : std::nullopt, creator) << manifest.dump();
     }
-}
-
-// Invalid: its properties are read, its entries are not, and nothing of theirs is logged.
-TEST(DCIManifestV2ProjectItemTests, AnInvalidManifestKeepsWhatItReadButNoEntries) {
-    json manifest = abletonManifest();
-    manifest.erase("username");
-    manifest["files"]["samples"].push_back(fileEntry("Samples/nosize.wav", 0));
-    LogSince log;
-    bool valid = true;
-    const Manifest item = readAny(manifest, &valid);
-    EXPECT_FALSE(valid);
-    EXPECT_EQ(item->projectUUID(), "5b1e-uuid");
-    EXPECT_EQ(item->projectFolderPath(), "Users/ann/Music/Beat Project");
-    EXPECT_EQ(item->projectOwner(), std::nullopt);
-    EXPECT_TRUE(item->projectFiles().empty());
-    EXPECT_EQ(log.text().find("ERROR"), std::string::npos);
 }
 
 // The folder and the name as each project type settles them.
@@ -161,7 +141,7 @@ TEST(DCIManifestV2ProjectItemTests, SettlesTheFolderAndTheName) {
     struct Row {
         const char* why;
         json base;
-        std::vector<std::pair<const char*, json>> changes;  // null removes the key
+        Changes changes;
         std::string folder;
         std::optional<std::string> name;
     };
@@ -180,12 +160,7 @@ TEST(DCIManifestV2ProjectItemTests, SettlesTheFolderAndTheName) {
         {"nothing to go by", abletonManifest(), {{"path", unnamed}, {"name", unnamed}, {"files", unnamed}}, "", ""},
     };
     for (const auto& row : rows) {
-        json manifest = row.base;
-        for (const auto& [key, value] : row.changes) {
-            if (value.is_null()) manifest.erase(key);
-            else manifest[key] = value;
-        }
-        const Manifest item = readAny(manifest);
+        const Manifest item = readAny(changed(row.base, row.changes));
         EXPECT_EQ(item->projectFolderPath(), row.folder) << row.why;
         EXPECT_EQ(item->projectName(), row.name) << row.why;
     }
@@ -193,36 +168,26 @@ TEST(DCIManifestV2ProjectItemTests, SettlesTheFolderAndTheName) {
     for (const json& sessions : std::vector<json>{json::array(), json::array({fileEntry("Beat.als")}),
                                                   json::array({7, fileEntry("A/B.als")}), "A/B.als",
                                                   json::array({{{"path", 3}}})}) {
-        json manifest = abletonManifest();
-        manifest["path"] = "/Beat.als";
+        json manifest = changed(abletonManifest(), {{"path", "/Beat.als"}});
         manifest["files"]["session"] = sessions;
         EXPECT_EQ(readAny(manifest)->projectFolderPath(), "Beat Project") << sessions;
     }
-}
-
-// The host may settle a folder itself, from the properties it has set and the manifest's text.
-TEST(DCIManifestV2ProjectItemTests, DeterminesTheAbletonFolderOnRequest) {
+    // The host may settle a folder itself, from the properties it has set and the manifest's text.
     const Manifest item = DCIManifestV2ProjectItem::init();
     item->setProjectFolderPath("/Users/ann/./Beat Project/Beat.als");
     EXPECT_EQ(item->determineProjectFolderForAbletonProject("{}"), "Users/ann/Beat Project");
     EXPECT_EQ(item->projectFolderPath(), "Users/ann/Beat Project/Beat.als");
-
     item->setProjectFolderPath("Beat.als");
     const json files = {{"files", {{"session", json::array({fileEntry("/Sets/Beat Project/Beat.als")})}}}};
     EXPECT_EQ(item->determineProjectFolderForAbletonProject(files.dump()), "Sets/Beat Project");
-    item->setProjectName("Beat Project");
-    EXPECT_EQ(item->determineProjectFolderForAbletonProject("not json"), "Beat Project");
-    item->setProjectName(std::nullopt);
-    EXPECT_EQ(item->determineProjectFolderForAbletonProject("[]"), "Beat");
+    EXPECT_EQ(item->determineProjectFolderForAbletonProject("not json"), "Beat");
     EXPECT_EQ(item->projectName(), "Beat");
 }
 
 TEST(DCIManifestV2ProjectItemTests, EntriesOfOddShapesAreSkippedAndSaidSo) {
     for (const json& files : std::vector<json>{json::array({fileEntry("a/b.wav")}), "files", 3, nullptr}) {
-        json manifest = logicManifest();
-        manifest["files"] = files;
         LogSince log;
-        const Manifest item = read(manifest);
+        const Manifest item = read(changed(logicManifest(), {{"files", files}}));
         ASSERT_NE(item, nullptr) << files;
         EXPECT_TRUE(item->projectFiles().empty());
         EXPECT_EQ(log.has("ERROR: 'files' is not a dictionary in the manifest"), !files.is_null()) << files;
@@ -264,14 +229,12 @@ TEST(DCIManifestV2ProjectItemTests, LooksUpEachUserOncePerManifest) {
 }
 
 TEST(DCIManifestV2ProjectItemTests, ReadsFlags) {
-    const std::vector<std::pair<json, bool>> rows = {
+    const std::pair<json, bool> rows[] = {
         {true, true}, {false, false}, {1, true}, {-2, true}, {0, false}, {0.5, true},
         {"true", false}, {nullptr, false}, {json::object(), false},
     };
     for (const auto& [value, expected] : rows) {
-        json manifest = logicManifest();
-        if (!value.is_null()) manifest["collaboration"] = manifest["contribution"] = value;
-        const Manifest item = read(manifest);
+        const Manifest item = read(changed(logicManifest(), {{"collaboration", value}, {"contribution", value}}));
         EXPECT_EQ(item->isCollaboration(), expected) << value;
         EXPECT_EQ(item->isContribution(), expected) << value;
     }
@@ -280,7 +243,7 @@ TEST(DCIManifestV2ProjectItemTests, ReadsFlags) {
 // Seconds since 1970, or nothing for a form that is no date; neither is logged as an error.
 TEST(DCIManifestV2ProjectItemTests, ReadsDatesWithEveryZoneFormAndNoOtherForm) {
     const double at = 1399371630;  // 2014-05-06T10:20:30Z
-    const std::vector<std::pair<json, std::optional<double>>> rows = {
+    const std::pair<json, std::optional<double>> rows[] = {
         {"2014-05-06T10:20:30+0200", at - 7200},  {"2014-05-06T10:20:30-0130", at + 5400},
         {"2014-05-06T10:20:30+02:00", at - 7200}, {"2014-05-06T10:20:30-01:30", at + 5400},
         {"2014-05-06T10:20:30Z", at},             {"2014-05-06T00:20:30+0100", at - 36000 - 3600},
@@ -296,9 +259,7 @@ TEST(DCIManifestV2ProjectItemTests, ReadsDatesWithEveryZoneFormAndNoOtherForm) {
     };
     LogSince log;
     for (const auto& [value, seconds] : rows) {
-        json manifest = logicManifest();
-        if (!value.is_null()) manifest["created_at"] = value;
-        const Manifest item = read(manifest);
+        const Manifest item = read(changed(logicManifest(), {{"created_at", value}}));
         ASSERT_NE(item, nullptr) << value;
         EXPECT_EQ(item->dateCreated(), seconds ? std::optional(DCIDate::dateWithTimeIntervalSince1970(*seconds))
                                                : std::nullopt) << value;
@@ -314,7 +275,7 @@ TEST(DCIManifestV2ProjectItemTests, RefusesBytesThatAreNoJSONObject) {
     EXPECT_EQ(empty.count("ERROR in DCIManifestV2ProjectItem: JSON data is nil"), 2u);
     EXPECT_EQ(empty.text().find("Parsing manifest information"), std::string::npos);
 
-    const std::vector<std::string> rows = {
+    const std::string rows[] = {
         "not json", "{\"uuid\": ", "[" + logicManifest().dump() + "]", "\"a string\"", "null",
         "{\"name\": \"B\xe9\"}",  // Latin-1, not UTF-8
         "{\"name\": \"\\ud800\"}", std::string(100000, '['), std::string(100000, '{'),
@@ -332,24 +293,24 @@ TEST(DCIManifestV2ProjectItemTests, RefusesBytesThatAreNoJSONObject) {
 TEST(DCIManifestV2ProjectItemTests, NestingUpToTheLimitIsRead) {
     json deep = "bottom";
     for (int level = 0; level < 63; ++level) deep = json::array({deep});
-    json manifest = logicManifest();
-    manifest["extra"] = deep;  // 64 levels with the top
-    EXPECT_NE(read(manifest), nullptr);
-    manifest["extra"] = json::array({deep});
-    EXPECT_EQ(read(manifest), nullptr);
+    EXPECT_NE(read(changed(logicManifest(), {{"extra", deep}})), nullptr);  // 64 levels with the top
+    EXPECT_EQ(read(changed(logicManifest(), {{"extra", json::array({deep})}})), nullptr);
     // Brackets inside strings are text, not nesting.
-    manifest["extra"] = std::string(1000, '[') + "\\\"{";
-    EXPECT_NE(read(manifest), nullptr);
+    EXPECT_NE(read(changed(logicManifest(), {{"extra", std::string(1000, '[') + "\\\"{"}})), nullptr);
 }
 
+// An invalid manifest rewrites the properties but neither reads nor logs its entries: the
+// last valid ones stay.
 TEST(DCIManifestV2ProjectItemTests, RereadingRewritesPropertiesAndKeepsEntriesUntilValid) {
     const Manifest item = read(abletonManifest());
     ASSERT_NE(item, nullptr);
-    json invalid = logicManifest();
-    invalid.erase("uuid");
-    invalid["files"]["samples"] = {fileEntry("Projects/Song/a.wav")};
+    json invalid = changed(logicManifest(), {{"uuid", nullptr}});
+    invalid["files"]["samples"] = {fileEntry("Projects/Song/a.wav"), fileEntry("Projects/Song/nosize.wav", 0)};
+    LogSince log;
     EXPECT_FALSE(item->readJSON(bytes(invalid.dump())));
+    EXPECT_EQ(log.text().find("ERROR"), std::string::npos);
     EXPECT_EQ(item->projectName(), "Song");
+    EXPECT_EQ(item->projectFolderPath(), "Projects/Song");
     EXPECT_EQ(item->projectUUID(), std::nullopt);
     EXPECT_EQ(item->dateCreated(), std::nullopt);
     EXPECT_FALSE(item->isCollaboration());
@@ -359,7 +320,7 @@ TEST(DCIManifestV2ProjectItemTests, RereadingRewritesPropertiesAndKeepsEntriesUn
     EXPECT_EQ(item->projectName(), "Song");
     invalid["uuid"] = "9c-uuid";
     EXPECT_TRUE(item->readJSON(bytes(invalid.dump())));
-    EXPECT_EQ(categoriesAndPaths(item), (Entries{{"samples", "a.wav"}}));
+    EXPECT_EQ(categoriesAndPaths(item), (Entries{{"samples", "a.wav"}, {"samples", "nosize.wav"}}));
 }
 
 // Another thread reads while the manifest is read again and again; each read it sees is one

@@ -14,16 +14,14 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <future>
 #include <thread>
-
-extern char** environ;
 
 namespace {
 
@@ -32,10 +30,7 @@ using namespace std::chrono_literals;
 constexpr auto kPatience = 30s;
 
 void writeAudio(const std::string& path, int format, int sampleRate, sf_count_t frames) {
-    SF_INFO info{};
-    info.samplerate = sampleRate;
-    info.channels = 2;
-    info.format = format;
+    SF_INFO info{0, sampleRate, 2, format, 0, 0};
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
     const std::vector<float> silence(static_cast<size_t>(frames) * 2, 0.25f);
@@ -43,29 +38,18 @@ void writeAudio(const std::string& path, int format, int sampleRate, sf_count_t 
     sf_close(file);
 }
 
-// `updatedb` over `tree` into `database`, every file visible to whoever searches.
-bool buildLocateDatabase(const std::string& tree, const std::string& database) {
-    std::vector<std::string> arguments = {"updatedb", "--require-visibility", "0", "--database-root", tree,
-                                          "--output", database};
-    std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    pid_t pid;
-    int status = -1;
-    return posix_spawn(&pid, "/usr/bin/updatedb", nullptr, nullptr, argv.data(), environ) == 0 &&
-           waitpid(pid, &status, 0) == pid && status == 0;
-}
-
 // No child of this process is left, running or unreaped.
 bool hasNoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
+using Name = std::optional<std::string>;
+constexpr auto none = std::nullopt;
+
 // The finder's search on a thread of its own while the main loop runs, as a host runs it.
-std::optional<std::string> searchOffMain(DCISampleFinder& finder, const std::optional<std::string>& name,
-                                         const std::optional<std::string>& sasID,
-                                         const std::optional<std::string>& sha, uint64_t size, uint64_t duration) {
+std::optional<std::string> searchOffMain(DCISampleFinder& finder, const Name& name, const Name& sasID, const Name& sha,
+                                         uint64_t size, uint64_t duration) {
     std::optional<std::string> found;
     std::atomic<bool> done = false;
-    std::thread search([&] {
+    std::jthread search([&] {
         found = finder.pathForSampleWithName(name, sasID, sha, size, duration);
         done = true;
         DCIRunLoop::main().performAsync([] {});  // so the loop looks at `done` again
@@ -83,8 +67,11 @@ protected:
     }
 
     DCIMetadataQuerySettings settingsFor(DCIMetadataQueryBackend backend) {
-        EXPECT_TRUE(buildLocateDatabase(tree.path().string(), folder / "tree.db"));
-        return {backend, folder / "tree.db", "/usr/bin/plocate", {tree.path().string()}};
+        // A private database of the tree, every file in it visible to whoever searches.
+        const std::string root = tree.path().string(), database = folder / "tree.db";
+        const std::string updatedb = "/usr/bin/updatedb --require-visibility 0 --database-root '" + root + "' -o ";
+        EXPECT_EQ(std::system((updatedb + database).c_str()), 0);
+        return {backend, database, "/usr/bin/plocate", {root}};
     }
 
     // The candidates a query gathers for `name`, pumping the main loop.
@@ -99,10 +86,9 @@ protected:
     TemporaryDirectory tree, folder;
 };
 
-TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritics) {
-    for (const char* name : {"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav",
-                             "a808.mp3", "b808.mp3", "z/808.mp3"})
-        tree.writeFile(name, "");
+TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacriticsAndLeaveNoProgramBehind) {
+    tree.writeFiles({"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav", "a808.mp3",
+                     "b808.mp3", "z/808.mp3"}, "");
     const struct {
         std::string name;
         std::vector<std::string> found;
@@ -131,10 +117,8 @@ TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritic
             EXPECT_EQ(candidates(settings, test.name), expected) << test.name << " backend " << int(backend);
         }
     }
-    EXPECT_TRUE(hasNoChildren());
-}
 
-TEST_F(DCISampleFinderTests, AStoppedSearchKillsAndReapsTheLocateProgramAndNeverFinishes) {
+    // A stopped search kills and reaps the locate program, and never finishes.
     DCIMetadataQuery query(settingsFor(DCIMetadataQueryBackend::locateDatabase));
     bool finished = false;
     ASSERT_TRUE(query.startQuery("*", [&](const auto&) { finished = true; }));
@@ -144,14 +128,13 @@ TEST_F(DCISampleFinderTests, AStoppedSearchKillsAndReapsTheLocateProgramAndNever
     EXPECT_FALSE(finished);
 }
 
-TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatApplies) {
+TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns) {
     tree.writeFile("a/Loop.wav", "RIFF and then no audio");  // unreadable audio, first in order
     tree.makeFolder("b");
     writeAudio(tree / "b/Loop.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1000);
     const std::string c = tree.writeFile("c/Loop.wav", std::string(1000, 'c'));
     const std::string slashed = tree.writeFile("d/kick:snare.wav", "kick");
     const auto sizeOf = [](const std::string& path) { return static_cast<uint64_t>(std::filesystem::file_size(path)); };
-    const auto cHash = KSTSha256ForFileAtPath(c);
 
     // Real caches, whose sasID of a file is "id-" and the name of its folder.
     const auto cache = DCISHACache::initWithCachePath(folder / "samples.sqlite", [](const std::string& path) {
@@ -159,20 +142,27 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatApplies) {
     });
     const auto queries = std::make_shared<DCICachedFileQueries>(DCIFileKinds{{}, {}, {"wav"}}, nullptr, cache);
     const auto finder = DCISampleFinder::initWithFileQueries(queries, settingsFor(DCIMetadataQueryBackend::automatic));
-    using Name = std::optional<std::string>;
+
+    // A search while the main loop stands still ends empty after its wait, and does not hang;
+    // the start and stop it queued run later and leave the next searches their own candidates.
+    finder->setGatherTimeout(50ms);
+    const auto search = [&] { return finder->pathForSampleWithName("Loop.wav", "id-c", none, 0, 0); };
+    EXPECT_EQ(std::async(std::launch::async, search).get(), none);
+    finder->setGatherTimeout(DCISampleFinder::kDefaultGatherTimeout);
+
     const struct {
         Name name, sasID, sha;
         uint64_t size, duration;
         std::optional<std::string> found;
     } cases[] = {
-        {"Loop.wav", "id-c", std::nullopt, 0, 0, c},
-        {"Loop.wav", "id-none", cHash, 0, 0, c},
-        {"Loop.wav", "id-none", std::nullopt, sizeOf(c), 0, std::nullopt},  // identifiers decide alone
-        {"Loop.wav", std::nullopt, std::nullopt, sizeOf(c), 1000, c},
-        {"Loop.wav", std::nullopt, std::nullopt, 0, 1000, tree / "b/Loop.wav"},  // a/ cannot be read
-        {"Loop.wav", std::nullopt, std::nullopt, 0, 0, std::nullopt},
-        {"Kick/Snare.wav", std::nullopt, std::nullopt, sizeOf(slashed), 0, slashed},
-        {std::nullopt, std::nullopt, std::nullopt, sizeOf(c), 0, std::nullopt},
+        {"Loop.wav", "id-c", none, 0, 0, c},
+        {"Loop.wav", "id-none", KSTSha256ForFileAtPath(c), 0, 0, c},
+        {"Loop.wav", "id-none", none, sizeOf(c), 0, none},  // identifiers decide alone
+        {"Loop.wav", none, none, sizeOf(c), 1000, c},
+        {"Loop.wav", none, none, 0, 1000, tree / "b/Loop.wav"},  // a/ cannot be read
+        {"Loop.wav", none, none, 0, 0, none},
+        {"Kick/Snare.wav", none, none, sizeOf(slashed), 0, slashed},
+        {none, none, none, sizeOf(c), 0, none},
     };
     for (const auto& test : cases) {
         EXPECT_EQ(searchOffMain(*finder, test.name, test.sasID, test.sha, test.size, test.duration), test.found)
@@ -180,25 +170,14 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatApplies) {
     }
 
     LogSince log;
-    EXPECT_EQ(finder->pathForSampleWithName("Loop.wav", std::nullopt, std::nullopt, sizeOf(c), 0), std::nullopt);
+    EXPECT_EQ(finder->pathForSampleWithName("Loop.wav", none, none, sizeOf(c), 0), none);
     EXPECT_TRUE(log.has("DCISampleFinder: refused to search for Loop.wav on the main thread, whose loop the search "
                         "needs."));
 }
 
-TEST_F(DCISampleFinderTests, ASearchWhileTheMainLoopStandsStillEndsEmptyAfterItsWait) {
-    const std::string kick = tree.writeFile("kick.wav", "k");
-    const auto finder = DCISampleFinder::initWithFileQueries({}, settingsFor(DCIMetadataQueryBackend::folderScan));
-    finder->setGatherTimeout(50ms);
-    auto search = std::async(std::launch::async, [&] {
-        return finder->pathForSampleWithName("kick.wav", std::nullopt, std::nullopt, 1, 0);
-    });
-    EXPECT_EQ(search.get(), std::nullopt);  // and does not hang
-    // The start and stop it queued run now, and leave the next search its own candidates.
-    finder->setGatherTimeout(DCISampleFinder::kDefaultGatherTimeout);
-    EXPECT_EQ(searchOffMain(*finder, "kick.wav", std::nullopt, std::nullopt, 1, 0), kick);
-}
-
 TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone) {
+    tree.writeFile("notes.wav", "not audio at all, though named like it");
+    ASSERT_EQ(mkfifo((tree / "fifo.wav").c_str(), 0600), 0);  // must not block the reader
     const struct {
         const char* name;
         int format;  // 0: not written as audio
@@ -209,20 +188,18 @@ TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone)
         {"lossless.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 22050, 4096},
         {"vorbis.ogg", SF_FORMAT_OGG | SF_FORMAT_VORBIS, 44100, 9000},
         {"layer3.mp3", SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III, 44100, 44100},
-        {"notes.wav", 0, 0, 0},
+        {"notes.wav", 0, 7, 7},
+        {"fifo.wav", 0, 7, 7},
     };
     for (const auto& test : cases) {
-        const std::string path = tree / test.name;
-        if (test.format) writeAudio(path, test.format, static_cast<int>(test.rate), static_cast<sf_count_t>(test.frames));
-        else tree.writeFile(test.name, "not audio at all, though named like it");
+        SCOPED_TRACE(test.name);
+        if (test.format) {
+            writeAudio(tree / test.name, test.format, static_cast<int>(test.rate), sf_count_t(test.frames));
+        }
         uint64_t frames = 7, rate = 7;
-        EXPECT_EQ(DCIAudioFile::numberOfSamples(frames, rate, path), test.format != 0) << test.name;
-        EXPECT_EQ(frames, test.format ? test.frames : 7) << test.name;
-        EXPECT_EQ(rate, test.format ? test.rate : 7) << test.name;
+        EXPECT_EQ(DCIAudioFile::numberOfSamples(frames, rate, tree / test.name), test.format != 0);
+        EXPECT_EQ(std::pair(frames, rate), std::pair(test.frames, test.rate));
     }
-    ASSERT_EQ(mkfifo((tree / "fifo.wav").c_str(), 0600), 0);
-    uint64_t frames = 7, rate = 7;
-    EXPECT_FALSE(DCIAudioFile::numberOfSamples(frames, rate, tree / "fifo.wav"));  // and does not block
 }
 
 }  // namespace

@@ -13,26 +13,20 @@
 
 namespace {
 
-struct Invocation {
-    const char* name;
-    std::string arguments;  // "{}" stands for the server's address
-    int status;
-    std::string output;  // standard output, or for --json the "status" and "statusCode" of each line
-};
-
 TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
-    const LoopbackHTTPServer server([](httplib::Server& http, LoopbackHTTPServer&) {
-        http.Get("/a.txt", [](const httplib::Request&, httplib::Response& response) {
-            response.set_content("hello", "text/plain");
-        });
-        http.Get("/b.txt", [](const httplib::Request&, httplib::Response& response) {
-            response.set_content("world", "text/plain");
+    const LoopbackHTTPServer server([](httplib::Server& http) {
+        http.Get("/(a|b).txt", [](const httplib::Request& request, httplib::Response& response) {
+            response.set_content(request.matches[1] == "a" ? "hello" : "world", "text/plain");
         });
     });
     const TemporaryDirectory folder;
-    const std::string address = server.url("");
 
-    const Invocation invocations[] = {
+    const struct {
+        const char* name;
+        std::string arguments;  // "{}" stands for the server's address
+        int status;
+        std::string output;  // standard output, or for --json "status statusCode bytes" of each result
+    } invocations[] = {
         {"bodies in URL order", "{}/b.txt {}/a.txt", 0, "worldhello"},
         {"one file per URL", "-d " + folder.path().string() + " {}/a.txt {}/b.txt", 0, ""},
         {"404 is no success", "--json {}/a.txt {}/missing", 1, "Completed 200 5\nCompleted 404 0\n"},
@@ -43,7 +37,7 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
     for (const auto& invocation : invocations) {
         SCOPED_TRACE(invocation.name);
         std::string arguments = invocation.arguments;
-        for (size_t at; (at = arguments.find("{}")) != std::string::npos;) arguments.replace(at, 2, address);
+        for (size_t at; (at = arguments.find("{}")) != std::string::npos;) arguments.replace(at, 2, server.url(""));
         auto [status, output] = runKestly("download " + arguments + " 2>/dev/null");
         EXPECT_EQ(status, invocation.status);
 

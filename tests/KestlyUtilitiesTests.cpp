@@ -17,12 +17,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(KestlyUtilitiesTests, DAWFromAndAsString) {
+TEST(KestlyUtilitiesTests, DAWNamesAndNullValues) {
     const std::vector<std::pair<const char*, DCIKestlyDAW>> rows = {
-        {"ableton", DCIKestlyDAWAbleton}, {"Ableton", DCIKestlyDAWAbleton}, {"ABLETON", DCIKestlyDAWAbleton},
-        {"logic", DCIKestlyDAWLogic},     {"Logic", DCIKestlyDAWLogic},     {"Logic Pro", DCIKestlyDAWUnknown},
-        {"", DCIKestlyDAWUnknown},        {"able", DCIKestlyDAWUnknown},    {"ableton ", DCIKestlyDAWUnknown},
-        {"Unknown", DCIKestlyDAWUnknown},
+        {"ableton", DCIKestlyDAWAbleton}, {"ABLETON", DCIKestlyDAWAbleton}, {"Logic", DCIKestlyDAWLogic},
+        {"Logic Pro", DCIKestlyDAWUnknown}, {"", DCIKestlyDAWUnknown}, {"able", DCIKestlyDAWUnknown},
+        {"ableton ", DCIKestlyDAWUnknown}, {"Unknown", DCIKestlyDAWUnknown},
     };
     for (const auto& [text, expected] : rows) {
         EXPECT_EQ(DCIKestlyDAWFromString(text), expected) << text;
@@ -30,15 +29,11 @@ TEST(KestlyUtilitiesTests, DAWFromAndAsString) {
     }
     EXPECT_EQ(DCIKestlyDAWFromString(nullptr), DCIKestlyDAWUnknown);
     EXPECT_EQ(DCIKestlyDAWFromString(std::nullopt), DCIKestlyDAWUnknown);
-
-    const std::vector<std::pair<DCIKestlyDAW, std::string>> names = {
-        {DCIKestlyDAWUnknown, "Unknown"}, {DCIKestlyDAWAbleton, "ableton"}, {DCIKestlyDAWLogic, "logic"},
-        {3, "Unknown"}, {UINT64_MAX, "Unknown"},
-    };
-    for (const auto& [daw, expected] : names) EXPECT_EQ(DCIKestlyDAWAsString(daw), expected) << daw;
-}
-
-TEST(KestlyUtilitiesTests, MakeNullSubstitutesTheNullValueForNothing) {
+    for (const auto& [daw, expected] : std::vector<std::pair<DCIKestlyDAW, std::string>>{
+             {DCIKestlyDAWUnknown, "Unknown"}, {DCIKestlyDAWAbleton, "ableton"}, {DCIKestlyDAWLogic, "logic"},
+             {3, "Unknown"}, {UINT64_MAX, "Unknown"}}) {
+        EXPECT_EQ(DCIKestlyDAWAsString(daw), expected) << daw;
+    }
     EXPECT_EQ(KSTMakeNull(std::nullopt), DCINull());
     EXPECT_EQ(KSTMakeNull(DCIValue(int64_t{42})), DCIValue(int64_t{42}));
 }
@@ -60,9 +55,8 @@ TEST(KestlyUtilitiesTests, RemoveEmptyFoldersUnderPath) {
     const std::vector<Row> rows = {
         {"each ancestor left empty", {"Samples/Drums/Kicks"}, {"Samples/Bass/bass.wav"}, "Samples/Drums/Kicks",
          {"Samples/Drums"}, {"Samples/Bass/bass.wav"}},
-        {"a trailing separator", {"Samples/Drums/Kicks"}, {"Samples/keep.txt"}, "Samples/Drums/Kicks/",
-         {"Samples/Drums"}, {"Samples/keep.txt"}},
-        {"up to the first folder that holds something", {"a/b/c/d"}, {".keep"}, "a/b/c/d", {"a"}, {".keep"}},
+        {"a trailing separator, up to the first folder that holds something", {"a/b/c/d"}, {".keep"}, "a/b/c/d/",
+         {"a"}, {".keep"}},
         {"a hidden file", {}, {"Samples/Drums/.DS_Store"}, "Samples/Drums", {}, {"Samples/Drums/.DS_Store"}},
         {"a file", {}, {"Samples/kick.wav"}, "Samples/kick.wav", {}, {"Samples/kick.wav"}},
         {"nothing there", {"Samples"}, {}, "Samples/missing/deeper", {}, {"Samples"}},

@@ -23,21 +23,18 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         std::ofstream(folder / "input") << input;
         return runKestly("watch " + arguments + caches + " <" + shellQuoted(folder / "input") + " 2>/dev/null");
     };
-    struct Case {
-        const char* name;
-        std::string arguments, input;
-        int status;
-        std::string output;
+    // The three lines of an action that runs to completion.
+    auto completed = [](const std::string& op, const std::string& paths) {
+        const std::string action = "action " + op;
+        return action + " Pending " + paths + "\n" + action + " Running " + paths + "\n" + action + " Completed " + paths + "\n";
     };
+    struct Case { const char* name; std::string arguments, input; int status; std::string output; };
     const Case cases[] = {
         {"missing root", shellQuoted(folder / "missing"), "", 3, "root removed\nstopped\n"},
         // The mkdir is queued first and must run first, though the queue hands out the newest first.
         {"commands in order", shellQuoted(root),
          "mkdir " + root + "/D\nmove " + root + "/a.wav " + root + "/D/a.wav\nstop\n", 0,
-         "action mkdir Pending " + root + "/D\naction mkdir Running " + root + "/D\naction mkdir Completed " +
-             root + "/D\naction move Pending " + root + "/a.wav -> " + root + "/D/a.wav\naction move Running " + root +
-             "/a.wav -> " + root + "/D/a.wav\naction move Completed " + root + "/a.wav -> " + root +
-             "/D/a.wav\nstopped\n"},
+         completed("mkdir", root + "/D") + completed("move", root + "/a.wav -> " + root + "/D/a.wav") + "stopped\n"},
         {"a JSON path under the wrong key", shellQuoted(root) + " --json",
          R"({"op": "move", "path": ")" + root + R"(/D/a.wav", "to": ")" + root + "/b.wav\"}\nstop\n", 0,
          "{\"event\":\"FileManagerStopped\",\"type\":2}\n"},

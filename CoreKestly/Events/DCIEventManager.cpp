@@ -4,11 +4,13 @@
 #include "CoreKestly/Platform/DCIMPSCQueueInternal.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <mutex>
-#include <optional>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -31,13 +33,9 @@ public:
     void post(std::shared_ptr<DCIEvent> event) {
         const uint64_t generation = liveGeneration_.load(std::memory_order_acquire);
         if (generation == kNoGeneration || !event) return;
-        queue_.push(QueuedEvent{std::move(event), generation});
-        // A drain that is already due will see this event: it clears the flag before it pops,
-        // and the fence orders the push before the look at the flag. Most posts thus only read
-        // a line that the main thread writes once per drain.
-        std::atomic_thread_fence(std::memory_order_seq_cst);
-        if (drainDue_.load(std::memory_order_relaxed) || drainDue_.exchange(true)) return;
-        source_->signal();
+        // Only a post that finds the drain idle wakes the main loop; the others' events are
+        // taken by a drain that is running or woken already.
+        if (queue_.push(QueuedEvent{std::move(event), generation})) source_->signal();
     }
 
     void add(const std::shared_ptr<DCIObject>& object) {
@@ -64,7 +62,8 @@ public:
         // Nothing queued can be delivered any more; waiting for the main loop to drain it
         // would keep it in memory for as long as that loop is busy or not run at all.
         std::lock_guard consumer(consumerMutex_);
-        while (auto queued = queue_.pop()) released.push_back(std::move(*queued));
+        // An event still being posted is left behind; a drain will find it and drop it.
+        if (queue_.take(released, SIZE_MAX).second == Queue::End::Stalled) source_->signal();
     }
 
     bool exists() const { return liveGeneration_.load(std::memory_order_acquire) != kNoGeneration; }
@@ -74,10 +73,12 @@ private:
         std::shared_ptr<DCIEvent> event;
         uint64_t generation;
     };
+    using Queue = DCIMPSCQueue<QueuedEvent>;
     using Listeners = std::vector<std::weak_ptr<DCIEventListener>>;
     static constexpr uint64_t kNoGeneration = 0;
     static constexpr size_t kNotFound = static_cast<size_t>(-1);
-    static constexpr int kEventsPerDrain = 4096;
+    static constexpr size_t kEventsPerDrain = 4096;
+    static constexpr size_t kEventsPerTake = 256;
 
     // Called with the mutex held.
     void beginGeneration() {
@@ -111,34 +112,41 @@ private:
         heldVersion = listenersVersion_.load(std::memory_order_relaxed);
     }
 
-    // On the main thread. Takes the queued events in order, including those posted by
-    // listeners while it runs; each event reaches all its listeners before the next one is
-    // taken. Producers that post as fast as the listeners consume would keep one drain going
+    // On the main thread. Delivers the queued events in order, including those posted by
+    // listeners while it runs; each event reaches all its listeners before the next one.
+    // Producers that post as fast as the listeners consume would keep one drain going
     // for ever and starve the rest of the main loop, so a drain hands the loop back after a
     // batch and signals itself to go on.
     void drain() {
-        // Cleared before the first pop: whatever is posted from here on either is popped
-        // below or signals again.
-        drainDue_.exchange(false);
         std::shared_ptr<const Listeners> listeners;
         uint64_t listenersVersion = 0;
-        for (int delivered = 0; delivered < kEventsPerDrain; ++delivered) {
-            auto queued = pop();
-            if (!queued) return;
-            // An event of a released generation reaches nobody, not even a later bus.
-            if (queued->generation != liveGeneration_.load(std::memory_order_acquire)) continue;
-            refresh(listeners, listenersVersion);
-            for (const auto& entry : *listeners) {
-                if (const auto listener = entry.lock()) deliver(*listener, queued->event);
+        std::vector<QueuedEvent> batch;  // not a member: a listener may run the loop again
+        for (size_t budget = kEventsPerDrain; budget > 0;) {
+            const auto [taken, end] = take(batch, std::min(budget, kEventsPerTake));
+            for (auto& queued : batch) {
+                // An event of a released generation reaches nobody, not even a later bus.
+                if (queued.generation == liveGeneration_.load(std::memory_order_acquire)) {
+                    refresh(listeners, listenersVersion);
+                    for (const auto& entry : *listeners) {
+                        if (const auto listener = entry.lock()) deliver(*listener, queued.event);
+                    }
+                }
+                queued.event.reset();  // events own actions and trees: none outlives its turn
             }
+            batch.clear();
+            // Listeners may have posted while the batch was delivered: look once more.
+            if (end == Queue::End::Empty && taken == 0) return;
+            if (end == Queue::End::Stalled) break;
+            budget -= taken;
         }
-        drainDue_.store(true);
         source_->signal();
     }
 
-    std::optional<QueuedEvent> pop() {
+    // The lock is held only while events are taken: a listener may remove the last listener,
+    // which empties the queue, while they are delivered.
+    std::pair<size_t, Queue::End> take(std::vector<QueuedEvent>& batch, size_t limit) {
         std::lock_guard consumer(consumerMutex_);
-        return queue_.pop();
+        return queue_.take(batch, limit);
     }
 
     static void deliver(DCIEventListener& listener, const std::shared_ptr<DCIEvent>& event) {
@@ -151,15 +159,12 @@ private:
         }
     }
 
-    DCIMPSCQueue<QueuedEvent> queue_;
+    Queue queue_;
     // The queue has one consumer at a time: the drain on the main thread, or the removal of
     // the last listener on any thread. Posting never takes it.
     std::mutex consumerMutex_;
     std::unique_ptr<DCIRunLoopSource> source_;
     std::atomic<uint64_t> liveGeneration_{kNoGeneration};
-
-    // Whether a drain is signalled and has not yet started popping.
-    alignas(64) std::atomic<bool> drainDue_{false};
     alignas(64) std::atomic<uint64_t> listenersVersion_{0};
 
     std::mutex mutex_;  // guards the listeners, the generation counter and the source's creation

@@ -42,7 +42,8 @@ public:
     /// Unregisters `object`; when no listener is left, the bus is released.
     static void removeListener(const std::shared_ptr<DCIObject>& object);
     /// Queues the event for delivery on the main thread, or drops it when the bus does not
-    /// exist. Any thread; never waits for the main thread.
+    /// exist. Any thread; never waits for the main thread, unless more than 8,388,608 events
+    /// are waiting for it.
     static void postEvent(std::shared_ptr<DCIEvent> event);
 
     /// Whether the bus exists now.

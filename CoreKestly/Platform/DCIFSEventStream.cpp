@@ -77,7 +77,7 @@ size_t countFolders(const std::string& root, size_t limit) {
 }  // namespace
 
 // Everything below runs on the stream's own thread once `start()` has handed over to it.
-class DCIFSEventStream::Watcher {
+class KESTLY_HIDDEN DCIFSEventStream::Watcher {
 public:
     Watcher(std::string path, Callback callback, ProblemHandler problemHandler, Options options)
         : root_(std::move(path)), callback_(std::move(callback)), problemHandler_(std::move(problemHandler)),

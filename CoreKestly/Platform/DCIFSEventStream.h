@@ -52,6 +52,6 @@ public:
     bool isFallingBack() const;
 
 private:
-    class Watcher;
+    class KESTLY_HIDDEN Watcher;
     std::unique_ptr<Watcher> watcher_;
 };

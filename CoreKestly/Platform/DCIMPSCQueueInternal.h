@@ -2,109 +2,169 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <optional>
+#include <thread>
 #include <utility>
+#include <vector>
 
 /// An unbounded first-in-first-out queue that many threads push to without a lock and one
-/// thread pops from (after Dmitry Vyukov's node-based queue). A push is one atomic exchange;
-/// the exchanges fix one global order, which is also each producer's own order, and pops
-/// follow it.
+/// consumer at a time takes from, with the consumer's wake-ups built in.
 ///
-/// A pop may answer empty while a producer is between its exchange and its link; that
-/// producer's item, and any pushed after it, become visible when the link is made, so a
-/// consumer woken by each producer after its push never loses an item.
+/// Every push draws the next position from one counter, so positions fix one global order
+/// that is also each producer's own, and the consumer takes them in that order. Positions
+/// live in blocks of consecutive slots, found through a ring of block pointers: the consumer
+/// reads memory in the order it was written, which the hardware fetches ahead, where a linked
+/// list would make it wait for every item's cache line in turn. A block is reached only by
+/// the position of a slot in it that is not yet taken, so the consumer may retire a block as
+/// soon as it has taken the block's last slot: no producer can still be on its way to it.
 ///
-/// Nodes are recycled: the consumer stacks the nodes it is done with, and a producer that
-/// runs out takes the whole stack into a cache of its own thread. Handing nodes between
-/// threads through the allocator costs more than the rest of a push and pop together. At most
-/// `kSpareNodes` wait on the stack, so a burst leaves no lasting footprint.
+/// The counter's lowest bit says that the consumer went idle, having found the queue empty;
+/// the push that draws a position with it set is the one to wake the consumer. A push thus
+/// costs one atomic addition and no fence.
+///
+/// Up to `kCapacity` items may wait; a push beyond that waits for the consumer.
 template <class T>
 class DCIMPSCQueue {
 public:
-    DCIMPSCQueue() : head_(new Node), tail_(head_.load(std::memory_order_relaxed)) {}
+    static constexpr uint64_t kCapacity = uint64_t{1} << 23;
+
+    /// Why a take ended.
+    enum class End {
+        Limit,    ///< it took as many items as it was allowed
+        Empty,    ///< the consumer is now idle: the next push answers that it is to be woken
+        Stalled,  ///< the next item is still being pushed, after a short wait: take again soon
+    };
+
+    DCIMPSCQueue() : blocks_(new std::atomic<Block*>[kBlockRing]) {
+        for (size_t i = 0; i < kBlockRing; ++i) blocks_[i].store(nullptr, std::memory_order_relaxed);
+    }
     DCIMPSCQueue(const DCIMPSCQueue&) = delete;
     DCIMPSCQueue& operator=(const DCIMPSCQueue&) = delete;
 
+    /// Only once no thread pushes or takes any more.
     ~DCIMPSCQueue() {
-        while (pop()) {
+        for (size_t i = 0; i < kBlockRing; ++i) delete blocks_[i].load(std::memory_order_relaxed);
+        for (auto& spare : spares_) delete spare.load(std::memory_order_relaxed);
+    }
+
+    /// Any thread. Answers whether the caller is to wake the consumer.
+    bool push(T value) {
+        const uint64_t drawn = next_.fetch_add(kPositionStep, std::memory_order_relaxed);
+        const uint64_t position = drawn / kPositionStep;
+        const uint64_t blockNumber = position / kSlotsPerBlock;
+        while (blockNumber - consumerBlock_.load(std::memory_order_acquire) >= kBlockRing) std::this_thread::yield();
+        Slot& slot = blockFor(blockNumber)->slots[position % kSlotsPerBlock];
+        slot.value.emplace(std::move(value));
+        slot.ready.store(true, std::memory_order_release);
+        return (drawn & kIdleBit) != 0;
+    }
+
+    /// The consumer only: moves the oldest items, at most `limit`, to the end of `into`.
+    std::pair<size_t, End> take(std::vector<T>& into, size_t limit) {
+        if (idle_) {
+            next_.fetch_sub(kIdleBit, std::memory_order_relaxed);
+            idle_ = false;
         }
-        delete tail_;
-        deleteChain(spares_.exchange(nullptr, std::memory_order_acquire));
-    }
-
-    /// Any thread.
-    void push(T value) {
-        Node* node = takeNode();
-        node->value.emplace(std::move(value));
-        Node* previous = head_.exchange(node, std::memory_order_acq_rel);
-        previous->next.store(node, std::memory_order_release);
-    }
-
-    /// The consumer thread only.
-    std::optional<T> pop() {
-        Node* next = tail_->next.load(std::memory_order_acquire);
-        if (!next) return std::nullopt;
-        // The nodes were written on other cores; fetching the one after this early hides
-        // most of the next pop's wait for memory.
-        if (Node* after = next->next.load(std::memory_order_relaxed)) __builtin_prefetch(after, 1);
-        // `next` becomes the new empty front node once its value has been taken.
-        // Every node after the front holds a value: it was pushed with one.
-        std::optional<T> value(std::in_place, std::move(*next->value));
-        next->value.reset();
-        giveBack(tail_);
-        tail_ = next;
-        return value;
+        size_t taken = 0;
+        for (; taken < limit; ++taken) {
+            Slot* slot = readySlot();
+            if (!slot) {
+                if (goIdle()) return {taken, End::Empty};
+                if (!(slot = awaitHalfwayPush())) return {taken, End::Stalled};
+            }
+            into.push_back(std::move(*slot->value));
+            slot->value.reset();
+            slot->ready.store(false, std::memory_order_relaxed);
+            if (++taken_ % kSlotsPerBlock == 0) retireBlock();
+        }
+        return {taken, End::Limit};
     }
 
 private:
-    static constexpr size_t kSpareNodes = 4096;
+    static constexpr uint64_t kIdleBit = 1;
+    static constexpr uint64_t kPositionStep = 2;
+    static constexpr uint64_t kSlotsPerBlock = 1024;
+    static constexpr uint64_t kBlockRing = kCapacity / kSlotsPerBlock;
 
-    struct Node {
-        std::atomic<Node*> next{nullptr};
+    struct Slot {
+        std::atomic<bool> ready{false};
         std::optional<T> value;
     };
-
-    // A producer thread's nodes, shared by every queue of this item type.
-    struct Cache {
-        Node* first = nullptr;
-        ~Cache() { deleteChain(first); }
+    struct Block {
+        Slot slots[kSlotsPerBlock];
     };
 
-    static void deleteChain(Node* node) {
-        while (node) {
-            Node* next = node->next.load(std::memory_order_relaxed);
-            delete node;
-            node = next;
+    // The block of `blockNumber`, made by whichever producer needs it first. Its ring entry
+    // cannot hold an older block: the wait in `push` keeps producers within the ring's reach.
+    Block* blockFor(uint64_t blockNumber) {
+        std::atomic<Block*>& entry = blocks_[blockNumber % kBlockRing];
+        Block* block = entry.load(std::memory_order_acquire);
+        if (block) return block;
+        Block* fresh = takeSpare();
+        if (entry.compare_exchange_strong(block, fresh)) return fresh;
+        keepSpare(fresh);
+        return block;
+    }
+
+    Slot* readySlot() {
+        Block* block = blocks_[(taken_ / kSlotsPerBlock) % kBlockRing].load(std::memory_order_acquire);
+        if (!block) return nullptr;
+        Slot& slot = block->slots[taken_ % kSlotsPerBlock];
+        return slot.ready.load(std::memory_order_acquire) ? &slot : nullptr;
+    }
+
+    // A push caught between drawing its position and filling the slot is nanoseconds from
+    // done, unless its thread was preempted: a short look saves the consumer a round trip.
+    Slot* awaitHalfwayPush() {
+        for (int look = 0; look < 256; ++look) {
+            if (Slot* slot = readySlot()) return slot;
         }
+        return nullptr;
     }
 
-    Node* takeNode() {
-        thread_local Cache cache;
-        if (!cache.first) cache.first = spares_.exchange(nullptr, std::memory_order_acquire);
-        Node* node = cache.first;
-        if (!node) return new Node;
-        cache.first = node->next.load(std::memory_order_relaxed);
-        node->next.store(nullptr, std::memory_order_relaxed);
-        return node;
+    // Marks the consumer idle when no position past those taken has been drawn; otherwise a
+    // push is half-way and the consumer must look again.
+    bool goIdle() {
+        uint64_t expected = taken_ * kPositionStep;
+        idle_ = next_.compare_exchange_strong(expected, expected | kIdleBit, std::memory_order_relaxed);
+        return idle_;
     }
 
-    // Producers only ever take the whole stack, and only this consumer pushes, so the stack
-    // cannot change back to a value read here (no ABA).
-    void giveBack(Node* node) {
-        Node* first = spares_.load(std::memory_order_relaxed);
-        if (!first) sparesStacked_ = 0;
-        if (sparesStacked_ >= kSpareNodes) {
-            delete node;
-            return;
+    // Every slot of the block just finished has been taken and left empty, so it may serve
+    // again as it is.
+    void retireBlock() {
+        const uint64_t finished = taken_ / kSlotsPerBlock - 1;
+        keepSpare(blocks_[finished % kBlockRing].exchange(nullptr, std::memory_order_acq_rel));
+        consumerBlock_.store(finished + 1, std::memory_order_release);
+    }
+
+    // A few empty blocks are kept for the producers: a consumer that falls behind and catches
+    // up again would otherwise have the allocator map and unmap fresh pages all the while.
+    // Each spare has a place of its own, taken and filled by exchange, so no block is ever
+    // mistaken for another that left and came back.
+    Block* takeSpare() {
+        for (auto& spare : spares_) {
+            if (spare.load(std::memory_order_relaxed)) {
+                if (Block* block = spare.exchange(nullptr, std::memory_order_acquire)) return block;
+            }
         }
-        do {
-            node->next.store(first, std::memory_order_relaxed);
-        } while (!spares_.compare_exchange_weak(first, node, std::memory_order_release, std::memory_order_relaxed));
-        ++sparesStacked_;
+        return new Block;
     }
 
-    alignas(64) std::atomic<Node*> head_;  // producers' end
-    alignas(64) Node* tail_;               // consumer's end: an empty front node
-    size_t sparesStacked_ = 0;             // since the stack was last seen empty; the consumer's
-    alignas(64) std::atomic<Node*> spares_{nullptr};
+    void keepSpare(Block* block) {
+        for (auto& spare : spares_) {
+            Block* empty = nullptr;
+            if (spare.compare_exchange_strong(empty, block, std::memory_order_release, std::memory_order_relaxed)) return;
+        }
+        delete block;
+    }
+
+    alignas(64) std::atomic<uint64_t> next_{kIdleBit};    // the next position, and the idle bit
+    alignas(64) std::atomic<uint64_t> consumerBlock_{0};  // the block the consumer is in
+    std::unique_ptr<std::atomic<Block*>[]> blocks_;
+    std::atomic<Block*> spares_[16] = {};
+    alignas(64) uint64_t taken_ = 0;  // the consumer's: positions taken so far
+    bool idle_ = true;                // the consumer's: whether it set the idle bit
 };

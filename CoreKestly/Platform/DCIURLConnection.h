@@ -101,7 +101,7 @@ public:
     const std::shared_ptr<const DCIURLRequest>& originalRequest() const { return request_; }
     std::string description() const override;
 
-    struct Transfer;
+    struct KESTLY_HIDDEN Transfer;
 
 private:
     DCIURLConnection(std::shared_ptr<const DCIURLRequest> request, std::shared_ptr<Transfer> transfer)

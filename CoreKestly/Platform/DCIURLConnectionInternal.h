@@ -22,7 +22,7 @@ class DCIURLLoader;
 /// The libcurl side of one connection. The connection owns it; while it loads, its loader
 /// holds it too, so a connection dropped from inside a libcurl callback leaves the easy
 /// handle alive until libcurl has returned.
-struct DCIURLConnection::Transfer {
+struct KESTLY_HIDDEN DCIURLConnection::Transfer {
     Transfer(std::shared_ptr<const DCIURLRequest> request, std::weak_ptr<DCIURLConnectionDelegate> delegate,
              std::weak_ptr<DCIURLLoader> loader);
     ~Transfer();

@@ -1,10 +1,10 @@
 #include "support/LoopbackHTTPServer.h"
 
-LoopbackHTTPServer::LoopbackHTTPServer(const std::function<void(httplib::Server&, LoopbackHTTPServer&)>& handlers) {
-    handlers(server_, *this);
+LoopbackHTTPServer::LoopbackHTTPServer(const std::function<void(httplib::Server&)>& handlers) {
+    handlers(server_);
     port_ = server_.bind_to_any_port("127.0.0.1");
     if (port_ <= 0) return;  // every request then fails to connect, and the test with it
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
+    thread_ = std::jthread([this] { server_.listen_after_bind(); });
     while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
@@ -15,11 +15,6 @@ LoopbackHTTPServer::~LoopbackHTTPServer() {
     }
     stopped_.notify_all();
     server_.stop();
-    if (thread_.joinable()) thread_.join();
-}
-
-std::string LoopbackHTTPServer::url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
 }
 
 bool LoopbackHTTPServer::pause(std::chrono::milliseconds duration) {

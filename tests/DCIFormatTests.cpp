@@ -25,6 +25,8 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 TEST(DCIFormatTests, ConversionTable) {
+    // An argument borrows a value's text, so the values outlive the table.
+    const DCIValue literalText("text"), stringText(std::string("ab"));
     const FormatCase cases[] = {
         // Text and percent signs.
         {"", {}, ""}, {"no conversions at all", {1}, "no conversions at all"}, {"100%%", {}, "100%"},
@@ -75,7 +77,7 @@ TEST(DCIFormatTests, ConversionTable) {
         {"%@ %@ %@", {DCIValue(kUInt64Max), DCIValue(int64_t{1} << 62), DCIValue(0.25)},
          "18446744073709551615 4611686018427387904 0.25"},
         {"%f %@ %d", {DCIValue(2), DCIValue(kNaN), DCIValue(1e300)}, "2.000000 nan 1e+300"},
-        {"%s %5d|", {DCIValue("text"), DCIValue(std::string("ab"))}, "text    ab|"},
+        {"%s %5d|", {literalText, stringText}, "text    ab|"},
         {"%@ %@", {DCIValue(), std::optional<DCIValue>()}, "<null> (null)"},
         // Missing arguments and nil objects print null; a precision is for the argument that is
         // missing, not for the word that stands in for it.

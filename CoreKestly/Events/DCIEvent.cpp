@@ -1,15 +1,18 @@
 #include "CoreKestly/Events/DCIEvent.h"
 
+#include "CoreKestly/Platform/DCIRecyclingAllocatorInternal.h"
+
 std::shared_ptr<DCIEvent> DCIEvent::commonEventWithType(uint64_t type) {
     return initWithCategory(DCIEventCategoryCommon, type);
 }
 
 std::shared_ptr<DCIEvent> DCIEvent::initWithCategory(uint64_t category, uint64_t type) {
-    return std::make_shared<DCIEvent>(Key(), category, type, DCIDate::now());
+    return std::allocate_shared<DCIEvent>(DCIRecyclingAllocator<DCIEvent>(), Key(), category, type, DCIDate::now());
 }
 
 std::shared_ptr<DCIEvent> DCIEvent::init() {
-    return std::make_shared<DCIEvent>(Key(), DCIEventCategoryCommon, 0, std::nullopt);
+    return std::allocate_shared<DCIEvent>(DCIRecyclingAllocator<DCIEvent>(), Key(), DCIEventCategoryCommon, 0,
+                                          std::nullopt);
 }
 
 void DCIEvent::setContext(DCIDictionary context) {

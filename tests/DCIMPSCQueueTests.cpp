@@ -35,6 +35,7 @@ TEST(DCIMPSCQueueTest, ConcurrentPushesArriveOnceInEachProducersOrderAndWakeTheC
         for (const Item& item : batch) ASSERT_EQ(item.sequence, next[item.producer]++) << "producer " << item.producer;
         received += taken;
         batch.clear();
+        if (received == kProducers * kPerProducer) break;
         if (end == DCIMPSCQueue<Item>::End::Empty) {
             ASSERT_TRUE(wake.try_acquire_until(deadline)) << "a wake-up was lost after " << received;
         } else if (end == DCIMPSCQueue<Item>::End::Stalled) {

@@ -134,8 +134,10 @@ private:
                 queued.event.reset();  // events own actions and trees: none outlives its turn
             }
             batch.clear();
-            // Listeners may have posted while the batch was delivered: look once more.
-            if (end == Queue::End::Empty && taken == 0) return;
+            // Once the queue was found empty, the next post wakes the loop, also one posted
+            // while the batch was delivered: looking again would take its event and leave the
+            // loop a wake-up with nothing to do. A post caught half-way wakes nobody.
+            if (end == Queue::End::Empty) return;
             if (end == Queue::End::Stalled) break;
             budget -= taken;
         }
@@ -163,8 +165,9 @@ private:
     // The queue has one consumer at a time: the drain on the main thread, or the removal of
     // the last listener on any thread. Posting never takes it.
     std::mutex consumerMutex_;
+    // Read by every post: kept off the line of the consumer's mutex, which every take writes.
+    alignas(64) std::atomic<uint64_t> liveGeneration_{kNoGeneration};
     std::unique_ptr<DCIRunLoopSource> source_;
-    std::atomic<uint64_t> liveGeneration_{kNoGeneration};
     alignas(64) std::atomic<uint64_t> listenersVersion_{0};
 
     std::mutex mutex_;  // guards the listeners, the generation counter and the source's creation

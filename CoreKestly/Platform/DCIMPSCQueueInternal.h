@@ -21,8 +21,10 @@
 /// soon as it has taken the block's last slot: no producer can still be on its way to it.
 ///
 /// The counter's lowest bit says that the consumer went idle, having found the queue empty;
-/// the push that draws a position with it set is the one to wake the consumer. A push thus
-/// costs one atomic addition and no fence.
+/// a push that draws a position with it set clears it and wakes the consumer. A push thus
+/// costs one atomic addition and no fence, and a second one once per wake-up. A push that
+/// clears the bit after the consumer woke and went idle again leaves it idle unmarked; the
+/// wake-up that push then gives lets the consumer mark itself again.
 ///
 /// Up to `kCapacity` items may wait; a push beyond that waits for the consumer.
 template <class T>
@@ -34,7 +36,7 @@ public:
     enum class End {
         Limit,    ///< it took as many items as it was allowed
         Empty,    ///< the consumer is now idle: the next push answers that it is to be woken
-        Stalled,  ///< the next item is still being pushed, after a short wait: take again soon
+        Stalled,  ///< the next item is still being pushed: take again soon
     };
 
     DCIMPSCQueue() : blocks_(new std::atomic<Block*>[kBlockRing]) {
@@ -58,22 +60,23 @@ public:
         Slot& slot = blockFor(blockNumber)->slots[position % kSlotsPerBlock];
         slot.value.emplace(std::move(value));
         slot.ready.store(true, std::memory_order_release);
-        return (drawn & kIdleBit) != 0;
+        if ((drawn & kIdleBit) == 0) return false;
+        // Posts that follow this one until the consumer wakes need not wake it again: each
+        // wake-up is a system call.
+        next_.fetch_and(~kIdleBit, std::memory_order_relaxed);
+        return true;
     }
 
     /// The consumer only: moves the oldest items, at most `limit`, to the end of `into`.
     std::pair<size_t, End> take(std::vector<T>& into, size_t limit) {
         if (idle_) {
-            next_.fetch_sub(kIdleBit, std::memory_order_relaxed);
+            next_.fetch_and(~kIdleBit, std::memory_order_relaxed);
             idle_ = false;
         }
         size_t taken = 0;
         for (; taken < limit; ++taken) {
             Slot* slot = readySlot();
-            if (!slot) {
-                if (goIdle()) return {taken, End::Empty};
-                if (!(slot = awaitHalfwayPush())) return {taken, End::Stalled};
-            }
+            if (!slot) return {taken, goIdle() ? End::Empty : End::Stalled};
             into.push_back(std::move(*slot->value));
             slot->value.reset();
             slot->ready.store(false, std::memory_order_relaxed);
@@ -115,19 +118,14 @@ private:
         return slot.ready.load(std::memory_order_acquire) ? &slot : nullptr;
     }
 
-    // A push caught between drawing its position and filling the slot is nanoseconds from
-    // done, unless its thread was preempted: a short look saves the consumer a round trip.
-    Slot* awaitHalfwayPush() {
-        for (int look = 0; look < 256; ++look) {
-            if (Slot* slot = readySlot()) return slot;
-        }
-        return nullptr;
-    }
-
     // Marks the consumer idle when no position past those taken has been drawn; otherwise a
-    // push is half-way and the consumer must look again.
+    // push is half-way and the consumer must look again. It does not wait for that push: a
+    // consumer that waits keeps pace with a single producer item by item, and every item's
+    // slot then moves between their caches while the producer writes it. The counter is read
+    // before it is written for the same reason.
     bool goIdle() {
         uint64_t expected = taken_ * kPositionStep;
+        if (next_.load(std::memory_order_relaxed) != expected) return false;
         idle_ = next_.compare_exchange_strong(expected, expected | kIdleBit, std::memory_order_relaxed);
         return idle_;
     }

@@ -259,14 +259,3 @@ TEST(DCIAction, CompareToPutsTheNextToHandOutLast) {
     later->setPriority(100000);
     EXPECT_EQ(compare(), (std::vector<int64_t>{-1, 1}));
 }
-
-TEST(DCIAction, DescriptionShowsCategoryTypeStatusAndContext) {
-    const auto action = DCIAction::initWithCategory(DCIActionCategoryCommon, DCIActionTypeMoveFile);
-    action->setContextObject("/root/a b.wav", kDCIFileManagerMoveFrom);
-    action->changeStatus(DCIActionStatusPending);
-    EXPECT_EQ(action->description(), "Action\n\tCategory = 0 - Type = 1\n\tStatus: Pending\n\tContext: "
-                                     "{\n    sourcePath = \"/root/a b.wav\";\n}");
-    const auto hosts = DCIAction::initWithCategory(12, 34);
-    hosts->changeStatus(9);
-    EXPECT_EQ(hosts->description(), "Action\n\tCategory = 12 - Type = 34\n\tStatus: \n\tContext: {\n}");
-}

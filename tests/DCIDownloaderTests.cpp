@@ -224,20 +224,4 @@ TEST_F(DCIDownloaderTest, WorkersSharingAQueueRunTheirActionsAtOnce) {
     EXPECT_TRUE(pumpMainLoopUntil([&] { return stopped(second); }));
 }
 
-TEST_F(DCIDownloaderTest, CloseLetsTheCurrentActionFinishAndLeavesTheQueuedOnes) {
-    const auto running = dataDownload("/slow?chunks=10&gap=20");
-    queue->addAction(running);
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return running->status() == DCIActionStatusRunning; }));
-    const auto waiting = dataDownload("/reply?status=200&size=10");
-    queue->addAction(waiting);
-    worker->close();
-
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return stopped(worker); }));
-    EXPECT_EQ(running->status(), DCIActionStatusCompleted);
-    EXPECT_EQ(running->contextObjectForKey(kDCIDownloaderDataKey)->data()->stringView(), pattern(10'000));
-    EXPECT_EQ(downloadedSize(running), 10'000u);  // also when no length was stated
-    EXPECT_LT(eventIndex(12, worker), eventIndex(13, worker));
-    EXPECT_EQ(queue->queue(), std::vector{waiting});
-}
-
 }  // namespace

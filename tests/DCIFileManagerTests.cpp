@@ -304,27 +304,6 @@ TEST_F(DCIFileManagerTests, LookupsAndHashes) {
     EXPECT_TRUE(log.has("Unexpected: DCIFileManager is creating hash for file " + root + "/notes.txt.  It will not be cached."));
 }
 
-TEST_F(DCIFileManagerTests, TheSampleLookupAsksTheSharedManagersFinder) {
-    write(root, "Kicks/Kick:01.wav", "abc");
-    manager = DCIFileManager::sharedFileManager();
-    manager->addSecondaryFileExtension("wav");
-    ASSERT_TRUE(startedOnRoot());
-    auto settings = manager->sampleFinder()->querySettings();
-    settings.backend = DCIMetadataQueryBackend::folderScan;
-    settings.scanFolders = {root};
-    manager->sampleFinder()->setQuerySettings(settings);
-    std::optional<std::string> found;
-    std::atomic<bool> done{false};
-    std::thread search([&] {
-        found = DCIFileManager::pathForSampleWithName("kick/01.wav", std::nullopt, kSHA256OfABC, 0, 0);
-        done = true;
-    });
-    pumpMainLoopUntil([&] { return done.load(); });
-    search.join();
-    EXPECT_EQ(found, root + "/Kicks/Kick:01.wav");
-    DCIFileManager::shutdown();
-}
-
 TEST_F(DCIFileManagerTests, AStreamOverItsWatchLimitFallsBackToPeriodicRescans) {
     write(root, "a/b/x.wav", "1");
     manager->setFSEventStreamOptions({.latency = 200ms, .fallbackInterval = 500ms, .maximumWatches = 1});

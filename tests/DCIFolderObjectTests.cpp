@@ -7,13 +7,11 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <set>
@@ -159,24 +157,6 @@ TEST_F(DCIFolderObjectTests, AnUnlistableFolderHasNoEntries) {
     EXPECT_TRUE(tree->gatherFiles().empty());
 }
 
-TEST_F(DCIFolderObjectTests, ADeepTreeHoldsFewDescriptorsOpen) {
-    std::string deepest;
-    for (int level = 0; level < 80; ++level) deepest += "d/";
-    root.writeFile(deepest + "bottom.wav", "abc");
-
-    // Allow only a few more descriptors than are open now, far fewer than the tree is deep.
-    const auto openNow = std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-    rlimit original;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &original), 0);
-    rlimit tight = original;
-    tight.rlim_cur = static_cast<rlim_t>(openNow + 16);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
-    const auto tree = buildTree();
-    setrlimit(RLIMIT_NOFILE, &original);
-
-    EXPECT_EQ(relativePaths(tree->gatherFiles()), std::set<std::string>{deepest + "bottom.wav"});
-}
-
 // A vanished file makes the pass answer NO, but every other file is still hashed.
 TEST_F(DCIFolderObjectTests, GenerateHashesFillsEveryFileThroughTheCaches) {
     root.writeFiles({"Song.als", "a/b/kick.wav", "a/b/gone.wav", "a/snare.wav", "a/project.json"});
@@ -200,37 +180,6 @@ TEST_F(DCIFolderObjectTests, GenerateHashesFillsEveryFileThroughTheCaches) {
         EXPECT_EQ(file->fileHash(), kSHA256OfABC) << file->relativePath();
         EXPECT_EQ(file->sasID(), "sas-" + file->name()) << file->relativePath();
     }
-}
-
-// Answers as a file manager may: the hash and the sasID asked for one at a time, every
-// question recorded in order. "unhashable.wav" gets no hash.
-class SeparateQueries : public DCIFileQueries {
-public:
-    bool isFileOfInterest(const std::string& path) override { return KestlyPath::extension(path) == "wav"; }
-    std::optional<std::string> SHAForFileAtPath(const std::string& path) override {
-        const std::string name = KestlyPath::lastComponent(path);
-        questions.push_back("sha " + name);
-        if (name == "unhashable.wav") return std::nullopt;
-        return "sha-" + name;
-    }
-    std::optional<std::string> SasIDForFileAtPath(const std::string& path) override {
-        questions.push_back("sasID " + KestlyPath::lastComponent(path));
-        return "sas-" + KestlyPath::lastComponent(path);
-    }
-
-    std::vector<std::string> questions;
-};
-
-TEST_F(DCIFolderObjectTests, GenerateHashesAsksForTheSasIDOnlyAfterAHash) {
-    root.writeFiles({"a.wav", "unhashable.wav"});
-    const auto separate = std::make_shared<SeparateQueries>();
-    const auto tree = DCIFolderObject::initWithPath(root.path().string(), nullptr, separate);
-    ASSERT_TRUE(tree->generateHashes()) << "the file without an answer is hashed directly";
-    EXPECT_EQ(separate->questions, (std::vector<std::string>{"sha a.wav", "sasID a.wav", "sha unhashable.wav"}));
-    EXPECT_EQ(tree->files()->at("a.wav")->fileHash(), "sha-a.wav");
-    EXPECT_EQ(tree->files()->at("a.wav")->sasID(), "sas-a.wav");
-    EXPECT_EQ(tree->files()->at("unhashable.wav")->fileHash(), kSHA256OfABC);
-    EXPECT_EQ(tree->files()->at("unhashable.wav")->sasID(), std::nullopt);
 }
 
 TEST_F(DCIFolderObjectTests, ATreeWhoseQueriesAreGoneSeesNoFileOfInterestAndHashesByItself) {

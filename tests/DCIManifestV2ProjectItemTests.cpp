@@ -14,22 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include <dlfcn.h>
-#include <pwd.h>
-
-namespace {
-
-std::atomic<int> userLookups{0};
-
-}  // namespace
-
-// Counts the user-database lookups of this program, each still answered by the C library.
-extern "C" int getpwnam_r(const char* name, passwd* entry, char* buffer, size_t size, passwd** found) {
-    ++userLookups;
-    using LookUp = int (*)(const char*, passwd*, char*, size_t, passwd**);
-    static const auto lookUp = reinterpret_cast<LookUp>(dlsym(RTLD_NEXT, "getpwnam_r"));
-    return lookUp(name, entry, buffer, size, found);
-}
 
 namespace {
 
@@ -211,33 +195,6 @@ TEST(DCIManifestV2ProjectItemTests, EntriesOfOddShapesAreSkippedAndSaidSo) {
     EXPECT_EQ(log.text().find("Unexpected values in manifest stems"), std::string::npos);
     EXPECT_EQ(categoriesAndPaths(item),
               (Entries{{"samples", "Audio/take 1.wav"}, {"samples", "b.wav"}, {"session", "Beat.als"}}));
-}
-
-// A lookup may be a network query; a manifest may name the same user in every entry.
-TEST(DCIManifestV2ProjectItemTests, LooksUpEachUserOncePerManifest) {
-    json manifest = logicManifest();
-    for (int i = 0; i < 20; ++i) {
-        manifest["files"]["samples"].push_back(fileEntry("~root/" + std::to_string(i)));
-        manifest["files"]["misc"].push_back(fileEntry("~no-such-kestly-user/" + std::to_string(i)));
-    }
-    userLookups = 0;
-    const Manifest item = read(manifest);
-    ASSERT_NE(item, nullptr);
-    EXPECT_EQ(userLookups, 2);
-    EXPECT_EQ(item->projectFiles().size(), 40u);
-    EXPECT_EQ(categoriesAndPaths(item).front(), Entries::value_type("misc", "~no-such-kestly-user/0"));
-}
-
-TEST(DCIManifestV2ProjectItemTests, ReadsFlags) {
-    const std::pair<json, bool> rows[] = {
-        {true, true}, {false, false}, {1, true}, {-2, true}, {0, false}, {0.5, true},
-        {"true", false}, {nullptr, false}, {json::object(), false},
-    };
-    for (const auto& [value, expected] : rows) {
-        const Manifest item = read(changed(logicManifest(), {{"collaboration", value}, {"contribution", value}}));
-        EXPECT_EQ(item->isCollaboration(), expected) << value;
-        EXPECT_EQ(item->isContribution(), expected) << value;
-    }
 }
 
 // Seconds since 1970, or nothing for a form that is no date; neither is logged as an error.

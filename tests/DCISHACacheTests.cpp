@@ -164,38 +164,6 @@ TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
     EXPECT_EQ(calculatorCalls, 3);
 }
 
-TEST_F(SHACacheTest, PersistWritesOnlyWhatChanged) {
-    const std::string first = folder.writeFile("first.wav", "first");
-    const std::string second = folder.writeFile("second.wav", "second");
-    auto cache = makeCache();
-    std::string failure;
-    auto observer = DCISQLiteDatabase::open(cachePath, failure);
-    // data_version moves whenever another connection commits to the file.
-    const auto writesAfterPersist = [&] {
-        cache->persist();
-        cache->waitUntilPersisted();
-        return observer->queryInt64("PRAGMA data_version");
-    };
-
-    const auto unchanged = observer->queryInt64("PRAGMA data_version");
-    EXPECT_EQ(writesAfterPersist(), unchanged) << "nothing changed, nothing written";
-    cache->SHAForFile(first);
-    cache->SHAForFile(second);
-    EXPECT_TRUE(cache->dirty());
-    const auto written = writesAfterPersist();
-    EXPECT_NE(written, unchanged);
-    EXPECT_FALSE(cache->dirty());
-    EXPECT_EQ(writesAfterPersist(), written);
-
-    // A row changed behind the cache's back survives a persist of another record's change.
-    ASSERT_TRUE(observer->execute("UPDATE records SET sasID = 'edited' WHERE path = '" + second + "'"));
-    setModificationTime(first, kSomeSecond);
-    cache->SHAForFile(first);
-    writesAfterPersist();
-    EXPECT_EQ(storedSasIDs(cachePath),
-              (std::map<std::string, std::string>{{first, "sas:first.wav"}, {second, "edited"}}));
-}
-
 TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
     const std::string kept = folder.writeFile("kept.wav", "kept");
     setModificationTime(kept, 10'413'792'000, 123'456'789);  // 2300-01-01, past 64-bit nanoseconds
@@ -303,20 +271,6 @@ TEST_F(SHACacheTest, AnUnusableCacheFileIsSetAsideWithItsJournal) {
         EXPECT_EQ(makeCache()->shaCache().count(path), 1u);
         EXPECT_EQ(setAsideFiles(folder).size(), 2u);
     }
-}
-
-TEST_F(SHACacheTest, ACacheFileOfTheEarlierFormatIsEmptiedInPlaceAndRefilled) {
-    const std::string path = folder.writeFile("a.wav", "content");
-    std::string failure;
-    ASSERT_TRUE(DCISQLiteDatabase::open(cachePath, failure)->execute(
-        "PRAGMA application_id = 1263749187; CREATE TABLE records (path TEXT PRIMARY KEY, mdate INTEGER, sha TEXT, "
-        "sasID TEXT); INSERT INTO records VALUES ('" + path + "', " + std::to_string(time(nullptr)) + ", 'old', '')"));
-    LogSince log;
-    EXPECT_TRUE(makeCache()->shaCache().empty());
-    EXPECT_NE(log.text().find("SHA cache " + cachePath + " was of an earlier format"), std::string::npos);
-    EXPECT_TRUE(setAsideFiles(folder).empty());
-    makeCache()->SHAForFile(path);
-    EXPECT_EQ(makeCache()->shaCache().at(path).sha, KSTSha256ForFileAtPath(path));
 }
 
 TEST_F(SHACacheTest, AProcessKilledWhileWritingLeavesACacheThatLoads) {

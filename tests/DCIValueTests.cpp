@@ -53,17 +53,3 @@ TEST(DCIDictionary, DescriptionQuotesOnlyWhatIsNotAPlainWord) {
                                           "    sourcePath = /Samples/kick.wav;\n    statusCode = 404;\n}");
     EXPECT_EQ(DCIDescription({}), "{\n}");
 }
-
-TEST(DCIDate, ReferenceDateAndUnixTimeAgree) {
-    const auto date = DCIDate::dateWithTimeIntervalSince1970(kDCITimeIntervalBetween1970AndReferenceDate + 1.25);
-    EXPECT_DOUBLE_EQ(date.timeIntervalSinceReferenceDate(), 1.25);
-    EXPECT_DOUBLE_EQ(date.timeIntervalSinceDate(DCIDate::dateWithTimeIntervalSinceReferenceDate(0.25)), 1.0);
-    EXPECT_GT(DCIAbsoluteTimeGetCurrent(), 25.0 * 365 * 86400);  // after 2026
-}
-
-TEST(DCIError, PosixErrorsCarryTheSystemsWords) {
-    const auto error = DCIError::posixError(ENOENT, "open /nowhere");
-    EXPECT_EQ(error.domain(), kDCIPOSIXErrorDomain);
-    EXPECT_EQ(error.code(), ENOENT);
-    EXPECT_EQ(error.localizedDescription(), "open /nowhere: No such file or directory");
-}

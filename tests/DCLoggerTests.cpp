@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fcntl.h>
 #include <regex>
 #include <sstream>
 #include <sys/stat.h>
@@ -127,26 +126,6 @@ TEST(DCLogger, EntriesOfConcurrentThreadsStayWholeAndInEachThreadsOrder) {
     }
     EXPECT_EQ(next[0], kPerThread);
     EXPECT_EQ(next[1], kPerThread);
-}
-
-TEST(DCLogger, EntriesGoToTheLogFileSetAtTheTimeTheyAreWritten) {
-    TemporaryDirectory folder;
-    DCLogger logger(folder.path().string());
-    logger.log("to the current log");
-    logger.flush();
-    const int other = open((folder / "other.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    ASSERT_GE(other, 0);
-    logger.setLogFile(other);
-    logger.log("to the other log");
-    logger.flush();
-    logger.setLogFile(-1);
-    logger.log("to nowhere");
-    logger.flush();
-
-    EXPECT_TRUE(readWholeFile(logger.currentLogFileURL()).ends_with(": to the current log\n"));
-    const auto lines = linesOf(readWholeFile(folder / "other.log"));
-    EXPECT_TRUE(lines.size() == 1 && lines[0].ends_with(": to the other log")) << testing::PrintToString(lines);
-    EXPECT_EQ(fcntl(other, F_GETFD), -1);  // closed by the logger when it was replaced
 }
 
 TEST(DCLogger, AForkedChildLogsAndExits) {

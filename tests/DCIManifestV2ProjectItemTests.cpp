@@ -198,6 +198,18 @@ TEST(DCIManifestV2ProjectItemTests, EntriesOfOddShapesAreSkippedAndSaidSo) {
 }
 
 // Seconds since 1970, or nothing for a form that is no date; neither is logged as an error.
+TEST(DCIManifestV2ProjectItemTests, ReadsFlags) {
+    const std::pair<json, bool> rows[] = {
+        {true, true}, {false, false}, {1, true}, {-2, true}, {0, false}, {0.5, true},
+        {"true", false}, {nullptr, false}, {json::object(), false},
+    };
+    for (const auto& [value, expected] : rows) {
+        const Manifest item = read(changed(logicManifest(), {{"collaboration", value}, {"contribution", value}}));
+        EXPECT_EQ(item->isCollaboration(), expected) << value;
+        EXPECT_EQ(item->isContribution(), expected) << value;
+    }
+}
+
 TEST(DCIManifestV2ProjectItemTests, ReadsDatesWithEveryZoneFormAndNoOtherForm) {
     const double at = 1399371630;  // 2014-05-06T10:20:30Z
     const std::pair<json, std::optional<double>> rows[] = {

@@ -8,6 +8,7 @@
 // under a lock taken once per magazine.
 
 #include <cstddef>
+#include <memory>
 #include <mutex>
 #include <new>
 #include <vector>
@@ -31,7 +32,7 @@ public:
     static void* take() {
         Cache* cache = Cache::current();
         if (cache && cache->blocks.empty()) refill(cache->blocks);
-        if (!cache || cache->blocks.empty()) return ::operator new(Size, std::align_val_t(Alignment));
+        if (!cache || cache->blocks.empty()) return allocateFromHeap();
         void* block = cache->blocks.back();
         cache->blocks.pop_back();
         KESTLY_UNPOISON_BLOCK(block, Size);
@@ -81,9 +82,19 @@ private:
         return *shared;
     }
 
+    // The plain operator new where the alignment allows, so that a host's replacement of it
+    // sees these blocks as it sees any other.
+    static constexpr bool kOverAligned = Alignment > __STDCPP_DEFAULT_NEW_ALIGNMENT__;
+
+    static void* allocateFromHeap() {
+        if constexpr (kOverAligned) return ::operator new(Size, std::align_val_t(Alignment));
+        return ::operator new(Size);
+    }
+
     static void release(void* block) {
         KESTLY_UNPOISON_BLOCK(block, Size);
-        ::operator delete(block, std::align_val_t(Alignment));
+        if constexpr (kOverAligned) return ::operator delete(block, std::align_val_t(Alignment));
+        ::operator delete(block);
     }
 
     static void refill(std::vector<void*>& blocks) {
@@ -128,11 +139,11 @@ struct DCIRecyclingAllocator {
     DCIRecyclingAllocator(const DCIRecyclingAllocator<U>&) {}
 
     T* allocate(size_t count) {
-        if (count != 1) return static_cast<T*>(::operator new(count * sizeof(T), std::align_val_t(alignof(T))));
+        if (count != 1) return std::allocator<T>().allocate(count);
         return static_cast<T*>(Depot::take());
     }
     void deallocate(T* object, size_t count) {
-        if (count != 1) return ::operator delete(object, std::align_val_t(alignof(T)));
+        if (count != 1) return std::allocator<T>().deallocate(object, count);
         Depot::give(object);
     }
 

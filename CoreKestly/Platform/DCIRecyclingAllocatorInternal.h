@@ -22,6 +22,17 @@
 #define KESTLY_UNPOISON_BLOCK(block, size) ((void)(block), (void)(size))
 #endif
 
+#if defined(__SANITIZE_THREAD__)
+#define KESTLY_RECYCLES_BLOCKS 0
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KESTLY_RECYCLES_BLOCKS 0
+#endif
+#endif
+#ifndef KESTLY_RECYCLES_BLOCKS
+#define KESTLY_RECYCLES_BLOCKS 1
+#endif
+
 namespace kestly_recycling {
 
 // Blocks of one size and alignment. Each thread keeps up to two magazines' worth; full
@@ -30,6 +41,7 @@ template <size_t Size, size_t Alignment>
 class BlockDepot {
 public:
     static void* take() {
+        if constexpr (!kRecycles) return allocateFromHeap();
         Cache* cache = Cache::current();
         if (cache && cache->blocks.empty()) refill(cache->blocks);
         if (!cache || cache->blocks.empty()) return allocateFromHeap();
@@ -40,6 +52,7 @@ public:
     }
 
     static void give(void* block) {
+        if constexpr (!kRecycles) return release(block);
         KESTLY_POISON_BLOCK(block, Size);
         Cache* cache = Cache::current();
         if (!cache) return release(block);
@@ -48,6 +61,10 @@ public:
     }
 
 private:
+    // ThreadSanitizer learns of an object's end from its free: a block that is never freed
+    // would carry one object's synchronisation into the next and hide races, so under it
+    // every block goes back to the heap.
+    static constexpr bool kRecycles = KESTLY_RECYCLES_BLOCKS;
     static constexpr size_t kMagazine = 64;
     static constexpr size_t kDepotMagazines = 256;  // 16,384 blocks kept at most
 

@@ -98,19 +98,20 @@ void DCIFileManager::startWatchingRootFolder(const std::string& rootFolder, cons
     const uint64_t generation = ++generation_;
     started_ = true;
     {
-        std::lock_guard lock(runsMutex_);
-        ++runsAlive_;
+        std::lock_guard lock(runs_->mutex);
+        ++runs_->alive;
     }
     try {
-        std::thread([self = shared_from_this(), root = absolutePath(rootFolder), generation, primaryCachePath,
-                     secondaryCachePath, calculator = std::move(sasIDCalculator)] {
+        std::thread([self = shared_from_this(), runs = runs_, root = absolutePath(rootFolder), generation,
+                     primaryCachePath, secondaryCachePath, calculator = std::move(sasIDCalculator)]() mutable {
             self->threadMain(root, generation, primaryCachePath, secondaryCachePath, calculator);
-            self->runEnded();
+            self.reset();
+            runEnded(*runs);
         }).detach();
     } catch (const std::system_error& error) {
         DCLogError("The file manager could not start its thread: %s", error.what());
         started_ = false;
-        runEnded();
+        runEnded(*runs_);
         DCIEventManager::postEvent(DCIEvent::commonEventWithType(DCIEventTypeFileManagerStopped));
     }
 }

@@ -196,7 +196,8 @@ private:
     void threadMain(const std::string& rootPath, uint64_t generation, const std::string& primaryCachePath,
                     const std::string& secondaryCachePath, const DCISasIDCalculator& sasIDCalculator);
     bool runIsCurrent(uint64_t generation) const;
-    void runEnded();
+    struct Runs;
+    static void runEnded(Runs& runs);
     void pointSampleFinderAt(const std::string& rootPath);
     /// `path` standardised, and made absolute against the working folder when relative.
     static std::string absolutePath(const std::string& path);
@@ -246,7 +247,13 @@ private:
     std::mutex runLock_;             // held by a watcher thread for its whole run
     std::atomic<uint64_t> startingUp_{0};  // the generation building its first tree, or 0
 
-    std::mutex runsMutex_;  // guards runsAlive_: watcher threads started and not yet ended
-    std::condition_variable runsEnded_;
-    int runsAlive_ = 0;
+    // Watcher threads started and not yet ended, shared with each thread: a thread ends its
+    // count only after letting go of the manager, so that a host that waits for it and then
+    // exits never meets the manager's destruction on that thread.
+    struct Runs {
+        std::mutex mutex;
+        std::condition_variable ended;
+        int alive = 0;
+    };
+    const std::shared_ptr<Runs> runs_ = std::make_shared<Runs>();
 };

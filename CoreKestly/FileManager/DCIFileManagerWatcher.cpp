@@ -30,16 +30,16 @@ bool DCIFileManager::runIsCurrent(uint64_t generation) const {
 }
 
 void DCIFileManager::waitUntilStopped() {
-    std::unique_lock lock(runsMutex_);
-    runsEnded_.wait(lock, [this] { return runsAlive_ == 0; });
+    std::unique_lock lock(runs_->mutex);
+    runs_->ended.wait(lock, [this] { return runs_->alive == 0; });
 }
 
-void DCIFileManager::runEnded() {
+void DCIFileManager::runEnded(Runs& runs) {
     {
-        std::lock_guard lock(runsMutex_);
-        --runsAlive_;
+        std::lock_guard lock(runs.mutex);
+        --runs.alive;
     }
-    runsEnded_.notify_all();
+    runs.ended.notify_all();
 }
 
 bool DCIFileManager::rootExists() const {

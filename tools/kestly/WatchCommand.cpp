@@ -264,8 +264,10 @@ private:
 };
 
 // Reads commands on a thread of its own, so that a slow or endless standard input never holds
-// up the main loop; each line is handed to the main thread. Ends with the input.
-void readCommands(std::shared_ptr<CommandRunner> runner) {
+// up the main loop; each line is handed to the main thread. Ends with the input. The thread
+// cannot be joined (a terminal's input never ends), so it holds the runner weakly: were it the
+// last owner, it would destroy the file manager while the process exits.
+void readCommands(const std::weak_ptr<CommandRunner>& runner) {
     std::string pending;
     bool discarding = false;  // the rest of a line that was too long
     char buffer[4096];
@@ -285,7 +287,9 @@ void readCommands(std::shared_ptr<CommandRunner> runner) {
                 continue;
             }
             if (!discarding && !pending.empty()) {
-                DCIRunLoop::main().performAsync([runner, line = std::move(pending)] { runner->add(line); });
+                DCIRunLoop::main().performAsync([runner, line = std::move(pending)] {
+                    if (const auto live = runner.lock()) live->add(line);
+                });
             }
             pending.clear();
             discarding = false;
@@ -338,7 +342,7 @@ int watch(const WatchOptions& options) {
                      terminalText(*root).c_str());
     }
     manager->startWatchingRootFolder(*root, caches.primary, caches.secondary, nullptr);
-    std::thread(readCommands, runner).detach();
+    std::thread(readCommands, std::weak_ptr<CommandRunner>(runner)).detach();
 
     DCIRunLoop::main().run();
     DCIEventManager::removeListener(printer);

@@ -7,6 +7,8 @@
 // cache of the releasing thread, and blocks move between threads a magazine of 64 at a time
 // under a lock taken once per magazine.
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <mutex>
@@ -37,27 +39,28 @@ namespace kestly_recycling {
 
 // Blocks of one size and alignment. Each thread keeps up to two magazines' worth; full
 // magazines wait in a shared depot of bounded size, beyond which blocks go back to the heap.
+// Releasing a block never throws: it is called from destructors.
 template <size_t Size, size_t Alignment>
 class BlockDepot {
 public:
     static void* take() {
         if constexpr (!kRecycles) return allocateFromHeap();
         Cache* cache = Cache::current();
-        if (cache && cache->blocks.empty()) refill(cache->blocks);
-        if (!cache || cache->blocks.empty()) return allocateFromHeap();
-        void* block = cache->blocks.back();
-        cache->blocks.pop_back();
+        if (!cache) return allocateFromHeap();
+        if (cache->count == 0) refill(*cache);
+        if (cache->count == 0) return allocateFromHeap();
+        void* block = cache->blocks[--cache->count];
         KESTLY_UNPOISON_BLOCK(block, Size);
         return block;
     }
 
-    static void give(void* block) {
+    static void give(void* block) noexcept {
         if constexpr (!kRecycles) return release(block);
-        KESTLY_POISON_BLOCK(block, Size);
         Cache* cache = Cache::current();
         if (!cache) return release(block);
-        if (cache->blocks.size() == 2 * kMagazine) spill(cache->blocks, kMagazine);
-        cache->blocks.push_back(block);
+        if (cache->count == cache->blocks.size()) spill(*cache, kMagazine);
+        KESTLY_POISON_BLOCK(block, Size);
+        cache->blocks[cache->count++] = block;
     }
 
 private:
@@ -68,20 +71,22 @@ private:
     static constexpr size_t kMagazine = 64;
     static constexpr size_t kDepotMagazines = 256;  // 16,384 blocks kept at most
 
-    // A thread's cache; null while the thread's storage is being torn down, when blocks go
-    // straight to the heap.
+    using Magazine = std::vector<void*>;
+
+    // A thread's cache, of fixed size so that filling it never allocates; null while the
+    // thread's storage is being torn down, when blocks go straight to the heap.
     struct Cache {
-        std::vector<void*> blocks;
-        Cache() { blocks.reserve(2 * kMagazine); }
+        std::array<void*, 2 * kMagazine> blocks;
+        size_t count = 0;
         ~Cache() {
-            spill(blocks, blocks.size());
+            spill(*this, count);
             torn() = true;
         }
-        static bool& torn() {
+        static bool& torn() noexcept {
             thread_local bool value = false;
             return value;
         }
-        static Cache* current() {
+        static Cache* current() noexcept {
             if (torn()) return nullptr;
             thread_local Cache cache;
             return &cache;
@@ -89,8 +94,9 @@ private:
     };
 
     struct Depot {
+        Depot() { magazines.reserve(kDepotMagazines); }
         std::mutex mutex;
-        std::vector<std::vector<void*>> magazines;
+        std::vector<Magazine> magazines;  // reserved in full: adding one never allocates
     };
 
     // Never destroyed: threads may release blocks while the process exits.
@@ -108,38 +114,40 @@ private:
         return ::operator new(Size);
     }
 
-    static void release(void* block) {
+    static void release(void* block) noexcept {
         KESTLY_UNPOISON_BLOCK(block, Size);
         if constexpr (kOverAligned) return ::operator delete(block, std::align_val_t(Alignment));
         ::operator delete(block);
     }
 
-    static void refill(std::vector<void*>& blocks) {
+    static void refill(Cache& cache) {
         Depot& shared = depot();
-        std::vector<void*> magazine;
+        Magazine magazine;
         {
             std::lock_guard lock(shared.mutex);
             if (shared.magazines.empty()) return;
             magazine = std::move(shared.magazines.back());
             shared.magazines.pop_back();
         }
-        blocks.insert(blocks.end(), magazine.begin(), magazine.end());
+        for (void* block : magazine) cache.blocks[cache.count++] = block;
     }
 
-    // Moves the last `count` blocks to the depot, or to the heap when the depot is full.
-    static void spill(std::vector<void*>& blocks, size_t count) {
-        if (count == 0) return;
-        std::vector<void*> magazine(blocks.end() - static_cast<std::ptrdiff_t>(count), blocks.end());
-        blocks.resize(blocks.size() - count);
-        {
+    // Moves the last `count` blocks of the cache to the depot, or to the heap when the depot
+    // is full or there is no memory for a magazine.
+    static void spill(Cache& cache, size_t count) noexcept {
+        cache.count -= count;
+        void** const first = cache.blocks.data() + cache.count;
+        try {
+            Magazine magazine(first, first + count);
             Depot& shared = depot();
             std::lock_guard lock(shared.mutex);
             if (shared.magazines.size() < kDepotMagazines) {
                 shared.magazines.push_back(std::move(magazine));
                 return;
             }
+        } catch (...) {
         }
-        for (void* block : magazine) release(block);
+        std::for_each(first, first + count, release);
     }
 };
 
@@ -159,7 +167,7 @@ struct DCIRecyclingAllocator {
         if (count != 1) return std::allocator<T>().allocate(count);
         return static_cast<T*>(Depot::take());
     }
-    void deallocate(T* object, size_t count) {
+    void deallocate(T* object, size_t count) noexcept {
         if (count != 1) return std::allocator<T>().deallocate(object, count);
         Depot::give(object);
     }

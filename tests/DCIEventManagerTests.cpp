@@ -11,6 +11,8 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr uint64_t kTestCategory = 42;
 
 std::shared_ptr<DCIEvent> testEvent(uint64_t type) { return DCIEvent::initWithCategory(kTestCategory, type); }
@@ -52,24 +54,32 @@ private:
 
 }  // namespace
 
-TEST_F(DCIEventManagerTest, DeliversOnTheMainThreadInEachProducersOrder) {
+// The main loop drains while the producers post in bursts, so that it often finds the queue
+// empty or a post half-way and must be woken: a lost wake-up fails by the deadline. Enough
+// events pass to fill many of the queue's blocks and reuse them.
+TEST_F(DCIEventManagerTest, DeliversOnTheMainThreadInEachProducersOrderStampedAtCreation) {
     const auto recorder = addRecorder();
-    constexpr uint64_t kPerThread = 2000;
-    std::vector<std::thread> producers;
-    for (uint64_t producer = 0; producer < 3; ++producer) {
+    constexpr uint64_t kProducers = 4, kPerThread = 20'000;
+    const auto start = DCIDate::now();
+    std::vector<std::jthread> producers;
+    for (uint64_t producer = 0; producer < kProducers; ++producer) {
         producers.emplace_back([producer] {
-            for (uint64_t i = 0; i < kPerThread; ++i) DCIEventManager::postEvent(DCIEvent::initWithCategory(100 + producer, i));
+            for (uint64_t i = 0; i < kPerThread; ++i) {
+                if (i % 500 == 0) std::this_thread::sleep_for(1ms);  // lets the loop find the queue empty
+                DCIEventManager::postEvent(DCIEvent::initWithCategory(100 + producer, i));
+            }
         });
     }
-    for (auto& producer : producers) producer.join();
-
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() == 3 * kPerThread; }));
+    ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() == kProducers * kPerThread; }, 20s));
     EXPECT_TRUE(recorder->allOnMainThread);
-    for (uint64_t producer = 0; producer < 3; ++producer) {
+    for (uint64_t producer = 0; producer < kProducers; ++producer) {
         const auto types = recorder->typesOfCategory(100 + producer);
         ASSERT_EQ(types.size(), kPerThread);
         for (uint64_t i = 0; i < kPerThread; ++i) ASSERT_EQ(types[i], i) << "producer " << producer;
     }
+    const auto stamp = recorder->events.back()->timestamp();
+    EXPECT_TRUE(stamp && *stamp >= start && *stamp <= DCIDate::now());
+    EXPECT_FALSE(DCIEvent::init()->timestamp());
 }
 
 TEST_F(DCIEventManagerTest, WhatAListenerDoesDuringDeliveryChangesOnlyLaterEvents) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -38,19 +39,15 @@ TEST(DCIAction, ClassificationLooksAtTheCategoryAndUpTheAncestryNeverDown) {
     const auto group = DCIAction::initWithCategory(7, DCIActionTypeMoveFile), step = DCIAction::initWithCategory(9, 2);
     group->setParent(download);
     step->setParent(group);
-    EXPECT_EQ(download->commonType(), DCIActionTypeDownload);
-    EXPECT_EQ(group->commonType(), 0u);
-    EXPECT_TRUE(download->isCommonActionOfType(DCIActionTypeDownload));
-    EXPECT_FALSE(download->isCommonActionOfType(DCIActionTypeMoveFile));
-    EXPECT_FALSE(group->isOfCategory(7, DCIActionTypeCopyFile));
-    EXPECT_TRUE(step->isPartOfCommonActionOfType(DCIActionTypeDownload));
-    EXPECT_FALSE(step->isCommonActionOfType(DCIActionTypeDownload));
-    EXPECT_TRUE(step->isPartOfCategory(7, DCIActionTypeMoveFile));
-    EXPECT_TRUE(step->isPartOfCategory(9, 2));
+    EXPECT_EQ(std::tuple(download->commonType(), group->commonType()), std::tuple(DCIActionTypeDownload, 0u));
     // Category 7's type 1 is not the common move.
-    EXPECT_FALSE(group->isCommonActionOfType(DCIActionTypeMoveFile));
-    EXPECT_FALSE(step->isPartOfCommonActionOfType(DCIActionTypeMoveFile));
-    EXPECT_FALSE(download->isPartOfCategory(9, 2));
+    EXPECT_EQ((std::vector<bool>{download->isCommonActionOfType(DCIActionTypeDownload),
+                                 download->isCommonActionOfType(DCIActionTypeMoveFile), group->isOfCategory(7, DCIActionTypeCopyFile),
+                                 step->isPartOfCommonActionOfType(DCIActionTypeDownload),
+                                 step->isCommonActionOfType(DCIActionTypeDownload), step->isPartOfCategory(7, DCIActionTypeMoveFile),
+                                 step->isPartOfCategory(9, 2), group->isCommonActionOfType(DCIActionTypeMoveFile),
+                                 step->isPartOfCommonActionOfType(DCIActionTypeMoveFile), download->isPartOfCategory(9, 2)}),
+              (std::vector<bool>{true, false, false, true, false, true, true, false, false, false}));
 }
 
 TEST(DCIAction, ContextStoresReplacesRemovesAndRefusesNilObjects) {
@@ -64,14 +61,13 @@ TEST(DCIAction, ContextStoresReplacesRemovesAndRefusesNilObjects) {
     action->addContextEntriesFromDictionary({{"count", int64_t{6}}, {std::string(kDCIFileManagerMoveTo), "/c.wav"}});
     action->removeContextObjectForKey("neverThere");
     action->removeContextObjectForKey(std::nullopt);
-    EXPECT_EQ(*action->contextObjectForKey("sourcePath")->string(), "/root/b.wav");
-    EXPECT_EQ(*action->contextObjectForKey(kDCIFileManagerMoveTo)->string(), "/c.wav");
-    EXPECT_EQ(action->contextObjectForKey("count")->int64Value(), 6);
-    EXPECT_TRUE(action->contextObjectForKey("nothingYet")->isNull());
-    EXPECT_EQ(action->contextObjectForKey("other")->object<DCIAction>(), other);  // shared, not copied
+    const auto value = [&](std::string_view key) { return action->contextObjectForKey(key); };
+    EXPECT_EQ(std::tuple(*value("sourcePath")->string(), *value(kDCIFileManagerMoveTo)->string(), value("count")->int64Value()),
+              std::tuple("/root/b.wav", "/c.wav", 6));
+    EXPECT_TRUE(value("nothingYet")->isNull());
+    EXPECT_EQ(value("other")->object<DCIAction>(), other);  // shared, not copied
     action->removeContextObjectForKey("count");
-    EXPECT_FALSE(action->contextObjectForKey("count").has_value());
-    EXPECT_FALSE(action->contextObjectForKey(std::nullopt).has_value());
+    EXPECT_EQ(std::tuple(value("count"), action->contextObjectForKey(std::nullopt)), std::tuple(std::nullopt, std::nullopt));
 
     // A missing object of any kind is refused with a log line; a missing key silently.
     action->setContextObject(std::nullopt, kDCIFileManagerMoveFrom);
@@ -80,7 +76,7 @@ TEST(DCIAction, ContextStoresReplacesRemovesAndRefusesNilObjects) {
     action->setContextObject(static_cast<const char*>(nullptr), "missingText");
     action->setContextObject(nullptr, "missingAnything");
     action->setContextObject("orphan", std::nullopt);
-    EXPECT_EQ(*action->contextObjectForKey(kDCIFileManagerMoveFrom)->string(), "/root/b.wav");
+    EXPECT_EQ(*value(kDCIFileManagerMoveFrom)->string(), "/root/b.wav");
     for (const char* key : {"sourcePath", "missingParent", "missingPath", "missingText", "missingAnything"}) {
         EXPECT_EQ(action->contextObjectForKey(key).has_value(), key == std::string_view("sourcePath")) << key;
         EXPECT_EQ(log.count(std::string("Not setting nil object for key ") + key), 1u) << key;
@@ -192,9 +188,7 @@ TEST(DCIAction, PrioritiesReachEveryDescendantNoAncestorAndSaturateForEachAction
         uint64_t parentAfter, childAfter;
     };
     const Case cases[] = {
-        {3, 10, -5, 0, 5},
-        {1, 5, 4, 5, 9},
-        {kTop - 1, 9, 5, kTop, 14},
+        {3, 10, -5, 0, 5}, {1, 5, 4, 5, 9}, {kTop - 1, 9, 5, kTop, 14},
         {kTop, 14, std::numeric_limits<int64_t>::min(), kTop - (uint64_t{1} << 63), 0},
     };
     for (const auto& c : cases) {

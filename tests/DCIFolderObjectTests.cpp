@@ -261,8 +261,7 @@ TEST_F(DCIFolderObjectTests, PathRelativeToFolder) {
         {"a", folderAt(tree, "a/b/c"), "../.."},          // an ancestor
         {"a/b/c", tree, "a/b/c"},                         // below
         {"a/b/c", folderAt(tree, "x/y"), "../../a/b/c"},  // cousins
-        {"a/b/c", folderAt(otherBuild, "a/d"), "../b/c"},
-        {"a/b/c", folderAt(unrelated, "a/b"), std::nullopt},
+        {"a/b/c", folderAt(otherBuild, "a/d"), "../b/c"}, {"a/b/c", folderAt(unrelated, "a/b"), std::nullopt},
         {"a/b/c", nullptr, std::nullopt},
     };
     for (const auto& [from, to, expected] : rows) {

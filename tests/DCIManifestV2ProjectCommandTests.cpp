@@ -27,11 +27,8 @@ TEST(DCIManifestV2ProjectCommandTests, TheTableEscapesAndTheExitStatusesHoldThei
     EXPECT_NE(table.find("  \\u{202E}evil\\u{85}  a\\u{A}samples  1  -  -  x.wav\n1 file\n"), std::string::npos);
 
     const std::vector<std::pair<std::string, int>> runs = {
-        {"manifest", 2},
-        {"manifest --no-such-option " + file, 2},
-        {"manifest '" + (folder / "missing.json") + "'", 2},
-        {"manifest /dev/zero", 2},
-        {"manifest " + file + " >/dev/full", 2},
+        {"manifest", 2}, {"manifest --no-such-option " + file, 2}, {"manifest '" + (folder / "missing.json") + "'", 2},
+        {"manifest /dev/zero", 2}, {"manifest " + file + " >/dev/full", 2},
     };
     for (const auto& [arguments, expected] : runs) {
         EXPECT_EQ(runKestly(arguments + " 2>/dev/null").status, expected) << arguments;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -61,16 +62,11 @@ TEST(DCIManifestV2ProjectFileItemTests, ReadsEveryField) {
                                            {"decoded_format", "wav"}}},
                              {"unknown_key", {1, 2, 3}}});
     ASSERT_NE(item, nullptr);
-    EXPECT_EQ(item->category(), "samples");
-    EXPECT_EQ(item->pathRelativeToProject(), "Samples/kick.wav");
-    EXPECT_EQ(item->fileHash(), "9f86d081");
-    EXPECT_EQ(item->fileSize(), UINT64_MAX);
-    EXPECT_EQ(item->sasID(), "  SAS/ïd 1 ");
+    EXPECT_EQ(std::tuple(item->category(), item->pathRelativeToProject(), item->fileHash(), item->fileSize(), item->sasID()),
+              std::tuple("samples", "Samples/kick.wav", "9f86d081", UINT64_MAX, "  SAS/ïd 1 "));
     EXPECT_EQ(item->downloadURL(), "https://cdn.example.com/f/1?sig=a%2Fb#part");
-    EXPECT_EQ(item->encoding(), "flac");
-    EXPECT_EQ(item->decoded_hash(), "e3b0c442");
-    EXPECT_EQ(item->decoded_size(), 99999u);
-    EXPECT_EQ(item->decoded_format(), "wav");
+    EXPECT_EQ(std::tuple(item->encoding(), item->decoded_hash(), item->decoded_size(), item->decoded_format()),
+              std::tuple("flac", "e3b0c442", 99999u, "wav"));
 }
 
 // The path an entry gets relative to its project's folder, and the line that says so where one
@@ -181,9 +177,8 @@ TEST(DCIManifestV2ProjectFileItemTests, OptionalFields) {
     EXPECT_EQ(entryWith("file_hash", "")->fileHash(), std::nullopt);
     EXPECT_EQ(entryWith("sas_id", 17)->sasID(), std::nullopt);
     const Item partial = entryWith("encoding", {{"name", "flac"}, {"decoded_hash", 5}, {"decoded_format", nullptr}});
-    EXPECT_EQ(partial->encoding(), "flac");
-    EXPECT_EQ(partial->decoded_hash(), std::nullopt);
-    EXPECT_EQ(partial->decoded_format(), std::nullopt);
+    EXPECT_EQ(std::tuple(partial->encoding(), partial->decoded_hash(), partial->decoded_format()),
+              std::tuple("flac", std::nullopt, std::nullopt));
     for (const json& encoding : {json("flac"), json::array({"flac"})}) {
         const Item item = entryWith("encoding", encoding);
         EXPECT_EQ(item->encoding(), std::nullopt) << encoding;

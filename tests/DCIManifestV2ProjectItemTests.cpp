@@ -11,9 +11,9 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
-
 
 namespace {
 
@@ -75,17 +75,13 @@ TEST(DCIManifestV2ProjectItemTests, ReadsAnAbletonLiveProjectInAnyScriptAndLogsI
         const Manifest manifest = read(abletonManifest(project));
         ASSERT_NE(manifest, nullptr) << project;
         EXPECT_NE(log.text().find(": Parsing manifest information {\"collaboration\":true,"), std::string::npos);
-        EXPECT_TRUE(manifest->isCollaboration());
-        EXPECT_FALSE(manifest->isContribution());
-        EXPECT_EQ(manifest->dateCreated(), DCIDate::dateWithTimeIntervalSince1970(1399371630));
-        EXPECT_EQ(manifest->creatorID(), 4711u);
-        EXPECT_EQ(manifest->projectName(), project);
-        EXPECT_EQ(manifest->projectFolderPath(), "Users/ann/Music/" + project);
-        EXPECT_EQ(manifest->projectOwner(), "ann");
-        EXPECT_EQ(manifest->projectUUID(), "5b1e-uuid");
-        EXPECT_EQ(manifest->projectRevisionUUID(), "5b1e-rev-2");
-        EXPECT_EQ(manifest->projectPreviousRevisionUUID(), "5b1e-rev-1");
-        EXPECT_EQ(manifest->projectType(), "ableton");
+        EXPECT_EQ(std::tuple(manifest->isCollaboration(), manifest->isContribution(), manifest->dateCreated(),
+                             manifest->creatorID(), manifest->projectName(), manifest->projectFolderPath()),
+                  std::tuple(true, false, DCIDate::dateWithTimeIntervalSince1970(1399371630), 4711u, project,
+                             "Users/ann/Music/" + project));
+        EXPECT_EQ(std::tuple(manifest->projectOwner(), manifest->projectUUID(), manifest->projectRevisionUUID(),
+                             manifest->projectPreviousRevisionUUID(), manifest->projectType()),
+                  std::tuple("ann", "5b1e-uuid", "5b1e-rev-2", "5b1e-rev-1", "ableton"));
         // Categories in the order of their names.
         EXPECT_EQ(categoriesAndPaths(manifest), (Entries{{"samples", "Samples/kick.wav"}, {"session", "Beat.als"}}));
     }
@@ -278,11 +274,9 @@ TEST(DCIManifestV2ProjectItemTests, RereadingRewritesPropertiesAndKeepsEntriesUn
     LogSince log;
     EXPECT_FALSE(item->readJSON(bytes(invalid.dump())));
     EXPECT_EQ(log.text().find("ERROR"), std::string::npos);
-    EXPECT_EQ(item->projectName(), "Song");
-    EXPECT_EQ(item->projectFolderPath(), "Projects/Song");
-    EXPECT_EQ(item->projectUUID(), std::nullopt);
-    EXPECT_EQ(item->dateCreated(), std::nullopt);
-    EXPECT_FALSE(item->isCollaboration());
+    EXPECT_EQ(std::tuple(item->projectName(), item->projectFolderPath(), item->projectUUID(), item->dateCreated(),
+                         item->isCollaboration()),
+              std::tuple("Song", "Projects/Song", std::nullopt, std::nullopt, false));
     EXPECT_EQ(categoriesAndPaths(item), (Entries{{"samples", "Samples/kick.wav"}, {"session", "Beat.als"}}));
 
     EXPECT_FALSE(item->readJSON(bytes("{")));

@@ -58,11 +58,13 @@ std::vector<std::filesystem::path> setAsideFiles(const TemporaryDirectory& folde
 
 class SHACacheTest : public ::testing::Test {
 protected:
-    // Answers "sas:<name>" and counts its calls: one call per miss.
+    // Answers "sas:<name>", nothing for names that start with "unknown", and counts its calls:
+    // one call per miss.
     DCISasIDCalculator countingCalculator() {
-        return [this](const std::string& path) {
+        return [this](const std::string& path) -> std::optional<std::string> {
             ++calculatorCalls;
-            return std::optional<std::string>("sas:" + std::filesystem::path(path).filename().string());
+            const std::string name = std::filesystem::path(path).filename().string();
+            return name.starts_with("unknown") ? std::nullopt : std::optional("sas:" + name);
         };
     }
 
@@ -82,13 +84,16 @@ TEST_F(SHACacheTest, AnswersFromItsRecordWhileTheModificationTimeIsUnchanged) {
     EXPECT_EQ(cache->SHAForFile(path), record->sha);
     EXPECT_EQ(cache->SHAForFileEco(path), record->sha);
     EXPECT_EQ(cache->SasIDForFile(path), "sas:a.wav");
-    EXPECT_EQ(calculatorCalls, 1);
+    // No answer is an answer too: asked once, remembered and stored (see the reload).
+    const std::string unknown = folder.writeFile("unknown.wav", "content");
+    for (int i = 0; i < 2; ++i) EXPECT_FALSE(cache->SasIDForFile(unknown));
+    EXPECT_EQ(calculatorCalls, 2);
 
     folder.writeFile("a.wav", "second content");
     setModificationTime(path, kSomeSecond);
     EXPECT_EQ(cache->SHAForFileEco(path), KSTSha256ForFileAtPath(path));
     EXPECT_EQ(cache->recordForFile(path)->stamp.mdate, dateAt(kSomeSecond));
-    EXPECT_EQ(calculatorCalls, 2);
+    EXPECT_EQ(calculatorCalls, 3);
 }
 
 TEST_F(SHACacheTest, ChangesWithinTheSecondAreHashedAgainInThisRunAndTheNext) {
@@ -130,22 +135,6 @@ TEST_F(SHACacheTest, AnswersNothingAndStoresNothingWithoutAFile) {
     EXPECT_EQ(calculatorCalls, 0);
 }
 
-// A calculator that answers nothing is asked once; the empty answer is remembered and stored.
-TEST_F(SHACacheTest, StoresAnEmptySasIDWhenThereIsNoAnswer) {
-    const std::string path = folder.writeFile("a.wav", "content");
-    int calls = 0;
-    auto cache = DCISHACache::initWithCachePath(cachePath, [&](const std::string&) {
-        ++calls;
-        return std::optional<std::string>();
-    });
-    EXPECT_FALSE(cache->SasIDForFile(path));
-    EXPECT_FALSE(cache->SasIDForFile(path));
-    EXPECT_EQ(cache->SHAForFile(path), KSTSha256ForFileAtPath(path));
-    EXPECT_EQ(calls, 1);
-    cache.reset();
-    EXPECT_EQ(storedSasIDs(cachePath), (std::map<std::string, std::string>{{path, ""}}));
-}
-
 // A regular file whose reading fails at once: the first page of the address space is never mapped.
 TEST_F(SHACacheTest, TriesAgainAFileThatCouldNotBeHashed) {
     const std::string path = "/proc/self/mem";
@@ -169,30 +158,32 @@ TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
     setModificationTime(kept, 10'413'792'000, 123'456'789);  // 2300-01-01, past 64-bit nanoseconds
     const std::string modified = folder.writeFile("modified.wav", "modified");
     const std::string deleted = folder.writeFile("deleted.wav", "deleted");
+    const std::string unknown = folder.writeFile("unknown.wav", "unknown");
     {
         auto cache = makeCache();
-        for (const auto& path : {kept, modified, deleted}) cache->SHAForFile(path);
+        for (const auto& path : {kept, modified, deleted, unknown}) cache->SHAForFile(path);
         cache->persist();
     }
     setModificationTime(modified, kSomeSecond);
     std::filesystem::remove(deleted);
 
     auto reloaded = makeCache();
-    EXPECT_EQ(reloaded->shaCache().size(), 1u);
+    EXPECT_EQ(reloaded->shaCache().size(), 2u);
     EXPECT_EQ(reloaded->shaCache().at(kept).stamp.mdate, dateAt(10'413'792'000, 123'456'789));
     EXPECT_EQ(reloaded->SHAForFile(kept), KSTSha256ForFileAtPath(kept));
     EXPECT_EQ(reloaded->SasIDForFile(kept), "sas:kept.wav");
-    EXPECT_EQ(calculatorCalls, 3) << "the kept file is not read again";
+    EXPECT_EQ(reloaded->SasIDForFile(unknown), std::nullopt);
+    EXPECT_EQ(calculatorCalls, 4) << "the kept files are not read again";
     EXPECT_TRUE(reloaded->dirty()) << "the dropped records are to be removed from the file";
     reloaded->persist();
     reloaded->waitUntilPersisted();
-    EXPECT_EQ(storedSasIDs(cachePath), (std::map<std::string, std::string>{{kept, "sas:kept.wav"}}));
+    EXPECT_EQ(storedSasIDs(cachePath), (std::map<std::string, std::string>{{kept, "sas:kept.wav"}, {unknown, ""}}));
 
     // Writes scheduled before a reload are seen by it.
     for (int i = 0; i < 200; ++i) reloaded->SHAForFile(folder.writeFile("f" + std::to_string(i), std::to_string(i)));
     reloaded->persist();
     reloaded->loadCachedSHAData();
-    EXPECT_EQ(reloaded->shaCache().size(), 201u);
+    EXPECT_EQ(reloaded->shaCache().size(), 202u);
     EXPECT_FALSE(reloaded->dirty());
 }
 

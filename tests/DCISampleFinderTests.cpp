@@ -95,8 +95,7 @@ TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritic
     } cases[] = {
         {"CAFE.wav", {"Café.wav", "cafe.wav"}},  // diacritics on the file's side
         {"cafÉ.WAV", {"Café.wav", "cafe.wav"}},  // and on the name's
-        {"k?ck.wav", {"kick.wav"}},
-        {"k*ck.wav", {"kick.wav", "kiick.wav"}},
+        {"k?ck.wav", {"kick.wav"}}, {"k*ck.wav", {"kick.wav", "kiick.wav"}},
         {"kick", {}},  // the whole name, not a part of it
         {"*.AIF", {"sub/Kick 01.aif"}},
         {"[x].wav", {"[x].wav"}},  // glob characters stand for themselves
@@ -155,13 +154,11 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns
         uint64_t size, duration;
         std::optional<std::string> found;
     } cases[] = {
-        {"Loop.wav", "id-c", none, 0, 0, c},
-        {"Loop.wav", "id-none", KSTSha256ForFileAtPath(c), 0, 0, c},
+        {"Loop.wav", "id-c", none, 0, 0, c}, {"Loop.wav", "id-none", KSTSha256ForFileAtPath(c), 0, 0, c},
         {"Loop.wav", "id-none", none, sizeOf(c), 0, none},  // identifiers decide alone
         {"Loop.wav", none, none, sizeOf(c), 1000, c},
         {"Loop.wav", none, none, 0, 1000, tree / "b/Loop.wav"},  // a/ cannot be read
-        {"Loop.wav", none, none, 0, 0, none},
-        {"Kick/Snare.wav", none, none, sizeOf(slashed), 0, slashed},
+        {"Loop.wav", none, none, 0, 0, none}, {"Kick/Snare.wav", none, none, sizeOf(slashed), 0, slashed},
         {none, none, none, sizeOf(c), 0, none},
     };
     for (const auto& test : cases) {
@@ -187,8 +184,7 @@ TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone)
         {"pcm.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 48000, 777},
         {"lossless.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 22050, 4096},
         {"vorbis.ogg", SF_FORMAT_OGG | SF_FORMAT_VORBIS, 44100, 9000},
-        {"layer3.mp3", SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III, 44100, 44100},
-        {"notes.wav", 0, 7, 7},
+        {"layer3.mp3", SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III, 44100, 44100}, {"notes.wav", 0, 7, 7},
         {"fifo.wav", 0, 7, 7},
     };
     for (const auto& test : cases) {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 class Named : public DCIObject {
 public:
@@ -26,16 +28,12 @@ TEST(DCIValue, DescribesEachKindAsTheOriginalPlatformPrintsIt) {
 }
 
 TEST(DCIValue, NumbersConvertOtherKindsDoNotAndEqualityIsByKindValueAndIdentity) {
-    EXPECT_EQ(DCIValue(int64_t{3}).uint64Value(), 3u);
-    EXPECT_EQ(DCIValue(uint64_t{7}).int64Value(), 7);
-    EXPECT_EQ(DCIValue(2.9).int64Value(), 2);
-    EXPECT_EQ(DCIValue(0).boolValue(), false);
-    EXPECT_EQ(DCIValue(5).boolValue(), true);
-    EXPECT_FALSE(DCIValue("3").int64Value().has_value());
-    EXPECT_FALSE(DCIValue().doubleValue().has_value());
+    EXPECT_EQ(std::tuple(DCIValue(int64_t{3}).uint64Value(), DCIValue(uint64_t{7}).int64Value(), DCIValue(2.9).int64Value(),
+                         DCIValue(0).boolValue(), DCIValue(5).boolValue()),
+              std::tuple(3u, 7, 2, false, true));
+    EXPECT_EQ(std::tuple(DCIValue("3").int64Value(), DCIValue().doubleValue(), DCIValue(4).string()),
+              std::tuple(std::nullopt, std::nullopt, nullptr));
     EXPECT_EQ(*DCIValue("3").string(), "3");
-    EXPECT_EQ(DCIValue(4).string(), nullptr);
-
     const auto named = std::make_shared<Named>("x");
     EXPECT_EQ(DCIValue(named).object<Named>(), named);
     EXPECT_EQ(DCIValue("x").object(), nullptr);

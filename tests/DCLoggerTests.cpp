@@ -60,8 +60,7 @@ TEST(DCLogger, AFirstRunMakesAPrivateFolderAndLogAndTheNextKeepsOneGeneration) {
 
 TEST(DCLogger, ThePerUserTemporaryDirectory) {
     const std::tuple<const char*, const char*, std::string> cases[] = {
-        {"/var/tmp/mine", "/run/user/7", "/var/tmp/mine"},
-        {"", "/run/user/7", "/run/user/7/kestly"},
+        {"/var/tmp/mine", "/run/user/7", "/var/tmp/mine"}, {"", "/run/user/7", "/run/user/7/kestly"},
         {nullptr, nullptr, "/tmp/kestly-" + std::to_string(geteuid())}};
     for (const auto& [tmpdir, runtime, expected] : cases) {
         ScopedEnvironment temporary("TMPDIR", tmpdir), xdg("XDG_RUNTIME_DIR", runtime);

@@ -30,8 +30,7 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         {"bodies in URL order", "{}/b.txt {}/a.txt", 0, "worldhello"},
         {"one file per URL", "-d " + folder.path().string() + " {}/a.txt {}/b.txt", 0, ""},
         {"404 is no success", "--json {}/a.txt {}/missing", 1, "Completed 200 5\nCompleted 404 0\n"},
-        {"-o with two URLs", "-o out {}/a.txt {}/b.txt", 2, ""},
-        {"malformed header", "-H nocolon {}/a.txt", 2, ""},
+        {"-o with two URLs", "-o out {}/a.txt {}/b.txt", 2, ""}, {"malformed header", "-H nocolon {}/a.txt", 2, ""},
         {"method that is no token", "--json -X 'GET /b.txt HTTP/1.1' {}/a.txt", 1, "Failed null 0\n"},
     };
     for (const auto& invocation : invocations) {

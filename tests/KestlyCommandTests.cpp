@@ -1,0 +1,202 @@
+// The `kestly` program of this build run as a person runs it, with arguments, standard input
+// and a terminal's worth of output: scan, download, manifest and watch.
+
+#include "support/KestlyProgram.h"
+#include "support/LoopbackHTTPServer.h"
+#include "support/TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class KestlyScanCommandTests : public ::testing::Test {
+protected:
+    // Runs `kestly scan` with `arguments` (already quoted), with $XDG_CACHE_HOME in `caches`.
+    ProgramRun scan(const std::string& arguments) const {
+        const ScopedEnvironment cacheHome("XDG_CACHE_HOME", caches.path().c_str());
+        return runKestly("scan " + arguments + " 2>" + shellQuoted(caches / "stderr"));
+    }
+    std::string errors() const { return readWholeFile(caches / "stderr"); }
+
+    // The root is given unstandardised, to be printed standardised.
+    ProgramRun scanJSON() const {
+        return scan(shellQuoted(root.path().string() + "/./") + " --primary-ext ALS --secondary-ext wav --json");
+    }
+
+    TemporaryDirectory root;
+    TemporaryDirectory caches;
+};
+
+// A name that is not UTF-8 is carried with a replacement character.
+TEST_F(KestlyScanCommandTests, JSONListsTheTreeSortedAndCachesItsHashes) {
+    root.writeFiles({"b/kick.wav", "a/Song.als", "a/notes.txt", "caf\xe9.wav"});
+    root.makeFolder("a/empty");
+    const std::string song = root / "a/Song.als";
+    setModificationTime(song, 1'000'000'000);
+
+    const ProgramRun first = scanJSON();
+    ASSERT_EQ(first.status, 0) << errors();
+    auto document = nlohmann::json::parse(first.output);
+    EXPECT_GT(document["files"][0]["created"], 1'000'000'000);
+    for (auto& file : document["files"]) file.erase("created");
+    const auto file = [](const char* path) { return nlohmann::json{{"path", path}, {"sha256", kSHA256OfABC}}; };
+    auto expected = nlohmann::json{{"root", root.path().string()}, {"folders", {"a", "a/empty", "b"}},
+                                   {"files", {file("a/Song.als"), file("b/kick.wav"), file("caf\uFFFD.wav")}},
+                                   {"hashed", 3}, {"cacheHits", 0}};
+    expected["files"][0]["modified"] = 1'000'000'000;
+    document["files"][1].erase("modified");
+    document["files"][2].erase("modified");
+    EXPECT_EQ(document, expected);
+    EXPECT_TRUE(fs::exists(caches / "kestly/primary.sqlite") && fs::exists(caches / "kestly/secondary.sqlite"));
+
+    const auto counts = [](const nlohmann::json& run) { return std::pair(run["hashed"], run["cacheHits"]); };
+    const auto again = nlohmann::json::parse(scanJSON().output);
+    EXPECT_EQ(counts(again), std::pair(nlohmann::json(0), nlohmann::json(3)));
+    setModificationTime(song, 1'100'000'000);
+    EXPECT_EQ(counts(nlohmann::json::parse(scanJSON().output)), std::pair(nlohmann::json(1), nlohmann::json(2)));
+}
+
+TEST_F(KestlyScanCommandTests, SummaryCountsWhatWasFoundAndRead) {
+    root.writeFile("a/kick.wav", "abc");
+    root.writeFile("snare.wav", "abcd");
+    const std::string ownCaches = caches.makeFolder("own");
+    const std::string arguments = shellQuoted(root.path().string()) + " --secondary-ext wav --primary-cache " +
+                                  shellQuoted(ownCaches + "/p.db") + " --secondary-cache " + shellQuoted(ownCaches + "/s.db");
+    const ProgramRun run = scan(arguments);
+    ASSERT_EQ(run.status, 0) << errors();
+    EXPECT_TRUE(run.output.starts_with("folders: 1, files: 2, bytes hashed: 7 (2 files read), cache hits: 0, time: "))
+        << run.output;
+    EXPECT_TRUE(fs::exists(ownCaches + "/s.db"));
+    EXPECT_FALSE(fs::exists(caches / "kestly")) << "no default cache is made when both are given";
+}
+
+TEST_F(KestlyScanCommandTests, AMissingRootIsAnErrorOfStatusTwo) {
+    const ProgramRun run = scan(shellQuoted(root / "missing"));
+    EXPECT_EQ(run.status, 2);
+    EXPECT_TRUE(run.output.empty());
+    EXPECT_TRUE(errors().starts_with("kestly: " + (root / "missing") + ": ")) << errors();
+}
+
+TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
+    const LoopbackHTTPServer server([](httplib::Server& http) {
+        http.Get("/(a|b).txt", [](const httplib::Request& request, httplib::Response& response) {
+            response.set_content(request.matches[1] == "a" ? "hello" : "world", "text/plain");
+        });
+    });
+    const TemporaryDirectory folder;
+
+    const struct {
+        const char* name;
+        std::string arguments;  // "{}" stands for the server's address
+        int status;
+        std::string output;  // standard output, or for --json "status statusCode bytes" of each result
+    } invocations[] = {
+        {"bodies in URL order", "{}/b.txt {}/a.txt", 0, "worldhello"},
+        {"one file per URL", "-d " + folder.path().string() + " {}/a.txt {}/b.txt", 0, ""},
+        {"404 is no success", "--json {}/a.txt {}/missing", 1, "Completed 200 5\nCompleted 404 0\n"},
+        {"-o with two URLs", "-o out {}/a.txt {}/b.txt", 2, ""}, {"malformed header", "-H nocolon {}/a.txt", 2, ""},
+        {"method that is no token", "--json -X 'GET /b.txt HTTP/1.1' {}/a.txt", 1, "Failed null 0\n"},
+    };
+    for (const auto& invocation : invocations) {
+        SCOPED_TRACE(invocation.name);
+        std::string arguments = invocation.arguments;
+        for (size_t at; (at = arguments.find("{}")) != std::string::npos;) arguments.replace(at, 2, server.url(""));
+        auto [status, output] = runKestly("download " + arguments + " 2>/dev/null");
+        EXPECT_EQ(status, invocation.status);
+
+        if (arguments.starts_with("--json")) {
+            // One line per action as it ends, in whatever order the workers finish.
+            std::istringstream lines(output);
+            std::set<std::string> results;
+            for (std::string line; std::getline(lines, line);) {
+                const auto json = nlohmann::json::parse(line);
+                if (!json.contains("status")) continue;  // a progress line
+                results.insert(json["status"].get<std::string>() + " " + json["statusCode"].dump() + " " +
+                               json["bytes"].dump() + "\n");
+            }
+            output.clear();
+            for (const auto& result : results) output += result;
+        }
+        EXPECT_EQ(output, invocation.output);
+    }
+    EXPECT_EQ(readWholeFile(folder / "a.txt") + readWholeFile(folder / "b.txt"), "helloworld");
+}
+
+// A title sequence, colours, a forged table row, a reordering mark, a C1 control and a
+// backslash that must not pass for an escape.
+constexpr const char* kHostileManifest = R"({"creator_id": 1, "path": "P", "username": "ann", "uuid": "u",
+    "name": "\u001b]0;title\u0007\u001b[31mred\\x41", "files": {"samples": [{"path": "P/a\nsamples  1  -  -  x.wav",
+    "file_hash": "", "file_size": 1, "url": "u", "sas_id": "\u202eevil\u0085"}]}})";
+
+TEST(DCIManifestV2ProjectCommandTests, TheTableEscapesAndTheExitStatusesHoldTheirWord) {
+    TemporaryDirectory folder;
+    const std::string file = "'" + folder.writeFile("m.json", kHostileManifest) + "'";
+    const auto [status, table] = runKestly("manifest " + file + " 2>/dev/null");
+    ASSERT_EQ(status, 0);
+    EXPECT_NE(table.find("name               \\u{1B}]0;title\\u{7}\\u{1B}[31mred\\\\x41\n"), std::string::npos);
+    EXPECT_NE(table.find("  \\u{202E}evil\\u{85}  a\\u{A}samples  1  -  -  x.wav\n1 file\n"), std::string::npos);
+
+    const std::vector<std::pair<std::string, int>> runs = {
+        {"manifest", 2}, {"manifest --no-such-option " + file, 2}, {"manifest '" + (folder / "missing.json") + "'", 2},
+        {"manifest /dev/zero", 2}, {"manifest " + file + " >/dev/full", 2},
+    };
+    for (const auto& [arguments, expected] : runs) {
+        EXPECT_EQ(runKestly(arguments + " 2>/dev/null").status, expected) << arguments;
+    }
+}
+
+TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
+    const TemporaryDirectory folder;
+    const std::string root = folder.makeFolder("root");
+    folder.writeFile("root/a.wav", "a");
+    const std::string caches = " --primary-cache " + shellQuoted(folder / "p.sqlite") + " --secondary-cache " +
+                               shellQuoted(folder / "s.sqlite");
+    auto watch = [&](const std::string& arguments, const std::string& input) {
+        std::ofstream(folder / "input") << input;
+        return runKestly("watch " + arguments + caches + " <" + shellQuoted(folder / "input") + " 2>/dev/null");
+    };
+    // The three lines of an action that runs to completion.
+    auto completed = [](const std::string& op, const std::string& paths) {
+        const std::string action = "action " + op;
+        return action + " Pending " + paths + "\n" + action + " Running " + paths + "\n" + action + " Completed " + paths + "\n";
+    };
+    struct Case { const char* name; std::string arguments, input; int status; std::string output; };
+    const Case cases[] = {
+        {"missing root", shellQuoted(folder / "missing"), "", 3, "root removed\nstopped\n"},
+        // The mkdir is queued first and must run first, though the queue hands out the newest first.
+        {"commands in order", shellQuoted(root),
+         "mkdir " + root + "/D\nmove " + root + "/a.wav " + root + "/D/a.wav\nstop\n", 0,
+         completed("mkdir", root + "/D") + completed("move", root + "/a.wav -> " + root + "/D/a.wav") + "stopped\n"},
+        {"a JSON path under the wrong key", shellQuoted(root) + " --json",
+         R"({"op": "move", "path": ")" + root + R"(/D/a.wav", "to": ")" + root + "/b.wav\"}\nstop\n", 0,
+         "{\"event\":\"FileManagerStopped\",\"type\":2}\n"},
+        {"no root", "", "", 2, ""},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        auto run = watch(test.arguments, test.input);
+        EXPECT_EQ(run.status, test.status);
+        // Commands may be queued before the ready line or after it: it is checked on its own.
+        const std::string ready = test.arguments.find("--json") == std::string::npos
+                                      ? "ready\n" : "{\"event\":\"FileManagerReady\",\"type\":1}\n";
+        const size_t readyAt = run.output.find(ready);
+        EXPECT_EQ(readyAt != std::string::npos, test.status != 2);
+        if (readyAt != std::string::npos) run.output.erase(readyAt, ready.size());
+        EXPECT_EQ(run.output, test.output);
+    }
+    EXPECT_TRUE(fs::exists(root + "/D/a.wav"));
+    EXPECT_FALSE(fs::exists(root + "/b.wav"));
+}
+
+}  // namespace

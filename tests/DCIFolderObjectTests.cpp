@@ -1,4 +1,5 @@
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
+#include "CoreKestly/FileSystem/DCIFileObject.h"
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 #include "CoreKestly/FileSystem/DCISHACache.h"
 #include "CoreKestly/Platform/KestlyPath.h"
@@ -49,6 +50,9 @@ protected:
 
     std::shared_ptr<DCIFolderObject> buildTree() {
         return DCIFolderObject::initWithPath(root.path().string(), nullptr, queries);
+    }
+    std::shared_ptr<DCIFileObject> fileNamed(const std::string& name) {
+        return DCIFileObject::initWithFileName(name, buildTree());
     }
 
     static std::shared_ptr<DCIFolderObject> folderAt(const std::shared_ptr<DCIFolderObject>& tree,
@@ -247,30 +251,6 @@ TEST_F(DCIFolderObjectTests, UpdateAddsANewFolderWithItsSubtreeKeepsAKnownOneAnd
     EXPECT_FALSE(tree->exists());
 }
 
-// Folders meet by absolute path: one of another build of the same tree serves, one of another
-// tree never does.
-TEST_F(DCIFolderObjectTests, PathRelativeToFolder) {
-    for (const char* folder : {"a/b/c", "a/d", "x/y"}) root.makeFolder(folder);
-    const auto tree = buildTree(), otherBuild = buildTree();
-    TemporaryDirectory elsewhere;
-    elsewhere.makeFolder("a/b");
-    const auto unrelated = DCIFolderObject::initWithPath(elsewhere.path().string(), nullptr, queries);
-    const std::vector<std::tuple<std::string, std::shared_ptr<DCIFolderObject>, std::optional<std::string>>> rows = {
-        {"a/d", folderAt(tree, "a/b"), "../d"},           // siblings
-        {"a/b", folderAt(tree, "a/b"), ""},               // itself
-        {"a", folderAt(tree, "a/b/c"), "../.."},          // an ancestor
-        {"a/b/c", tree, "a/b/c"},                         // below
-        {"a/b/c", folderAt(tree, "x/y"), "../../a/b/c"},  // cousins
-        {"a/b/c", folderAt(otherBuild, "a/d"), "../b/c"}, {"a/b/c", folderAt(unrelated, "a/b"), std::nullopt},
-        {"a/b/c", nullptr, std::nullopt},
-    };
-    for (const auto& [from, to, expected] : rows) {
-        EXPECT_EQ(folderAt(tree, from)->pathRelativeToFolder(to), expected) << from;
-    }
-    EXPECT_TRUE(folderAt(tree, "a")->isEqual(*folderAt(otherBuild, "a")));
-    EXPECT_EQ(folderAt(tree, "a")->hash(), folderAt(otherBuild, "a")->hash());
-}
-
 TEST_F(DCIFolderObjectTests, SearchFindsTheNearestMatchFirst) {
     root.writeFiles({"a/b/deep.wav", "a/near.wav"});
     root.writeFile("z/unique.wav", "unique");
@@ -318,6 +298,110 @@ TEST_F(DCIFolderObjectTests, ReadersKeepAnUnchangingDictionaryWhileUpdatesRun) {
     done = true;
     reader.join();
     EXPECT_EQ(unexpected, 0);
+}
+
+// None but the regular file could ever be hashed; opening a FIFO without a writer could block.
+TEST_F(DCIFolderObjectTests, IsMadeOnlyForARegularFile) {
+    root.writeFile("kick.wav", "abc");
+    fs::create_symlink(root / "missing.wav", root / "dangling.wav");
+    ASSERT_EQ(mkfifo((root / "pipe.wav").c_str(), 0600), 0);
+    fs::create_symlink("/dev/null", root / "null.wav");
+    root.makeFolder("folder.wav");
+    ASSERT_NE(fileNamed("kick.wav"), nullptr);
+    for (const char* name : {"missing.wav", "dangling.wav", "pipe.wav", "null.wav", "folder.wav"}) {
+        EXPECT_EQ(fileNamed(name), nullptr) << name;
+    }
+    EXPECT_EQ(DCIFileObject::initWithFileName("kick.wav", nullptr), nullptr);
+    if (geteuid() != 0) {  // permissions do not bind the superuser
+        ASSERT_EQ(chmod((root / "kick.wav").c_str(), 0), 0);
+        EXPECT_EQ(fileNamed("kick.wav"), nullptr);
+    }
+}
+
+// Setting the modification time stamps the status-change time with now, a visibly different clock.
+TEST_F(DCIFolderObjectTests, DatesAreTheWholeSecondsOfTheTargetReadWhenAskedAndKeptWhenItIsGone) {
+    const std::string target = root.writeFile("samples/kick.wav", "abc");
+    fs::create_symlink(target, root / "link.wav");
+    const auto file = fileNamed("link.wav");
+    // 2001, 1969 (rounded down) and 2300, past what 64-bit nanoseconds reach.
+    for (const time_t seconds : {1'000'000'000L, -1L, 10'413'792'000L}) {
+        setModificationTime(target, seconds, 700'000'000);
+        EXPECT_NE(file->modifiedDate().timeIntervalSince1970(), static_cast<double>(seconds)) << "read only when asked";
+        EXPECT_TRUE(file->updateAttributes());
+        struct stat status;
+        ASSERT_EQ(stat(target.c_str(), &status), 0);
+        EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), static_cast<double>(seconds));
+        EXPECT_EQ(file->createdDate().timeIntervalSince1970(), static_cast<double>(status.st_ctim.tv_sec));
+    }
+    const DCIDate created = file->createdDate();
+    fs::remove(target);
+    EXPECT_FALSE(file->updateAttributes());
+    EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), 10'413'792'000.0);
+    EXPECT_EQ(file->createdDate(), created);
+}
+
+// Files and folders meet by absolute path: those of another build of the same tree serve, those
+// of another tree never do. A file let go by its tree keeps its path.
+TEST_F(DCIFolderObjectTests, PathsAndIdentityFollowTheAbsolutePath) {
+    for (const char* folder : {"a/b/c", "a/d", "x/y"}) root.makeFolder(folder);
+    root.writeFiles({"top.wav", "a/b/deep.wav"});
+    auto tree = buildTree();
+    {  // the rows hold on to folders of the tree
+        const auto otherBuild = buildTree();
+        TemporaryDirectory elsewhere;
+        elsewhere.makeFolder("a/b");
+        const auto unrelated = DCIFolderObject::initWithPath(elsewhere.path().string(), nullptr, queries);
+        const std::vector<std::tuple<std::string, std::shared_ptr<DCIFolderObject>, std::optional<std::string>>> rows = {
+            {"a/d", folderAt(tree, "a/b"), "../d"},           // siblings
+            {"a/b", folderAt(tree, "a/b"), ""},               // itself
+            {"a", folderAt(tree, "a/b/c"), "../.."},          // an ancestor
+            {"a/b/c", tree, "a/b/c"},                         // below
+            {"a/b/c", folderAt(tree, "x/y"), "../../a/b/c"},  // cousins
+            {"a/b/c", folderAt(otherBuild, "a/d"), "../b/c"}, {"a/b/c", folderAt(unrelated, "a/b"), std::nullopt},
+            {"a/b/c", nullptr, std::nullopt},
+        };
+        for (const auto& [from, to, expected] : rows) EXPECT_EQ(folderAt(tree, from)->pathRelativeToFolder(to), expected) << from;
+        EXPECT_EQ((DCIFolderSet{folderAt(tree, "a"), folderAt(otherBuild, "a"), folderAt(tree, "x")}.size()), 2u);
+    }
+
+    const auto top = tree->files()->at("top.wav");
+    auto b = folderAt(tree, "a/b");
+    const auto deep = b->files()->at("deep.wav");
+    EXPECT_EQ(std::tuple(deep->absolutePath(), deep->relativePath()), std::tuple(root / "a/b/deep.wav", "a/b/deep.wav"));
+    root.writeFile("top.wav", "different content");
+    const auto topAgain = buildTree()->files()->at("top.wav");
+    EXPECT_NE(top, topAgain);
+    EXPECT_EQ((DCIFileSet{top, topAgain, deep}.size()), 2u);
+    // A folder at the file's path is something else.
+    const auto folderAtFilePath = DCIFolderObject::initWithPath(top->absolutePath(), nullptr, queries);
+    ASSERT_NE(folderAtFilePath, nullptr);
+    EXPECT_FALSE(top->isEqual(*folderAtFilePath) || folderAtFilePath->isEqual(*top));
+
+    const uint64_t identity = deep->hash();
+    fs::rename(root / "a", root / "renamed");
+    tree.reset();
+    b.reset();
+    EXPECT_EQ(std::tuple(deep->parent(), deep->absolutePath(), deep->hash(), deep->relativePath()),
+              std::tuple(nullptr, root / "a/b/deep.wav", identity, "deep.wav"));
+    EXPECT_EQ(deep->pathRelativeToFolder(buildTree()), std::nullopt);
+}
+
+// A hash is computed on first use, by every thread that asks for it at once, and then kept.
+TEST_F(DCIFolderObjectTests, FileHashIsComputedOnFirstUseAndThenKept) {
+    const std::string path = root.writeFile("kick.wav", "abc");
+    const auto file = fileNamed("kick.wav");
+    std::vector<std::optional<std::string>> answers(8);
+    {
+        std::vector<std::jthread> threads;
+        for (auto& answer : answers) threads.emplace_back([&] { answer = file->fileHash(); });
+    }
+    for (const auto& answer : answers) EXPECT_EQ(answer, kSHA256OfABC);
+    fs::remove(path);
+    EXPECT_EQ(file->fileHash(), kSHA256OfABC) << "a stored hash is not recomputed";
+    file->setFileHash(std::nullopt);
+    EXPECT_EQ(file->fileHash(), std::nullopt);
+    root.writeFile("kick.wav", "abc");
+    EXPECT_EQ(file->fileHash(), kSHA256OfABC) << "a failed computation is tried again";
 }
 
 }  // namespace

@@ -174,8 +174,7 @@ TEST_F(DCIActionQueueTest, PausedQueuesTakeButHandOutNothingAndTellOnlyRealTrans
         queue_->pause();
     }).join();
     queue_->addAction(second);
-    EXPECT_EQ(second->status(), DCIActionStatusPending);
-    EXPECT_EQ(queue_->popNextAction(), nullptr);
+    EXPECT_EQ(std::tuple(second->status(), queue_->popNextAction()), std::tuple(DCIActionStatusPending, std::shared_ptr<DCIAction>()));
     EXPECT_EQ(heard, (Heard{{true, false, false, pauser}, {false, true, true, pauser}}));
 
     heard.clear();
@@ -203,8 +202,7 @@ TEST_F(DCIActionQueueTest, ObserversMayChangeTheQueueFromTheirCallback) {
         }
     });
     queue_->pause();
-    EXPECT_EQ(calls, 2);
-    EXPECT_TRUE(queue_->running());
+    EXPECT_EQ(std::tuple(calls, queue_->running()), std::tuple(2, true));
 
     // An addition is told once the action can be taken; a removed observer hears no more.
     const auto action = DCIAction::init();
@@ -230,8 +228,7 @@ TEST(DCIActionQueue, HoldsActionsOnlyWhileTheyWait) {
     queue->addAction(std::exchange(second, nullptr));
     EXPECT_FALSE(taken.expired());
     queue->popNextAction();
-    EXPECT_TRUE(taken.expired());
-    EXPECT_FALSE(left.expired());
+    EXPECT_EQ(std::tuple(taken.expired(), left.expired()), std::tuple(true, false));
     queue.reset();
     EXPECT_TRUE(left.expired());
 }
@@ -276,11 +273,9 @@ TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
     });
     for (auto& thread : threads) thread.join();
     ASSERT_EQ(takenCount, kTotal) << "actions were lost";
-
     std::set<std::shared_ptr<DCIAction>> distinct;
     for (const auto& taken : takenBy) distinct.insert(taken.begin(), taken.end());
-    EXPECT_EQ(distinct.size(), kTotal);
-    EXPECT_EQ(queue_->popNextAction(), nullptr);
+    EXPECT_EQ(std::tuple(distinct.size(), queue_->popNextAction()), std::tuple(kTotal, std::shared_ptr<DCIAction>()));
 
     // Each was announced pending once, from the adders' threads, without their waiting for
     // the main thread, which was blocked in join.

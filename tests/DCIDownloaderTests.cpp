@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 
 namespace {
 
@@ -167,13 +168,12 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
         run(action);
 
         const auto value = [&](std::string_view key) { return action->contextObjectForKey(key); };
-        EXPECT_EQ(action->status(), outcome.status);
         const auto statusCode = value(kDCIDownloaderResponseStatusCodeKey);
-        EXPECT_EQ(statusCode ? statusCode->int64Value() : none, outcome.statusCode);
-        EXPECT_EQ(downloadedSize(action), outcome.currentSize);
-        EXPECT_EQ(value(kDCIDownloaderTotalDownloadSizeKey)->uint64Value(), outcome.totalSize);
         const auto etag = value(kDCIDownloaderEtag);
-        EXPECT_EQ(etag ? std::optional(etag->description()) : none, outcome.etag);
+        EXPECT_EQ(std::tuple(action->status(), statusCode ? statusCode->int64Value() : none, downloadedSize(action),
+                             value(kDCIDownloaderTotalDownloadSizeKey)->uint64Value(),
+                             etag ? std::optional(etag->description()) : none),
+                  std::tuple(outcome.status, outcome.statusCode, outcome.currentSize, outcome.totalSize, outcome.etag));
 
         const auto data = value(kDCIDownloaderDataKey);
         EXPECT_EQ(data.has_value(), !toFile && outcome.body);
@@ -203,8 +203,7 @@ TEST_F(DCIDownloaderTest, HostStopsARunningDownloadAtItsNextChunkAndTheWorkerGoe
         const auto next = dataDownload("/reply?status=200&size=10");
         run(next);
 
-        EXPECT_EQ(next->status(), DCIActionStatusCompleted);
-        EXPECT_EQ(action->status(), stop);
+        EXPECT_EQ(std::tuple(next->status(), action->status()), std::tuple(DCIActionStatusCompleted, stop));
         const std::string kept = readWholeFile(destination);
         EXPECT_TRUE(kept.size() > 0 && kept.size() < 200'000) << kept.size();
         EXPECT_EQ(kept, pattern(kept.size()));  // the start of what the server sent

@@ -12,12 +12,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -26,8 +26,6 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Disk = std::function<void(const std::string& root)>;
 using Lines = std::vector<std::string>;
-
-constexpr const char* kSHA256OfABC = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
 void write(const std::string& root, const std::string& path, const std::string& contents) {
     fs::create_directories(fs::path(root + "/" + path).parent_path());
@@ -239,14 +237,11 @@ TEST_F(DCIFileManagerTests, OperationsUpdateTheTreeAndRefuseWhatTheyCannotDo) {
                   }));
               }),
               Lines{});
-    EXPECT_EQ(move->status(), DCIActionStatusCompleted);
-    EXPECT_EQ(copyOnto->status(), DCIActionStatusFailed);
+    EXPECT_EQ(std::tuple(move->status(), copyOnto->status()), std::tuple(DCIActionStatusCompleted, DCIActionStatusFailed));
     const auto error = copyOnto->contextObjectForKey(kDCIError);
     ASSERT_TRUE(error && error->error());
-    EXPECT_EQ(error->error()->code(), EEXIST);
-    EXPECT_EQ(readWholeFile(root + "/taken.wav"), "2");
-    EXPECT_TRUE(manager->fileWithPath(root + "/y.wav"));
-    EXPECT_TRUE(manager->folderWithPath("new/deeper"));
+    EXPECT_EQ(std::tuple(error->error()->code(), readWholeFile(root + "/taken.wav")), std::tuple(EEXIST, "2"));
+    EXPECT_TRUE(manager->fileWithPath(root + "/y.wav") && manager->folderWithPath("new/deeper"));
 
     recorder->events.clear();
     EXPECT_TRUE(manager->unqueuedCopyItemAtPath(root + "/y.wav", root + "/deep/er/x.wav"));
@@ -294,11 +289,10 @@ TEST_F(DCIFileManagerTests, LookupsAndHashes) {
         const auto folder = manager->folderWithPath(path);
         EXPECT_EQ(folder ? std::optional(folder->relativePath()) : std::nullopt, expected) << path;
     }
-    EXPECT_TRUE(manager->fileWithPath(root + "/a/b/x.wav"));
-    EXPECT_FALSE(manager->fileWithPath(root + "2/a/b/x.wav"));
+    EXPECT_TRUE(manager->fileWithPath(root + "/a/b/x.wav") && !manager->fileWithPath(root + "2/a/b/x.wav"));
 
-    EXPECT_EQ(manager->SHAForFileAtPath(root + "/x.als"), kSHA256OfABC);
-    EXPECT_EQ(manager->primaryFileCache()->shaCache().size(), 1u);
+    EXPECT_EQ(std::tuple(manager->SHAForFileAtPath(root + "/x.als"), manager->primaryFileCache()->shaCache().size()),
+              std::tuple(kSHA256OfABC, 1u));
     LogSince log;
     EXPECT_EQ(manager->SHAForFileAtPath(root + "/notes.txt"), kSHA256OfABC);
     EXPECT_TRUE(log.has("Unexpected: DCIFileManager is creating hash for file " + root + "/notes.txt.  It will not be cached."));

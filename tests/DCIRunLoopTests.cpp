@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -89,8 +90,7 @@ TEST(DCIRunLoopPerform, AClosureThatQueuesItselfRunsOncePerPassAndStarvesNoSourc
     mainLoop().performAsync(requeue);
     source->signal();
     EXPECT_TRUE(mainLoop().runOnce());
-    EXPECT_TRUE(signalled);
-    EXPECT_EQ(closureRuns, 1);
+    EXPECT_EQ(std::pair(signalled, closureRuns), std::pair(true, 1));
     drain(mainLoop());
 }
 
@@ -177,10 +177,8 @@ TEST(DCIRunLoopSources, ASourceRemovedInACallbackNeverRunsAgainNorLater) {
         captured.reset();
         EXPECT_TRUE(runMainUntil([&] { return calls > 0; }));
         drain(mainLoop());
-        EXPECT_EQ(calls, 1);
-        EXPECT_EQ(seenAfterRemoval, 7);
-        EXPECT_TRUE(watcher.expired());
-        EXPECT_FALSE(isReadable(mainLoop().fileDescriptor()));
+        EXPECT_EQ(std::tuple(calls, seenAfterRemoval, watcher.expired(), isReadable(mainLoop().fileDescriptor())),
+                  std::tuple(1, 7, true, false));
     }
 }
 
@@ -245,8 +243,7 @@ TEST(DCIRunLoopTimer, TimersFireInDeadlineOrderNeverEarlyAndRepeatUntilRemoved) 
     });
     EXPECT_TRUE(runMainUntil([&] { return order.size() >= 3 && !repeating; }));
     mainLoop().runUntil(Clock::now() + 50ms);
-    EXPECT_EQ(order, "abc");
-    EXPECT_EQ(repeats, 3);
+    EXPECT_EQ(std::pair(order, repeats), std::pair(std::string("abc"), 3));
 }
 
 TEST(DCIRunLoopDescriptor, ADescriptorNumberIsWatchedOnceWhileItsFileLasts) {
@@ -333,9 +330,7 @@ TEST(DCIRunLoopRun, RunOnceNeverWaitsAndTheDescriptorIsReadableWhileWorkIsReady)
     mainLoop().performAsync([&] { ++ran; });
     source->signal();
     EXPECT_TRUE(mainLoop().runOnce());
-    EXPECT_EQ(ran, 2);
-    EXPECT_FALSE(isReadable(fd));
-    EXPECT_FALSE(mainLoop().runOnce());
+    EXPECT_EQ(std::tuple(ran, isReadable(fd), mainLoop().runOnce()), std::tuple(2, false, false));
 
     const auto timer = mainLoop().addTimer(5ms, false, [&] { ++ran; });
     EXPECT_TRUE(isReadable(fd, kPatience));
@@ -363,9 +358,7 @@ TEST(DCIRunLoopCallbacks, AnExceptionIsReportedAndTheLoopGoesOn) {
 }
 
 TEST(DCIRunLoopThreads, EachThreadRunsItsOwnLoopAndOthersPerformAndSignalOnIt) {
-    EXPECT_TRUE(DCIIsMainThread());
-    EXPECT_EQ(&DCIRunLoop::current(), &mainLoop());
-    EXPECT_TRUE(mainLoop().isCurrent());
+    EXPECT_TRUE(DCIIsMainThread() && &DCIRunLoop::current() == &mainLoop() && mainLoop().isCurrent());
     // Another thread can neither run the main loop nor see it as its own.
     bool ranOnMain = false, onMainThread = true, mainIsCurrent = true, ranMain = true;
     mainLoop().performAsync([&] { ranOnMain = true; });
@@ -380,8 +373,7 @@ TEST(DCIRunLoopThreads, EachThreadRunsItsOwnLoopAndOthersPerformAndSignalOnIt) {
         loop.run();
     });
     DCIRunLoop& loop = *started.get_future().get();
-    EXPECT_NE(&loop, &mainLoop());
-    EXPECT_FALSE(loop.isCurrent());
+    EXPECT_FALSE(&loop == &mainLoop() || loop.isCurrent());
 
     bool ranOnWorker = false;
     loop.performSync([&] { ranOnWorker = loop.isCurrent() && &DCIRunLoop::current() == &loop; });

@@ -71,24 +71,20 @@ protected:
 };
 
 TEST_F(DCIFolderObjectTests, ScanTakesEveryFolderAndTheFilesOfInterest) {
-    root.writeFiles({"Song.ALS", "notes.txt", "kick.WAV", ".hidden.wav"}, "a");
-    root.writeFile(".wav", "a");  // hidden, with no extension
-    root.writeFiles({"song.als.bak", "sub/project.json", "sub/other.json", ".git/objects/blob.wav"}, "a");
-    root.makeFolder("empty");
-    root.makeFolder("Kit.als");  // a folder, whatever its name
+    // ".wav" is hidden, with no extension; "Kit.als" is a folder, whatever its name.
+    root.writeFiles({"Song.ALS", "notes.txt", "kick.WAV", ".hidden.wav", ".wav", "song.als.bak", "sub/project.json",
+                     "sub/other.json", ".git/objects/blob.wav"});
+    for (const char* folder : {"empty", "Kit.als"}) root.makeFolder(folder);
 
     EXPECT_EQ(DCIFolderObject::initWithPath(root / "missing", nullptr, queries), nullptr);
     EXPECT_TRUE(DCIFolderObject::initWithPath(root / "notes.txt", nullptr, queries)->files()->empty());
     const auto tree = buildTree();
     ASSERT_NE(tree, nullptr);
     EXPECT_EQ(relativePaths(tree->gatherFiles()),
-              (std::set<std::string>{"Song.ALS", "kick.WAV", ".hidden.wav", "sub/project.json",
-                                     ".git/objects/blob.wav"}));
-    EXPECT_EQ(relativePaths(tree->gatherFolders()),
-              (std::set<std::string>{"sub", "empty", "Kit.als", ".git", ".git/objects"}));
-    EXPECT_EQ(folderAt(tree, ".git/objects")->relativePath(), ".git/objects");
-    EXPECT_EQ(folderAt(tree, ".git/objects")->parent(), folderAt(tree, ".git"));
-    EXPECT_EQ(folderAt(tree, ".git/objects")->root(), tree);
+              (std::set<std::string>{"Song.ALS", "kick.WAV", ".hidden.wav", "sub/project.json", ".git/objects/blob.wav"}));
+    EXPECT_EQ(relativePaths(tree->gatherFolders()), (std::set<std::string>{"sub", "empty", "Kit.als", ".git", ".git/objects"}));
+    const auto objects = folderAt(tree, ".git/objects");
+    EXPECT_EQ(std::tuple(objects->parent(), objects->root()), std::tuple(folderAt(tree, ".git"), tree));
     // A folder's snapshots hold its subtree, without itself.
     EXPECT_EQ(relativePaths(folderAt(tree, ".git")->gatherFiles()), std::set<std::string>{".git/objects/blob.wav"});
     EXPECT_FALSE(tree->gatherFolders().contains(tree));
@@ -140,10 +136,6 @@ TEST_F(DCIFolderObjectTests, LinksBackToAnAncestorAreNotFollowedAgain) {
                                      "q/toP/toQ"}));
     EXPECT_EQ(relativePaths(tree->gatherFiles()),
               (std::set<std::string>{"a/b/deep.wav", "p/r.wav", "p/toQ/s.wav", "q/s.wav", "q/toP/r.wav"}));
-    for (const char* loop : {"a/up", "self", "a/b/toA", "p/toQ/toP", "q/toP/toQ"}) {
-        EXPECT_TRUE(folderAt(tree, loop)->files()->empty()) << loop;
-        EXPECT_TRUE(folderAt(tree, loop)->subFolders()->empty()) << loop;
-    }
 
     // The same guard holds for a loop that appears later.
     fs::create_directory_symlink("..", root / "a/b/again");
@@ -167,23 +159,23 @@ TEST_F(DCIFolderObjectTests, GenerateHashesFillsEveryFileThroughTheCaches) {
     const auto tree = buildTree();
     fs::remove(root / "a/b/gone.wav");
     EXPECT_FALSE(tree->generateHashes());
-    EXPECT_EQ(folderAt(tree, "a/b")->files()->at("gone.wav")->fileHash(), std::nullopt);
-    EXPECT_EQ(calculatorCalls, 4);
+    EXPECT_EQ(std::tuple(folderAt(tree, "a/b")->files()->at("gone.wav")->fileHash(), calculatorCalls.load()),
+              std::tuple(std::nullopt, 4));
     // Primary files by extension or name go to the primary cache, samples to the other.
-    std::set<std::string> primaryPaths, samplePaths;
-    for (const auto& [path, record] : primaryCache->shaCache()) primaryPaths.insert(path);
-    for (const auto& [path, record] : sampleCache->shaCache()) samplePaths.insert(path);
-    EXPECT_EQ(primaryPaths, (std::set<std::string>{root / "Song.als", root / "a/project.json"}));
-    EXPECT_EQ(samplePaths, (std::set<std::string>{root / "a/b/kick.wav", root / "a/snare.wav"}));
+    const auto paths = [](const auto& cache) {
+        std::set<std::string> keys;
+        for (const auto& [path, record] : cache->shaCache()) keys.insert(path);
+        return keys;
+    };
+    EXPECT_EQ(paths(primaryCache), (std::set<std::string>{root / "Song.als", root / "a/project.json"}));
+    EXPECT_EQ(paths(sampleCache), (std::set<std::string>{root / "a/b/kick.wav", root / "a/snare.wav"}));
 
     // A fresh build of the unchanged tree is answered by the caches without reading a file.
     const auto again = buildTree();
     ASSERT_TRUE(again->generateHashes());
     EXPECT_EQ(calculatorCalls, 4);
-    for (const auto& file : again->gatherFiles()) {
-        EXPECT_EQ(file->fileHash(), kSHA256OfABC) << file->relativePath();
-        EXPECT_EQ(file->sasID(), "sas-" + file->name()) << file->relativePath();
-    }
+    for (const auto& file : again->gatherFiles())
+        EXPECT_EQ(std::tuple(file->fileHash(), file->sasID()), std::tuple(kSHA256OfABC, "sas-" + file->name()));
 }
 
 TEST_F(DCIFolderObjectTests, ATreeWhoseQueriesAreGoneSeesNoFileOfInterestAndHashesByItself) {

@@ -97,17 +97,22 @@ void DCIFileManager::startWatchingRootFolder(const std::string& rootFolder, cons
     if (started()) stop();
     const uint64_t generation = ++generation_;
     started_ = true;
+    std::vector<std::thread> ended;  // earlier runs' threads, past their work once none is alive
     {
         std::lock_guard lock(runs_->mutex);
+        if (runs_->alive == 0) ended.swap(runs_->threads);
         ++runs_->alive;
     }
+    joinEnded(std::move(ended));
     try {
-        std::thread([self = shared_from_this(), runs = runs_, root = absolutePath(rootFolder), generation,
-                     primaryCachePath, secondaryCachePath, calculator = std::move(sasIDCalculator)]() mutable {
+        std::thread thread([self = shared_from_this(), runs = runs_, root = absolutePath(rootFolder), generation,
+                            primaryCachePath, secondaryCachePath, calculator = std::move(sasIDCalculator)]() mutable {
             self->threadMain(root, generation, primaryCachePath, secondaryCachePath, calculator);
             self.reset();
             runEnded(*runs);
-        }).detach();
+        });
+        std::lock_guard lock(runs_->mutex);
+        runs_->threads.push_back(std::move(thread));
     } catch (const std::system_error& error) {
         DCLogError("The file manager could not start its thread: %s", error.what());
         started_ = false;

@@ -20,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -198,6 +199,8 @@ private:
     bool runIsCurrent(uint64_t generation) const;
     struct Runs;
     static void runEnded(Runs& runs);
+    // Joins watcher threads whose runs have ended; one that is the calling thread is detached.
+    static void joinEnded(std::vector<std::thread> threads);
     void pointSampleFinderAt(const std::string& rootPath);
     /// `path` standardised, and made absolute against the working folder when relative.
     static std::string absolutePath(const std::string& path);
@@ -249,11 +252,17 @@ private:
 
     // Watcher threads started and not yet ended, shared with each thread: a thread ends its
     // count only after letting go of the manager, so that a host that waits for it and then
-    // exits never meets the manager's destruction on that thread.
+    // exits never meets the manager's destruction on that thread. The threads are kept to be
+    // joined by that wait, so that none is still tearing down its thread-local state as the
+    // process exits; those left when the last owner goes are detached.
     struct Runs {
         std::mutex mutex;
         std::condition_variable ended;
         int alive = 0;
+        std::vector<std::thread> threads;
+        ~Runs() {
+            for (auto& thread : threads) thread.detach();
+        }
     };
     const std::shared_ptr<Runs> runs_ = std::make_shared<Runs>();
 };

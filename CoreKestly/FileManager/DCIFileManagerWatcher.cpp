@@ -30,8 +30,20 @@ bool DCIFileManager::runIsCurrent(uint64_t generation) const {
 }
 
 void DCIFileManager::waitUntilStopped() {
-    std::unique_lock lock(runs_->mutex);
-    runs_->ended.wait(lock, [this] { return runs_->alive == 0; });
+    std::vector<std::thread> ended;
+    {
+        std::unique_lock lock(runs_->mutex);
+        runs_->ended.wait(lock, [this] { return runs_->alive == 0; });
+        ended.swap(runs_->threads);
+    }
+    joinEnded(std::move(ended));
+}
+
+void DCIFileManager::joinEnded(std::vector<std::thread> threads) {
+    for (auto& thread : threads) {
+        if (thread.get_id() == std::this_thread::get_id()) thread.detach();
+        else thread.join();
+    }
 }
 
 void DCIFileManager::runEnded(Runs& runs) {

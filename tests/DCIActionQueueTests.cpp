@@ -1,20 +1,10 @@
 #include "CoreKestly/Actions/DCIActionQueue.h"
+
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "support/EventRecorder.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <new>
-#include <random>
-#include <set>
-#include <thread>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 namespace {
 // Allocations this thread makes before one fails; negative: none fails.

@@ -1,19 +1,9 @@
 #include "CoreKestly/Actions/DCIAction.h"
+
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "support/EventRecorder.h"
 #include "support/LogReading.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <chrono>
-#include <limits>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <tuple>
-#include <vector>
+#include "support/Testing.h"
 
 namespace {
 

@@ -3,17 +3,9 @@
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "support/EventRecorder.h"
 #include "support/LoopbackHTTPServer.h"
-#include "support/TemporaryDirectory.h"
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <tuple>
+#include "support/Testing.h"
 
 namespace {
-
-using namespace std::chrono_literals;
 
 // Its period divides the server's 1,000-byte chunks, so that chunks in a row make a longer pattern.
 std::string pattern(size_t size) {

@@ -1,17 +1,11 @@
 #include "CoreKestly/Actions/DCIAction.h"
+
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "support/EventRecorder.h"
 #include "support/LogReading.h"
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <stdexcept>
-#include <thread>
+#include "support/Testing.h"
 
 namespace {
-
-using namespace std::chrono_literals;
 
 constexpr uint64_t kTestCategory = 42;
 

@@ -1,29 +1,14 @@
 #include "CoreKestly/Actions/DCIAction.h"
+
 #include "CoreKestly/Actions/DCIActionQueue.h"
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/FileManager/DCIFileManager.h"
-
 #include "support/EventRecorder.h"
 #include "support/LogReading.h"
-#include "support/TemporaryDirectory.h"
-
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <vector>
+#include "support/Testing.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-using namespace std::chrono_literals;
 using Disk = std::function<void(const std::string& root)>;
 using Lines = std::vector<std::string>;
 

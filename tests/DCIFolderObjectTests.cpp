@@ -1,29 +1,12 @@
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
+
 #include "CoreKestly/FileSystem/DCIFileObject.h"
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 #include "CoreKestly/FileSystem/DCISHACache.h"
 #include "CoreKestly/Platform/KestlyPath.h"
-
-#include "support/TemporaryDirectory.h"
-
-#include <gtest/gtest.h>
-
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <filesystem>
-#include <memory>
-#include <optional>
-#include <set>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <vector>
+#include "support/Testing.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 template <class Set>
 std::set<std::string> relativePaths(const Set& items) {

@@ -1,17 +1,9 @@
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItem.h"
 
 #include "support/LogReading.h"
-#include "support/TemporaryDirectory.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-
-#include <memory>
-#include <optional>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 namespace {
 

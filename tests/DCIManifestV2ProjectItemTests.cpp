@@ -1,19 +1,9 @@
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"
 
 #include "support/LogReading.h"
-#include "support/TemporaryDirectory.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
-
-#include <atomic>
-#include <memory>
-#include <optional>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 namespace {
 

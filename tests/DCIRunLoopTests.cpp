@@ -1,26 +1,13 @@
 #include "CoreKestly/Platform/DCIRunLoop.h"
 
-#include <fcntl.h>
+#include "support/Testing.h"
+
+#include <deque>
+
 #include <poll.h>
 #include <sys/epoll.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <deque>
-#include <functional>
-#include <future>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 namespace {
-using namespace std::chrono_literals;
 using Clock = DCIRunLoop::Clock;
 using Closure = DCIRunLoop::Closure;
 

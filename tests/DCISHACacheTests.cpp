@@ -3,24 +3,9 @@
 #include "CoreKestly/FileSystem/KSTFileHash.h"
 #include "CoreKestly/Platform/DCISQLiteDatabaseInternal.h"
 #include "support/LogReading.h"
-#include "support/TemporaryDirectory.h"
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <thread>
-#include <tuple>
-#include <vector>
+#include "support/Testing.h"
 
 #include <csignal>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #if defined(__SANITIZE_THREAD__)
 #define KESTLY_UNDER_THREAD_SANITIZER 1

@@ -2,6 +2,7 @@
 // by updatedb and through the folder scan, audio lengths of files written with libsndfile.
 
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
+
 #include "CoreKestly/FileSystem/DCISHACache.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
 #include "CoreKestly/Platform/DCIMetadataQuery.h"
@@ -9,23 +10,11 @@
 #include "CoreKestly/SampleFinder/DCIAudioFile.h"
 #include "CoreKestly/SampleFinder/DCISampleFinder.h"
 #include "support/LogReading.h"
-#include "support/TemporaryDirectory.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
 #include <sndfile.h>
 
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdlib>
-#include <future>
-#include <thread>
-
 namespace {
-
-using namespace std::chrono_literals;
 
 constexpr auto kPatience = 30s;
 

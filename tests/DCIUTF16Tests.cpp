@@ -1,8 +1,6 @@
 #include "CoreKestly/Platform/DCIUTF16Internal.h"
 
-#include <gtest/gtest.h>
-
-#include <string>
+#include "support/Testing.h"
 
 TEST(DCIUTF16Tests, LengthsCountUnitsAndCutBetweenWholeCharacters) {
     // The UTF-16 code units of the whole text, and the bytes of its first character.

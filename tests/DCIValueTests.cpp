@@ -1,14 +1,9 @@
 // Values, their descriptions, and the formatter that prints them.
 
 #include "CoreKestly/Platform/DCIFormat.h"
+
 #include "CoreKestly/Platform/DCIValue.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <limits>
-#include <tuple>
-#include <vector>
+#include "support/Testing.h"
 
 namespace {
 

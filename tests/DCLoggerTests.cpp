@@ -1,17 +1,9 @@
 #include "CoreKestly/DCLog/DCLogger.h"
+
 #include "support/LogReading.h"
-#include "support/TemporaryDirectory.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <regex>
-#include <sstream>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <thread>
-#include <tuple>
-#include <unistd.h>
 
 namespace {
 

@@ -1,15 +1,8 @@
 #include "CoreKestly/FileSystem/KSTFileHash.h"
 
-#include "support/TemporaryDirectory.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
 #include <openssl/evp.h>
-
-#include <filesystem>
-#include <random>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 

@@ -3,22 +3,11 @@
 
 #include "support/KestlyProgram.h"
 #include "support/LoopbackHTTPServer.h"
-#include "support/TemporaryDirectory.h"
+#include "support/Testing.h"
 
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <filesystem>
-#include <fstream>
-#include <set>
-#include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
-
 namespace {
-
-namespace fs = std::filesystem;
 
 class KestlyScanCommandTests : public ::testing::Test {
 protected:

@@ -1,16 +1,8 @@
 #include "CoreKestly/Platform/KestlyPath.h"
 
-#include "support/TemporaryDirectory.h"
-
-#include <gtest/gtest.h>
+#include "support/Testing.h"
 
 #include <pwd.h>
-#include <unistd.h>
-
-#include <optional>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 namespace {
 

@@ -1,21 +1,8 @@
 #include "CoreKestly/KestlyUtilities.h"
 
-#include "support/TemporaryDirectory.h"
-
-#include <gtest/gtest.h>
-
-#include <unistd.h>
-
-#include <cstdint>
-#include <filesystem>
-#include <functional>
-#include <optional>
-#include <string>
-#include <vector>
+#include "support/Testing.h"
 
 namespace {
-
-namespace fs = std::filesystem;
 
 TEST(KestlyUtilitiesTests, DAWNamesAndNullValues) {
     const std::vector<std::pair<const char*, DCIKestlyDAW>> rows = {

@@ -233,26 +233,21 @@ TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
     const auto goOn = [&] { return takenCount < kTotal && std::chrono::steady_clock::now() < deadline; };
 
     std::vector<Actions> takenBy(kTakers);
-    std::vector<std::thread> threads;
-    for (size_t adder = 0; adder < kAdders; ++adder) {
-        threads.emplace_back([&, adder] {
-            for (size_t i = adder * kPerAdder; i < (adder + 1) * kPerAdder; ++i) queue_->addAction(all[i]);
+    {
+        const auto adders = startThreads(kAdders, [&](int adder) {
+            for (size_t i = 0; i < kPerAdder; ++i) queue_->addAction(all[size_t(adder) * kPerAdder + i]);
         });
-    }
-    for (auto& taken : takenBy) {
-        threads.emplace_back([&] {
+        const auto takers = startThreads(kTakers, [&](int taker) {
             while (goOn()) {
                 if (auto action = queue_->popNextAction()) {
-                    taken.push_back(std::move(action));
+                    takenBy[size_t(taker)].push_back(std::move(action));
                     ++takenCount;
                 } else {
                     std::this_thread::yield();
                 }
             }
         });
-    }
-    // Reorders waiting actions and pauses hand-out now and then, while all of the above runs.
-    threads.emplace_back([&] {
+        // Reorders waiting actions and pauses hand-out now and then, while the threads run.
         std::mt19937 random(3);
         for (int round = 0; goOn(); ++round) {
             all[random() % kTotal]->setPriority(random() % 17);
@@ -260,15 +255,14 @@ TEST_F(DCIActionQueueTest, ConcurrentTakersGetEachActionExactlyOnce) {
             if (round % 64 == 1) queue_->resume();
         }
         queue_->resume();
-    });
-    for (auto& thread : threads) thread.join();
+    }
     ASSERT_EQ(takenCount, kTotal) << "actions were lost";
     std::set<std::shared_ptr<DCIAction>> distinct;
     for (const auto& taken : takenBy) distinct.insert(taken.begin(), taken.end());
     EXPECT_EQ(std::tuple(distinct.size(), queue_->popNextAction()), std::tuple(kTotal, std::shared_ptr<DCIAction>()));
 
     // Each was announced pending once, from the adders' threads, without their waiting for
-    // the main thread, which was blocked in join.
+    // the main thread, which was busy meanwhile.
     ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder_->events.size() == kTotal; }));
     std::set<DCIAction*> announced;
     for (const auto& event : recorder_->events) {

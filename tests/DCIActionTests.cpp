@@ -78,28 +78,19 @@ TEST(DCIAction, ContextStoresReplacesRemovesAndRefusesNilObjects) {
 TEST(DCIAction, ContextIsSafeToShareBetweenThreads) {
     const auto action = DCIAction::init();
     const auto key = [](int writer, int i) { return std::to_string(writer) + "-" + std::to_string(i); };
-    std::atomic<bool> writing{true};
-    std::vector<std::thread> writers;
-    for (int writer = 0; writer < 2; ++writer) {
-        writers.emplace_back([&, writer] {
+    whileRepeatedOnThreads(1, [&] {
+        const auto value = action->contextObjectForKey("1-7");
+        EXPECT_TRUE(!value || value->int64Value() == 7);
+        EXPECT_NE(action->description().find("Context: {"), std::string::npos);
+    }, [&] {
+        startThreads(2, [&](int writer) {
             for (int i = 0; i < 400; ++i) {
                 action->setContextObject(DCIValue(int64_t{i}), key(writer, i));
                 action->addContextEntriesFromDictionary({{"scratch", key(writer, i)}});
                 action->removeContextObjectForKey("scratch");
             }
         });
-    }
-    std::thread reader([&] {
-        while (writing) {
-            if (const auto value = action->contextObjectForKey("1-7")) {
-                EXPECT_EQ(value->int64Value(), 7);
-            }
-            EXPECT_NE(action->description().find("Context: {"), std::string::npos);
-        }
     });
-    for (auto& writer : writers) writer.join();
-    writing = false;
-    reader.join();
     for (int writer = 0; writer < 2; ++writer) {
         for (int i = 0; i < 400; ++i) ASSERT_EQ(action->contextObjectForKey(key(writer, i))->int64Value(), i);
     }

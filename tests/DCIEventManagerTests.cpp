@@ -55,15 +55,12 @@ TEST_F(DCIEventManagerTest, DeliversOnTheMainThreadInEachProducersOrderStampedAt
     const auto recorder = addRecorder();
     constexpr uint64_t kProducers = 4, kPerThread = 20'000;
     const auto start = DCIDate::now();
-    std::vector<std::jthread> producers;
-    for (uint64_t producer = 0; producer < kProducers; ++producer) {
-        producers.emplace_back([producer] {
-            for (uint64_t i = 0; i < kPerThread; ++i) {
-                if (i % 500 == 0) std::this_thread::sleep_for(1ms);  // lets the loop find the queue empty
-                DCIEventManager::postEvent(DCIEvent::initWithCategory(100 + producer, i));
-            }
-        });
-    }
+    const auto producers = startThreads(kProducers, [](int producer) {
+        for (uint64_t i = 0; i < kPerThread; ++i) {
+            if (i % 500 == 0) std::this_thread::sleep_for(1ms);  // lets the loop find the queue empty
+            DCIEventManager::postEvent(DCIEvent::initWithCategory(100 + uint64_t(producer), i));
+        }
+    });
     ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() == kProducers * kPerThread; }, 20s));
     EXPECT_TRUE(recorder->allOnMainThread);
     for (uint64_t producer = 0; producer < kProducers; ++producer) {
@@ -185,19 +182,14 @@ TEST_F(DCIEventManagerTest, AThrowingListenerIsLoggedAndDeliveryGoesOn) {
 
 TEST_F(DCIEventManagerTest, ProducersRacingTheLastRemovalNeverCrashAndStopReaching) {
     const auto recorder = addRecorder();
-    std::atomic<bool> running{true};
-    std::vector<std::thread> producers;
-    for (int producer = 0; producer < 4; ++producer) {
-        producers.emplace_back([&running] {
-            for (uint64_t i = 0; running.load(std::memory_order_relaxed); ++i) DCIEventManager::postEvent(testEvent(i));
-        });
-    }
-    const bool delivering = pumpMainLoopUntil([&] { return recorder->events.size() > 1000; });
-    DCIEventManager::removeListener(recorder);
-    const size_t atRemoval = recorder->events.size();
-    pumpMainLoopBriefly();
-    running = false;
-    for (auto& producer : producers) producer.join();
+    bool delivering = false;
+    size_t atRemoval = 0;
+    whileRepeatedOnThreads(4, [] { DCIEventManager::postEvent(testEvent(1)); }, [&] {
+        delivering = pumpMainLoopUntil([&] { return recorder->events.size() > 1000; });
+        DCIEventManager::removeListener(recorder);
+        atRemoval = recorder->events.size();
+        pumpMainLoopBriefly();
+    });
     pumpMainLoopBriefly();
     EXPECT_TRUE(delivering);
     EXPECT_EQ(recorder->events.size(), atRemoval);

@@ -254,24 +254,20 @@ TEST_F(DCIFolderObjectTests, ReadersKeepAnUnchangingDictionaryWhileUpdatesRun) {
     root.writeFile("a/kick.wav", "abc");
     const auto a = folderAt(buildTree(), "a");
     const std::set<std::set<std::string>> possible = {{"kick.wav"}, {"kick.wav", "snare.wav"}};
-    std::atomic<bool> done{false};
     std::atomic<int> unexpected{0};
-    std::jthread reader([&] {
-        while (!done) {
-            const auto files = a->files();
-            std::set<std::string> names;
-            for (const auto& [name, file] : *files) names.insert(file->name());
-            if (!possible.contains(names) || names.size() != files->size()) ++unexpected;
+    whileRepeatedOnThreads(1, [&] {
+        const auto files = a->files();
+        std::set<std::string> names;
+        for (const auto& [name, file] : *files) names.insert(file->name());
+        if (!possible.contains(names) || names.size() != files->size()) ++unexpected;
+    }, [&] {
+        for (int round = 0; round < 200; ++round) {
+            root.writeFile("a/snare.wav", "abc");
+            EXPECT_TRUE(a->updateItemAtSubPath("snare.wav"));
+            fs::remove(root / "a/snare.wav");
+            EXPECT_TRUE(a->updateItemAtSubPath("snare.wav"));
         }
     });
-    for (int round = 0; round < 200; ++round) {
-        root.writeFile("a/snare.wav", "abc");
-        EXPECT_TRUE(a->updateItemAtSubPath("snare.wav"));
-        fs::remove(root / "a/snare.wav");
-        EXPECT_TRUE(a->updateItemAtSubPath("snare.wav"));
-    }
-    done = true;
-    reader.join();
     EXPECT_EQ(unexpected, 0);
 }
 
@@ -366,10 +362,7 @@ TEST_F(DCIFolderObjectTests, FileHashIsComputedOnFirstUseAndThenKept) {
     const std::string path = root.writeFile("kick.wav", "abc");
     const auto file = fileNamed("kick.wav");
     std::vector<std::optional<std::string>> answers(8);
-    {
-        std::vector<std::jthread> threads;
-        for (auto& answer : answers) threads.emplace_back([&] { answer = file->fileHash(); });
-    }
+    startThreads(8, [&](int i) { answers[size_t(i)] = file->fileHash(); });
     for (const auto& answer : answers) EXPECT_EQ(answer, kSHA256OfABC);
     fs::remove(path);
     EXPECT_EQ(file->fileHash(), kSHA256OfABC) << "a stored hash is not recomputed";

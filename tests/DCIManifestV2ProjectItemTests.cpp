@@ -287,18 +287,14 @@ TEST(DCIManifestV2ProjectItemTests, AccessorsAreSafeDuringARead) {
     const Manifest item = DCIManifestV2ProjectItem::init();
     ASSERT_TRUE(item->readJSON(first));
 
-    std::atomic<bool> done = false;
-    std::thread reader([&] {
-        while (!done) {
-            const auto name = item->projectName();
-            const size_t files = item->projectFiles().size();
-            EXPECT_TRUE(name == "Beat Project" || name == "Song") << name.value_or("(null)");
-            EXPECT_TRUE(files == 2 || files == 3) << files;
-        }
+    whileRepeatedOnThreads(1, [&] {
+        const auto name = item->projectName();
+        const size_t files = item->projectFiles().size();
+        EXPECT_TRUE(name == "Beat Project" || name == "Song") << name.value_or("(null)");
+        EXPECT_TRUE(files == 2 || files == 3) << files;
+    }, [&] {
+        for (int i = 0; i < 200; ++i) EXPECT_TRUE(item->readJSON(i % 2 ? first : second));
     });
-    for (int i = 0; i < 200; ++i) EXPECT_TRUE(item->readJSON(i % 2 ? first : second));
-    done = true;
-    reader.join();
 }
 
 }  // namespace

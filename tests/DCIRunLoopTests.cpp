@@ -28,41 +28,27 @@ bool isReadable(int fd, std::chrono::milliseconds wait = 0ms) {
 }
 
 /// A non-blocking pipe whose ends close with the object.
-class Pipe {
-public:
-    Pipe() { EXPECT_EQ(pipe2(fds_, O_CLOEXEC | O_NONBLOCK), 0); }
-    ~Pipe() {
-        close(fds_[0]);
-        close(fds_[1]);
-    }
+struct Pipe {
+    Pipe() { EXPECT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0); }
+    ~Pipe() { close(ends[0]); close(ends[1]); }
     Pipe(const Pipe&) = delete;
-    Pipe& operator=(const Pipe&) = delete;
-
-    int readEnd() const { return fds_[0]; }
-    int writeEnd() const { return fds_[1]; }
-    void write(const std::string& text) const { EXPECT_EQ(::write(writeEnd(), text.data(), text.size()), ssize_t(text.size())); }
-    std::string readAvailable() const {
+    int readEnd() const { return ends[0]; }
+    void write(std::string_view text) const { EXPECT_EQ(::write(ends[1], text.data(), text.size()), ssize_t(text.size())); }
+    std::string read() const {
         char buffer[256];
-        const ssize_t count = read(readEnd(), buffer, sizeof buffer);
-        return std::string(buffer, size_t(std::max<ssize_t>(count, 0)));
+        return std::string(buffer, size_t(std::max<ssize_t>(::read(ends[0], buffer, sizeof buffer), 0)));
     }
-
-private:
-    int fds_[2] = {-1, -1};
+    int ends[2] = {-1, -1};
 };
 }  // namespace
 
 TEST(DCIRunLoopPerform, ClosuresOfEachThreadRunInTheOrderQueued) {
     constexpr int kEach = 2000;
     std::vector<std::pair<int, int>> ran;  // (producer, sequence), touched on the main thread only
-    std::vector<std::thread> producers;
-    for (int producer = 0; producer < 2; ++producer) {
-        producers.emplace_back([&ran, producer] {
-            for (int i = 0; i < kEach; ++i) mainLoop().performAsync([&ran, producer, i] { ran.emplace_back(producer, i); });
-        });
-    }
+    const auto producers = startThreads(2, [&ran](int producer) {
+        for (int i = 0; i < kEach; ++i) mainLoop().performAsync([&ran, producer, i] { ran.emplace_back(producer, i); });
+    });
     EXPECT_TRUE(runMainUntil([&] { return ran.size() == 2 * kEach; }));
-    for (auto& producer : producers) producer.join();
     int next[2] = {0, 0};
     for (const auto& [producer, sequence] : ran) EXPECT_EQ(sequence, next[producer]++);
 }
@@ -110,25 +96,20 @@ TEST(DCIRunLoopSignal, SignalsCoalesceUntilTheCallbackRunsAndNoneIsLost) {
         seen = posted.load();
     });
     const auto signalFromThreads = [&] {
-        std::vector<std::thread> signallers;
-        for (int i = 0; i < kThreads; ++i) {
-            signallers.emplace_back([&] {
-                for (int j = 0; j < kSignalsEach; ++j) {
-                    posted.fetch_add(1);
-                    source->signal();
-                }
-            });
-        }
-        return signallers;
+        return startThreads(kThreads, [&](int) {
+            for (int j = 0; j < kSignalsEach; ++j) {
+                posted.fetch_add(1);
+                source->signal();
+            }
+        });
     };
     // Signalled before the loop runs: one call.
-    for (auto& signaller : signalFromThreads()) signaller.join();
+    signalFromThreads();
     drain(mainLoop());
     EXPECT_EQ(calls, 1);
     // Signalled while it runs: the last signal leads to a call that sees everything posted.
-    auto signallers = signalFromThreads();
+    const auto signallers = signalFromThreads();
     EXPECT_TRUE(runMainUntil([&] { return seen == 2 * kThreads * kSignalsEach; }));
-    for (auto& signaller : signallers) signaller.join();
 }
 
 TEST(DCIRunLoopSources, ASourceRemovedInACallbackNeverRunsAgainNorLater) {
@@ -248,7 +229,7 @@ TEST(DCIRunLoopDescriptor, ADescriptorNumberIsWatchedOnceWhileItsFileLasts) {
     EXPECT_EQ(staleCalls, 0);  // it would read a file that is no longer its own
 
     std::string received;
-    auto newer = mainLoop().addFileDescriptorSource(first.readEnd(), EPOLLIN, [&](uint32_t) { received += first.readAvailable(); });
+    auto newer = mainLoop().addFileDescriptorSource(first.readEnd(), EPOLLIN, [&](uint32_t) { received += first.read(); });
     ASSERT_NE(newer, nullptr);
     stale.reset();
     second.write("fresh");

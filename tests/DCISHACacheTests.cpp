@@ -279,28 +279,21 @@ TEST_F(SHACacheTest, LookupsFromSeveralThreadsRunAlongsideChangesAndPersist) {
         hashes.push_back(KSTSha256ForFileAtPath(paths.back()));
     }
     auto cache = makeCache();
-    std::atomic<bool> stop{false};
     std::atomic<int> wrongAnswers{0};
-    std::vector<std::thread> readers;
-    for (int reader = 0; reader < 4; ++reader) {
-        readers.emplace_back([&] {
-            do {
-                for (size_t i = 0; i < paths.size(); ++i) {
-                    if (cache->SHAForFile(paths[i]) != hashes[i]) ++wrongAnswers;
-                    if (cache->SasIDForFile(paths[i]) != "sas:f" + std::to_string(i)) ++wrongAnswers;
-                }
-            } while (!stop);
-        });
-    }
-    // New modification times turn lookups into misses, so records keep changing under the readers.
-    for (int round = 0; round < 60; ++round) {
-        setModificationTime(paths[static_cast<size_t>(round) % paths.size()], kSomeSecond + round);
-        cache->persist();
-        if (round == 30) cache->loadCachedSHAData();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    stop = true;
-    for (auto& reader : readers) reader.join();
+    whileRepeatedOnThreads(4, [&] {
+        for (size_t i = 0; i < paths.size(); ++i) {
+            if (cache->SHAForFile(paths[i]) != hashes[i]) ++wrongAnswers;
+            if (cache->SasIDForFile(paths[i]) != "sas:f" + std::to_string(i)) ++wrongAnswers;
+        }
+    }, [&] {
+        // New modification times turn lookups into misses, so records keep changing under the readers.
+        for (int round = 0; round < 60; ++round) {
+            setModificationTime(paths[static_cast<size_t>(round) % paths.size()], kSomeSecond + round);
+            cache->persist();
+            if (round == 30) cache->loadCachedSHAData();
+            std::this_thread::sleep_for(1ms);
+        }
+    });
     EXPECT_EQ(wrongAnswers, 0);
 
     // A lookup that read a file's stamp before a change may store its record last; one more

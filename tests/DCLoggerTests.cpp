@@ -100,12 +100,9 @@ TEST(DCLogger, EntriesOfConcurrentThreadsStayWholeAndInEachThreadsOrder) {
     const auto entry = [](char tag, int index) { return tag + std::to_string(index) + std::string(300, tag); };
     {
         DCLogger logger(folder.path().string());
-        const auto writer = [&](char tag) {
-            for (int i = 0; i < kPerThread; ++i) logger.log(entry(tag, i));
-        };
-        std::thread a(writer, 'a'), b(writer, 'b');
-        a.join();
-        b.join();
+        startThreads(2, [&](int writer) {
+            for (int i = 0; i < kPerThread; ++i) logger.log(entry(char('a' + writer), i));
+        });
     }
     int next[2] = {0, 0};
     for (const auto& line : linesOf(readWholeFile(folder / "com.kestly.current.log"))) {

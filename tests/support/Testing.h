@@ -39,3 +39,25 @@
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+
+/// Runs `body(i)` once on each of `count` threads, `i` from 0; the threads are joined when the
+/// returned vector goes, at once if it is not kept.
+template <class Body>
+std::vector<std::jthread> startThreads(int count, Body body) {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < count; ++i) threads.emplace_back(body, i);
+    return threads;
+}
+
+/// Runs `work` here while `count` threads call `body` over and over, at least once each, and
+/// returns when all have stopped: readers racing a writer, for the checks `body` makes and
+/// for ThreadSanitizer.
+inline void whileRepeatedOnThreads(int count, const std::function<void()>& body, const std::function<void()>& work) {
+    std::atomic<bool> done = false;
+    const auto threads = startThreads(count, [&](int) {
+        do body();
+        while (!done);
+    });
+    work();
+    done = true;
+}

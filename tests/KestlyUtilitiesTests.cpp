@@ -124,58 +124,50 @@ TEST(KestlyUtilitiesTests, DAWNamesAndNullValues) {
     EXPECT_EQ(KSTMakeNull(DCIValue(int64_t{42})), DCIValue(int64_t{42}));
 }
 
-// Each row: the folders and files made, the path handed over, what must be gone and what must stay.
+// Each row makes files, folders (ending in "/") and folder links ("name -> target"), hands over
+// a path, relative to the root or to a working folder, and gives the tree left behind. The
+// folders "Locked" and "Unreadable" lose their owner's write and read permission.
 TEST(KestlyUtilitiesTests, RemoveEmptyFoldersUnderPath) {
     struct Case {
-        const char* why;
-        std::vector<std::string> folders, files;
+        std::vector<std::string> made;
         std::string path;
-        std::vector<std::string> gone, kept;
-        std::function<void(const TemporaryDirectory&)> prepare = nullptr;
+        std::set<std::string> left;
+        const char* workingFolder = nullptr;
     };
-    const auto withoutPermission = [](const char* folder, fs::perms permission) {
-        return [=](const TemporaryDirectory& root) {
-            fs::permissions(root / folder, permission, fs::perm_options::remove);
-        };
+    const Case cases[] = {
+        {{"Samples/Drums/Kicks/", "Samples/Bass/bass.wav"}, "Samples/Drums/Kicks", {"Samples", "Samples/Bass", "Samples/Bass/bass.wav"}},
+        {{"a/b/c/d/", ".keep"}, "a/b/c/d/", {".keep"}},  // up to the first folder that holds something
+        {{"Samples/Drums/.DS_Store"}, "Samples/Drums", {"Samples", "Samples/Drums", "Samples/Drums/.DS_Store"}},
+        {{"Samples/kick.wav"}, "Samples/kick.wav", {"Samples", "Samples/kick.wav"}}, {{"Samples/"}, "Samples/x/y", {"Samples"}},
+        {{"Target/", "Links/Empty -> ../Target"}, "Links/Empty", {"Links", "Links/Empty", "Target"}},
+        {{"Locked/Empty/"}, "Locked/Empty", {"Locked", "Locked/Empty"}}, {{"Unreadable/"}, "Unreadable", {"Unreadable"}},
+        {{"Projects/Beat/Samples/"}, "Beat/Samples", {"Projects"}, "Projects"},  // never past where it started
     };
-    const std::vector<Case> rows = {
-        {"each ancestor left empty", {"Samples/Drums/Kicks"}, {"Samples/Bass/bass.wav"}, "Samples/Drums/Kicks",
-         {"Samples/Drums"}, {"Samples/Bass/bass.wav"}},
-        {"a trailing separator, up to the first folder that holds something", {"a/b/c/d"}, {".keep"}, "a/b/c/d/",
-         {"a"}, {".keep"}},
-        {"a hidden file", {}, {"Samples/Drums/.DS_Store"}, "Samples/Drums", {}, {"Samples/Drums/.DS_Store"}},
-        {"a file", {}, {"Samples/kick.wav"}, "Samples/kick.wav", {}, {"Samples/kick.wav"}},
-        {"nothing there", {"Samples"}, {}, "Samples/missing/deeper", {}, {"Samples"}},
-        {"a link to an empty folder", {"Target", "Links"}, {}, "Links/Empty", {}, {"Links/Empty", "Target"},
-         [](const TemporaryDirectory& root) { fs::create_directory_symlink(root / "Target", root / "Links/Empty"); }},
-        {"a folder that cannot be deleted", {"Locked/Empty"}, {}, "Locked/Empty", {}, {"Locked/Empty"},
-         withoutPermission("Locked", fs::perms::owner_write)},
-        {"a folder that cannot be listed", {"Unreadable"}, {}, "Unreadable", {}, {"Unreadable"},
-         withoutPermission("Unreadable", fs::perms::owner_read)},
-    };
-    for (const auto& row : rows) {
-        // Permissions do not bind the superuser.
-        if (geteuid() == 0 && std::string_view(row.why).starts_with("a folder that cannot")) continue;
-        TemporaryDirectory folder;
-        for (const auto& made : row.folders) folder.makeFolder(made);
-        for (const auto& file : row.files) folder.writeFile(file, "");
-        if (row.prepare) row.prepare(folder);
-        RemoveEmptyFoldersUnderPath(folder / row.path);
-        for (const auto& gone : row.gone) EXPECT_FALSE(fs::exists(folder.path() / gone)) << row.why;
-        for (const auto& kept : row.kept) EXPECT_TRUE(fs::symlink_status(folder.path() / kept).type() !=
-                                                      fs::file_type::not_found) << row.why << ": " << kept;
+    for (const auto& test : cases) {
+        if (geteuid() == 0 && (test.path == "Locked/Empty" || test.path == "Unreadable")) continue;  // the superuser may
+        TemporaryDirectory root;
+        for (const auto& made : test.made) {
+            if (const size_t arrow = made.find(" -> "); arrow != std::string::npos) {
+                const fs::path link = root / made.substr(0, arrow);
+                fs::create_directories(link.parent_path());
+                fs::create_directory_symlink(made.substr(arrow + 4), link);
+            } else {
+                made.ends_with('/') ? root.makeFolder(made) : root.writeFile(made, "");
+            }
+        }
+        std::error_code absent;  // in most rows
+        for (const auto& [name, permission] : {std::pair{"Locked", fs::perms::owner_write}, {"Unreadable", fs::perms::owner_read}})
+            fs::permissions(root / name, permission, fs::perm_options::remove, absent);
+        const fs::path previous = fs::current_path();
+        if (test.workingFolder) fs::current_path(root / test.workingFolder);
+        RemoveEmptyFoldersUnderPath(test.workingFolder ? test.path : root / test.path);
+        fs::current_path(previous);
+        std::set<std::string> left;
+        for (const auto& entry : fs::recursive_directory_iterator(root.path(), fs::directory_options::skip_permission_denied))
+            left.insert(entry.path().lexically_relative(root.path()).string());
+        EXPECT_EQ(left, test.left) << test.path;
     }
     RemoveEmptyFoldersUnderPath("");  // and does not crash
-
-    // A relative path: the walk never reaches past the path it was given, though the working folder is empty.
-    TemporaryDirectory folder;
-    folder.makeFolder("Projects/Beat/Samples");
-    const fs::path previous = fs::current_path();
-    fs::current_path(folder.path() / "Projects");
-    RemoveEmptyFoldersUnderPath("Beat/Samples");
-    fs::current_path(previous);
-    EXPECT_FALSE(fs::exists(folder.path() / "Projects/Beat"));
-    EXPECT_TRUE(fs::exists(folder.path() / "Projects"));
 }
 
 }  // namespace

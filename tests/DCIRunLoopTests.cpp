@@ -356,12 +356,3 @@ TEST(DCIRunLoopThreads, EachThreadRunsItsOwnLoopAndOthersPerformAndSignalOnIt) {
     source->signal();  // its loop is gone; the handles still work, and go after it
     EXPECT_TRUE(runMainUntil([&] { return ranOnMain; }));
 }
-
-TEST(DCIRunLoopThreads, ClosuresQueuedOnALoopThatEndsAreFreedWithIt) {
-    auto captured = std::make_shared<int>(1);
-    const std::weak_ptr<int> watcher = captured;
-    std::thread([captured = std::move(captured)]() mutable {
-        DCIRunLoop::current().performAsync([captured = std::move(captured)] {});  // never runs
-    }).join();
-    EXPECT_TRUE(watcher.expired());
-}

@@ -56,7 +56,7 @@ TEST_F(KestlyScanCommandTests, JSONListsTheTreeSortedAndCachesItsHashes) {
     EXPECT_EQ(counts(nlohmann::json::parse(scanJSON().output)), std::pair(nlohmann::json(1), nlohmann::json(2)));
 }
 
-TEST_F(KestlyScanCommandTests, SummaryCountsWhatWasFoundAndRead) {
+TEST_F(KestlyScanCommandTests, TheSummaryCountsWhatWasReadAndAMissingRootExitsWithTwo) {
     root.writeFile("a/kick.wav", "abc");
     root.writeFile("snare.wav", "abcd");
     const std::string ownCaches = caches.makeFolder("own");
@@ -68,12 +68,9 @@ TEST_F(KestlyScanCommandTests, SummaryCountsWhatWasFoundAndRead) {
         << run.output;
     EXPECT_TRUE(fs::exists(ownCaches + "/s.db"));
     EXPECT_FALSE(fs::exists(caches / "kestly")) << "no default cache is made when both are given";
-}
 
-TEST_F(KestlyScanCommandTests, AMissingRootIsAnErrorOfStatusTwo) {
-    const ProgramRun run = scan(shellQuoted(root / "missing"));
-    EXPECT_EQ(run.status, 2);
-    EXPECT_TRUE(run.output.empty());
+    const ProgramRun missing = scan(shellQuoted(root / "missing"));
+    EXPECT_EQ(std::tuple(missing.status, missing.output), std::tuple(2, ""));
     EXPECT_TRUE(errors().starts_with("kestly: " + (root / "missing") + ": ")) << errors();
 }
 

@@ -86,13 +86,13 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         const char* name;
         std::string arguments;  // "{}" stands for the server's address
         int status;
-        std::string output;  // standard output, or for --json "status statusCode bytes" of each result
+        std::string output;  // standard output, or for --json [status, statusCode, bytes] of each result
     } invocations[] = {
         {"bodies in URL order", "{}/b.txt {}/a.txt", 0, "worldhello"},
         {"one file per URL", "-d " + folder.path().string() + " {}/a.txt {}/b.txt", 0, ""},
-        {"404 is no success", "--json {}/a.txt {}/missing", 1, "Completed 200 5\nCompleted 404 0\n"},
+        {"404 is no success", "--json {}/a.txt {}/missing", 1, R"(["Completed",200,5])" "\n" R"(["Completed",404,0])" "\n"},
         {"-o with two URLs", "-o out {}/a.txt {}/b.txt", 2, ""}, {"malformed header", "-H nocolon {}/a.txt", 2, ""},
-        {"method that is no token", "--json -X 'GET /b.txt HTTP/1.1' {}/a.txt", 1, "Failed null 0\n"},
+        {"method that is no token", "--json -X 'GET /b.txt HTTP/1.1' {}/a.txt", 1, R"(["Failed",null,0])" "\n"},
     };
     for (const auto& invocation : invocations) {
         SCOPED_TRACE(invocation.name);
@@ -101,17 +101,14 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         auto [status, output] = runKestly("download " + arguments + " 2>/dev/null");
         EXPECT_EQ(status, invocation.status);
 
-        if (arguments.starts_with("--json")) {
-            // One line per action as it ends, in whatever order the workers finish.
-            std::istringstream lines(output);
+        if (arguments.starts_with("--json")) {  // a line per action as it ends, in any order, among progress lines
+            std::istringstream lines(std::exchange(output, ""));
             std::set<std::string> results;
             for (std::string line; std::getline(lines, line);) {
                 const auto json = nlohmann::json::parse(line);
-                if (!json.contains("status")) continue;  // a progress line
-                results.insert(json["status"].get<std::string>() + " " + json["statusCode"].dump() + " " +
-                               json["bytes"].dump() + "\n");
+                const auto result = nlohmann::json{json["status"], json["statusCode"], json["bytes"]};
+                if (json.contains("status")) results.insert(result.dump() + "\n");
             }
-            output.clear();
             for (const auto& result : results) output += result;
         }
         EXPECT_EQ(output, invocation.output);

@@ -135,7 +135,8 @@ TEST(KestlyUtilitiesTests, RemoveEmptyFoldersUnderPath) {
         const char* workingFolder = nullptr;
     };
     const Case cases[] = {
-        {{"Samples/Drums/Kicks/", "Samples/Bass/bass.wav"}, "Samples/Drums/Kicks", {"Samples", "Samples/Bass", "Samples/Bass/bass.wav"}},
+        {{"Samples/Drums/Kicks/", "Samples/Bass/bass.wav"}, "Samples/Drums/Kicks",
+         {"Samples", "Samples/Bass", "Samples/Bass/bass.wav"}},
         {{"a/b/c/d/", ".keep"}, "a/b/c/d/", {".keep"}},  // up to the first folder that holds something
         {{"Samples/Drums/.DS_Store"}, "Samples/Drums", {"Samples", "Samples/Drums", "Samples/Drums/.DS_Store"}},
         {{"Samples/kick.wav"}, "Samples/kick.wav", {"Samples", "Samples/kick.wav"}}, {{"Samples/"}, "Samples/x/y", {"Samples"}},

@@ -44,11 +44,8 @@ Actions drain(DCIActionQueue& queue) {
 // after each test, so no test sees another's events.
 class DCIActionQueueTest : public ::testing::Test {
 protected:
-    void SetUp() override { DCIEventManager::addListener(recorder_); }
-    void TearDown() override { DCIEventManager::removeListener(recorder_); }
-
     std::shared_ptr<DCIActionQueue> queue_ = DCIActionQueue::init();
-    std::shared_ptr<EventRecorder> recorder_ = std::make_shared<EventRecorder>();
+    ListeningRecorder recorder_;
 };
 
 }  // namespace

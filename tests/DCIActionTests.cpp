@@ -5,24 +5,7 @@
 #include "support/LogReading.h"
 #include "support/Testing.h"
 
-namespace {
-
 using Actions = std::vector<std::shared_ptr<DCIAction>>;
-
-// Every status event reaches a real listener on the main thread; the bus is gone again after
-// each test, so no test sees another's events.
-class DCIActionEventsTest : public ::testing::Test {
-protected:
-    void SetUp() override { DCIEventManager::addListener(recorder_); }
-    void TearDown() override {
-        DCIEventManager::removeListener(recorder_);
-        EXPECT_TRUE(recorder_->allOnMainThread);
-    }
-
-    std::shared_ptr<EventRecorder> recorder_ = std::make_shared<EventRecorder>();
-};
-
-}  // namespace
 
 TEST(DCIAction, ClassificationLooksAtTheCategoryAndUpTheAncestryNeverDown) {
     const auto download = DCIAction::initWithCategory(DCIActionCategoryCommon, DCIActionTypeDownload);
@@ -99,7 +82,8 @@ TEST(DCIAction, ContextIsSafeToShareBetweenThreads) {
 
 // Every ordered pair of statuses, unknown numbers included, from a worker thread while the main
 // thread is blocked in join: a post that waited for the main thread would hang.
-TEST_F(DCIActionEventsTest, EveryStatusChangeIsAnnouncedOnceAndOnlyAFailureKeepsTheError) {
+TEST(DCIAction, EveryStatusChangeIsAnnouncedOnceAndOnlyAFailureKeepsTheError) {
+    const ListeningRecorder recorder;  // gone again at the end, and the bus with it
     const auto action = DCIAction::init();
     const DCIError error = DCIError::posixError(ENOENT, "open /missing");
     const int64_t statuses[] = {0, 1, 2, 3, 4, 5, 6, 7, 9, -1};
@@ -123,9 +107,9 @@ TEST_F(DCIActionEventsTest, EveryStatusChangeIsAnnouncedOnceAndOnlyAFailureKeeps
             }
         }
     }).join();
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder_->statusChangesOf(action).size() >= expected.size(); }));
+    ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder->statusChangesOf(action).size() >= expected.size(); }));
     pumpMainLoopBriefly();
-    EXPECT_EQ(recorder_->statusChangesOf(action), expected);
+    EXPECT_EQ(recorder->statusChangesOf(action), expected);
 }
 
 TEST(DCIAction, EachStatusHasItsTextAndOtherNumbersNone) {
@@ -135,7 +119,8 @@ TEST(DCIAction, EachStatusHasItsTextAndOtherNumbersNone) {
     for (const auto& [status, text] : table) EXPECT_EQ(DCIActionStatusText(status), text) << status;
 }
 
-TEST_F(DCIActionEventsTest, RecursiveStatusChangesAnnounceChildrenBeforeParents) {
+TEST(DCIAction, RecursiveStatusChangesAnnounceChildrenBeforeParents) {
+    const ListeningRecorder recorder;  // gone again at the end, and the bus with it
     const auto parent = DCIAction::init(), first = DCIAction::init(), second = DCIAction::init();
     const auto grandchild = DCIAction::init();
     first->setParent(parent);
@@ -143,11 +128,11 @@ TEST_F(DCIActionEventsTest, RecursiveStatusChangesAnnounceChildrenBeforeParents)
     grandchild->setParent(first);
 
     parent->recursivelyChangeStatus(DCIActionStatusCanceled);
-    ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder_->events.size() == 4; }));
+    ASSERT_TRUE(pumpMainLoopUntil([&] { return recorder->events.size() == 4; }));
     pumpMainLoopBriefly();
-    ASSERT_EQ(recorder_->events.size(), 4u);
+    ASSERT_EQ(recorder->events.size(), 4u);
     Actions arrival;
-    for (const auto& event : recorder_->events) arrival.push_back(event->action());
+    for (const auto& event : recorder->events) arrival.push_back(event->action());
     const auto at = [&](const auto& action) { return std::ranges::find(arrival, action) - arrival.begin(); };
     EXPECT_LT(at(grandchild), at(first));
     EXPECT_EQ(at(parent), 3);

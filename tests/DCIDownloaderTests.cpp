@@ -24,12 +24,9 @@ uint64_t downloadedSize(const std::shared_ptr<DCIAction>& action) {
 
 class DCIDownloaderTest : public ::testing::Test {
 protected:
-    void SetUp() override { DCIEventManager::addListener(recorder); }
-
     void TearDown() override {
         worker->close();
         EXPECT_TRUE(pumpMainLoopUntil([&] { return stopped(worker); }));
-        DCIEventManager::removeListener(recorder);
     }
 
     bool stopped(const std::shared_ptr<DCIDownloader>& downloader) const { return eventIndex(13, downloader) >= 0; }
@@ -96,7 +93,7 @@ protected:
     int pairArrivals = 0;
 
     TemporaryDirectory folder;
-    std::shared_ptr<EventRecorder> recorder = std::make_shared<EventRecorder>();
+    ListeningRecorder recorder;
     std::shared_ptr<DCIActionQueue> queue = DCIActionQueue::init();
     std::shared_ptr<DCIDownloader> worker = DCIDownloader::initWithQueue(queue);
 };

@@ -43,7 +43,6 @@ std::string describe(const DCIEvent& event, const std::string& root) {
 class DCIFileManagerTests : public ::testing::Test {
 protected:
     DCIFileManagerTests() {
-        DCIEventManager::addListener(recorder);
         manager->addPrimaryFileExtension("ALS");
         manager->addSecondaryFileExtension("wav");
     }
@@ -53,7 +52,6 @@ protected:
             manager->stop();
             waitFor(DCIEventTypeFileManagerStopped);
         }
-        DCIEventManager::removeListener(recorder);
     }
 
     void start(const std::string& rootPath) {
@@ -92,7 +90,7 @@ protected:
 
     TemporaryDirectory directory;
     const std::string root = directory.makeFolder("root");
-    std::shared_ptr<EventRecorder> recorder = std::make_shared<EventRecorder>();
+    ListeningRecorder recorder;
     std::shared_ptr<DCIFileManager> manager = DCIFileManager::init();
     int markers = 0;
 };

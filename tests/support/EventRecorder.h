@@ -4,6 +4,8 @@
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -48,6 +50,24 @@ public:
         }
         return changes;
     }
+};
+
+/// A recorder that listens to the bus while it exists, and checks when it goes that every event
+/// came on the main thread.
+class ListeningRecorder {
+public:
+    ListeningRecorder() { DCIEventManager::addListener(recorder_); }
+    ~ListeningRecorder() {
+        DCIEventManager::removeListener(recorder_);
+        EXPECT_TRUE(recorder_->allOnMainThread);
+    }
+    ListeningRecorder(const ListeningRecorder&) = delete;
+    ListeningRecorder& operator=(const ListeningRecorder&) = delete;
+
+    EventRecorder* operator->() const { return recorder_.get(); }
+
+private:
+    std::shared_ptr<EventRecorder> recorder_ = std::make_shared<EventRecorder>();
 };
 
 /// Runs the main loop until `predicate` holds or five seconds have passed.

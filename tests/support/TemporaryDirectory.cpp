@@ -42,15 +42,13 @@ std::string TemporaryDirectory::makeFolder(const std::string& relative) const {
 }
 
 ScopedEnvironment::ScopedEnvironment(const char* name, const char* value) : name_(name) {
-    const char* previous = std::getenv(name);
-    hadPrevious_ = previous != nullptr;
-    if (previous) previous_ = previous;
+    if (const char* previous = std::getenv(name)) previous_ = previous;
     if (value) setenv(name, value, 1);
     else unsetenv(name);
 }
 
 ScopedEnvironment::~ScopedEnvironment() {
-    if (hadPrevious_) setenv(name_.c_str(), previous_.c_str(), 1);
+    if (previous_) setenv(name_.c_str(), previous_->c_str(), 1);
     else unsetenv(name_.c_str());
 }
 

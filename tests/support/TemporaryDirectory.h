@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <initializer_list>
+#include <optional>
 #include <string>
 
 /// A fresh folder under the system's temporary directory, removed with everything in it
@@ -40,8 +41,7 @@ public:
 
 private:
     std::string name_;
-    std::string previous_;
-    bool hadPrevious_;
+    std::optional<std::string> previous_;
 };
 
 /// The whole content of a file, or "" when it cannot be read.

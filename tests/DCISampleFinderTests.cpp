@@ -92,7 +92,7 @@ TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritic
         {"808.mp3", {"z/808.mp3"}},  // names that hold it are no hits, and use up no room
     };
     const std::string link = folder / "link";  // a scanned folder reached through a link
-    std::filesystem::create_directory_symlink(tree.path(), link);
+    fs::create_directory_symlink(tree.path(), link);
     for (const auto& [backend, root] : {std::pair{DCIMetadataQueryBackend::locateDatabase, tree.path().string()},
                                         {DCIMetadataQueryBackend::folderScan, tree.path().string()},
                                         {DCIMetadataQueryBackend::folderScan, link}}) {
@@ -122,11 +122,11 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns
     writeAudio(tree / "b/Loop.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 1000);
     const std::string c = tree.writeFile("c/Loop.wav", std::string(1000, 'c'));
     const std::string slashed = tree.writeFile("d/kick:snare.wav", "kick");
-    const auto sizeOf = [](const std::string& path) { return static_cast<uint64_t>(std::filesystem::file_size(path)); };
+    const auto sizeOf = [](const std::string& path) { return static_cast<uint64_t>(fs::file_size(path)); };
 
     // Real caches, whose sasID of a file is "id-" and the name of its folder.
     const auto cache = DCISHACache::initWithCachePath(folder / "samples.sqlite", [](const std::string& path) {
-        return std::optional("id-" + std::filesystem::path(path).parent_path().filename().string());
+        return std::optional("id-" + fs::path(path).parent_path().filename().string());
     });
     const auto queries = std::make_shared<DCICachedFileQueries>(DCIFileKinds{{}, {}, {"wav"}}, nullptr, cache);
     const auto finder = DCISampleFinder::initWithFileQueries(queries, settingsFor(DCIMetadataQueryBackend::automatic));

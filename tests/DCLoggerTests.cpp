@@ -30,7 +30,7 @@ TEST(DCLogger, AFirstRunMakesAPrivateFolderAndLogAndTheNextKeepsOneGeneration) {
         DCLogger first(folder);
         EXPECT_EQ(permissionsOf(folder), 0700u);
         EXPECT_EQ(permissionsOf(first.currentLogFileURL()), 0600u);
-        EXPECT_FALSE(std::filesystem::exists(first.previousLogFileURL()));
+        EXPECT_FALSE(fs::exists(first.previousLogFileURL()));
         first.log("the last run");  // written by the time the logger is gone
     }
     parent.writeFile("kestly/com.kestly.previous.log", "two runs ago\n");

@@ -87,12 +87,15 @@ TEST_F(DCIActionQueueTest, FollowsTheOrderWhileActionsComeGoAndChangePriority) {
     expectQueueAsModelled();
 }
 
-TEST_F(DCIActionQueueTest, APriorityChangedThroughTheTreeCountsAtTheNextHandOut) {
-    // The group's parent does not wait, its children do.
+TEST_F(DCIActionQueueTest, APriorityChangedThroughTheTreeCountsAtTheNextHandOutInEveryQueue) {
+    // The group's parent does not wait, its children do; the member waits in another queue too.
     const auto group = DCIAction::init(), member = actionWithPriority(10), other = actionWithPriority(6);
+    const auto otherQueue = DCIActionQueue::init();
     member->setParent(group);
     queue_->addAction(member);
+    otherQueue->addAction(member);
     queue_->addAction(other);
+    EXPECT_EQ(otherQueue->popNextAction(), member);  // taken from one queue, it still waits in this one
     group->recursivelyIncrementPriority(-8);
     EXPECT_EQ(drain(*queue_), (Actions{member, other}));
     queue_->addAction(member);
@@ -130,18 +133,6 @@ TEST_F(DCIActionQueueTest, AnAddThatRunsOutOfMemoryLeavesTheActionFreeToBeAddedA
         queue->addAction(second);
         EXPECT_EQ(drain(*queue), (Actions{second, first})) << "allocation " << allowed << " failed";
     }
-}
-
-TEST_F(DCIActionQueueTest, AnActionMayWaitInTwoQueues) {
-    const auto other = DCIActionQueue::init();
-    const auto shared = actionWithPriority(5), local = actionWithPriority(3);
-    queue_->addAction(shared);
-    queue_->addAction(local);
-    other->addAction(shared);
-    EXPECT_EQ(other->popNextAction(), shared);
-    // Taken from one queue, it still waits in the other and still moves there.
-    shared->setPriority(1);
-    EXPECT_EQ(drain(*queue_), (Actions{shared, local}));
 }
 
 TEST_F(DCIActionQueueTest, PausedQueuesTakeButHandOutNothingAndTellOnlyRealTransitions) {

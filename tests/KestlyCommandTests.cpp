@@ -134,9 +134,7 @@ TEST(DCIManifestV2ProjectCommandTests, TheTableEscapesAndTheExitStatusesHoldThei
         {"manifest", 2}, {"manifest --no-such-option " + file, 2}, {"manifest '" + (folder / "missing.json") + "'", 2},
         {"manifest /dev/zero", 2}, {"manifest " + file + " >/dev/full", 2},
     };
-    for (const auto& [arguments, expected] : runs) {
-        EXPECT_EQ(runKestly(arguments + " 2>/dev/null").status, expected) << arguments;
-    }
+    for (const auto& [arguments, expected] : runs) EXPECT_EQ(runKestly(arguments + " 2>/dev/null").status, expected) << arguments;
 }
 
 TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {

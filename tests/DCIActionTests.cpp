@@ -158,12 +158,10 @@ TEST(DCIAction, PrioritiesReachEveryDescendantNoAncestorAndSaturateForEachAction
         {kTop, 14, std::numeric_limits<int64_t>::min(), kTop - (uint64_t{1} << 63), 0},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.change);
         parent->setPriority(c.parentBefore);
         child->setPriority(c.childBefore);
         parent->recursivelyIncrementPriority(c.change);
-        EXPECT_EQ(parent->priority(), c.parentAfter);
-        EXPECT_EQ(child->priority(), c.childAfter);
+        EXPECT_EQ(std::pair(parent->priority(), child->priority()), std::pair(c.parentAfter, c.childAfter)) << c.change;
     }
 }
 

@@ -14,9 +14,7 @@ TEST(DCIUTF16Tests, LengthsCountUnitsAndCutBetweenWholeCharacters) {
         {"\xf0\x8f\xbf\xbf", 4, 1}, {"\xed\xa0\x80", 3, 1}, {"\xf4\x90\x80\x80", 4, 1}, {"\xf0\x9f\x8e", 3, 1},
         {"\xe3\x83", 2, 1}, {"\x80\x80", 2, 1},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::PrintToString(c.text));
-        EXPECT_EQ(DCIUTF16Length(c.text), c.units);
-        EXPECT_EQ(DCIUTF8CharacterLength(c.text), c.firstBytes);
-    }
+    for (const Case& c : cases)
+        EXPECT_EQ(std::pair(DCIUTF16Length(c.text), DCIUTF8CharacterLength(c.text)), std::pair(c.units, c.firstBytes))
+            << testing::PrintToString(c.text);
 }

@@ -178,9 +178,7 @@ TEST(DCIAction, AChildOwnsItsParentAndAParentOnlyKnowsItsChildren) {
 
     // Moving leaves the old parent's children, which lets it go.
     child->setParent(other);
-    EXPECT_TRUE(parentAlive.expired());
-    EXPECT_EQ(other->children(), Actions{child});
-    EXPECT_EQ(child->root(), grandparent);
+    EXPECT_EQ(std::tuple(parentAlive.expired(), other->children(), child->root()), std::tuple(true, Actions{child}, grandparent));
     child->setParent(nullptr);
     EXPECT_TRUE(other->children().empty());
     EXPECT_EQ(child->root(), child);

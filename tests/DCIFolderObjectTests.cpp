@@ -159,9 +159,7 @@ TEST_F(DCIFolderObjectTests, ATreeWhoseQueriesAreGoneSeesNoFileOfInterestAndHash
 
     EXPECT_TRUE(tree->generateHashes());
     const auto kick = a->files()->at("kick.wav");
-    EXPECT_EQ(kick->fileHash(), kSHA256OfABC);
-    EXPECT_EQ(kick->sasID(), std::nullopt);
-    EXPECT_EQ(calculatorCalls, 0);
+    EXPECT_EQ(std::tuple(kick->fileHash(), kick->sasID(), calculatorCalls.load()), std::tuple(kSHA256OfABC, std::nullopt, 0));
 
     a->buildFileAndFolderList();
     EXPECT_TRUE(a->files()->empty());
@@ -218,9 +216,8 @@ TEST_F(DCIFolderObjectTests, SearchFindsTheNearestMatchFirst) {
     root.writeFile("z/unique.wav", "unique");
     const auto tree = buildTree();
 
-    EXPECT_EQ(tree->searchForFileWithHash(std::nullopt), nullptr);
-    EXPECT_EQ(tree->searchForFileWithSasID(std::nullopt), nullptr);
-    EXPECT_EQ(tree->searchForFileWithHash(std::string(64, '0')), nullptr);
+    EXPECT_FALSE(tree->searchForFileWithHash(std::nullopt) || tree->searchForFileWithSasID(std::nullopt) ||
+                 tree->searchForFileWithHash(std::string(64, '0')));
 
     // Files without a hash are hashed by the search itself.
     const auto near = tree->searchForFileWithHash(kSHA256OfABC);
@@ -292,8 +289,7 @@ TEST_F(DCIFolderObjectTests, DatesAreTheWholeSecondsOfTheTargetReadWhenAskedAndK
     const DCIDate created = file->createdDate();
     fs::remove(target);
     EXPECT_FALSE(file->updateAttributes());
-    EXPECT_EQ(file->modifiedDate().timeIntervalSince1970(), 10'413'792'000.0);
-    EXPECT_EQ(file->createdDate(), created);
+    EXPECT_EQ(std::pair(file->modifiedDate().timeIntervalSince1970(), file->createdDate()), std::pair(10'413'792'000.0, created));
 }
 
 // Files and folders meet by absolute path: those of another build of the same tree serve, those

@@ -28,9 +28,8 @@ TEST(DCLogger, AFirstRunMakesAPrivateFolderAndLogAndTheNextKeepsOneGeneration) {
     const std::string folder = parent / "kestly";
     {
         DCLogger first(folder);
-        EXPECT_EQ(permissionsOf(folder), 0700u);
-        EXPECT_EQ(permissionsOf(first.currentLogFileURL()), 0600u);
-        EXPECT_FALSE(fs::exists(first.previousLogFileURL()));
+        EXPECT_EQ(std::tuple(permissionsOf(folder), permissionsOf(first.currentLogFileURL()), fs::exists(first.previousLogFileURL())),
+                  std::tuple(0700u, 0600u, false));
         first.log("the last run");  // written by the time the logger is gone
     }
     parent.writeFile("kestly/com.kestly.previous.log", "two runs ago\n");

@@ -103,25 +103,21 @@ TEST(KestlyPathTests, IsSameOrBelow) {
         EXPECT_EQ(KestlyPath::isSameOrBelow(path, folder), expected) << path << " in " << folder;
 }
 
+// A DAW's name is matched whole, in any case, and written in lower case; no other number has one.
 TEST(KestlyUtilitiesTests, DAWNamesAndNullValues) {
-    const std::vector<std::pair<const char*, DCIKestlyDAW>> rows = {
+    const std::pair<const char*, DCIKestlyDAW> rows[] = {
         {"ableton", DCIKestlyDAWAbleton}, {"ABLETON", DCIKestlyDAWAbleton}, {"Logic", DCIKestlyDAWLogic},
         {"Logic Pro", DCIKestlyDAWUnknown}, {"", DCIKestlyDAWUnknown}, {"able", DCIKestlyDAWUnknown},
-        {"ableton ", DCIKestlyDAWUnknown}, {"Unknown", DCIKestlyDAWUnknown},
+        {"ableton ", DCIKestlyDAWUnknown}, {"Unknown", DCIKestlyDAWUnknown}, {nullptr, DCIKestlyDAWUnknown},
     };
-    for (const auto& [text, expected] : rows) {
-        EXPECT_EQ(DCIKestlyDAWFromString(text), expected) << text;
-        EXPECT_EQ(DCIKestlyDAWFromString(std::optional<std::string>(text)), expected) << text;
+    for (const auto& [text, daw] : rows) {
+        const auto optional = text ? std::optional<std::string>(text) : std::nullopt;
+        EXPECT_EQ(std::pair(DCIKestlyDAWFromString(text), DCIKestlyDAWFromString(optional)), std::pair(daw, daw)) << (text ? text : "(null)");
     }
-    EXPECT_EQ(DCIKestlyDAWFromString(nullptr), DCIKestlyDAWUnknown);
-    EXPECT_EQ(DCIKestlyDAWFromString(std::nullopt), DCIKestlyDAWUnknown);
-    for (const auto& [daw, expected] : std::vector<std::pair<DCIKestlyDAW, std::string>>{
-             {DCIKestlyDAWUnknown, "Unknown"}, {DCIKestlyDAWAbleton, "ableton"}, {DCIKestlyDAWLogic, "logic"},
-             {3, "Unknown"}, {UINT64_MAX, "Unknown"}}) {
-        EXPECT_EQ(DCIKestlyDAWAsString(daw), expected) << daw;
-    }
-    EXPECT_EQ(KSTMakeNull(std::nullopt), DCINull());
-    EXPECT_EQ(KSTMakeNull(DCIValue(int64_t{42})), DCIValue(int64_t{42}));
+    EXPECT_EQ((std::vector{DCIKestlyDAWAsString(DCIKestlyDAWUnknown), DCIKestlyDAWAsString(DCIKestlyDAWAbleton),
+                           DCIKestlyDAWAsString(DCIKestlyDAWLogic), DCIKestlyDAWAsString(3), DCIKestlyDAWAsString(UINT64_MAX)}),
+              (std::vector<std::string>{"Unknown", "ableton", "logic", "Unknown", "Unknown"}));
+    EXPECT_EQ(std::pair(KSTMakeNull(std::nullopt), KSTMakeNull(DCIValue(int64_t{42}))), std::pair(DCINull(), DCIValue(int64_t{42})));
 }
 
 // Each row makes files, folders (ending in "/") and folder links ("name -> target"), hands over

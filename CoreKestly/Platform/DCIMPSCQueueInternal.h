@@ -67,8 +67,10 @@ public:
         return true;
     }
 
-    /// The consumer only: moves the oldest items, at most `limit`, to the end of `into`.
-    std::pair<size_t, End> take(std::vector<T>& into, size_t limit) {
+    /// The consumer only: moves the oldest items, at most `limit`, to the end of `into`. Having
+    /// found no more, it goes idle only if `mayGoIdle`; otherwise it stays awake, answers
+    /// Stalled and must take again.
+    std::pair<size_t, End> take(std::vector<T>& into, size_t limit, bool mayGoIdle = true) {
         if (idle_) {
             next_.fetch_and(~kIdleBit, std::memory_order_relaxed);
             idle_ = false;
@@ -76,7 +78,7 @@ public:
         size_t taken = 0;
         for (; taken < limit; ++taken) {
             Slot* slot = readySlot();
-            if (!slot) return {taken, goIdle() ? End::Empty : End::Stalled};
+            if (!slot) return {taken, mayGoIdle && goIdle() ? End::Empty : End::Stalled};
             into.push_back(std::move(*slot->value));
             slot->value.reset();
             slot->ready.store(false, std::memory_order_relaxed);

@@ -91,10 +91,7 @@ TEST(DCIRunLoopSignal, SignalsCoalesceUntilTheCallbackRunsAndNoneIsLost) {
     constexpr int kThreads = 4, kSignalsEach = 1000;
     std::atomic<int> posted = 0;
     int calls = 0, seen = 0;
-    const auto source = mainLoop().addSignalSource([&] {
-        ++calls;
-        seen = posted.load();
-    });
+    const auto source = mainLoop().addSignalSource([&] { ++calls; seen = posted.load(); });
     const auto signalFromThreads = [&] {
         return startThreads(kThreads, [&](int) {
             for (int j = 0; j < kSignalsEach; ++j) {
@@ -204,8 +201,7 @@ TEST(DCIRunLoopTimer, TimersFireInDeadlineOrderNeverEarlyAndRepeatUntilRemoved) 
     mainLoop().addTimer(15ms, false, [&] { order += 'x'; });  // removed at once
     timers.push_back(mainLoop().addTimer(Clock::duration::max(), true, [&] { order += 'n'; }));
     int repeats = 0;
-    std::unique_ptr<DCIRunLoopSource> repeating;
-    repeating = mainLoop().addTimer(10ms, true, [&] {
+    std::unique_ptr<DCIRunLoopSource> repeating = mainLoop().addTimer(10ms, true, [&] {
         EXPECT_GE(Clock::now() - start, ++repeats * 10ms);
         if (repeats == 3) repeating.reset();
     });
@@ -246,8 +242,7 @@ TEST(DCIRunLoopRun, AStopEndsTheNextRunButNotRunOnce) {
     bool ran = false;
     mainLoop().stop();
     mainLoop().performAsync([&] { ran = true; });
-    EXPECT_TRUE(mainLoop().runOnce());
-    EXPECT_TRUE(ran);
+    EXPECT_TRUE(mainLoop().runOnce() && ran);
     mainLoop().run();  // returns at once, taking the stop
 
     // From another thread, once run() is running the closure performSync waits for.
@@ -261,12 +256,7 @@ TEST(DCIRunLoopRun, AStopEndsTheNextRunButNotRunOnce) {
 
 TEST(DCIRunLoopRun, ANestedRunRunsWorkQueuedBeforeItAndAStopEndsOnlyTheInnermostRun) {
     std::vector<std::string> steps;
-    const auto step = [&steps](std::string name) {
-        return [&steps, name] {
-            steps.push_back(name);
-            mainLoop().stop();
-        };
-    };
+    const auto step = [&steps](std::string name) { return [&steps, name] { steps.push_back(name); mainLoop().stop(); }; };
     mainLoop().performAsync([&] {
         steps.push_back("first");
         mainLoop().run();
@@ -288,8 +278,7 @@ TEST(DCIRunLoopRun, ANestedRunRunsWorkQueuedBeforeItAndAStopEndsOnlyTheInnermost
 TEST(DCIRunLoopRun, RunOnceNeverWaitsAndTheDescriptorIsReadableWhileWorkIsReady) {
     const int fd = mainLoop().fileDescriptor();
     drain(mainLoop());
-    EXPECT_FALSE(mainLoop().runOnce());
-    EXPECT_FALSE(isReadable(fd));
+    EXPECT_FALSE(mainLoop().runOnce() || isReadable(fd));
 
     int ran = 0;
     const auto source = mainLoop().addSignalSource([&] { ++ran; });
@@ -302,17 +291,13 @@ TEST(DCIRunLoopRun, RunOnceNeverWaitsAndTheDescriptorIsReadableWhileWorkIsReady)
 
     const auto timer = mainLoop().addTimer(5ms, false, [&] { ++ran; });
     EXPECT_TRUE(isReadable(fd, kPatience));
-    EXPECT_TRUE(mainLoop().runOnce());
-    EXPECT_EQ(ran, 3);
+    EXPECT_TRUE(mainLoop().runOnce() && ran == 3);
 }
 
 TEST(DCIRunLoopCallbacks, AnExceptionIsReportedAndTheLoopGoesOn) {
     int signalCalls = 0;
     bool ranAfter = false;
-    const auto source = mainLoop().addSignalSource([&] {
-        ++signalCalls;
-        throw std::runtime_error("source failed");
-    });
+    const auto source = mainLoop().addSignalSource([&] { ++signalCalls; throw std::runtime_error("source failed"); });
     testing::internal::CaptureStderr();
     mainLoop().performAsync([] { throw std::runtime_error("disk on fire"); });
     mainLoop().performAsync([&] { ranAfter = true; });

@@ -246,10 +246,7 @@ TEST(DCIRunLoopRun, AStopEndsTheNextRunButNotRunOnce) {
     mainLoop().run();  // returns at once, taking the stop
 
     // From another thread, once run() is running the closure performSync waits for.
-    std::thread stopper([] {
-        mainLoop().performSync([] {});
-        mainLoop().stop();
-    });
+    std::thread stopper([] { mainLoop().performSync([] {}); mainLoop().stop(); });
     mainLoop().run();
     stopper.join();
 }

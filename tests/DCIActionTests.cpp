@@ -148,11 +148,7 @@ TEST(DCIAction, PrioritiesReachEveryDescendantNoAncestorAndSaturateForEachAction
     EXPECT_EQ(child->priority(), 42u);
 
     constexpr uint64_t kTop = std::numeric_limits<uint64_t>::max();
-    struct Case {
-        uint64_t parentBefore, childBefore;
-        int64_t change;
-        uint64_t parentAfter, childAfter;
-    };
+    struct Case { uint64_t parentBefore, childBefore; int64_t change; uint64_t parentAfter, childAfter; };
     const Case cases[] = {
         {3, 10, -5, 0, 5}, {1, 5, 4, 5, 9}, {kTop - 1, 9, 5, kTop, 14},
         {kTop, 14, std::numeric_limits<int64_t>::min(), kTop - (uint64_t{1} << 63), 0},

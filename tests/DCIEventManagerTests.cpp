@@ -191,5 +191,6 @@ TEST_F(DCIEventManagerTest, ProducersRacingTheLastRemovalNeverCrashAndStopReachi
         pumpMainLoopBriefly();
     });
     pumpMainLoopBriefly();
-    EXPECT_EQ(std::tuple(delivering, recorder->events.size(), DCIEventManager::hasSharedInstance()), std::tuple(true, atRemoval, false));
+    EXPECT_EQ(std::tuple(delivering, recorder->events.size(), DCIEventManager::hasSharedInstance()),
+              std::tuple(true, atRemoval, false));
 }

@@ -96,11 +96,7 @@ protected:
 };
 
 TEST_F(DCIFileManagerTests, EachKindOfChangeIsReportedAsTheEventsOfOnePass) {
-    struct Case {
-        const char* name;
-        Disk before, change;
-        Lines expected;
-    };
+    struct Case { const char* name; Disk before, change; Lines expected; };
     const Case cases[] = {
         {"rename", [](auto& r) { write(r, "a/x.wav", "1"); }, [](auto& r) { move(r, "a/x.wav", "a/y.wav"); },
          {"moved file a/x.wav -> a/y.wav"}},

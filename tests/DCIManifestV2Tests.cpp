@@ -123,13 +123,7 @@ TEST(DCIManifestV2ProjectItemTests, RequiredValuesAndTheCreator) {
 
 // The folder and the name as each project type settles them.
 TEST(DCIManifestV2ProjectItemTests, SettlesTheFolderAndTheName) {
-    struct Row {
-        const char* why;
-        json base;
-        Changes changes;
-        std::string folder;
-        std::optional<std::string> name;
-    };
+    struct Row { const char* why; json base; Changes changes; std::string folder; std::optional<std::string> name; };
     const json unnamed = nullptr;
     const Row rows[] = {
         {"no name: the folder's", logicManifest(), {{"name", unnamed}}, "Projects/Song", "Song"},
@@ -341,9 +335,7 @@ TEST(DCIManifestV2ProjectFileItemTests, ReadsEveryField) {
 // The path an entry gets relative to its project's folder, and the line that says so where one
 // is due; without one, no error is logged, nor a warning outside the session category.
 TEST(DCIManifestV2ProjectFileItemTests, PathsRelativeToTheProjectFolder) {
-    struct Row {
-        std::string folder, category, path, relative, logged = {};
-    };
+    struct Row { std::string folder, category, path, relative, logged = {}; };
     const std::string unmatched = "WARNING: projectFolder = Users/ann/Music/Beat Project, session relative path = ";
     const std::string unexpected = "ERROR: unexpected paths found in manifest Users/ann/Music/Beat Project and ";
     const Row rows[] = {
@@ -400,9 +392,7 @@ TEST(DCIManifestV2ProjectFileItemTests, PathsRelativeToTheProjectFolder) {
 // may a path the host joins to a folder of its own.
 TEST(DCIManifestV2ProjectFileItemTests, NothingLeavesTheProjectFolder) {
     const std::string leaves = "ERROR: The manifest path ", same = "ERROR: The project path " + kFolder + " is the same";
-    struct Row {
-        std::string folder, category, path, logged;
-    };
+    struct Row { std::string folder, category, path, logged; };
     const Row rows[] = {
         {kFolder, "samples", kFolder + ".../Other Project/Other.als", leaves + "../Other Project/Other.als"},
         {"Beat", "samples", "Beat.../escape.als", leaves + "../escape.als would leave the project folder Beat - skipping it"},

@@ -78,10 +78,7 @@ protected:
 TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacriticsAndLeaveNoProgramBehind) {
     tree.writeFiles({"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav", "a808.mp3",
                      "b808.mp3", "z/808.mp3"}, "");
-    const struct {
-        std::string name;
-        std::vector<std::string> found;
-    } cases[] = {
+    const struct { std::string name; std::vector<std::string> found; } cases[] = {
         {"CAFE.wav", {"Café.wav", "cafe.wav"}},  // diacritics on the file's side
         {"cafÉ.WAV", {"Café.wav", "cafe.wav"}},  // and on the name's
         {"k?ck.wav", {"kick.wav"}}, {"k*ck.wav", {"kick.wav", "kiick.wav"}},
@@ -138,11 +135,7 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns
     EXPECT_EQ(std::async(std::launch::async, search).get(), none);
     finder->setGatherTimeout(DCISampleFinder::kDefaultGatherTimeout);
 
-    const struct {
-        Name name, sasID, sha;
-        uint64_t size, duration;
-        std::optional<std::string> found;
-    } cases[] = {
+    const struct { Name name, sasID, sha; uint64_t size, duration; std::optional<std::string> found; } cases[] = {
         {"Loop.wav", "id-c", none, 0, 0, c}, {"Loop.wav", "id-none", KSTSha256ForFileAtPath(c), 0, 0, c},
         {"Loop.wav", "id-none", none, sizeOf(c), 0, none},  // identifiers decide alone
         {"Loop.wav", none, none, sizeOf(c), 1000, c},
@@ -164,11 +157,7 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns
 TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone) {
     tree.writeFile("notes.wav", "not audio at all, though named like it");
     ASSERT_EQ(mkfifo((tree / "fifo.wav").c_str(), 0600), 0);  // must not block the reader
-    const struct {
-        const char* name;
-        int format;  // 0: not written as audio
-        uint64_t rate, frames;
-    } cases[] = {
+    const struct { const char* name; int format; uint64_t rate, frames; } cases[] = {  // format 0: not audio
         {"pcm.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_24, 44100, 12345},
         {"pcm.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 48000, 777},
         {"lossless.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 22050, 4096},

@@ -28,7 +28,8 @@ TEST(DCLogger, AFirstRunMakesAPrivateFolderAndLogAndTheNextKeepsOneGeneration) {
     const std::string folder = parent / "kestly";
     {
         DCLogger first(folder);
-        EXPECT_EQ(std::tuple(permissionsOf(folder), permissionsOf(first.currentLogFileURL()), fs::exists(first.previousLogFileURL())),
+        const bool previous = fs::exists(first.previousLogFileURL());
+        EXPECT_EQ(std::tuple(permissionsOf(folder), permissionsOf(first.currentLogFileURL()), previous),
                   std::tuple(0700u, 0600u, false));
         first.log("the last run");  // written by the time the logger is gone
     }

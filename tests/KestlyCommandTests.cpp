@@ -82,12 +82,9 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
     });
     const TemporaryDirectory folder;
 
-    const struct {
-        const char* name;
-        std::string arguments;  // "{}" stands for the server's address
-        int status;
-        std::string output;  // standard output, or for --json [status, statusCode, bytes] of each result
-    } invocations[] = {
+    // "{}" in the arguments stands for the server's address; the output is the standard output, or
+    // for --json [status, statusCode, bytes] of each result.
+    const struct { const char* name; std::string arguments; int status; std::string output; } invocations[] = {
         {"bodies in URL order", "{}/b.txt {}/a.txt", 0, "worldhello"},
         {"one file per URL", "-d " + folder.path().string() + " {}/a.txt {}/b.txt", 0, ""},
         {"404 is no success", "--json {}/a.txt {}/missing", 1, R"(["Completed",200,5])" "\n" R"(["Completed",404,0])" "\n"},

@@ -112,24 +112,20 @@ TEST(KestlyUtilitiesTests, DAWNamesAndNullValues) {
     };
     for (const auto& [text, daw] : rows) {
         const auto optional = text ? std::optional<std::string>(text) : std::nullopt;
-        EXPECT_EQ(std::pair(DCIKestlyDAWFromString(text), DCIKestlyDAWFromString(optional)), std::pair(daw, daw)) << (text ? text : "(null)");
+        EXPECT_EQ(std::pair(DCIKestlyDAWFromString(text), DCIKestlyDAWFromString(optional)), std::pair(daw, daw))
+            << (text ? text : "(null)");
     }
     EXPECT_EQ((std::vector{DCIKestlyDAWAsString(DCIKestlyDAWUnknown), DCIKestlyDAWAsString(DCIKestlyDAWAbleton),
                            DCIKestlyDAWAsString(DCIKestlyDAWLogic), DCIKestlyDAWAsString(3), DCIKestlyDAWAsString(UINT64_MAX)}),
               (std::vector<std::string>{"Unknown", "ableton", "logic", "Unknown", "Unknown"}));
-    EXPECT_EQ(std::pair(KSTMakeNull(std::nullopt), KSTMakeNull(DCIValue(int64_t{42}))), std::pair(DCINull(), DCIValue(int64_t{42})));
+    EXPECT_EQ(std::pair(KSTMakeNull(std::nullopt), KSTMakeNull(DCIValue(42))), std::pair(DCINull(), DCIValue(42)));
 }
 
 // Each row makes files, folders (ending in "/") and folder links ("name -> target"), hands over
 // a path, relative to the root or to a working folder, and gives the tree left behind. The
 // folders "Locked" and "Unreadable" lose their owner's write and read permission.
 TEST(KestlyUtilitiesTests, RemoveEmptyFoldersUnderPath) {
-    struct Case {
-        std::vector<std::string> made;
-        std::string path;
-        std::set<std::string> left;
-        const char* workingFolder = nullptr;
-    };
+    struct Case { std::vector<std::string> made; std::string path; std::set<std::string> left; const char* workingFolder = {}; };
     const Case cases[] = {
         {{"Samples/Drums/Kicks/", "Samples/Bass/bass.wav"}, "Samples/Drums/Kicks",
          {"Samples", "Samples/Bass", "Samples/Bass/bass.wav"}},

@@ -100,9 +100,7 @@ std::map<std::string, std::string> storedSasIDs(const std::string& cachePath) {
     auto database = DCISQLiteDatabase::open(cachePath, failure);
     std::map<std::string, std::string> rows;
     auto select = database->prepare("SELECT path, sasID FROM records");
-    while (select && select->step() == DCISQLiteStatement::Step::Row) {
-        rows[*select->columnText(0)] = *select->columnText(1);
-    }
+    while (select && select->step() == DCISQLiteStatement::Step::Row) rows[*select->columnText(0)] = *select->columnText(1);
     return rows;
 }
 

@@ -167,9 +167,7 @@ TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone)
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);
-        if (test.format) {
-            writeAudio(tree / test.name, test.format, static_cast<int>(test.rate), sf_count_t(test.frames));
-        }
+        if (test.format) writeAudio(tree / test.name, test.format, static_cast<int>(test.rate), sf_count_t(test.frames));
         uint64_t frames = 7, rate = 7;
         EXPECT_EQ(DCIAudioFile::numberOfSamples(frames, rate, tree / test.name), test.format != 0);
         EXPECT_EQ(std::pair(frames, rate), std::pair(test.frames, test.rate));

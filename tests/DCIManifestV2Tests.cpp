@@ -105,19 +105,26 @@ TEST(DCIManifestV2ProjectItemTests, EveryLoggedValueIsShortened) {
     EXPECT_LT(log.text().size(), 50u * 4096);  // two lines an entry, each value at most 1 KiB
 }
 
-TEST(DCIManifestV2ProjectItemTests, RequiredValuesAndTheCreator) {
-    const std::pair<Changes, std::optional<uint64_t>> rows[] = {  // no creator: the manifest is refused
+// Without a creator the manifest is refused; a flag is set by true or by a non-zero number.
+TEST(DCIManifestV2ProjectItemTests, RequiredValuesTheCreatorAndTheFlags) {
+    struct Row { Changes changes; std::optional<uint64_t> creator; bool flags = false; };
+    const auto flags = [](const json& value) { return Changes{{"collaboration", value}, {"contribution", value}}; };
+    const Row rows[] = {
         {{}, 12}, {{{"creator_id", 0}, {"CreatorId", 12}}, 12}, {{{"creator_id", nullptr}, {"CreatorId", 12}}, 12},
         {{{"creator_id", 5}, {"CreatorId", 12}}, 5}, {{{"creator_id", "5"}, {"CreatorId", 12}}, 12},
         {{{"creator_id", nullptr}}, {}}, {{{"creator_id", -4}}, {}}, {{{"creator_id", 4.5}}, {}},
         {{{"creator_id", true}}, {}}, {{{"username", nullptr}}, {}}, {{{"username", ""}}, {}},
         {{{"username", 7}}, {}}, {{{"uuid", ""}}, {}}, {{{"uuid", nullptr}}, {}}, {{{"uuid", json::array()}}, {}},
         {{{"path", nullptr}}, {}}, {{{"path", ""}}, {}}, {{{"path", 3}}, {}},
+        {flags(true), 12, true}, {flags(false), 12}, {flags(1), 12, true}, {flags(-2), 12, true}, {flags(0), 12},
+        {flags(0.5), 12, true}, {flags("true"), 12}, {flags(json::object()), 12},
     };
-    for (const auto& [changes, creator] : rows) {
+    for (const auto& [changes, creator, flag] : rows) {
         const json manifest = changed(logicManifest(), changes);
         const Manifest item = read(manifest);
-        EXPECT_EQ(item ? std::optional(item->creatorID()) : std::nullopt, creator) << manifest.dump();
+        const auto found = item ? std::optional(std::tuple(item->creatorID(), item->isCollaboration(), item->isContribution()))
+                                : std::nullopt;
+        EXPECT_EQ(found, creator ? std::optional(std::tuple(*creator, flag, flag)) : std::nullopt) << manifest.dump();
     }
 }
 
@@ -188,18 +195,6 @@ TEST(DCIManifestV2ProjectItemTests, EntriesOfOddShapesAreSkippedAndSaidSo) {
     EXPECT_EQ(log.text().find("Unexpected values in manifest stems"), std::string::npos);
     EXPECT_EQ(categoriesAndPaths(item),
               (Entries{{"samples", "Audio/take 1.wav"}, {"samples", "b.wav"}, {"session", "Beat.als"}}));
-}
-
-TEST(DCIManifestV2ProjectItemTests, ReadsFlags) {
-    const std::pair<json, bool> rows[] = {
-        {true, true}, {false, false}, {1, true}, {-2, true}, {0, false}, {0.5, true},
-        {"true", false}, {nullptr, false}, {json::object(), false},
-    };
-    for (const auto& [value, expected] : rows) {
-        const Manifest item = read(changed(logicManifest(), {{"collaboration", value}, {"contribution", value}}));
-        EXPECT_EQ(item->isCollaboration(), expected) << value;
-        EXPECT_EQ(item->isContribution(), expected) << value;
-    }
 }
 
 // Seconds since 1970, or nothing for a form that is no date; neither is logged as an error.

@@ -9,37 +9,18 @@
 
 namespace {
 
-using Row = std::pair<std::string, std::string>;
-
-template <class Function>
-void expectRows(Function function, const std::vector<Row>& rows) {
-    for (const auto& [path, expected] : rows) EXPECT_EQ(function(path), expected) << "path: \"" << path << "\"";
-}
-
 std::optional<std::string> homeInUserDatabase(const passwd* entry) {
     if (!entry || !entry->pw_dir || !*entry->pw_dir) return std::nullopt;
     return KestlyPath::standardize(entry->pw_dir);
 }
 
-TEST(KestlyPathTests, StandardizeCleansSeparatorsAndDots) {
-    expectRows(KestlyPath::standardize, {
-        {"", ""}, {"/", "/"}, {"//", "/"}, {"///a///", "/a"}, {"a//b/", "a/b"},
-        {"/a/./b/../c", "/a/c"}, {"/a/b/..", "/a"}, {"/..", "/"}, {"/../a", "/a"}, {"/a/b/../../../..", "/"},
-        {"/a/..b/c./...", "/a/..b/c./..."}, {"/Bëat Prøject/./Samples//kick.wav/", "/Bëat Prøject/Samples/kick.wav"},
-        // Without an anchor, ".." cannot be resolved and stays.
-        {"../x", "../x"}, {"a/..", "a/.."}, {"a/../../b/", "a/../../b"}, {"./a", "a"}, {"a/./b", "a/b"},
-        {".", "."}, {"././/", "."},
-        {"/a/~/b", "/a/~/b"}, {"a/~", "a/~"},  // only a leading tilde is expanded
-    });
-}
-
 TEST(KestlyPathTests, StandardizeExpandsHomeFolders) {
     {
         ScopedEnvironment home("HOME", "/home//tester/");
-        expectRows(KestlyPath::standardize, {
-            {"~", "/home/tester"}, {"~/", "/home/tester"}, {"~//Music/", "/home/tester/Music"},
-            {"~/Music/../Samples/./kick.wav", "/home/tester/Samples/kick.wav"}, {"~/../..", "/"},
-        });
+        for (const auto& [path, expected] : {std::pair{"~", "/home/tester"}, {"~/", "/home/tester"},
+                                             {"~//Music/", "/home/tester/Music"}, {"~/../..", "/"},
+                                             {"~/Music/../Samples/./kick.wav", "/home/tester/Samples/kick.wav"}})
+            EXPECT_EQ(KestlyPath::standardize(path), expected) << path;
     }
     // Without $HOME, the user database answers.
     const auto ownHome = homeInUserDatabase(getpwuid(getuid()));
@@ -54,14 +35,6 @@ TEST(KestlyPathTests, StandardizeExpandsHomeFolders) {
     EXPECT_EQ(KestlyPath::standardize("~no-such-kestly-user/a/../b/"), "~no-such-kestly-user/a/../b");
 }
 
-TEST(KestlyPathTests, Components) {
-    const std::vector<std::pair<std::string, std::vector<std::string>>> rows = {
-        {"", {}}, {"/", {"/"}}, {"//", {"/"}}, {"/a/b", {"/", "a", "b"}}, {"a//b/", {"a", "b"}},
-        {"/a/./b/../c", {"/", "a", ".", "b", "..", "c"}}, {"../x", {"..", "x"}}, {"~/Music", {"~", "Music"}},
-    };
-    for (const auto& [path, expected] : rows) EXPECT_EQ(KestlyPath::components(path), expected) << path;
-}
-
 TEST(KestlyPathTests, AppendingComponent) {
     const std::vector<std::tuple<std::string, std::string, std::string>> rows = {
         {"", "a", "a"}, {"", "/a", "/a"}, {"", "", ""}, {"/", "a", "/a"}, {"/a", "b", "/a/b"}, {"/a/", "b", "/a/b"},
@@ -71,12 +44,25 @@ TEST(KestlyPathTests, AppendingComponent) {
         EXPECT_EQ(KestlyPath::appendingComponent(base, component), expected) << base << " + " << component;
 }
 
-// Each row: a function, a path, and what it answers.
-TEST(KestlyPathTests, ComponentFunctions) {
+// Each row: a function, a path, and what it answers; `parts` ends each component with "|".
+TEST(KestlyPathTests, PathFunctions) {
     using Function = std::string (*)(std::string_view);
-    const Function last = KestlyPath::lastComponent, parent = KestlyPath::deletingLastComponent,
-                   ext = KestlyPath::extension, stem = KestlyPath::deletingExtension;
+    const Function clean = KestlyPath::standardize, last = KestlyPath::lastComponent, parent = KestlyPath::deletingLastComponent,
+                   ext = KestlyPath::extension, stem = KestlyPath::deletingExtension, parts = [](std::string_view path) {
+                       std::string joined;
+                       for (const auto& component : KestlyPath::components(path)) joined += component + "|";
+                       return joined;
+                   };
     const std::vector<std::tuple<Function, std::string, std::string>> rows = {
+        {clean, "", ""}, {clean, "/", "/"}, {clean, "//", "/"}, {clean, "///a///", "/a"}, {clean, "a//b/", "a/b"},
+        {clean, "/a/./b/../c", "/a/c"}, {clean, "/a/b/..", "/a"}, {clean, "/..", "/"}, {clean, "/../a", "/a"},
+        {clean, "/a/b/../../../..", "/"}, {clean, "/a/..b/c./...", "/a/..b/c./..."},
+        {clean, "/Bëat Prøject/./Samples//kick.wav/", "/Bëat Prøject/Samples/kick.wav"},
+        // Without an anchor, ".." cannot be resolved and stays; only a leading tilde is expanded.
+        {clean, "../x", "../x"}, {clean, "a/..", "a/.."}, {clean, "a/../../b/", "a/../../b"}, {clean, "./a", "a"},
+        {clean, "a/./b", "a/b"}, {clean, ".", "."}, {clean, "././/", "."}, {clean, "/a/~/b", "/a/~/b"}, {clean, "a/~", "a/~"},
+        {parts, "", ""}, {parts, "/", "/|"}, {parts, "//", "/|"}, {parts, "/a/b", "/|a|b|"}, {parts, "a//b/", "a|b|"},
+        {parts, "/a/./b/../c", "/|a|.|b|..|c|"}, {parts, "../x", "..|x|"}, {parts, "~/Music", "~|Music|"},
         {last, "", ""}, {last, "/", "/"}, {last, "//", "/"}, {last, "a", "a"}, {last, "/a", "a"}, {last, "a/b/", "b"},
         {last, "a//b//", "b"}, {last, ".hidden", ".hidden"}, {last, "/a/..", ".."},
         {parent, "", ""}, {parent, "/", "/"}, {parent, "//", "/"}, {parent, "/a", "/"}, {parent, "//a", "/"},

@@ -29,16 +29,11 @@ protected:
         EXPECT_TRUE(pumpMainLoopUntil([&] { return stopped(worker); }));
     }
 
-    bool stopped(const std::shared_ptr<DCIDownloader>& downloader) const { return eventIndex(13, downloader) >= 0; }
-
-    /// Where the recorder got event `type` of `downloader`, or -1.
-    ptrdiff_t eventIndex(uint64_t type, const std::shared_ptr<DCIDownloader>& downloader) const {
-        const auto& events = recorder->events;
-        const auto found = std::find_if(events.begin(), events.end(), [&](const auto& event) {
+    bool stopped(const std::shared_ptr<DCIDownloader>& downloader) const {
+        return std::ranges::any_of(recorder->events, [&](const auto& event) {
             const auto value = event->contextValue(kDCIDownloaderDownloaderKey);
-            return event->isCommonEventOfType(type) && value && value->object() == downloader;
+            return event->isCommonEventOfType(DCIEventTypeDownloaderStopped) && value && value->object() == downloader;
         });
-        return found == events.end() ? -1 : found - events.begin();
     }
 
     std::shared_ptr<DCIAction> dataDownload(const std::string& path) {

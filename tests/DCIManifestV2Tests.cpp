@@ -435,8 +435,7 @@ TEST(DCIManifestV2ProjectFileItemTests, OptionalFields) {
               std::tuple("flac", std::nullopt, std::nullopt));
     for (const json& encoding : {json("flac"), json::array({"flac"})}) {
         const Item item = entryWith("encoding", encoding);
-        EXPECT_EQ(item->encoding(), std::nullopt) << encoding;
-        EXPECT_EQ(item->decoded_size(), 0u);
+        EXPECT_EQ(std::pair(item->encoding(), item->decoded_size()), std::pair(std::optional<std::string>(), uint64_t{0})) << encoding;
     }
 }
 

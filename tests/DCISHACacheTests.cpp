@@ -269,21 +269,18 @@ TEST_F(SHACacheTest, WorksInMemoryWhenItsFileCannotBeMade) {
 // Each row makes a file at the cache path that cannot serve as the cache: it is set aside with
 // its journal (an empty journal is one SQLite leaves alone), and an empty cache takes its place.
 TEST_F(SHACacheTest, AnUnusableCacheFileIsSetAsideWithItsJournal) {
-    const auto damagedCache = [&] {
-        auto cache = makeCache();
-        for (int i = 0; i < 100; ++i) cache->SHAForFile(folder.writeFile("damaged-" + std::to_string(i), "d"));
-        cache.reset();
-        // Overwrites the first table page: the file opens, and fails while its records are read.
-        std::fstream file(cachePath, std::ios::in | std::ios::out | std::ios::binary);
-        file.seekp(4096) << std::string(4096, '\xff');
-    };
+    std::string failure;
     const std::vector<std::pair<const char*, std::function<void()>>> rows = {
         {"text", [&] { std::ofstream(cachePath) << "path,sha\n/some/file,not a database\n"; }},
-        {"foreign database", [&] {
-             std::string failure;
-             DCISQLiteDatabase::open(cachePath, failure)->execute("CREATE TABLE songs (title TEXT)");
+        {"foreign database", [&] { DCISQLiteDatabase::open(cachePath, failure)->execute("CREATE TABLE songs (title TEXT)"); }},
+        {"damaged records", [&] {
+             auto cache = makeCache();
+             for (int i = 0; i < 100; ++i) cache->SHAForFile(folder.writeFile("damaged-" + std::to_string(i), "d"));
+             cache.reset();
+             // Overwrites the first table page: the file opens, and fails while its records are read.
+             std::fstream file(cachePath, std::ios::in | std::ios::out | std::ios::binary);
+             file.seekp(4096) << std::string(4096, '\xff');
          }},
-        {"damaged records", damagedCache},
     };
     const std::string path = folder.writeFile("a.wav", "content");
     for (const auto& [why, make] : rows) {

@@ -6,17 +6,12 @@
 
 #include <new>
 
-namespace {
-// Allocations this thread makes before one fails; negative: none fails.
-thread_local long allocationsBeforeFailure = -1;
-}  // namespace
+// Allocations this thread makes before one fails; negative: none fails. It counts down to the
+// one that fails and then stays below zero.
+static thread_local long allocationsBeforeFailure = -1;
 
 void* operator new(std::size_t size) {
-    if (allocationsBeforeFailure == 0) {
-        allocationsBeforeFailure = -1;
-        throw std::bad_alloc();
-    }
-    if (allocationsBeforeFailure > 0) --allocationsBeforeFailure;
+    if (allocationsBeforeFailure >= 0 && allocationsBeforeFailure-- == 0) throw std::bad_alloc();
     if (void* memory = std::malloc(size ? size : 1)) return memory;
     throw std::bad_alloc();
 }

@@ -113,9 +113,7 @@ TEST_F(DCIEventManagerTest, RegistrationRules) {
     DCIEventManager::addListener(std::make_shared<NotAListener>());
     DCIEventManager::addListener(nullptr);
     // Two listeners inside one object are two.
-    struct Pair : DCIObject {
-        EventRecorder left, right;
-    };
+    struct Pair : DCIObject { EventRecorder left, right; };
     const auto pair = std::make_shared<Pair>();
     const std::shared_ptr<EventRecorder> left(pair, &pair->left), right(pair, &pair->right);
     DCIEventManager::addListener(left);

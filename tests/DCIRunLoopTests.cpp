@@ -34,10 +34,6 @@ struct Pipe {
     Pipe(const Pipe&) = delete;
     int readEnd() const { return ends[0]; }
     void write(std::string_view text) const { EXPECT_EQ(::write(ends[1], text.data(), text.size()), ssize_t(text.size())); }
-    std::string read() const {
-        char buffer[256];
-        return std::string(buffer, size_t(std::max<ssize_t>(::read(ends[0], buffer, sizeof buffer), 0)));
-    }
     int ends[2] = {-1, -1};
 };
 }  // namespace
@@ -225,7 +221,10 @@ TEST(DCIRunLoopDescriptor, ADescriptorNumberIsWatchedOnceWhileItsFileLasts) {
     EXPECT_EQ(staleCalls, 0);  // it would read a file that is no longer its own
 
     std::string received;
-    auto newer = mainLoop().addFileDescriptorSource(first.readEnd(), EPOLLIN, [&](uint32_t) { received += first.read(); });
+    auto newer = mainLoop().addFileDescriptorSource(first.readEnd(), EPOLLIN, [&](uint32_t) {
+        char buffer[16];
+        received.append(buffer, size_t(std::max<ssize_t>(read(first.readEnd(), buffer, sizeof buffer), 0)));
+    });
     ASSERT_NE(newer, nullptr);
     stale.reset();
     second.write("fresh");

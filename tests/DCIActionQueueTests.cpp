@@ -141,11 +141,7 @@ TEST_F(DCIActionQueueTest, PausedQueuesTakeButHandOutNothingAndTellOnlyRealTrans
     queue_->resume();
     queue_->addAction(first);
     std::thread::id pauser;
-    std::thread([&] {
-        pauser = std::this_thread::get_id();
-        queue_->pause();
-        queue_->pause();
-    }).join();
+    std::thread([&] { pauser = std::this_thread::get_id(); queue_->pause(); queue_->pause(); }).join();
     queue_->addAction(second);
     EXPECT_EQ(std::tuple(second->status(), queue_->popNextAction()), std::tuple(DCIActionStatusPending, std::shared_ptr<DCIAction>()));
     EXPECT_EQ(heard, (Heard{{true, false, false, pauser}, {false, true, true, pauser}}));
@@ -166,13 +162,9 @@ TEST_F(DCIActionQueueTest, PausedQueuesTakeButHandOutNothingAndTellOnlyRealTrans
 
 TEST_F(DCIActionQueueTest, ObserversMayChangeTheQueueFromTheirCallback) {
     int calls = 0;
-    std::unique_ptr<DCIPausedObservation> observation;
-    observation = queue_->addPausedObserver([&](bool isPrior, bool paused) {
+    std::unique_ptr<DCIPausedObservation> observation = queue_->addPausedObserver([&](bool isPrior, bool paused) {
         ++calls;
-        if (!isPrior && paused) {
-            observation.reset();
-            queue_->resume();
-        }
+        if (!isPrior && paused) { observation.reset(); queue_->resume(); }
     });
     queue_->pause();
     EXPECT_EQ(std::tuple(calls, queue_->running()), std::tuple(2, true));

@@ -7,13 +7,10 @@
 
 namespace {
 
-class Named : public DCIObject {
-public:
-    explicit Named(std::string name) : name_(std::move(name)) {}
-    std::string description() const override { return "<Named " + name_ + ">"; }
-
-private:
-    std::string name_;
+struct Named : DCIObject {
+    explicit Named(std::string text) : name(std::move(text)) {}
+    std::string description() const override { return "<Named " + name + ">"; }
+    std::string name;
 };
 
 struct FormatCase {

@@ -11,9 +11,7 @@ constexpr uint64_t kTestCategory = 42;
 
 std::shared_ptr<DCIEvent> testEvent(uint64_t type) { return DCIEvent::initWithCategory(kTestCategory, type); }
 
-void postTestEvents(std::initializer_list<uint64_t> types) {
-    for (uint64_t type : types) DCIEventManager::postEvent(testEvent(type));
-}
+void postTestEvents(std::initializer_list<uint64_t> types) { for (auto type : types) DCIEventManager::postEvent(testEvent(type)); }
 
 class NotAListener : public DCIObject {};
 

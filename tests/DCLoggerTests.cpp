@@ -135,11 +135,7 @@ TEST(DCLogger, InfoIsSilencedOnlyByVerboseLoggingExactlyNoAndErrorsNever) {
         SCOPED_TRACE(marker);
         const LogSince log;
         testing::internal::CaptureStderr();
-        if (c.error) {
-            DCLogError("%@ %d", marker.c_str(), 17);
-        } else {
-            DCLogInfo("%@ %d", marker.c_str(), 17);
-        }
+        c.error ? DCLogError("%@ %d", marker.c_str(), 17) : DCLogInfo("%@ %d", marker.c_str(), 17);
         const std::string echo = testing::internal::GetCapturedStderr();
         // One entry in the log; one line echoed: time, process name and ids, then the message.
         EXPECT_EQ(log.count(marker + " 17"), c.logs ? 1u : 0u);

@@ -27,6 +27,7 @@ protected:
     void TearDown() override {
         worker->close();
         EXPECT_TRUE(pumpMainLoopUntil([&] { return stopped(worker); }));
+        worker->waitUntilStopped();
     }
 
     bool stopped(const std::shared_ptr<DCIDownloader>& downloader) const {
@@ -186,6 +187,7 @@ TEST_F(DCIDownloaderTest, WorkersSharingAQueueRunTheirActionsAtOnce) {
     for (const auto& action : {first, other}) action->changeStatus(DCIActionStatusCanceled);
     second->close();
     EXPECT_TRUE(pumpMainLoopUntil([&] { return stopped(second); }));
+    second->waitUntilStopped();
 }
 
 }  // namespace

@@ -101,7 +101,7 @@ std::shared_ptr<DCIDownloader> DCIDownloader::initWithQueue(std::shared_ptr<DCIA
     worker->reset();
     try {
         // The thread owns the worker until its loop has ended.
-        std::thread([worker] { worker->threadMain(); }).detach();
+        worker->thread_ = std::thread([worker] { worker->threadMain(); });
     } catch (const std::system_error& error) {
         DCLogError("%@ could not start its thread: %s", worker->name_, error.what());
         return nullptr;
@@ -109,9 +109,20 @@ std::shared_ptr<DCIDownloader> DCIDownloader::initWithQueue(std::shared_ptr<DCIA
     return worker;
 }
 
+DCIDownloader::~DCIDownloader() {
+    if (!thread_.joinable()) return;
+    if (thread_.get_id() == std::this_thread::get_id()) thread_.detach();
+    else thread_.join();  // past its loop: the thread let go of the worker last thing
+}
+
 void DCIDownloader::close() {
     complete_.store(true);
     if (auto wake = wakeSource_.load()) wake->signal();
+}
+
+void DCIDownloader::waitUntilStopped() {
+    const std::lock_guard lock(threadMutex_);
+    if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
 }
 
 void DCIDownloader::threadMain() {

@@ -14,9 +14,11 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 /// A download worker: a thread of its own that takes download actions from a queue and runs
@@ -32,8 +34,8 @@
 /// thread runs the start of each action, every `reset` and the progress handler; the worker
 /// waits for those, so the host must keep `DCIRunLoop::main()` running and must never block
 /// it waiting for a download. The thread keeps its worker alive until it ends, after `close`
-/// and the current action, with `DCIEventTypeDownloaderStopped`; a host waits for that event
-/// before it exits.
+/// and the current action, with `DCIEventTypeDownloaderStopped`; a host waits for that event,
+/// and then for `waitUntilStopped`, before it exits.
 class KESTLY_EXPORT DCIDownloader : public DCIObject,
                       public DCIURLConnectionDelegate,
                       public std::enable_shared_from_this<DCIDownloader> {
@@ -60,10 +62,16 @@ public:
     static std::shared_ptr<DCIDownloader> initWithQueue(std::shared_ptr<DCIActionQueue> queue);
     DCIDownloader(const DCIDownloader&) = delete;
     DCIDownloader& operator=(const DCIDownloader&) = delete;
+    ~DCIDownloader() override;
 
     /// Returns at once; the worker finishes its current action, if any, and then stops. The
     /// actions still queued stay in the queue. A closed worker cannot be restarted.
     void close();
+    /// Blocks until the worker's thread has ended: it is still finishing when
+    /// `DCIEventTypeDownloaderStopped` arrives, and a program that exits then would cut it off.
+    /// Only once that event has arrived: before, the worker may need the main loop this blocks.
+    /// On the worker's own thread it returns at once.
+    void waitUntilStopped();
     /// Ends the worker's hold on its current action, writing the final sizes when a total was
     /// known, and closes the destination file. Runs on the main thread, waiting for it when
     /// called elsewhere. The connection callbacks call it at the end of every action.
@@ -135,4 +143,8 @@ private:
     std::unique_ptr<DCIRunLoopSource> progressTimer_;
     /// On the worker's loop; `close` signals it to end an idle wait at once.
     DCIAtomicSharedPtr<DCIRunLoopSource> wakeSource_;
+    /// Joined by `waitUntilStopped` or by the last owner; detached when that owner is the
+    /// thread itself, ending.
+    std::thread thread_;
+    std::mutex threadMutex_;
 };

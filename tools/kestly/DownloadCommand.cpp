@@ -311,6 +311,7 @@ int download(const DownloadOptions& options) {
     for (const auto& worker : workers) worker->close();
     while (!mainLoop.runUntil([&] { return monitor->stoppedWorkers() == workers.size(); }, std::chrono::hours(1))) {
     }
+    for (const auto& worker : workers) worker->waitUntilStopped();
     DCIEventManager::removeListener(monitor);
     return monitor->succeeded() ? 0 : 1;
 }

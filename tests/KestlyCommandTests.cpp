@@ -103,8 +103,8 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
             std::set<std::string> results;
             for (std::string line; std::getline(lines, line);) {
                 const auto json = nlohmann::json::parse(line);
-                const auto result = nlohmann::json{json["status"], json["statusCode"], json["bytes"]};
-                if (json.contains("status")) results.insert(result.dump() + "\n");
+                if (!json.contains("status")) continue;  // a progress line
+                results.insert(nlohmann::json{json["status"], json["statusCode"], json["bytes"]}.dump() + "\n");
             }
             for (const auto& result : results) output += result;
         }

@@ -50,14 +50,13 @@ std::vector<std::jthread> startThreads(int count, Body body) {
 }
 
 /// Runs `work` here while `count` threads call `body` over and over, at least once each, and
-/// returns when all have stopped: readers racing a writer, for the checks `body` makes and
-/// for ThreadSanitizer.
+/// returns when all have stopped, also when `work` throws: readers racing a writer, for the
+/// checks `body` makes and for ThreadSanitizer.
 inline void whileRepeatedOnThreads(int count, const std::function<void()>& body, const std::function<void()>& work) {
-    std::atomic<bool> done = false;
-    const auto threads = startThreads(count, [&](int) {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < count; ++i) threads.emplace_back([&](std::stop_token stop) {
         do body();
-        while (!done);
+        while (!stop.stop_requested());
     });
     work();
-    done = true;
 }

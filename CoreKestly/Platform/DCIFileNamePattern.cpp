@@ -28,7 +28,7 @@ bool isCombiningMark(char32_t c) { return c >= 0x300 && c <= 0x36F; }
 char32_t decode(std::string_view text, size_t& at) {
     const auto byte = static_cast<unsigned char>(text[at]);
     const size_t length = byte < 0x80 ? 1 : (byte >> 5) == 0x6 ? 2 : (byte >> 4) == 0xE ? 3 : (byte >> 3) == 0x1E ? 4 : 0;
-    char32_t c = length == 1 ? byte : byte & (0x7F >> length);
+    char32_t c = length == 1 ? byte : byte & (0x7Fu >> length);
     bool valid = length != 0 && at + length <= text.size();
     for (size_t i = 1; valid && i < length; ++i) {
         const auto next = static_cast<unsigned char>(text[at + i]);

@@ -4,7 +4,7 @@
 // without bound, and no entry may lead out of its folder, whatever the bytes.
 
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
-#include "CoreKestly/Manifest/DCIManifestLogInternal.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"
 
 #include <cstddef>
@@ -16,7 +16,7 @@
 namespace {
 
 // The rendering's bound and the mark of a cut.
-constexpr size_t kLongestDescription = kDCIManifestLoggedBytes + std::string_view("…").size();
+constexpr size_t kLongestDescription = kDCILoggedTextBytes + std::string_view("…").size();
 
 }  // namespace
 

@@ -2,6 +2,7 @@
 
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "support/EventRecorder.h"
+#include "support/LogReading.h"
 #include "support/LoopbackHTTPServer.h"
 #include "support/Testing.h"
 
@@ -122,6 +123,8 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
         {reply(200, 10), "missing/out", failed, none, none, 0, 0, posixError(ENOENT)},
         {"", "", failed, none, none, 0, 0, DCIError("Kestly", 1, "")},
     };
+    folder.writeFile("out", "anyone may read this");
+    fs::permissions(folder / "out", fs::perms::owner_read | fs::perms::owner_write | fs::perms::others_read);
     for (const auto& outcome : outcomes) {
         SCOPED_TRACE(outcome.path + " into " + outcome.destination);
         const auto body = std::make_shared<const DCIData>(pattern(outcome.uploadSize));
@@ -145,6 +148,10 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
 
         const auto data = value(kDCIDownloaderDataKey);
         EXPECT_EQ(data.has_value(), !toFile && outcome.body);
+        struct stat file;
+        if (toFile && lstat(destination.c_str(), &file) == 0 && S_ISREG(file.st_mode)) {
+            EXPECT_EQ(file.st_mode & 077, 0u);
+        }
         if (outcome.body) {
             EXPECT_EQ(data ? std::string(data->data()->stringView()) : readWholeFile(destination), *outcome.body);
         }
@@ -174,6 +181,16 @@ TEST_F(DCIDownloaderTest, HostStopsARunningDownloadAtItsNextChunkAndTheWorkerGoe
         EXPECT_TRUE(kept.size() > 0 && kept.size() < 200'000) << kept.size();
         EXPECT_EQ(kept, pattern(kept.size()));  // the start of what the server sent
     }
+}
+
+// A URL that would forge a log entry, or make a line of 100 KB, is logged as one short line.
+TEST_F(DCIDownloaderTest, LogsAURLAsOneShortLine) {
+    const LogSince log;
+    const auto action = dataDownload("/reply?status=200&size=1&a=\n2026-01-01 00:00:00: forged" + std::string(100'000, 'a'));
+    run(action);
+    EXPECT_EQ(action->status(), DCIActionStatusFailed);
+    EXPECT_EQ(log.text().find("\n2026-01-01"), std::string::npos) << log.text();
+    EXPECT_LT(log.text().size(), 10'000u);
 }
 
 // Run one after the other, the second would not start before the first had taken two seconds.

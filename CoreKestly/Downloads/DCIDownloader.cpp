@@ -7,6 +7,7 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "CoreKestly/Platform/DCIFormat.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -51,15 +52,19 @@ void postWorkerEvent(uint64_t type, const std::shared_ptr<DCIDownloader>& worker
     DCIEventManager::postEvent(std::move(event));
 }
 
-// Replaces the file or link at `path` with an empty file open for writing. Anything else is
+// Replaces the file or link at `path` with a new empty file of our own, readable by its owner
+// only, open for writing. A file that cannot be removed (another user's, in a shared folder)
+// or that appears in between fails the open rather than receive the body. Anything else is
 // left in place: a directory then fails to open, a device such as /dev/null is written to, and
 // a FIFO without a reader fails instead of blocking the worker.
 int replaceWithEmptyFile(const std::string& path) {
+    int flags = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     struct stat status;
-    if (lstat(path.c_str(), &status) == 0 && (S_ISREG(status.st_mode) || S_ISLNK(status.st_mode))) {
+    if (lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISLNK(status.st_mode)) {
         unlink(path.c_str());
+        flags |= O_EXCL;
     }
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
+    return open(path.c_str(), flags, S_IRUSR | S_IWUSR);
 }
 
 }  // namespace
@@ -228,7 +233,7 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
             return;
         }
         action->changeStatus(DCIActionStatusRunning);
-        DCLogInfo("ACF CONNECTION START %@ (%@)", request->URL(), name_);
+        DCLogInfo("ACF CONNECTION START %@ (%@)", DCILoggedText(request->URL()), name_);
         connection->start();
     });
 }

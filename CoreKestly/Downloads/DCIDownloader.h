@@ -119,8 +119,8 @@ private:
     void failCurrentAction(const DCIError& error);
     /// Logs a progress line when more than a second has passed since the last one.
     void logProgressOncePerSecond(const char* format, uint64_t count, uint64_t total);
-    /// The URL of the current action's request, for log lines.
-    std::string currentURL() const;
+    /// The URL of the current action's request as a log line shows it.
+    std::string loggedCurrentURL() const;
 
     std::atomic<uint64_t> currentDownloadedSize_{0};
     std::atomic<uint64_t> totalDownloadSize_{0};

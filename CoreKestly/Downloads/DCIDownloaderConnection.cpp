@@ -8,6 +8,7 @@
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIFormat.h"
 #include "CoreKestly/Platform/DCILocalizedString.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 
 #include <unistd.h>
 
@@ -65,11 +66,11 @@ void endThenReset(DCIDownloader& worker, End&& end) {
 
 }  // namespace
 
-std::string DCIDownloader::currentURL() const {
+std::string DCIDownloader::loggedCurrentURL() const {
     const auto action = currentAction_.load();
     const auto request = action ? action->contextObjectForKey(kDCIDownloaderRequestKey) : std::nullopt;
     const auto urlRequest = request ? request->object<DCIURLRequest>() : nullptr;
-    return urlRequest ? urlRequest->URL() : std::string(kDCINilDescription);
+    return urlRequest ? DCILoggedText(urlRequest->URL()) : std::string(kDCINilDescription);
 }
 
 bool DCIDownloader::stopsForHost() {
@@ -81,7 +82,7 @@ bool DCIDownloader::stopsForHost() {
 }
 
 void DCIDownloader::failCurrentAction(const DCIError& error) {
-    DCLogError("%@ Failed download of %@ with error %@", name_, currentURL(), error);
+    DCLogError("%@ Failed download of %@ with error %@", name_, loggedCurrentURL(), error);
     const auto action = currentAction_.load();
     if (action) {
         action->setContextObject(error, kDCIError);
@@ -162,18 +163,23 @@ void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didRe
     }
     const auto buffer = dataReceived_.load();
     if (!buffer) return;
-    if (buffer->size() + didReceiveData.size() > kMaximumDataSize) {
+    const size_t needed = buffer->size() + didReceiveData.size();
+    if (needed > kMaximumDataSize) {
         failCurrentAction(DCIError(
             "Kestly", kDataTooLargeErrorCode,
             DCIFormat("The response is larger than the %lu bytes a data download may hold", kMaximumDataSize)));
         return;
     }
+    // Doubling, but never past the most a body may hold: the last growth would otherwise make
+    // room for twice that.
+    if (needed > buffer->capacity())
+        buffer->reserve(std::min<size_t>(std::max(needed, 2 * buffer->capacity()), kMaximumDataSize));
     buffer->insert(buffer->end(), didReceiveData.begin(), didReceiveData.end());
 }
 
 void DCIDownloader::connection(DCIURLConnection&, const DCIError& didFailWithError) {
     endThenReset(*this, [&] {
-        DCLogError("CONNECTION FAIL %@ (%@)", currentURL(), name_);
+        DCLogError("CONNECTION FAIL %@ (%@)", loggedCurrentURL(), name_);
         if (const auto action = currentAction_.load()) {
             action->setContextObject(didFailWithError, kDCIError);
             action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
@@ -184,7 +190,7 @@ void DCIDownloader::connection(DCIURLConnection&, const DCIError& didFailWithErr
 
 void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
     endThenReset(*this, [&] {
-        DCLogInfo("ACF CONNECTION END %@ (%@)", currentURL(), name_);
+        DCLogInfo("ACF CONNECTION END %@ (%@)", loggedCurrentURL(), name_);
         const auto action = currentAction_.load();
         if (!action || isStoppedByHost(action->status())) return;
         action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);

@@ -1,6 +1,6 @@
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
 
-#include "CoreKestly/Manifest/DCIManifestLogInternal.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 
 #include <cstring>
 #include <exception>
@@ -9,7 +9,7 @@ using nlohmann::json;
 
 namespace {
 
-// How much of a value a log line shows; the whole is then cut to kDCIManifestLoggedBytes.
+// How much of a value a log line shows; the whole is then cut to kDCILoggedTextBytes.
 constexpr size_t kShownElements = 16;  // of each array and object
 constexpr size_t kShownStringBytes = 256;
 
@@ -64,12 +64,12 @@ void appendString(std::string& out, std::string_view text) {
         out += serialized(json(text));
         return;
     }
-    out += serialized(json(text.substr(0, DCIManifestCharacterBoundary(text, kShownStringBytes))));
+    out += serialized(json(text.substr(0, DCIUTF8CharacterBoundary(text, kShownStringBytes))));
     out += "...";
 }
 
 void appendDescription(std::string& out, const json& value) {
-    if (out.size() > kDCIManifestLoggedBytes) return;
+    if (out.size() > kDCILoggedTextBytes) return;
     if (value.is_string()) return appendString(out, value.get_ref<const std::string&>());
     if (!value.is_structured()) {
         out += serialized(value);
@@ -80,7 +80,7 @@ void appendDescription(std::string& out, const json& value) {
     size_t shown = 0;
     for (auto it = value.begin(); it != value.end(); ++it, ++shown) {
         if (shown > 0) out += ',';
-        if (shown == kShownElements || out.size() > kDCIManifestLoggedBytes) {
+        if (shown == kShownElements || out.size() > kDCILoggedTextBytes) {
             appendElision(out, value.size() - shown);
             break;
         }
@@ -104,7 +104,7 @@ DCIManifestParse DCIManifestParseObject(std::string_view bytes) {
         parsed = json::parse(bytes.begin(), bytes.end());
     } catch (const std::exception& error) {
         // The parser's message quotes the token it stopped at, which may be most of the input.
-        return {std::nullopt, DCIManifestLogged(error.what())};
+        return {std::nullopt, DCILoggedText(error.what())};
     }
     if (!parsed.is_object()) {
         return {std::nullopt, std::string("the top-level value is of type ") + parsed.type_name() + ", not object"};
@@ -144,5 +144,5 @@ bool DCIManifestFlag(const json& object, std::string_view key) {
 std::string DCIManifestDescribe(const json& value) {
     std::string out;
     appendDescription(out, value);
-    return DCIManifestLogged(out);
+    return DCILoggedText(out);
 }

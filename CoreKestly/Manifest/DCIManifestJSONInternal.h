@@ -45,7 +45,7 @@ std::optional<uint64_t> DCIManifestUnsigned(const nlohmann::json& object, std::s
 bool DCIManifestFlag(const nlohmann::json& object, std::string_view key);
 
 /// A JSON value as log lines show it: compact JSON, with long arrays, objects and strings cut
-/// short and marked, and the whole cut like any logged manifest value (`DCIManifestLogged`),
+/// short and marked, and the whole cut like any logged manifest value (`DCILoggedText`),
 /// so that a huge manifest makes a readable line.
 std::string DCIManifestDescribe(const nlohmann::json& value);
 

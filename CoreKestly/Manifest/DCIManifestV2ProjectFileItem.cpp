@@ -3,7 +3,7 @@
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
-#include "CoreKestly/Manifest/DCIManifestLogInternal.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItemInternal.h"
 #include "CoreKestly/Manifest/DCIManifestValuesInternal.h"
@@ -33,15 +33,15 @@ bool hasSeveralComponents(std::string_view cleanedPath) { return cleanedPath.fin
 std::string sessionPathRelativeToFolderName(const std::string& path, std::string_view folder) {
     DCLogError("WARNING: projectFolder = %@, session relative path = %@ - standard manifest path information not "
                "found, using other methods to determine the session file path.",
-               DCIManifestLogged(folder), DCIManifestLogged(path));
+               DCILoggedText(folder), DCILoggedText(path));
     const std::string folderName = KestlyPath::lastComponent(folder);
     const size_t found = folderName.empty() ? std::string::npos : DCIManifestFind(path, folderName);
     if (found == std::string::npos) return path;
     DCLogInfo("The ALS file path (%@) appears to be longer than the project path (%@) - should be checked.",
-              DCIManifestLogged(path), DCIManifestLogged(folder));
+              DCILoggedText(path), DCILoggedText(folder));
     if (auto relative = pathAfterFolderMatch(path, found + folderName.size())) return std::move(*relative);
-    DCLogError("ERROR: unexpected paths found in manifest %@ and %@", DCIManifestLogged(folder),
-               DCIManifestLogged(path));
+    DCLogError("ERROR: unexpected paths found in manifest %@ and %@", DCILoggedText(folder),
+               DCILoggedText(path));
     return path;
 }
 
@@ -51,7 +51,7 @@ std::string pathRelativeToFolder(const std::string& path, std::string_view folde
     if (!folder.empty() && path.starts_with(folder)) {
         if (auto relative = pathAfterFolderMatch(path, folder.size())) return std::move(*relative);
         DCLogError("ERROR: Unable to subtract the project folder from the ALS path %@ and %@",
-                   DCIManifestLogged(folder), DCIManifestLogged(path));
+                   DCILoggedText(folder), DCILoggedText(path));
         return path;
     }
     if (category == kDCIManifestCategorySession) return sessionPathRelativeToFolderName(path, folder);
@@ -93,7 +93,7 @@ std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItemReader
     std::string path = usable ? cleaner.clean(*givenPath) : givenPath ? *givenPath : std::string();
     if (givenPath && path == projectFolder) {
         DCLogError("ERROR: The project path %@ is the same as the ALS path - we can't handle this",
-                   DCIManifestLogged(projectFolder));
+                   DCILoggedText(projectFolder));
         usable = false;
     } else if (usable && hasSeveralComponents(path)) {
         path = pathRelativeToFolder(path, projectFolder, category);
@@ -105,7 +105,7 @@ std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItemReader
     // folder ends inside a component, and the host joins this path to a folder of its own.
     if (!DCIManifestIsPlainRelativePath(path)) {
         DCLogError("ERROR: The manifest path %@ would leave the project folder %@ - skipping it",
-                   DCIManifestLogged(path), DCIManifestLogged(projectFolder));
+                   DCILoggedText(path), DCILoggedText(projectFolder));
         return nullptr;
     }
 
@@ -126,7 +126,7 @@ std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItemReader
         if (category == kDCIManifestCategoryMisc) {
             item->fileSize_ = kDefaultMiscFileSize;
         } else {
-            DCLogError("ERROR: No file size set in manifest for %@", DCIManifestLogged(item->pathRelativeToProject_));
+            DCLogError("ERROR: No file size set in manifest for %@", DCILoggedText(item->pathRelativeToProject_));
         }
     }
     return item;

@@ -4,7 +4,7 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/KestlyUtilities.h"
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
-#include "CoreKestly/Manifest/DCIManifestLogInternal.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItemInternal.h"
 #include "CoreKestly/Manifest/DCIManifestValuesInternal.h"
@@ -53,7 +53,7 @@ FileItems readFileItems(const json& files, std::string_view projectFolder) {
         const json& list = category.value();
         if (list.is_null()) continue;
         if (!list.is_array()) {
-            DCLogError("Unexpected values in manifest %@ (%@) : %@ (%@)", DCIManifestLogged(category.key()), "string",
+            DCLogError("Unexpected values in manifest %@ (%@) : %@ (%@)", DCILoggedText(category.key()), "string",
                        DCIManifestJSONDescription(list), list.type_name());
             continue;
         }

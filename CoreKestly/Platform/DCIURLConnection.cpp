@@ -1,5 +1,6 @@
 #include "CoreKestly/Platform/DCIURLConnection.h"
 
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Platform/DCIURLConnectionInternal.h"
 
 #include <fcntl.h>
@@ -22,7 +23,7 @@ constexpr long kBufferSize = 256 * 1024;
 constexpr size_t kMaximumHeaderBytes = 64 * 1024;
 // What the description shows of a head, so that one log line stays short whatever was sent.
 constexpr size_t kDescribedHeaderFields = 32;
-constexpr size_t kDescribedTextLength = 256;
+constexpr size_t kDescribedFieldBytes = 256;
 
 bool hasLineBreakOrNull(std::string_view text) {
     return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
@@ -41,15 +42,6 @@ bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
         return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
     };
     return text.size() >= prefix.size() && std::ranges::equal(text.substr(0, prefix.size()), prefix, sameLetter);
-}
-
-// Text from the network as a log line may show it: cut short, control characters as "?".
-std::string printable(std::string_view text) {
-    std::string shown(text.substr(0, kDescribedTextLength));
-    for (char& c : shown) {
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-    }
-    return shown;
 }
 
 std::string_view trimmed(std::string_view text) {
@@ -206,7 +198,7 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
         // A line break would end the field early and smuggle whatever follows into the request.
         if (hasLineBreakOrNull(name) || hasLineBreakOrNull(value)) {
             setupError = DCIError(kDCIURLErrorDomain, DCIURLErrorBadURL,
-                                  "the header field " + printable(name) + " holds a line break");
+                                  "the header field " + DCILoggedText(name) + " holds a line break");
             return;
         }
         headerList = curl_slist_append(headerList, (name + (value.empty() ? ";" : ": " + value)).c_str());
@@ -216,7 +208,7 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     const std::string& method = request->HTTPMethod();
     if (!isToken(method)) {
         setupError =
-            DCIError(kDCIURLErrorDomain, DCIURLErrorBadURL, "the method " + printable(method) + " is no HTTP token");
+            DCIError(kDCIURLErrorDomain, DCIURLErrorBadURL, "the method " + DCILoggedText(method) + " is no HTTP token");
         return;
     }
     const bool hasBody = request->HTTPBody() || request->HTTPBodyFilePath();
@@ -315,9 +307,11 @@ DCIError Transfer::errorForResult(CURLcode result) const {
 }
 
 std::string DCIURLResponse::description() const {
-    std::string text = "<DCIURLResponse: " + URL_ + "> { Status Code: " + std::to_string(statusCode_) + ", Headers {";
+    std::string text =
+        "<DCIURLResponse: " + DCILoggedText(URL_) + "> { Status Code: " + std::to_string(statusCode_) + ", Headers {";
     for (size_t i = 0; i < allHeaderFields_.size() && i < kDescribedHeaderFields; ++i) {
-        text += "\n    " + printable(allHeaderFields_[i].first) + " = " + printable(allHeaderFields_[i].second) + ";";
+        const auto& [name, value] = allHeaderFields_[i];
+        text += "\n    " + DCILoggedText(name, kDescribedFieldBytes) + " = " + DCILoggedText(value, kDescribedFieldBytes) + ";";
     }
     if (allHeaderFields_.size() > kDescribedHeaderFields) text += "\n    ...";
     return text + "\n} }";

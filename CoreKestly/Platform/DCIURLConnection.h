@@ -35,7 +35,8 @@ public:
         return DCIHeaderFieldValue(allHeaderFields_, name);
     }
 
-    /// "<DCIURLResponse: URL> { Status Code: N, Headers { name = value; ... } }"
+    /// "<DCIURLResponse: URL> { Status Code: N, Headers { name = value; ... } }", one short
+    /// entry whatever was sent: the first 32 fields, texts cut, control characters as "?".
     std::string description() const override;
 
 private:

@@ -1,5 +1,7 @@
 #include "CoreKestly/Platform/DCIURLRequest.h"
 
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
+
 #include <algorithm>
 #include <cctype>
 
@@ -35,5 +37,5 @@ std::optional<std::string> DCIURLRequest::valueForHTTPHeaderField(std::string_vi
 }
 
 std::string DCIURLRequest::description() const {
-    return "<DCIURLRequest: " + fields_.HTTPMethod + " " + fields_.URL + ">";
+    return "<DCIURLRequest: " + DCILoggedText(fields_.HTTPMethod) + " " + DCILoggedText(fields_.URL) + ">";
 }

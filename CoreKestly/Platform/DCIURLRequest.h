@@ -44,7 +44,8 @@ public:
     const std::optional<std::string>& HTTPBodyFilePath() const { return fields_.HTTPBodyFilePath; }
     double timeoutInterval() const { return fields_.timeoutInterval; }
 
-    /// "<DCIURLRequest: METHOD URL>", the part log lines show.
+    /// "<DCIURLRequest: METHOD URL>", the part log lines show, each cut to 1 KiB with control
+    /// characters as "?".
     std::string description() const override;
 
 private:

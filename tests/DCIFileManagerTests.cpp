@@ -227,19 +227,22 @@ TEST_F(DCIFileManagerTests, OperationsUpdateTheTreeAndRefuseWhatTheyCannotDo) {
     EXPECT_TRUE(manager->unqueuedMoveItemAtPath(root + "/deep/er/x.wav", root + "/y.wav"));  // replaces
     EXPECT_FALSE(manager->unqueuedMoveItemAtPath(root + "/y.wav", root + "/missing/x.wav"));
     EXPECT_TRUE(fs::exists(root + "/y.wav"));
+    fs::create_symlink("y.wav", root + "/link.wav");
+    EXPECT_FALSE(manager->unqueuedMoveItemAtPath(root + "/link.wav", root + "/y.wav"));  // y.wav would link to itself
+    EXPECT_EQ(readWholeFile(root + "/y.wav"), "1");
     EXPECT_TRUE(manager->unqueuedCreateDirectoryAtPath(root + "/deep"));
     EXPECT_FALSE(manager->unqueuedCopyItemAtPath(root + "/deep", root + "/deep/er/inside"));
     EXPECT_FALSE(fs::exists(root + "/deep/er/inside"));
     EXPECT_FALSE(manager->unqueuedCopyItemAtPath(std::nullopt, root + "/z.wav"));
     EXPECT_EQ(manager->queueMoveItemAtPath(root + "/none.wav", "z.wav"), nullptr);  // relative
     EXPECT_EQ(manager->queueCopyItemAtPath("none.wav", root + "/z.wav"), nullptr);
-    // Across file systems a folder is copied into place, then its source removed.
-    const std::string elsewhere = "/dev/shm/kestly-move-" + std::to_string(getpid());
-    write(elsewhere, "f/z.wav", "9");
+    // Across file systems a folder, its name as long as a name may be, is copied into place, then its source removed.
+    const std::string elsewhere = "/dev/shm/kestly-move-" + std::to_string(getpid()), f = "/" + std::string(255, 'f');
+    write(elsewhere, f + "/z.wav", "9");
     if (fs::exists(elsewhere)) {
-        EXPECT_TRUE(manager->unqueuedMoveItemAtPath(elsewhere + "/f", root + "/f"));
-        EXPECT_EQ(readWholeFile(root + "/f/z.wav"), "9");
-        EXPECT_FALSE(fs::exists(elsewhere + "/f"));
+        EXPECT_TRUE(manager->unqueuedMoveItemAtPath(elsewhere + f, root + f));
+        EXPECT_EQ(readWholeFile(root + f + "/z.wav"), "9");
+        EXPECT_FALSE(fs::exists(elsewhere + f));
         remove(elsewhere, "");
     }
     EXPECT_EQ(manager->queueCreateDirectoryAtPath(std::nullopt), nullptr);

@@ -87,11 +87,14 @@ std::optional<DCIError> copyFile(const std::string& from, const std::string& to,
         errno = EAGAIN;
         return failure("copy (changed while being copied)", from);
     }
-    DCIFileDescriptor destination(
-        open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, status.st_mode & 07777));
+    // A copy owned by someone else than its source must not run as the source's owner: copied
+    // by root, another user's set-user-ID program would become root's.
+    mode_t mode = status.st_mode & 07777;
+    if (status.st_uid != geteuid() || status.st_gid != getegid()) mode &= ~mode_t{S_ISUID | S_ISGID};
+    DCIFileDescriptor destination(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (!destination) return failure("create", to);
     const timespec times[2] = {status.st_atim, status.st_mtim};
-    if (!copyContents(source.get(), destination.get()) || fchmod(destination.get(), status.st_mode & 07777) != 0 ||
+    if (!copyContents(source.get(), destination.get()) || fchmod(destination.get(), mode) != 0 ||
         futimens(destination.get(), times) != 0) {
         DCIError error = failure("copy to", to);
         destination.reset();
@@ -146,12 +149,21 @@ std::optional<DCIError> copyTree(const std::string& from, const std::string& to)
     return std::nullopt;
 }
 
-// A name beside `path` that nothing else uses, for an item being put in place.
+// A name beside `path` that nothing else uses, for an item being put in place. It leaves out
+// the item's own name, which may already be as long as a name can be.
 std::string temporarySibling(const std::string& path) {
     static std::atomic<unsigned> counter{0};
     return KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(path),
-                                          ".kestly-move-" + std::to_string(getpid()) + "-" + std::to_string(counter++) +
-                                              "-" + KestlyPath::lastComponent(path));
+                                          ".kestly-move-" + std::to_string(getpid()) + "-" + std::to_string(counter++));
+}
+
+// Whether `from` is a link to the very file at `to`: moved there, it would replace that file
+// with a link to itself, and the file's contents would be gone.
+bool isLinkToItem(const std::string& from, const std::string& to) {
+    struct stat link, target, destination;
+    return lstat(from.c_str(), &link) == 0 && S_ISLNK(link.st_mode) && stat(from.c_str(), &target) == 0 &&
+           lstat(to.c_str(), &destination) == 0 && target.st_dev == destination.st_dev &&
+           target.st_ino == destination.st_ino;
 }
 
 // Whether `to` would lie inside the folder `from`: a copy there would copy itself without end.
@@ -171,6 +183,10 @@ bool isInsideItself(const std::string& from, const std::string& to) {
 namespace DCIFileOperations {
 
 std::optional<DCIError> moveItem(const std::string& from, const std::string& to) {
+    if (isLinkToItem(from, to)) {
+        errno = EINVAL;
+        return failure("move the link " + from + " onto its target", to);
+    }
     if (rename(from.c_str(), to.c_str()) == 0) return std::nullopt;
     if (errno != EXDEV) return failure("move " + from + " to", to);
     const std::string staging = temporarySibling(to);

@@ -235,6 +235,7 @@ TEST(DCIManifestV2ProjectItemTests, RefusesBytesThatAreNoJSONObject) {
         "{\"name\": \"B\xe9\"}",  // Latin-1, not UTF-8
         "{\"name\": \"\\ud800\"}", std::string(100000, '['), std::string(100000, '{'),
         logicManifest().dump() + " trailing", "{\"name\": \"" + std::string(1 << 20, 'x'),
+        changed(logicManifest(), {{"extra", std::vector<int>(2'000'000)}}).dump(),  // more values than a manifest may hold
     };
     for (const std::string& text : rows) {
         LogSince log;

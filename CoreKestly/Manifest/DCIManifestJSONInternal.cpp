@@ -27,19 +27,28 @@ size_t closingQuote(std::string_view bytes, size_t start) {
     return std::string_view::npos;
 }
 
-// Skips strings exactly as JSON does, so a bracket inside a string is not counted. On bytes
-// that are not JSON the count may run high, which only refuses what the parser would refuse.
-bool nestsDeeperThan(std::string_view bytes, size_t limit) {
-    size_t depth = 0;
+// Why the parser should not be given `bytes` (too deep, too many values), or nothing. Values
+// are counted from above, a container and each separator as one. Strings are skipped exactly
+// as JSON does, so a bracket inside a string is not counted. On bytes that are not JSON the
+// counts may run high, which only refuses what the parser would refuse.
+std::optional<std::string> refusalBeforeParsing(std::string_view bytes) {
+    size_t depth = 0, values = 1;
     for (size_t i = 0; i < bytes.size(); ++i) {
         switch (bytes[i]) {
             case '"':
                 i = closingQuote(bytes, i + 1);
-                if (i == std::string_view::npos) return false;
+                if (i == std::string_view::npos) return std::nullopt;
                 break;
             case '[':
             case '{':
-                if (++depth > limit) return true;
+                if (++depth > kDCIManifestMaximumNesting) {
+                    return "JSON nested deeper than " + std::to_string(kDCIManifestMaximumNesting) + " levels";
+                }
+                [[fallthrough]];
+            case ',':
+                if (++values > kDCIManifestMaximumValues) {
+                    return "JSON of more than " + std::to_string(kDCIManifestMaximumValues) + " values";
+                }
                 break;
             case ']':
             case '}':
@@ -48,7 +57,7 @@ bool nestsDeeperThan(std::string_view bytes, size_t limit) {
             default: break;
         }
     }
-    return false;
+    return std::nullopt;
 }
 
 std::string serialized(const json& value) { return value.dump(-1, ' ', false, json::error_handler_t::replace); }
@@ -96,9 +105,7 @@ void appendDescription(std::string& out, const json& value) {
 }  // namespace
 
 DCIManifestParse DCIManifestParseObject(std::string_view bytes) {
-    if (nestsDeeperThan(bytes, kDCIManifestMaximumNesting)) {
-        return {std::nullopt, "JSON nested deeper than " + std::to_string(kDCIManifestMaximumNesting) + " levels"};
-    }
+    if (auto refusal = refusalBeforeParsing(bytes)) return {std::nullopt, std::move(*refusal)};
     json parsed;
     try {
         parsed = json::parse(bytes.begin(), bytes.end());

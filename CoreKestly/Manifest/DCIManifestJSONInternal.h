@@ -17,6 +17,10 @@
 /// the limit keeps every recursive walk of a parsed document (copies, comparisons, rendering)
 /// well within the stack.
 inline constexpr size_t kDCIManifestMaximumNesting = 64;
+/// Documents of more values than this are refused as unparseable. A parsed value takes 30 to
+/// 100 times the bytes it is written in ("{}," is three), so a document of a few hundred
+/// megabytes would otherwise take gigabytes; an entry of a manifest holds about a dozen.
+inline constexpr size_t kDCIManifestMaximumValues = 2'000'000;
 
 /// What parsing manifest bytes gave: the top-level object, or why there is none.
 struct DCIManifestParse {
@@ -25,8 +29,9 @@ struct DCIManifestParse {
 };
 
 /// Parses `bytes` as one JSON object. Bytes that are not JSON (invalid UTF-8 inside a string
-/// included), JSON nested deeper than `kDCIManifestMaximumNesting`, and a top-level value other
-/// than an object give no object and a sentence saying why.
+/// included), JSON nested deeper than `kDCIManifestMaximumNesting` or of more values than
+/// `kDCIManifestMaximumValues`, and a top-level value other than an object give no object and
+/// a sentence saying why.
 DCIManifestParse DCIManifestParseObject(std::string_view bytes);
 
 // Typed reads of one key of an object. A value of another JSON type than the one asked for

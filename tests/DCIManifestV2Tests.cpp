@@ -92,17 +92,20 @@ TEST(DCIManifestV2ProjectItemTests, ReadsAnAbletonLiveProjectInAnyScriptAndLogsI
     }
 }
 
-// A long folder repeated in a line per entry, a long path, a long category: each is cut.
+// A long folder repeated in a line per entry, a long path, a long category: each is cut, and
+// the lines of the entries end after a hundred.
 TEST(DCIManifestV2ProjectItemTests, EveryLoggedValueIsShortened) {
     json manifest = changed(logicManifest(), {{"path", "Projects/" + std::string(100'000, 'F')}});
     const std::string longPath = "Other/" + std::string(5000, 'p');
-    for (int i = 0; i < 50; ++i) manifest["files"]["session"].push_back(fileEntry(longPath + std::to_string(i), 0));
+    for (int i = 0; i < 1000; ++i) manifest["files"]["session"].push_back(fileEntry(longPath + std::to_string(i), 0));
     manifest["files"][std::string(5000, 'c')] = "no list";
     LogSince log;
     ASSERT_NE(read(manifest), nullptr);
-    EXPECT_EQ(log.count("ERROR: No file size set in manifest for " + longPath.substr(0, 1024) + "…"), 50u);
     EXPECT_TRUE(log.has("Unexpected values in manifest " + std::string(1024, 'c') + "… (string) : \"no list\" (string)"));
-    EXPECT_LT(log.text().size(), 50u * 4096);  // two lines an entry, each value at most 1 KiB
+    // The category's line comes first; each entry logs two, its folder not found and its missing size.
+    EXPECT_EQ(log.count("ERROR: No file size set in manifest for " + longPath.substr(0, 1024) + "…"), 49u);
+    EXPECT_TRUE(log.has("Further problems with the entries of this manifest are not logged"));
+    EXPECT_LT(log.text().size(), 100u * 3072);
 }
 
 // Without a creator the manifest is refused; a flag is set by true or by a non-zero number.

@@ -30,31 +30,33 @@ bool hasSeveralComponents(std::string_view cleanedPath) { return cleanedPath.fin
 
 // A session file in a manifest written elsewhere may sit under another copy of the project
 // folder ("Other Disk/Beat Project/Beat.als"), so the folder's own name is looked for.
-std::string sessionPathRelativeToFolderName(const std::string& path, std::string_view folder) {
-    DCLogError("WARNING: projectFolder = %@, session relative path = %@ - standard manifest path information not "
-               "found, using other methods to determine the session file path.",
-               DCILoggedText(folder), DCILoggedText(path));
+std::string sessionPathRelativeToFolderName(const std::string& path, std::string_view folder,
+                                            DCIManifestEntryLog& log) {
+    log.error("WARNING: projectFolder = %@, session relative path = %@ - standard manifest path information not "
+              "found, using other methods to determine the session file path.",
+              DCILoggedText(folder), DCILoggedText(path));
     const std::string folderName = KestlyPath::lastComponent(folder);
     const size_t found = folderName.empty() ? std::string::npos : DCIManifestFind(path, folderName);
     if (found == std::string::npos) return path;
-    DCLogInfo("The ALS file path (%@) appears to be longer than the project path (%@) - should be checked.",
-              DCILoggedText(path), DCILoggedText(folder));
+    log.info("The ALS file path (%@) appears to be longer than the project path (%@) - should be checked.",
+             DCILoggedText(path), DCILoggedText(folder));
     if (auto relative = pathAfterFolderMatch(path, found + folderName.size())) return std::move(*relative);
-    DCLogError("ERROR: unexpected paths found in manifest %@ and %@", DCILoggedText(folder),
-               DCILoggedText(path));
+    log.error("ERROR: unexpected paths found in manifest %@ and %@", DCILoggedText(folder),
+              DCILoggedText(path));
     return path;
 }
 
 // The folder is matched as text, with no test of a component boundary; an empty folder
 // matches nowhere, as the platform's prefix and substring searches find no empty string.
-std::string pathRelativeToFolder(const std::string& path, std::string_view folder, std::string_view category) {
+std::string pathRelativeToFolder(const std::string& path, std::string_view folder, std::string_view category,
+                                 DCIManifestEntryLog& log) {
     if (!folder.empty() && path.starts_with(folder)) {
         if (auto relative = pathAfterFolderMatch(path, folder.size())) return std::move(*relative);
-        DCLogError("ERROR: Unable to subtract the project folder from the ALS path %@ and %@",
-                   DCILoggedText(folder), DCILoggedText(path));
+        log.error("ERROR: Unable to subtract the project folder from the ALS path %@ and %@",
+                  DCILoggedText(folder), DCILoggedText(path));
         return path;
     }
-    if (category == kDCIManifestCategorySession) return sessionPathRelativeToFolderName(path, folder);
+    if (category == kDCIManifestCategorySession) return sessionPathRelativeToFolderName(path, folder, log);
     return path;
 }
 
@@ -75,7 +77,8 @@ std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItem::init
     const DCIManifestParse parsed = DCIManifestParseObject(attributes);
     if (!parsed.object) return nullptr;
     DCIManifestPathCleaner cleaner;
-    return DCIManifestV2ProjectFileItemReader::read(projectFolder, category, *parsed.object, cleaner);
+    DCIManifestEntryLog log;
+    return DCIManifestV2ProjectFileItemReader::read(projectFolder, category, *parsed.object, cleaner, log);
 }
 
 std::string DCIManifestV2ProjectFileItem::description() const {
@@ -86,17 +89,18 @@ std::string DCIManifestV2ProjectFileItem::description() const {
 std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItemReader::read(std::string_view projectFolder,
                                                                                      std::string_view category,
                                                                                      const json& attributes,
-                                                                                     DCIManifestPathCleaner& cleaner) {
+                                                                                     DCIManifestPathCleaner& cleaner,
+                                                                                     DCIManifestEntryLog& log) {
     const std::string* hash = DCIManifestString(attributes, "file_hash");
     const std::string* givenPath = DCIManifestString(attributes, kManifestProjectFileItemPath);
     bool usable = hash && givenPath;
     std::string path = usable ? cleaner.clean(*givenPath) : givenPath ? *givenPath : std::string();
     if (givenPath && path == projectFolder) {
-        DCLogError("ERROR: The project path %@ is the same as the ALS path - we can't handle this",
-                   DCILoggedText(projectFolder));
+        log.error("ERROR: The project path %@ is the same as the ALS path - we can't handle this",
+                  DCILoggedText(projectFolder));
         usable = false;
     } else if (usable && hasSeveralComponents(path)) {
-        path = pathRelativeToFolder(path, projectFolder, category);
+        path = pathRelativeToFolder(path, projectFolder, category, log);
     }
     // These refusals log nothing of their own.
     const std::string* url = usable ? DCIManifestString(attributes, "url") : nullptr;
@@ -104,8 +108,8 @@ std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItemReader
     // Dropping the folder's text and one character can leave "/etc/..." or "../..." when the
     // folder ends inside a component, and the host joins this path to a folder of its own.
     if (!DCIManifestIsPlainRelativePath(path)) {
-        DCLogError("ERROR: The manifest path %@ would leave the project folder %@ - skipping it",
-                   DCILoggedText(path), DCILoggedText(projectFolder));
+        log.error("ERROR: The manifest path %@ would leave the project folder %@ - skipping it",
+                  DCILoggedText(path), DCILoggedText(projectFolder));
         return nullptr;
     }
 
@@ -126,7 +130,7 @@ std::shared_ptr<DCIManifestV2ProjectFileItem> DCIManifestV2ProjectFileItemReader
         if (category == kDCIManifestCategoryMisc) {
             item->fileSize_ = kDefaultMiscFileSize;
         } else {
-            DCLogError("ERROR: No file size set in manifest for %@", DCILoggedText(item->pathRelativeToProject_));
+            log.error("ERROR: No file size set in manifest for %@", DCILoggedText(item->pathRelativeToProject_));
         }
     }
     return item;

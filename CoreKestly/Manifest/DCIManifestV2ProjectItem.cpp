@@ -49,21 +49,21 @@ std::string abletonProjectFolder(const json& manifest, std::optional<std::string
 FileItems readFileItems(const json& files, std::string_view projectFolder) {
     FileItems items;
     DCIManifestPathCleaner cleaner;
+    DCIManifestEntryLog log;
     for (auto category = files.begin(); category != files.end(); ++category) {
         const json& list = category.value();
         if (list.is_null()) continue;
         if (!list.is_array()) {
-            DCLogError("Unexpected values in manifest %@ (%@) : %@ (%@)", DCILoggedText(category.key()), "string",
-                       DCIManifestJSONDescription(list), list.type_name());
+            log.error("Unexpected values in manifest %@ (%@) : %@ (%@)", DCILoggedText(category.key()), "string",
+                      DCIManifestJSONDescription(list), list.type_name());
             continue;
         }
         for (const json& element : list) {
             if (!element.is_object()) {
-                DCLogError("Unexpected info in manifest %@ (%@)", DCIManifestJSONDescription(element),
-                           element.type_name());
+                log.error("Unexpected info in manifest %@ (%@)", DCIManifestJSONDescription(element), element.type_name());
                 continue;
             }
-            if (auto item = DCIManifestV2ProjectFileItemReader::read(projectFolder, category.key(), element, cleaner)) {
+            if (auto item = DCIManifestV2ProjectFileItemReader::read(projectFolder, category.key(), element, cleaner, log)) {
                 items.push_back(std::move(item));
             }
         }

@@ -6,6 +6,7 @@
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
 #include "CoreKestly/Platform/DCIDate.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
 #include <filesystem>
@@ -155,14 +156,14 @@ void DCIFileManager::setFSEventStreamOptions(const DCIFSEventStream::Options& op
 std::optional<std::string> DCIFileManager::SHAForFileAtPath(const std::string& path) {
     const auto current = queries();
     if (current->isFileOfInterest(path)) return current->SHAForFileAtPath(path);
-    DCLogInfo("Unexpected: DCIFileManager is creating hash for file %@.  It will not be cached.", path);
+    DCLogInfo("Unexpected: DCIFileManager is creating hash for file %@.  It will not be cached.", DCILoggedText(path));
     return KSTSha256ForFileAtPath(path);
 }
 
 std::optional<std::string> DCIFileManager::SasIDForFileAtPath(const std::string& path) {
     const auto current = queries();
     if (current->isFileOfInterest(path)) return current->SasIDForFileAtPath(path);
-    DCLogInfo("Unexpected: No SasID available for file %@.", path);
+    DCLogInfo("Unexpected: No SasID available for file %@.", DCILoggedText(path));
     return std::nullopt;
 }
 

@@ -4,6 +4,7 @@
 #include "CoreKestly/FileSystem/DCISHACacheStoreInternal.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
 #include "CoreKestly/Platform/DCIFormat.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Platform/DCISerialExecutorInternal.h"
 
 #include <fcntl.h>
@@ -108,7 +109,7 @@ std::optional<DCISHACacheRecord> DCISHACache::cacheFile(const std::string& path,
                                                         const std::optional<DCIFileStamp>& stamp) {
     if (!stamp) return std::nullopt;
     DCISHACacheRecord record{*stamp, eco ? KSTSha256ForFileAtPathEco(path) : KSTSha256ForFileAtPath(path), ""};
-    if (!record.sha) DCLogError("Unable to calcualate SHA for %@", path);
+    if (!record.sha) DCLogError("Unable to calcualate SHA for %@", DCILoggedText(path));
     if (const auto calculator = sasIDCalculator()) record.sasID = calculator(path).value_or("");
     store(path, record);
     return record;

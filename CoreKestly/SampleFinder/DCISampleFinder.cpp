@@ -2,6 +2,7 @@
 
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/FileSystem/DCIFileQueries.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 #include "CoreKestly/SampleFinder/DCIAudioFile.h"
 
@@ -47,7 +48,7 @@ std::optional<std::string> DCISampleFinder::pathForSampleWithName(const std::opt
     }
     if (DCIIsMainThread()) {
         DCLogError("DCISampleFinder: refused to search for %@ on the main thread, whose loop the search needs.",
-                   *name);
+                   DCILoggedText(*name));
         return std::nullopt;
     }
     std::lock_guard searching(searchMutex_);
@@ -88,7 +89,7 @@ std::optional<std::vector<std::string>> DCISampleFinder::gatherCandidates(const 
     }
     DCIRunLoop::main().performAsync([query = metadataSearch_] { query->stopQuery(); });
     if (!candidates) {
-        DCLogInfo("DCISampleFinder: no candidates for %@ were gathered within %lu ms.", name,
+        DCLogInfo("DCISampleFinder: no candidates for %@ were gathered within %lu ms.", DCILoggedText(name),
                   static_cast<unsigned long>(timeout.count()));
     }
     return candidates;

@@ -81,6 +81,7 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         });
     });
     const TemporaryDirectory folder;
+    folder.writeFile("keep.txt", "kept");
 
     // "{}" in the arguments stands for the server's address; the output is the standard output, or
     // for --json [status, statusCode, bytes] of each result.
@@ -89,6 +90,7 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         {"one file per URL", "-d " + folder.path().string() + " {}/a.txt {}/b.txt", 0, ""},
         {"404 is no success", "--json {}/a.txt {}/missing", 1, R"(["Completed",200,5])" "\n" R"(["Completed",404,0])" "\n"},
         {"-o with two URLs", "-o out {}/a.txt {}/b.txt", 2, ""}, {"malformed header", "-H nocolon {}/a.txt", 2, ""},
+        {"a failed download keeps the file it would replace", "-o " + (folder / "keep.txt") + " {}/missing", 1, ""},
         {"method that is no token", "--json -X 'GET /b.txt HTTP/1.1' {}/a.txt", 1, R"(["Failed",null,0])" "\n"},
     };
     for (const auto& invocation : invocations) {
@@ -110,7 +112,9 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         }
         EXPECT_EQ(output, invocation.output);
     }
-    EXPECT_EQ(readWholeFile(folder / "a.txt") + readWholeFile(folder / "b.txt"), "helloworld");
+    EXPECT_EQ(readWholeFile(folder / "a.txt") + readWholeFile(folder / "b.txt") + readWholeFile(folder / "keep.txt"),
+              "helloworldkept");
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 3) << "no staging file is left";
 }
 
 // A title sequence, colours, a forged table row, a reordering mark, a C1 control and a

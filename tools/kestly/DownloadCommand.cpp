@@ -17,9 +17,11 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <optional>
@@ -92,6 +94,18 @@ std::shared_ptr<DCIURLRequest> makeRequest(const DownloadOptions& options, const
     return DCIURLRequest::requestWithFields(std::move(fields));
 }
 
+// A name beside `file` for its body to be fetched into, made as a file of our own, or nothing
+// when `file` is no file to replace (a device, a FIFO, a folder) or its folder takes no file.
+std::optional<std::string> stagingFileFor(const std::string& file) {
+    struct stat status;
+    if (lstat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) return std::nullopt;
+    std::string staging = KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(file), ".kestly-download-XXXXXX");
+    const int descriptor = mkstemp(staging.data());
+    if (descriptor < 0) return std::nullopt;
+    close(descriptor);
+    return staging;
+}
+
 const char* statusName(int64_t status) {
     static const char* const names[] = {"Undefined", "Restarted", "Pending", "Running",
                                         "Paused",    "Canceled",  "Failed",  "Completed"};
@@ -119,6 +133,9 @@ public:
     struct Item {
         std::string url;
         std::optional<std::string> file;
+        // Where the body of a file goes until it is whole: it then replaces `file`, and a failed
+        // download leaves what was there as it was.
+        std::optional<std::string> staging;
         std::shared_ptr<DCIAction> action;
         Clock::time_point started;
         Clock::time_point lastJSONProgress;
@@ -169,14 +186,21 @@ private:
         const auto statusCode = action.contextObjectForKey(kDCIDownloaderResponseStatusCodeKey);
         // No response has no status code: -1.
         const int64_t code = statusCode ? statusCode->int64Value().value_or(-1) : -1;
-        const bool completed = status == DCIActionStatusCompleted && code != 404;
-        succeeded_ = succeeded_ && completed;
+        bool completed = status == DCIActionStatusCompleted && code != 404;
         const auto data = action.contextObjectForKey(kDCIDownloaderDataKey);
         uint64_t bytes = data && data->data() ? data->data()->length() : 0;
         // Only a file has a size to tell; a device such as /dev/null as the destination has none.
         struct stat fileStatus;
-        if (item.file && lstat(item.file->c_str(), &fileStatus) == 0 && S_ISREG(fileStatus.st_mode))
+        const auto& written = item.staging ? item.staging : item.file;
+        if (written && lstat(written->c_str(), &fileStatus) == 0 && S_ISREG(fileStatus.st_mode))
             bytes = static_cast<uint64_t>(fileStatus.st_size);
+        std::optional<std::string> placingError;
+        if (item.staging && completed && rename(item.staging->c_str(), item.file->c_str()) != 0) {
+            placingError = "cannot put the file in place: " + std::string(std::strerror(errno));
+            completed = false;
+        }
+        if (item.staging) unlink(item.staging->c_str());
+        succeeded_ = succeeded_ && completed;
 
         if (showsBar_) clearBar();
         if (json_) {
@@ -189,8 +213,9 @@ private:
                 {"file", item.file ? ordered_json(*item.file) : ordered_json(nullptr)},
                 {"bytes", bytes},
                 {"etag", etag && etag->string() ? ordered_json(*etag->string()) : ordered_json(nullptr)},
-                {"error", error && error->error() ? ordered_json(error->error()->localizedDescription())
-                                                  : ordered_json(nullptr)},
+                {"error", placingError                ? ordered_json(*placingError)
+                          : error && error->error() ? ordered_json(error->error()->localizedDescription())
+                                                    : ordered_json(nullptr)},
             });
             item.action->removeContextObjectForKey(kDCIDownloaderDataKey);  // its size is all the line tells
         } else {
@@ -199,6 +224,7 @@ private:
                 std::string reason = statusName(status);
                 if (code >= 0) reason = "status " + std::to_string(code);
                 if (error && error->error()) reason = error->error()->localizedDescription();
+                if (placingError) reason = *placingError;
                 // The URL comes from the command line, the error text partly from the server.
                 std::fprintf(stderr, "kestly: %s: %s\n", terminalText(item.url).c_str(),
                              terminalText(reason).c_str());
@@ -260,6 +286,12 @@ private:
     bool succeeded_ = true;
 };
 
+void removeStagingFiles(const std::vector<DownloadMonitor::Item>& items) {
+    for (const auto& item : items) {
+        if (item.staging) unlink(item.staging->c_str());
+    }
+}
+
 int download(const DownloadOptions& options) {
     // The library's information lines would tear the progress bar: they stay quiet unless the
     // person asked for them.
@@ -276,13 +308,15 @@ int download(const DownloadOptions& options) {
                 file = KestlyPath::appendingComponent(options.directory, fileNameOfURL(url));
             if (file && !files.insert(*file).second) throw UsageError{"two URLs would be saved to " + *file};
             const auto request = makeRequest(options, url);
-            const auto action = file ? DCIDownloader::fileDownloadActionWithRequest(request, *file)
+            const auto staging = file ? stagingFileFor(*file) : std::nullopt;
+            const auto action = file ? DCIDownloader::fileDownloadActionWithRequest(request, staging.value_or(*file))
                                      : DCIDownloader::dataDownloadActionWithRequest(request);
             // The queue hands out the smallest value first: URLs start in the order given.
             action->setPriority(items.size() + 1);
-            items.push_back({url, file, action, {}, {}, false});
+            items.push_back({url, file, staging, action, {}, {}, false});
         }
     } catch (const UsageError& error) {
+        removeStagingFiles(items);
         std::fprintf(stderr, "kestly: %s\n", terminalText(error.message).c_str());
         return 2;
     }
@@ -300,6 +334,7 @@ int download(const DownloadOptions& options) {
     }
     if (workers.empty()) {
         std::fprintf(stderr, "kestly: could not start a download worker\n");
+        removeStagingFiles(items);
         DCIEventManager::removeListener(monitor);
         return 1;
     }

@@ -245,6 +245,15 @@ TEST_F(DCIFileManagerTests, OperationsUpdateTheTreeAndRefuseWhatTheyCannotDo) {
         EXPECT_FALSE(fs::exists(elsewhere + f));
         remove(elsewhere, "");
     }
+    // A sparse file is copied sparse, its data where it was: holes must not fill the disk.
+    const std::string sparse = directory / "sparse", sparseCopy = directory / "sparse copy";
+    std::ofstream(sparse) << "data";
+    fs::resize_file(sparse, 16 << 20);
+    EXPECT_TRUE(manager->unqueuedCopyItemAtPath(sparse, sparseCopy));
+    struct stat original, copy;
+    ASSERT_TRUE(stat(sparse.c_str(), &original) == 0 && stat(sparseCopy.c_str(), &copy) == 0);
+    EXPECT_EQ(std::tuple(copy.st_size, readWholeFile(sparseCopy).substr(0, 4)), std::tuple(original.st_size, "data"));
+    EXPECT_LE(copy.st_blocks, original.st_blocks + 64);
     EXPECT_EQ(manager->queueCreateDirectoryAtPath(std::nullopt), nullptr);
     pumpMainLoopBriefly();
     EXPECT_EQ(types(), std::vector<uint64_t>{});

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -47,35 +48,48 @@ void removeEntry(int folder, const char* name) {
 // Removes what a failed copy left, or a moved item's source.
 void removeItem(const std::string& path) { removeEntry(AT_FDCWD, path.c_str()); }
 
-// Copies the bytes: shared blocks when the file system has them, else in the kernel, else
-// through a buffer (a file system pair that copy_file_range does not serve).
-bool copyContents(int source, int destination) {
-    if (ioctl(destination, FICLONE, source) == 0) return true;
-    for (;;) {
-        const ssize_t copied = copy_file_range(source, nullptr, destination, nullptr, 1 << 30, 0);
+// Copies the bytes from `at` to `end` to the same offsets: in the kernel, else through a
+// buffer (a file system pair that copy_file_range does not serve).
+bool copyRange(int source, int destination, off_t at, off_t end) {
+    for (off_t out = at; at < end;) {
+        const ssize_t copied = copy_file_range(source, &at, destination, &out, static_cast<size_t>(end - at), 0);
         if (copied == 0) return true;
-        if (copied > 0) continue;
-        if (errno == EINTR) continue;
+        if (copied > 0 || errno == EINTR) continue;
         if (errno != EXDEV && errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP) return false;
         break;
     }
-    if (lseek(source, 0, SEEK_SET) < 0 || ftruncate(destination, 0) != 0 || lseek(destination, 0, SEEK_SET) < 0) {
-        return false;
-    }
     char buffer[64 * 1024];
-    for (;;) {
-        const ssize_t length = read(source, buffer, sizeof buffer);
+    while (at < end) {
+        const ssize_t length = pread(source, buffer, std::min(sizeof buffer, static_cast<size_t>(end - at)), at);
         if (length == 0) return true;
         if (length < 0) {
             if (errno == EINTR) continue;
             return false;
         }
         for (ssize_t written = 0; written < length;) {
-            const ssize_t step = write(destination, buffer + written, static_cast<size_t>(length - written));
+            const ssize_t step = pwrite(destination, buffer + written, static_cast<size_t>(length - written), at + written);
             if (step < 0 && errno != EINTR) return false;
             if (step > 0) written += step;
         }
+        at += length;
     }
+    return true;
+}
+
+// Copies the bytes: shared blocks when the file system has them, else each run of data at its
+// offset, so that holes stay holes: a file of a terabyte of holes must not fill the disk.
+bool copyContents(int source, int destination) {
+    if (ioctl(destination, FICLONE, source) == 0) return true;
+    struct stat status;
+    if (fstat(source, &status) != 0) return false;
+    off_t data = lseek(source, 0, SEEK_DATA);
+    while (data >= 0 && data < status.st_size) {
+        const off_t hole = lseek(source, data, SEEK_HOLE);
+        if (hole < 0 || !copyRange(source, destination, data, hole)) return false;
+        data = lseek(source, hole, SEEK_DATA);
+    }
+    // ENXIO: no data after the last hole.
+    return (data >= 0 || errno == ENXIO) && ftruncate(destination, status.st_size) == 0;
 }
 
 std::optional<DCIError> copyFile(const std::string& from, const std::string& to, const struct stat& status) {

@@ -17,9 +17,10 @@ namespace DCIFileOperations {
 KESTLY_EXPORT std::optional<DCIError> moveItem(const std::string& from, const std::string& to);
 
 /// Copies the item at `from` to `to`, which must not exist yet: a file with its permissions
-/// (set-ID bits only when the copy keeps its owner and group) and modification time (shared blocks where the file system can, else copied in the
-/// kernel), a link as a link, a folder with everything in it. FIFOs, sockets and devices are
-/// refused. A copy that fails part way is removed again.
+/// (set-ID bits only when the copy keeps its owner and group) and modification time, as
+/// shared blocks where the file system can, else copied in the kernel with its holes kept; a
+/// link as a link; a folder with everything in it. FIFOs, sockets and devices are refused. A
+/// copy that fails part way is removed again.
 KESTLY_EXPORT std::optional<DCIError> copyItem(const std::string& from, const std::string& to);
 
 /// Creates the folder at `path` and the folders missing above it; an existing folder is

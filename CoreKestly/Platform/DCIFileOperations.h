@@ -12,8 +12,9 @@
 namespace DCIFileOperations {
 
 /// Moves the item at `from` to `to`, replacing a file (or an empty folder) at `to` in one step;
-/// a link is refused a move onto the item it points to. Across file systems the item is copied beside `to` under a temporary name, put in place,
-/// and only then is the source removed.
+/// a link is refused a move onto the item it points to. Across file systems the item is
+/// copied beside `to` under a temporary name, put in place, and only then is the source
+/// removed.
 KESTLY_EXPORT std::optional<DCIError> moveItem(const std::string& from, const std::string& to);
 
 /// Copies the item at `from` to `to`, which must not exist yet: a file with its permissions

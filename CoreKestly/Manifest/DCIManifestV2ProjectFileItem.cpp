@@ -1,12 +1,11 @@
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItem.h"
 
 #include "CoreKestly/CoreKestlyKeys.h"
-#include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItemInternal.h"
 #include "CoreKestly/Manifest/DCIManifestValuesInternal.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Platform/DCIUTF16Internal.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 

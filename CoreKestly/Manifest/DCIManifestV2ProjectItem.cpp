@@ -4,10 +4,10 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/KestlyUtilities.h"
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItemInternal.h"
 #include "CoreKestly/Manifest/DCIManifestValuesInternal.h"
+#include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
 using nlohmann::json;

@@ -195,11 +195,11 @@ private:
         if (written && lstat(written->c_str(), &fileStatus) == 0 && S_ISREG(fileStatus.st_mode))
             bytes = static_cast<uint64_t>(fileStatus.st_size);
         std::optional<std::string> placingError;
-        if (item.staging && completed && rename(item.staging->c_str(), item.file->c_str()) != 0) {
-            placingError = "cannot put the file in place: " + std::string(std::strerror(errno));
+        if (item.staging && !(completed && rename(item.staging->c_str(), item.file->c_str()) == 0)) {
+            if (completed) placingError = "cannot put the file in place: " + std::string(std::strerror(errno));
             completed = false;
+            unlink(item.staging->c_str());
         }
-        if (item.staging) unlink(item.staging->c_str());
         succeeded_ = succeeded_ && completed;
 
         if (showsBar_) clearBar();

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <string_view>
 #include <vector>
 
@@ -53,7 +54,7 @@ std::shared_ptr<DCIFolderObject> DCIFolderObject::makeFolder(const std::string& 
                                                              std::optional<DirectoryIdentity> identity) {
     std::shared_ptr<DCIFolderObject> folder(new DCIFolderObject(path, parent, std::move(fileQueries), identity));
     if (!folder->exists()) return nullptr;
-    folder->buildFileAndFolderList();
+    folder->buildSubtree();
     return folder;
 }
 
@@ -62,28 +63,38 @@ bool DCIFolderObject::exists() const {
     return lstat(absolutePath_.c_str(), &status) == 0;
 }
 
-bool DCIFolderObject::leadsBackToAncestor() const {
-    if (!identity_) return false;
+DCIFolderObject::Walk DCIFolderObject::walkFromHere() const {
+    Walk walk;
     for (auto ancestor = parent(); ancestor; ancestor = ancestor->parent()) {
-        if (ancestor->identity_ == identity_) return true;
+        if (ancestor->identity_) walk.listed.insert(*ancestor->identity_);
     }
-    return false;
+    return walk;
 }
 
-void DCIFolderObject::buildFileAndFolderList() {
+void DCIFolderObject::buildSubtree() {
+    Walk walk = walkFromHere();
+    list(walk);
+    finish(walk);
+}
+
+void DCIFolderObject::buildFileAndFolderList() { buildSubtree(); }
+
+void DCIFolderObject::list(Walk& walk) {
     DCIFileDictionary files;
     DCIFolderDictionary subFolders;
-    // A folder that leads back to one of its ancestors stays empty: listing it would list
-    // that ancestor again, and so on without end.
-    const auto entries = leadsBackToAncestor() ? std::vector<ListedEntry>() : listEntries();
+    // A folder listed already (a link back up, or a second link to one folder) stays empty:
+    // listing it again would repeat its subtree, without end for a loop.
+    const bool firstVisit = !identity_ || walk.listed.insert(*identity_).second;
+    const auto entries = firstVisit ? listEntries() : std::vector<ListedEntry>();
     const auto self = shared_from_this();
     const auto queries = fileQueries_.lock();
     for (const auto& entry : entries) {
         const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, entry.name);
         if (entry.folderIdentity) {
-            if (auto folder = makeFolder(fullPath, self, fileQueries_, entry.folderIdentity)) {
-                subFolders.emplace(entry.name, std::move(folder));
-            }
+            std::shared_ptr<DCIFolderObject> folder(new DCIFolderObject(fullPath, self, fileQueries_, entry.folderIdentity));
+            if (entry.isLink) walk.throughLinks.push_back(folder);
+            else folder->list(walk);
+            subFolders.emplace(entry.name, std::move(folder));
         } else if (queries && queries->isFileOfInterest(fullPath)) {
             if (auto file = DCIFileObject::initWithFileName(entry.name, self)) {
                 files.emplace(entry.name, std::move(file));
@@ -94,9 +105,18 @@ void DCIFolderObject::buildFileAndFolderList() {
     subFolders_.store(std::make_shared<const DCIFolderDictionary>(std::move(subFolders)));
 }
 
+void DCIFolderObject::finish(Walk& walk) {
+    // Indexed, not iterated: listing a folder may add links of its own to the end.
+    for (size_t next = 0; next < walk.throughLinks.size(); ++next) {
+        const auto folder = walk.throughLinks[next];
+        folder->list(walk);
+    }
+}
+
 std::vector<DCIFolderObject::ListedEntry> DCIFolderObject::listEntries() const {
     // The listing is read whole and closed before any sub-folder is built, so a deep tree
-    // holds one directory open at a time, not one per level.
+    // holds one directory open at a time, not one per level. Sorted, so that which path
+    // lists a folder reached by several never depends on the order of the directory.
     std::vector<ListedEntry> entries;
     const DirectoryStream directory(opendir(absolutePath_.c_str()));
     if (!directory) return entries;
@@ -110,14 +130,20 @@ std::vector<DCIFolderObject::ListedEntry> DCIFolderObject::listEntries() const {
             entries.push_back({entry->d_name, std::nullopt});
             continue;
         }
+        bool isLink = entry->d_type == DT_LNK;
         struct stat status;
+        if (entry->d_type == DT_UNKNOWN) {
+            if (fstatat(directoryDescriptor, entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            isLink = S_ISLNK(status.st_mode);
+        }
         if (fstatat(directoryDescriptor, entry->d_name, &status, 0) != 0) continue;
         if (S_ISDIR(status.st_mode)) {
-            entries.push_back({entry->d_name, DirectoryIdentity{status.st_dev, status.st_ino}});
+            entries.push_back({entry->d_name, DirectoryIdentity{status.st_dev, status.st_ino}, isLink});
         } else if (S_ISREG(status.st_mode)) {
             entries.push_back({entry->d_name, std::nullopt});
         }
     }
+    std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
     return entries;
 }
 
@@ -131,17 +157,26 @@ bool DCIFolderObject::generateHashes() {
         if (!folder->generateHashes()) everyFileHashed = false;
     }
     const auto queries = fileQueries_.lock();
+    std::vector<std::string> unhashed;
     for (const auto& [name, file] : *currentFiles) {
-        const auto identifiers =
-            queries ? queries->identifiersForFileAtPath(file->absolutePath()) : DCIFileIdentifiers{};
-        if (identifiers.sha) {
-            file->setFileHash(identifiers.sha);
-            file->setSasID(identifiers.sasID);
-        } else if (!file->fileHash()) {
-            everyFileHashed = false;
-        }
+        if (!hashFile(*file, queries.get())) unhashed.push_back(name);
     }
-    return everyFileHashed;
+    if (unhashed.empty()) return everyFileHashed;
+    // One file that cannot be read must not hold back the rest of the tree: it is left out
+    // until it can be, and a file that vanished meanwhile is gone from the tree as from disk.
+    auto kept = std::make_shared<DCIFileDictionary>(*currentFiles);
+    for (const auto& name : unhashed) kept->erase(name);
+    files_.store(std::move(kept));
+    return false;
+}
+
+bool DCIFolderObject::hashFile(DCIFileObject& file, DCIFileQueries* queries) {
+    if (!queries) return file.fileHash().has_value();  // a detached tree hashes by itself
+    const auto identifiers = queries->identifiersForFileAtPath(file.absolutePath());
+    if (!identifiers.sha) return false;
+    file.setFileHash(identifiers.sha);
+    file.setSasID(identifiers.sasID);
+    return true;
 }
 
 bool DCIFolderObject::updateItemAtSubPath(const std::string& name) {
@@ -178,6 +213,46 @@ bool DCIFolderObject::updateItemAtSubPath(const std::string& name) {
         return true;
     }
     return false;
+}
+
+bool DCIFolderObject::replaceItemAtSubPath(const std::string& name) {
+    if (!isEntryName(name)) return false;
+    const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, name);
+    std::shared_ptr<DCIFileObject> file;
+    std::shared_ptr<DCIFolderObject> folder;
+    struct stat status;
+    if (stat(fullPath.c_str(), &status) == 0) {
+        const auto queries = fileQueries_.lock();
+        if (S_ISDIR(status.st_mode)) {
+            folder = makeFolder(fullPath, shared_from_this(), fileQueries_, DirectoryIdentity{status.st_dev, status.st_ino});
+            if (folder) folder->generateHashes();
+        } else if (S_ISREG(status.st_mode) && queries && queries->isFileOfInterest(fullPath)) {
+            file = DCIFileObject::initWithFileName(name, shared_from_this());
+            if (file && !hashFile(*file, queries.get())) file.reset();
+        }
+    }
+    files_.store(replacingEntry(*files(), name, std::move(file)));
+    subFolders_.store(replacingEntry(*subFolders(), name, std::move(folder)));
+    return true;
+}
+
+std::shared_ptr<DCIFolderObject> DCIFolderObject::subFolderMadeByOperation(const std::string& name) {
+    const auto currentSubFolders = subFolders();
+    if (const auto known = currentSubFolders->find(name); known != currentSubFolders->end()) return known->second;
+    struct stat status;
+    const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, name);
+    if (!isEntryName(name) || stat(fullPath.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return nullptr;
+    std::shared_ptr<DCIFolderObject> folder(
+        new DCIFolderObject(fullPath, shared_from_this(), fileQueries_, DirectoryIdentity{status.st_dev, status.st_ino}));
+    subFolders_.store(replacingEntry(*currentSubFolders, name, folder));
+    return folder;
+}
+
+bool DCIFolderObject::removeFile(const std::string& name) {
+    const auto currentFiles = files();
+    if (!currentFiles->contains(name)) return false;
+    files_.store(replacingEntry(*currentFiles, name, nullptr));
+    return true;
 }
 
 DCIFileSet DCIFolderObject::gatherFiles() const {

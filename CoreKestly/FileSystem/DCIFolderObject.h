@@ -31,14 +31,17 @@ using DCIFolderSet = std::unordered_set<std::shared_ptr<DCIFolderObject>, DCIIde
 /// its whole subtree: a sub-folder for every entry that is a folder or a link to one (hidden
 /// ones too), a `DCIFileObject` for every regular file (or link to one) that the tree's
 /// queries call of interest and that may be read. FIFOs, sockets and devices never enter the
-/// tree, whatever their names: they could never be hashed. A folder owns its sub-folders and files; they refer to it weakly, so
-/// whoever holds the root keeps the tree alive.
+/// tree, whatever their names: they could never be hashed. A folder owns its sub-folders and
+/// files; they refer to it weakly, so whoever holds the root keeps the tree alive.
 ///
 /// The tree is tied to the `DCIFileQueries` it was built with, held weakly: once that object
 /// is gone the tree sees no file of interest and hashes files itself, uncached.
 ///
-/// A link leading back to a folder on its own path (to itself or an ancestor, by device and
-/// inode) becomes a sub-folder that is not listed, so the scan always ends.
+/// Each real folder (device and inode) is listed once per build, so links can neither loop
+/// nor multiply the tree: a folder is listed at its path without links when the walk has one,
+/// else at the first link that reaches it, links taken in the order the walk meets them,
+/// names sorted. Any other link to it becomes a sub-folder that is not listed. The cost of a
+/// build is therefore linear in the real folders, whatever the links.
 ///
 /// Threads: a tree is built and changed by one thread at a time; anyone may read it meanwhile.
 /// The dictionaries are replaced, never edited, so a dictionary obtained from `files()` or
@@ -60,8 +63,8 @@ public:
     void buildFileAndFolderList();
 
     /// Hashes every file of the subtree through the queries' caches, setting each file's
-    /// `fileHash` and `sasID`; a file the queries cannot answer for is hashed directly. True
-    /// when every file ends with a hash; every file is tried even after one failed.
+    /// `fileHash` and `sasID`. A file the queries answer no hash for (unreadable, vanished, a
+    /// read error, a hash cut short) is left out of the tree. True when no file was left out.
     bool generateHashes();
 
     /// Brings the entry `name` (one path component) in line with the disk: a regular file of
@@ -71,6 +74,20 @@ public:
     /// changed. A folder already present, an existing entry of no interest, an unknown
     /// missing name, or a `name` that is not one component changes nothing.
     bool updateItemAtSubPath(const std::string& name);
+
+    /// Rebuilds the entry `name` from the disk whatever the tree held under it, for an item a
+    /// file operation just made or took away: a file of interest or a folder becomes a new,
+    /// hashed entry (a folder with its subtree); anything else, or nothing, removes the entry.
+    /// No other entry is looked at. False for a `name` that is not one component.
+    bool replaceItemAtSubPath(const std::string& name);
+
+    /// The sub-folder `name`; when the tree lacks it and the disk has a folder there, it is
+    /// added without listing it: a folder an operation made on the way to its item, whose
+    /// other entries are the next scan's to find. nullptr when there is no folder there.
+    std::shared_ptr<DCIFolderObject> subFolderMadeByOperation(const std::string& name);
+
+    /// Takes the file `name` out of the tree; true when it was there.
+    bool removeFile(const std::string& name);
 
     /// Every file object in the subtree.
     DCIFileSet gatherFiles() const;
@@ -110,11 +127,22 @@ public:
     std::string description() const override { return absolutePath_; }
 
 private:
-    /// Where a directory lives: what a link that loops back shares with the folder it leads to.
+    /// Where a directory lives: what every path to one real folder shares.
     struct DirectoryIdentity {
         uint64_t device;
         uint64_t inode;
         friend bool operator==(const DirectoryIdentity&, const DirectoryIdentity&) = default;
+    };
+    struct DirectoryIdentityHash {
+        size_t operator()(const DirectoryIdentity& identity) const {
+            return static_cast<size_t>(identity.inode * 0x9E3779B97F4A7C15ULL ^ identity.device);
+        }
+    };
+    /// One build: the real folders listed so far, and the folders reached through a link,
+    /// listed once the walk without links is over, if their folder was not met by then.
+    struct Walk {
+        std::unordered_set<DirectoryIdentity, DirectoryIdentityHash> listed;
+        std::vector<std::shared_ptr<DCIFolderObject>> throughLinks;
     };
 
     DCIFolderObject(const std::string& path, const std::shared_ptr<DCIFolderObject>& parent,
@@ -124,14 +152,25 @@ private:
     struct ListedEntry {
         std::string name;
         std::optional<DirectoryIdentity> folderIdentity;
+        bool isLink = false;
     };
 
     static std::shared_ptr<DCIFolderObject> makeFolder(const std::string& path,
                                                        const std::shared_ptr<DCIFolderObject>& parent,
                                                        std::weak_ptr<DCIFileQueries> fileQueries,
                                                        std::optional<DirectoryIdentity> identity);
-    bool leadsBackToAncestor() const;
+    /// A walk that already counts this folder's ancestors as listed, so a link back up ends.
+    Walk walkFromHere() const;
+    /// Lists this folder and, through `walk`, its subtree.
+    void list(Walk& walk);
+    /// Lists the folders `walk` reached only through links, and those they reach in turn.
+    static void finish(Walk& walk);
+    /// This folder with its subtree, built through a walk of its own.
+    void buildSubtree();
     std::vector<ListedEntry> listEntries() const;
+    /// Sets the file's hash and `sasID` from `queries` (by itself when there are none); false
+    /// when no hash could be had.
+    static bool hashFile(DCIFileObject& file, DCIFileQueries* queries);
     std::shared_ptr<DCIFileObject> findFile(const std::function<bool(const DCIFileObject&)>& matches) const;
     void collectFiles(DCIFileSet& files) const;
     void collectFolders(DCIFolderSet& folders) const;

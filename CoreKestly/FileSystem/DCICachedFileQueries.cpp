@@ -85,3 +85,19 @@ DCIFileIdentifiers DCICachedFileQueries::identifiersForFileAtPath(const std::str
     if (!record || !record->sha) return {};
     return {record->sha, record->answeredSasID()};
 }
+
+void DCICachedFileQueries::forgetFile(const std::string& path) {
+    if (auto* cache = cacheForFile(path)) cache->forgetFile(path);
+}
+
+void DCICachedFileQueries::fileMoved(const std::string& from, const std::string& to) {
+    auto* cache = cacheForFile(from);
+    if (!cache) return;
+    if (cache == cacheForFile(to)) cache->moveRecord(from, to);
+    else cache->forgetFile(from);
+}
+
+void DCICachedFileQueries::stopHashing() {
+    if (primaryFileCache_) primaryFileCache_->stopHashing();
+    if (sampleCache_) sampleCache_->stopHashing();
+}

@@ -42,6 +42,14 @@ public:
     /// Both answers from the one record the cache validates for the hash.
     DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override;
 
+    /// Drops the cache record of a file that left the tree.
+    void forgetFile(const std::string& path);
+    /// Moves the cache record of a file renamed from `from` to `to`, which keeps its hash
+    /// when both names are served by one cache; else the record is dropped.
+    void fileMoved(const std::string& from, const std::string& to);
+    /// Stops the hashing of both caches: see `DCISHACache::stopHashing`.
+    void stopHashing();
+
 private:
     // The cache serving the file at `path`, the primary one first; null for a file of no interest.
     DCISHACache* cacheForFile(const std::string& path) const;

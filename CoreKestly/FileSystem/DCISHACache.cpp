@@ -2,7 +2,7 @@
 
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/FileSystem/DCISHACacheStoreInternal.h"
-#include "CoreKestly/FileSystem/KSTFileHash.h"
+#include "CoreKestly/FileSystem/KSTFileHashInternal.h"
 #include "CoreKestly/Platform/DCIFormat.h"
 #include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Platform/DCISerialExecutorInternal.h"
@@ -108,7 +108,9 @@ std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& p
 std::optional<DCISHACacheRecord> DCISHACache::cacheFile(const std::string& path, bool eco,
                                                         const std::optional<DCIFileStamp>& stamp) {
     if (!stamp) return std::nullopt;
-    DCISHACacheRecord record{*stamp, eco ? KSTSha256ForFileAtPathEco(path) : KSTSha256ForFileAtPath(path), ""};
+    DCISHACacheRecord record{*stamp, KSTSha256ForFileAtPath(path, eco, hashingStopped_), ""};
+    // A hash cut short says nothing about the file: no record, no log line.
+    if (!record.sha && hashingStopped_.load()) return std::nullopt;
     if (!record.sha) DCLogError("Unable to calcualate SHA for %@", DCILoggedText(path));
     if (const auto calculator = sasIDCalculator()) record.sasID = calculator(path).value_or("");
     store(path, record);
@@ -146,6 +148,22 @@ void DCISHACache::store(const std::string& path, const DCISHACacheRecord& record
     shaCache_.insert_or_assign(path, record);
     unsavedPaths_.insert(path);
 }
+
+void DCISHACache::forgetFile(const std::string& path) {
+    std::unique_lock lock(accessMutex_);
+    if (shaCache_.erase(path) != 0) unsavedPaths_.insert(path);
+}
+
+void DCISHACache::moveRecord(const std::string& from, const std::string& to) {
+    std::unique_lock lock(accessMutex_);
+    auto moved = shaCache_.extract(from);
+    if (moved.empty()) return;
+    shaCache_.insert_or_assign(to, std::move(moved.mapped()));
+    unsavedPaths_.insert(from);
+    unsavedPaths_.insert(to);
+}
+
+void DCISHACache::stopHashing() { hashingStopped_ = true; }
 
 void DCISHACache::persist() {
     auto changes = takeUnsavedChanges();

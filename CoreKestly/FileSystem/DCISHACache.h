@@ -5,8 +5,9 @@
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIObject.h"
 
-#include <functional>
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -137,6 +138,17 @@ public:
     /// nothing when there is none.
     static std::optional<DCIDate> modificationDateForFile(const std::string& path);
 
+    /// Drops the record of `path`, a file that left the watched tree, from memory and, at the
+    /// next `persist`, from the file.
+    void forgetFile(const std::string& path);
+    /// Moves the record of `from` to `to`, for a file renamed there: its stamp still has to
+    /// match the file at `to` for the record to answer. Nothing when `from` has no record.
+    void moveRecord(const std::string& from, const std::string& to);
+
+    /// Cuts short every hash in progress at its next chunk and makes every later miss answer
+    /// nothing, storing no record and logging nothing: for a cache whose run is ending.
+    void stopHashing();
+
     /// Replaces the in-memory records with the file's, keeping only those whose file still has
     /// the recorded stamp. Dropped records are removed from the file at the next
     /// `persist`. Records not yet written when this is called are lost.
@@ -165,6 +177,7 @@ private:
     std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> takeUnsavedChanges();
 
     const std::string shaCachePath_;
+    std::atomic<bool> hashingStopped_{false};
 
     mutable std::mutex calculatorMutex_;
     DCISasIDCalculator sasIDCalculator_;

@@ -1,4 +1,4 @@
-#include "CoreKestly/FileSystem/KSTFileHash.h"
+#include "CoreKestly/FileSystem/KSTFileHashInternal.h"
 
 #include <openssl/evp.h>
 
@@ -93,8 +93,9 @@ private:
     std::unique_ptr<EVP_MD_CTX, ContextFree> context_;
 };
 
-// Feeds the whole file to `digest` one chunk at a time, calling `afterChunk` after each
-// chunk. False on a read or digest error: what was fed so far must then be discarded.
+// Feeds the whole file to `digest` one chunk at a time, asking `afterChunk` after each chunk
+// whether to go on. False on a read or digest error, or when told to stop: what was fed so far
+// must then be discarded.
 template <class AfterChunk>
 bool feedFile(const ReadOnlyFile& file, Sha256Digest& digest, AfterChunk afterChunk) {
     std::array<unsigned char, kReadChunkSize> buffer;
@@ -102,7 +103,7 @@ bool feedFile(const ReadOnlyFile& file, Sha256Digest& digest, AfterChunk afterCh
         const ssize_t count = file.read(buffer.data(), buffer.size());
         if (count == 0) return true;
         if (count < 0 || !digest.update(buffer.data(), static_cast<size_t>(count))) return false;
-        afterChunk();
+        if (!afterChunk()) return false;
     }
 }
 
@@ -129,22 +130,31 @@ private:
 
 }  // namespace
 
-std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path) {
-    const ReadOnlyFile file(path);
-    if (!file.isOpen()) return std::nullopt;
-    Sha256Digest digest;
-    if (!digest.isValid() || !feedFile(file, digest, [] {})) return std::nullopt;
-    return digest.hexDigest();
-}
-
-std::optional<std::string> KSTSha256ForFileAtPathEco(const std::string& path) {
+std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path, bool eco, const std::atomic<bool>& stop) {
     const ReadOnlyFile file(path);
     if (!file.isOpen()) return std::nullopt;
     Sha256Digest digest;
     if (!digest.isValid()) return std::nullopt;
+    if (!eco) {
+        if (!feedFile(file, digest, [&] { return !stop.load(std::memory_order_relaxed); })) return std::nullopt;
+        return digest.hexDigest();
+    }
     EcoPacer pacer;
-    const bool complete = feedFile(file, digest, [&] { pacer.chunkDone(); });
-    pacer.restAfterLastSlice();  // a failed read rests too: the work was done all the same
+    const bool complete = feedFile(file, digest, [&] {
+        pacer.chunkDone();
+        return !stop.load(std::memory_order_relaxed);
+    });
+    if (!stop.load()) pacer.restAfterLastSlice();  // a failed read rests too: the work was done all the same
     if (!complete) return std::nullopt;
     return digest.hexDigest();
+}
+
+std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path) {
+    static const std::atomic<bool> never{false};
+    return KSTSha256ForFileAtPath(path, false, never);
+}
+
+std::optional<std::string> KSTSha256ForFileAtPathEco(const std::string& path) {
+    static const std::atomic<bool> never{false};
+    return KSTSha256ForFileAtPath(path, true, never);
 }

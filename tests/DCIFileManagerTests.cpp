@@ -119,6 +119,14 @@ TEST_F(DCIFileManagerTests, EachKindOfChangeIsReportedAsTheEventsOfOnePass) {
          [](auto& r) { remove(r, "old"); fs::create_directory(r + "/new"); }, {"added folder new", "removed folder old"}},
         {"file moved out of a deleted folder", [](auto& r) { write(r, "d/x.wav", "1"); },
          [](auto& r) { move(r, "d/x.wav", "x.wav"); remove(r, "d"); }, {"removed folder d", "added file x.wav"}},
+        {"new folder with selection", [](auto& r) { write(r, "A/a.wav", "a"); write(r, "B/b.wav", "b"); },
+         [](auto& r) { fs::create_directory(r + "/X"); move(r, "A", "X/A"); move(r, "B", "X/B"); },
+         {"added folder X", "moved folder A -> X/A", "moved folder B -> X/B"}},
+        {"folder renamed into a new folder", [](auto& r) { write(r, "A/a.wav", "a"); write(r, "A/s/b.wav", "b"); },
+         [](auto& r) { fs::create_directory(r + "/X"); move(r, "A", "X/C"); }, {"added folder X", "moved folder A -> X/C"}},
+        // A file that can never be read holds back neither the start nor any pass.
+        {"an unreadable file", [](auto& r) { fs::create_symlink("/proc/self/mem", r + "/evil.wav"); },
+         [](auto& r) { write(r, "x.wav", "1"); }, {"added file x.wav"}},
         // Writes closer together than the quiet period make one pass and one event.
         {"in-place changes and files of no interest", [](auto& r) { write(r, "x.als", "0"); },
          [](auto& r) {
@@ -198,29 +206,89 @@ TEST_F(DCIFileManagerTests, StartAndStopPostReadyRootRemovedAndStoppedInOrder) {
     EXPECT_TRUE(manager->started());
 }
 
+// A stop cuts the first hash short and is final: no ready, no tree left once it is told, and a
+// change just before it is no removed root.
+TEST_F(DCIFileManagerTests, AStopIsPromptAndFinal) {
+    std::ofstream(root + "/big.wav") << "x";
+    fs::resize_file(root + "/big.wav", std::uintmax_t{8} << 30);
+    bool treeGoneWhenStopped = false;
+    recorder->onEvent = [&](const auto& event) {
+        if (event->type() == DCIEventTypeFileManagerStopped) treeGoneWhenStopped = !manager->rootFolder();
+    };
+    start(root);
+    std::this_thread::sleep_for(200ms);
+    manager->stop();
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
+    EXPECT_EQ(std::tuple(types(), treeGoneWhenStopped), std::tuple(std::vector<uint64_t>{DCIEventTypeFileManagerStopped}, true));
+
+    fs::remove(root + "/big.wav");
+    for (const char* name : {"a.wav", "b.wav", "c.wav"}) {
+        recorder->events.clear();
+        ASSERT_TRUE(startedOnRoot());
+        write(root, name, name);
+        manager->stop();
+        ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
+        EXPECT_EQ(types(), (std::vector<uint64_t>{DCIEventTypeFileManagerReady, DCIEventTypeFileManagerStopped}));
+    }
+}
+
+// A file written without pause (a recording) holds back no other change, and is told once settled.
+TEST_F(DCIFileManagerTests, AFileWrittenWithoutPauseHoldsBackNoOtherChange) {
+    ASSERT_TRUE(startedOnRoot());
+    recorder->events.clear();
+    std::atomic<bool> recording = true;
+    auto writer = startThreads(1, [&](int) {
+        std::ofstream take(root + "/take.wav");
+        for (; recording; std::this_thread::sleep_for(50ms)) take << "x" << std::flush;
+    });
+    write(root, "other.wav", "1");
+    EXPECT_TRUE(pumpMainLoopUntil([&] { return !recorder->events.empty(); }, 10s));
+    pumpMainLoopBriefly();
+    Lines whileRecording;
+    for (const auto& event : recorder->events) whileRecording.push_back(describe(*event, root));
+    recording = false;
+    writer.clear();
+    EXPECT_EQ(whileRecording, Lines{"added file other.wav"});
+    EXPECT_EQ(changesAfter([](auto&) {}), Lines{"added file take.wav"});
+}
+
 // Queued operations report their status; neither they nor the unqueued ones raise a change event.
 TEST_F(DCIFileManagerTests, OperationsUpdateTheTreeAndRefuseWhatTheyCannotDo) {
     write(root, "a/x.wav", "1");
     write(root, "taken.wav", "2");
+    write(root, "a/keep.als", "3");
+    write(root, "S/s.wav", "4");
+    fs::create_directory(root + "/E");
     const auto early = manager->queueCreateDirectoryAtPath(root + "/early");  // waits for the start
     ASSERT_TRUE(startedOnRoot());
     EXPECT_TRUE(pumpMainLoopUntil([&] { return early->status() == DCIActionStatusCompleted; }));
-    std::shared_ptr<DCIAction> move, copyOnto, mkdir;
+    // An operation takes into the tree what it made, and nothing else: an edit beside it is
+    // still told; a folder moved onto an empty one replaces it.
+    std::shared_ptr<DCIAction> move, copyOnto, mkdir, ontoEmpty;
     EXPECT_EQ(changesAfter([&](auto& r) {
+                  write(r, "a/keep.als", "edited");
                   move = manager->queueMoveItemAtPath(r + "/a/x.wav", r + "/y.wav");
                   copyOnto = manager->queueCopyItemAtPath(r + "/y.wav", r + "/taken.wav");
                   mkdir = manager->queueCreateDirectoryAtPath(r + "/new/deeper");
+                  ontoEmpty = manager->queueMoveItemAtPath(r + "/S", r + "/E");
                   ASSERT_TRUE(pumpMainLoopUntil([&] {
-                      return move->status() > DCIActionStatusRunning && copyOnto->status() > DCIActionStatusRunning &&
-                             mkdir->status() > DCIActionStatusRunning;
+                      return std::ranges::all_of(std::array{move, copyOnto, mkdir, ontoEmpty},
+                                                 [](const auto& action) { return action->status() > DCIActionStatusRunning; });
                   }));
               }),
-              Lines{});
+              Lines{"modified a/keep.als"});
     EXPECT_EQ(std::tuple(move->status(), copyOnto->status()), std::tuple(DCIActionStatusCompleted, DCIActionStatusFailed));
     const auto error = copyOnto->contextObjectForKey(kDCIError);
     ASSERT_TRUE(error && error->error());
     EXPECT_EQ(std::tuple(error->error()->code(), readWholeFile(root + "/taken.wav")), std::tuple(EEXIST, "2"));
     EXPECT_TRUE(manager->fileWithPath(root + "/y.wav") && manager->folderWithPath("new/deeper"));
+    // Records move with their files and leave with them.
+    EXPECT_EQ(changesAfter([](auto& r) { fs::rename(r + "/taken.wav", r + "/given.wav"); }), Lines{"moved file taken.wav -> given.wav"});
+    std::set<std::string> recorded;
+    for (const auto& [path, record] : manager->sampleCache()->shaCache()) {
+        if (path.find("marker") == std::string::npos) recorded.insert(path.substr(root.size() + 1));
+    }
+    EXPECT_EQ(recorded, (std::set<std::string>{"E/s.wav", "given.wav", "y.wav"}));
 
     recorder->events.clear();
     EXPECT_TRUE(manager->unqueuedCopyItemAtPath(root + "/y.wav", root + "/deep/er/x.wav"));

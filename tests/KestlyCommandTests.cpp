@@ -169,11 +169,12 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         SCOPED_TRACE(test.name);
         auto run = watch(test.arguments, test.input);
         EXPECT_EQ(run.status, test.status);
-        // Commands may be queued before the ready line or after it: it is checked on its own.
+        // Commands may be queued before the ready line or after it, and a stop before it leaves
+        // it out: it is checked on its own.
         const std::string ready = test.arguments.find("--json") == std::string::npos
                                       ? "ready\n" : "{\"event\":\"FileManagerReady\",\"type\":1}\n";
         const size_t readyAt = run.output.find(ready);
-        EXPECT_EQ(readyAt != std::string::npos, test.status != 2);
+        if (test.status == 2) EXPECT_EQ(readyAt, std::string::npos);
         if (readyAt != std::string::npos) run.output.erase(readyAt, ready.size());
         EXPECT_EQ(run.output, test.output);
     }

@@ -96,8 +96,12 @@ void DCIFileManager::startWatchingRootFolder(const std::string& rootFolder, cons
                                              const std::string& secondaryCachePath,
                                              DCISasIDCalculator sasIDCalculator) {
     if (started()) stop();
-    const uint64_t generation = ++generation_;
-    started_ = true;
+    uint64_t generation;
+    {
+        std::lock_guard lock(runStateMutex_);
+        generation = ++generation_;
+        started_ = true;
+    }
     std::vector<std::thread> ended;  // earlier runs' threads, past their work once none is alive
     {
         std::lock_guard lock(runs_->mutex);
@@ -116,7 +120,10 @@ void DCIFileManager::startWatchingRootFolder(const std::string& rootFolder, cons
         runs_->threads.push_back(std::move(thread));
     } catch (const std::system_error& error) {
         DCLogError("The file manager could not start its thread: %s", error.what());
-        started_ = false;
+        {
+            std::lock_guard lock(runStateMutex_);
+            if (generation_.load() == generation) started_ = false;
+        }
         runEnded(*runs_);
         DCIEventManager::postEvent(DCIEvent::commonEventWithType(DCIEventTypeFileManagerStopped));
     }
@@ -124,12 +131,19 @@ void DCIFileManager::startWatchingRootFolder(const std::string& rootFolder, cons
 
 void DCIFileManager::stop() {
     DCLogError("Stop called on DCIFileManager");
-    if (!started()) {
+    bool wasStarted;
+    {
+        std::lock_guard lock(runStateMutex_);
+        wasStarted = started_.exchange(false);
+    }
+    if (!wasStarted) {
         DCIEventManager::postEvent(DCIEvent::commonEventWithType(DCIEventTypeFileManagerStopped));
         return;
     }
-    rootFolder_.store(nullptr);
-    started_ = false;
+    // The tree stays until the watcher's teardown, which lets it go on its own thread: a large
+    // tree takes a while to free, and `started` cleared first keeps the watcher from taking
+    // the missing tree for a removed root.
+    queries()->stopHashing();
     signalFileManagerThread(false);
 }
 
@@ -168,9 +182,30 @@ std::optional<std::string> DCIFileManager::SasIDForFileAtPath(const std::string&
 }
 
 DCIFileIdentifiers DCIFileManager::identifiersForFileAtPath(const std::string& path) {
-    // A stop during start-up ends the first hashing at once instead of after every file.
-    if (const uint64_t starting = startingUp_.load(); starting != 0 && !runIsCurrent(starting)) return {};
-    return queries()->identifiersForFileAtPath(path);
+    // A stopped run's scan ends at once instead of asking after every remaining file.
+    const uint64_t run = activeRun_.load();
+    if (run != 0 && !runIsCurrent(run)) return {};
+    if (knownUnhashable(path)) return {};
+    auto identifiers = queries()->identifiersForFileAtPath(path);
+    if (!identifiers.sha && (run == 0 || runIsCurrent(run))) rememberUnhashable(path);
+    return identifiers;
+}
+
+bool DCIFileManager::knownUnhashable(const std::string& path) {
+    std::lock_guard lock(unhashableMutex_);
+    if (unhashable_.empty()) return false;
+    const auto known = unhashable_.find(path);
+    if (known == unhashable_.end()) return false;
+    if (DCIFileStamp::ofFile(path) == known->second) return true;
+    unhashable_.erase(known);
+    return false;
+}
+
+void DCIFileManager::rememberUnhashable(const std::string& path) {
+    const auto stamp = DCIFileStamp::ofFile(path);
+    if (!stamp) return;  // vanished: nothing to try again
+    std::lock_guard lock(unhashableMutex_);
+    unhashable_.insert_or_assign(path, *stamp);
 }
 
 std::optional<std::string> DCIFileManager::pathForSampleWithName(const std::optional<std::string>& name,

@@ -21,6 +21,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -37,7 +38,10 @@ class DCIActionQueue;
 /// A watcher thread does the work, one per run: it sleeps until the file-system event stream
 /// (or a queued file operation, or `stop`) wakes it, carries out queued file operations at
 /// once, and rescans the whole root once the disk has been quiet for 0.4 s after the latest
-/// change. It ends after `stop`, or when the root folder vanishes (`DCIEventTypeRootFolderRemoved`),
+/// change, or at the latest 2 s after the first one of a stream of changes that never goes
+/// quiet (a recording): a file still being written is then left as it was, and told once it
+/// settles. A file that cannot be hashed (unreadable, a failing disk) is left out of the tree,
+/// with one log line, until it changes; it never holds back the rest. It ends after `stop`, or when the root folder vanishes (`DCIEventTypeRootFolderRemoved`),
 /// and posts `DCIEventTypeFileManagerStopped` as its last event. Each run ends before the
 /// next begins: a restart never overlaps two runs, and a run's teardown never touches the
 /// next run's caches.
@@ -53,6 +57,8 @@ class KESTLY_EXPORT DCIFileManager : public DCIObject,
 public:
     /// How long the disk must be quiet after a change before the root is rescanned.
     static constexpr std::chrono::milliseconds kQuietPeriod{400};
+    /// How long a stream of changes that never goes quiet may postpone a rescan.
+    static constexpr std::chrono::milliseconds kLongestPostponement{2000};
     /// The priority every file action is queued with.
     static constexpr uint64_t kFileActionPriority = 100000;
 
@@ -91,8 +97,11 @@ public:
     /// caches are opened and the tree built on the watcher thread.
     void startWatchingRootFolder(const std::string& rootFolder, const std::string& primaryCachePath,
                                  const std::string& secondaryCachePath, DCISasIDCalculator sasIDCalculator);
-    /// Asks the watcher to end after its current turn, and forgets the tree. Logs "Stop called
-    /// on DCIFileManager"; when not started, posts `DCIEventTypeFileManagerStopped` at once.
+    /// Asks the watcher to end: a hash in progress is cut short, a scan in progress is dropped
+    /// and posts nothing, and the watcher's teardown lets the tree go (on its own thread) before
+    /// it posts `DCIEventTypeFileManagerStopped`. A start that had not become ready posts no
+    /// `DCIEventTypeFileManagerReady`. Logs "Stop called on DCIFileManager"; when not started,
+    /// posts `DCIEventTypeFileManagerStopped` at once.
     void stop();
     /// Blocks until the watcher thread of the run in progress, if any, has ended, its caches
     /// written: for a program about to exit after `DCIEventTypeFileManagerStopped`, when the
@@ -101,7 +110,9 @@ public:
     /// Started and not stopped; still set after the root vanished, until `stop`.
     bool started() const { return started_.load(); }
 
-    /// The tree of the current root; none before the first scan and after `stop`.
+    /// The tree of the current root; none before the first scan and once the run has ended.
+    /// A host may keep any file or folder object it was handed: the objects of one scan are
+    /// never changed by later ones, which build objects of their own.
     std::shared_ptr<DCIFolderObject> rootFolder() const { return rootFolder_.load(); }
     std::shared_ptr<DCISHACache> primaryFileCache() const { return primaryFileCache_.load(); }
     std::shared_ptr<DCISHACache> sampleCache() const { return sampleCache_.load(); }
@@ -128,11 +139,14 @@ public:
     std::shared_ptr<DCIFileObject> fileWithPath(const std::string& path) const;
 
     // File operations. Each makes an action of the common category with the paths in its
-    // context (nothing when a path is missing or not absolute). A queued action is carried out by the watcher
-    // thread and reports Pending, Running, then Completed or Failed (with the error under
-    // kDCIError); queued while the manager is not started, it waits for the next start. An
-    // unqueued one runs on the calling thread and answers success. A successful operation
-    // updates the tree, so the next rescan reports nothing for it.
+    // context (nothing when a path is missing or not absolute). A queued action is carried out
+    // by the watcher thread and reports Pending, Running, then Completed or Failed (with the
+    // error under kDCIError); queued while the manager is not started, it waits for the next
+    // start. An unqueued one runs on the calling thread and answers success; it waits for no
+    // rescan, but it does the disk work itself (a large copy takes its time), so a host's main
+    // thread should use the queued form. A successful operation puts into the tree the items
+    // it made and takes out those it moved away, hashing only those, so the next rescan reports
+    // nothing for it and still reports every other change.
 
     std::shared_ptr<DCIAction> moveItemAtPath(const std::optional<std::string>& path,
                                               const std::optional<std::string>& toPath, bool queued);
@@ -165,7 +179,9 @@ public:
     /// Creates the folder the action names, with its missing parents; an existing folder is
     /// success. Fails, with no error, while the root folder is missing.
     bool processCreateDirectoryAction(const std::shared_ptr<DCIAction>& action, bool inBackground);
-    /// Brings the tree in line with the disk along `path`; nothing when not started.
+    /// Brings the tree's entry at `path` in line with the disk, and only it: an item there is
+    /// (re)built and hashed, with the folders above it that the tree lacks; no item there
+    /// takes the entry out. Nothing when not started.
     void updateRootFolderForItemAtPath(const std::string& path);
 
     // Queries, answered through the cache for the file's kind; nothing when that cache is
@@ -204,13 +220,29 @@ private:
     void pointSampleFinderAt(const std::string& rootPath);
     /// `path` standardised, and made absolute against the working folder when relative.
     static std::string absolutePath(const std::string& path);
-    void buildFirstTree(uint64_t generation, const std::string& rootPath);
+    /// Builds, hashes and installs the first tree, or reports a missing root; false when the
+    /// run was stopped meanwhile, which then announces no readiness.
+    bool buildFirstTree(uint64_t generation, const std::string& rootPath);
     void watchUntilStopped(uint64_t generation);
     bool rootExists() const;
     std::shared_ptr<DCIFolderObject> buildTree(const std::string& rootPath);
+    /// Builds and hashes a tree of `rootPath` without holding the tree lock, then installs it
+    /// with the file operations made meanwhile applied to it too. nullptr, with nothing
+    /// installed, when the root is gone or the run `generation` has ended.
+    std::shared_ptr<DCIFolderObject> scanAndInstall(const std::string& rootPath, uint64_t generation);
+    /// Whether the file at `path` failed to hash and has not changed since; a file that has
+    /// is forgotten as such.
+    bool knownUnhashable(const std::string& path);
+    void rememberUnhashable(const std::string& path);
 
     // Change detection (DCIFileManagerChanges.cpp).
-    void lookForChanges();
+    /// One pass. With `unsettledAfter`, a pass that could wait no longer for quiet: a file
+    /// modified after that moment is still being written, and left as the old tree had it.
+    void lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter);
+    /// A file of `newFiles` changed after `unsettledAfter` is still being written: it takes
+    /// back its old hash, or leaves the new tree when it is new, so that it is told once settled.
+    static void leaveUnsettledFilesAsTheyWere(DCIFileSet& newFiles, const DCIFileSet& oldFiles,
+                                              const DCIDate& unsettledAfter);
     static DCIFolderSet folderSetFromSet(const DCIFolderSet& set, const DCIFolderSet& notInSet);
     static void compareNewFileSet(const DCIFileSet& newFiles, DCIFileSet& oldFiles);
     /// Posts FileModified for each file of both sets (by path) whose hash changed.
@@ -222,6 +254,10 @@ private:
         uint64_t type, std::initializer_list<std::pair<std::string_view, std::optional<std::string>>> paths, bool queued);
     bool finishFileAction(const std::shared_ptr<DCIAction>& action, bool inBackground,
                           const std::optional<class DCIError>& error, const std::string& updatedPath);
+    /// The tree after the item at `from` moved to `to`: their records move in the caches.
+    void updateTreeForMove(const std::string& from, const std::string& to);
+    /// `updateRootFolderForItemAtPath` on the tree `root`, under the tree lock.
+    static void syncEntryAtPath(const std::shared_ptr<DCIFolderObject>& root, const std::string& path);
 
     std::atomic<bool> started_{false};
     std::atomic<uint64_t> generation_{0};  // of the latest start; a run whose number is older is over
@@ -246,9 +282,19 @@ private:
     bool haveFSEvents_ = false;  // guarded by SyncronizeMutex
     std::chrono::steady_clock::time_point latestFSEvent_;  // guarded by SyncronizeMutex
 
+    std::mutex runStateMutex_;  // makes starting, stopping and ending a run each one step
+
     std::recursive_mutex treeLock_;  // the installation of a new tree against a tree update
-    std::mutex runLock_;             // held by a watcher thread for its whole run
-    std::atomic<uint64_t> startingUp_{0};  // the generation building its first tree, or 0
+    // The entries file operations changed while a scan was under way, to apply to its tree
+    // too; guarded by the tree lock.
+    bool journaling_ = false;
+    std::vector<std::string> journal_;
+
+    std::mutex runLock_;                   // held by a watcher thread for its whole run
+    std::atomic<uint64_t> activeRun_{0};   // the generation of the watcher thread's run, or 0
+
+    std::mutex unhashableMutex_;  // guards the member below
+    std::unordered_map<std::string, DCIFileStamp> unhashable_;  // files that failed to hash, as they were
 
     // Watcher threads started and not yet ended, shared with each thread: a thread ends its
     // count only after letting go of the manager, so that a host that waits for it and then

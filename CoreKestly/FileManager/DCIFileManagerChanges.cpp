@@ -12,7 +12,9 @@
 #include "CoreKestly/Platform/KestlyPath.h"
 
 #include <algorithm>
+#include <tuple>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace {
 
@@ -30,61 +32,155 @@ void post(DCIEventType type, DCIDictionary context) {
     DCIEventManager::postEvent(std::move(event));
 }
 
+using FolderPointer = std::shared_ptr<DCIFolderObject>;
+
+// `path` from inside the folder at `folderPath`, which holds it.
+std::string_view pathInside(const std::string& path, const std::string& folderPath) {
+    return std::string_view(path).substr(folderPath.size() + 1);
+}
+
+// How well a folder that appeared stands for one that went: how many of the gone folder's
+// hashes it holds anywhere below it, and how many of them at the same place.
+struct Resemblance {
+    size_t hashesHeld = 0;
+    size_t hashesInPlace = 0;
+    size_t lastHash = 0;  // so that each hash of the gone folder counts once
+};
+
+// Pairs each removed folder, in path order, with the added folder (at any depth of the added
+// subtrees) that holds most of its files' hashes; ties go to the one holding more of them in
+// place, then to the same name, then to the path first in order. Answers, for each added
+// folder that was paired, the removed folder it moved from.
+std::unordered_map<const DCIFolderObject*, FolderPointer> pairMovedFolders(const std::vector<FolderPointer>& removed,
+                                                                           const std::vector<FolderPointer>& added) {
+    // The hashed files of the added subtrees, each with the topmost added folder above it.
+    std::unordered_map<std::string, std::vector<std::pair<std::shared_ptr<DCIFileObject>, const DCIFolderObject*>>> newByHash;
+    for (const auto& top : added) {
+        for (const auto& file : top->gatherFiles()) {
+            if (const auto hash = file->fileHash()) newByHash[*hash].emplace_back(file, top.get());
+        }
+    }
+    std::unordered_map<const DCIFolderObject*, FolderPointer> movedFrom;
+    for (const auto& gone : removed) {
+        std::unordered_map<std::string, std::vector<std::string_view>> placesByHash;
+        const DCIFileSet goneFiles = gone->gatherFiles();
+        for (const auto& file : goneFiles) {
+            if (const auto hash = file->fileHash()) {
+                placesByHash[*hash].push_back(pathInside(file->absolutePath(), gone->absolutePath()));
+            }
+        }
+        std::unordered_map<const DCIFolderObject*, std::pair<FolderPointer, Resemblance>> candidates;
+        size_t hashNumber = 0;
+        for (const auto& [hash, places] : placesByHash) {
+            const auto found = newByHash.find(hash);
+            if (found == newByHash.end()) continue;
+            ++hashNumber;
+            for (const auto& [file, top] : found->second) {
+                for (auto folder = file->parent(); folder; folder = folder->parent()) {
+                    auto& [candidate, resemblance] = candidates[folder.get()];
+                    candidate = folder;
+                    if (resemblance.lastHash != hashNumber) ++resemblance.hashesHeld;
+                    resemblance.lastHash = hashNumber;
+                    if (std::ranges::find(places, pathInside(file->absolutePath(), folder->absolutePath())) != places.end()) {
+                        ++resemblance.hashesInPlace;
+                    }
+                    if (folder.get() == top) break;
+                }
+            }
+        }
+        const std::string goneName = KestlyPath::lastComponent(gone->absolutePath());
+        const auto rank = [&](const std::pair<FolderPointer, Resemblance>& candidate) {
+            const auto& [folder, resemblance] = candidate;
+            return std::tuple(resemblance.hashesHeld, resemblance.hashesInPlace,
+                              KestlyPath::lastComponent(folder->absolutePath()) == goneName);
+        };
+        const std::pair<FolderPointer, Resemblance>* best = nullptr;
+        for (const auto& [key, candidate] : candidates) {
+            if (movedFrom.contains(key)) continue;
+            if (!best || rank(candidate) > rank(*best) ||
+                (rank(candidate) == rank(*best) && candidate.first->absolutePath() < best->first->absolutePath())) {
+                best = &candidate;
+            }
+        }
+        if (best) movedFrom.emplace(best->first.get(), gone);
+    }
+    return movedFrom;
+}
+
+// The hashes of `files`.
+std::unordered_set<std::string> hashesOf(const DCIFileSet& files) {
+    std::unordered_set<std::string> hashes;
+    for (const auto& file : files) {
+        if (const auto hash = file->fileHash()) hashes.insert(*hash);
+    }
+    return hashes;
+}
+
+// Takes out of `files` those of `candidates` whose hash is among `hashes`.
+void eraseFilesWithHashes(DCIFileSet& files, const DCIFileSet& candidates, const std::unordered_set<std::string>& hashes) {
+    for (const auto& file : candidates) {
+        if (const auto hash = file->fileHash(); hash && hashes.contains(*hash)) files.erase(file);
+    }
+}
+
 }  // namespace
 
-void DCIFileManager::lookForChanges() {
+void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter) {
     const auto oldRoot = rootFolder();
     if (!oldRoot) return;
+    const auto newRoot = scanAndInstall(oldRoot->absolutePath(), generation);
+    if (!newRoot) return;
+    // Gathered only now, so that the operations made during the scan, which it applied to the
+    // new tree too, are in both.
     const DCIFolderSet oldFolders = oldRoot->gatherFolders();
     DCIFileSet oldFiles = oldRoot->gatherFiles();
-
-    std::shared_ptr<DCIFolderObject> newRoot;
-    {
-        std::lock_guard lock(treeLock_);
-        newRoot = buildTree(oldRoot->absolutePath());
-        // A root that is gone, or a file that cannot be read now, leaves the old tree in place.
-        if (!newRoot || !newRoot->generateHashes()) return;
-        rootFolder_.store(newRoot);
-    }
     const DCIFolderSet newFolders = newRoot->gatherFolders();
     DCIFileSet newFiles = newRoot->gatherFiles();
+    if (unsettledAfter) leaveUnsettledFilesAsTheyWere(newFiles, oldFiles, *unsettledAfter);
 
-    DCIFolderSet removedFolders = folderSetFromSet(oldFolders, newFolders);
-    const DCIFolderSet addedFolders = folderSetFromSet(newFolders, oldFolders);
+    // The caches keep records for the files of the tree only.
+    const auto currentQueries = queries();
+    for (const auto& file : oldFiles) {
+        if (!newFiles.contains(file)) currentQueries->forgetFile(file->absolutePath());
+    }
 
-    // A removed folder moved where an added one holds a file with the hash of one of its own.
-    std::unordered_map<std::string, std::shared_ptr<DCIFolderObject>> folderByHash;
-    std::unordered_map<std::string, std::shared_ptr<DCIFileObject>> oldFileByHash;
-    for (const auto& folder : inPathOrder(removedFolders)) {
-        for (const auto& file : inPathOrder(folder->gatherFiles())) {
-            if (const auto hash = file->fileHash()) {
-                folderByHash[*hash] = folder;
-                oldFileByHash[*hash] = file;
+    const auto removed = inPathOrder(folderSetFromSet(oldFolders, newFolders));
+    const auto added = inPathOrder(folderSetFromSet(newFolders, oldFolders));
+    const auto movedFrom = pairMovedFolders(removed, added);
+    for (const auto& top : added) {
+        const bool topMoved = movedFrom.contains(top.get());
+        if (!topMoved) post(DCIEventTypeFolderAdded, {{std::string(kDCIFolderObject), top}});
+        // The folders moved into a new one are told after it, with their files that kept
+        // their content, which need no event of their own.
+        DCIFolderSet subtree = top->gatherFolders();
+        subtree.insert(top);
+        for (const auto& folder : inPathOrder(subtree)) {
+            const auto moved = movedFrom.find(folder.get());
+            if (moved == movedFrom.end()) continue;
+            post(DCIEventTypeFolderMoved, {{std::string(kDCIFolderObject), folder},
+                                           {std::string(kDCIOldFolderObject), moved->second}});
+            const DCIFileSet oldInside = moved->second->gatherFiles(), newInside = folder->gatherFiles();
+            eraseFilesWithHashes(newFiles, newInside, hashesOf(oldInside));
+            eraseFilesWithHashes(oldFiles, oldInside, hashesOf(newInside));
+        }
+        if (topMoved) continue;
+        // A new folder's event stands for everything in it but the folders moved there.
+        std::vector<FolderPointer> pending{top};
+        while (!pending.empty()) {
+            const auto folder = std::move(pending.back());
+            pending.pop_back();
+            for (const auto& [name, file] : *folder->files()) newFiles.erase(file);
+            for (const auto& [name, sub] : *folder->subFolders()) {
+                if (!movedFrom.contains(sub.get())) pending.push_back(sub);
             }
         }
     }
-    for (const auto& added : inPathOrder(addedFolders)) {
-        const DCIFileSet files = added->gatherFiles();
-        bool matched = false;
-        for (const auto& file : inPathOrder(files)) {
-            const auto hash = file->fileHash();
-            const auto removed = hash ? folderByHash.find(*hash) : folderByHash.end();
-            if (removed == folderByHash.end()) continue;
-            newFiles.erase(file);
-            oldFiles.erase(oldFileByHash[*hash]);
-            if (matched) continue;
-            matched = true;
-            removedFolders.erase(removed->second);
-            post(DCIEventTypeFolderMoved, {{std::string(kDCIFolderObject), added},
-                                           {std::string(kDCIOldFolderObject), removed->second}});
-        }
-        if (matched) continue;
-        for (const auto& file : files) newFiles.erase(file);
-        post(DCIEventTypeFolderAdded, {{std::string(kDCIFolderObject), added}});
-    }
-    for (const auto& removed : inPathOrder(removedFolders)) {
-        for (const auto& file : removed->gatherFiles()) oldFiles.erase(file);
-        post(DCIEventTypeFolderRemoved, {{std::string(kDCIOldFolderObject), removed}});
+    std::unordered_set<const DCIFolderObject*> movedAway;
+    for (const auto& [to, from] : movedFrom) movedAway.insert(from.get());
+    for (const auto& gone : removed) {
+        if (movedAway.contains(gone.get())) continue;
+        for (const auto& file : gone->gatherFiles()) oldFiles.erase(file);
+        post(DCIEventTypeFolderRemoved, {{std::string(kDCIOldFolderObject), gone}});
     }
 
     // Files at one path in both scans are judged by content alone; the others are paired by
@@ -99,6 +195,26 @@ void DCIFileManager::lookForChanges() {
     }
     compareNewFileSet(newOnly, oldOnly);
     findModifiedFilesInNewSet(newFiles, oldFiles);
+}
+
+void DCIFileManager::leaveUnsettledFilesAsTheyWere(DCIFileSet& newFiles, const DCIFileSet& oldFiles,
+                                                   const DCIDate& unsettledAfter) {
+    for (auto next = newFiles.begin(); next != newFiles.end();) {
+        const auto& file = *next;
+        const auto old = oldFiles.find(file);
+        const bool changed = old == oldFiles.end() || (*old)->fileHash() != file->fileHash();
+        const auto stamp = changed ? DCIFileStamp::ofFile(file->absolutePath()) : std::nullopt;
+        if (!stamp || stamp->mdate <= unsettledAfter) {
+            ++next;
+        } else if (old != oldFiles.end()) {
+            file->setFileHash((*old)->fileHash());
+            file->setSasID((*old)->sasID());
+            ++next;
+        } else {
+            if (const auto folder = file->parent()) folder->removeFile(file->name());
+            next = newFiles.erase(next);
+        }
+    }
 }
 
 DCIFolderSet DCIFileManager::folderSetFromSet(const DCIFolderSet& set, const DCIFolderSet& notInSet) {

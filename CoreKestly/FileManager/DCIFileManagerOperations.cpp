@@ -124,8 +124,10 @@ bool DCIFileManager::processFileMoveAction(const std::shared_ptr<DCIAction>& act
         return finishFileAction(action, inBackground, error, to);
     }
     const auto error = DCIFileOperations::moveItem(from, to);
-    if (!error) updateRootFolderForItemAtPath(from);
-    return finishFileAction(action, inBackground, error, to);
+    if (error) return finishFileAction(action, inBackground, error, to);
+    updateTreeForMove(from, to);
+    if (inBackground) action->changeStatus(DCIActionStatusCompleted);
+    return true;
 }
 
 bool DCIFileManager::processCreateDirectoryAction(const std::shared_ptr<DCIAction>& action, bool inBackground) {
@@ -155,25 +157,34 @@ bool DCIFileManager::finishFileAction(const std::shared_ptr<DCIAction>& action, 
 void DCIFileManager::updateRootFolderForItemAtPath(const std::string& path) {
     if (!started()) return;
     std::lock_guard lock(treeLock_);
-    const auto root = rootFolder();
-    if (!root) return;
-    std::string standardized = KestlyPath::standardize(path);
-    if (standardized.starts_with('/')) {
-        if (!KestlyPath::isSameOrBelow(standardized, root->absolutePath())) return;
-        standardized.erase(0, root->absolutePath().size());
+    if (journaling_) journal_.push_back(path);
+    if (const auto root = rootFolder()) syncEntryAtPath(root, path);
+}
+
+void DCIFileManager::updateTreeForMove(const std::string& from, const std::string& to) {
+    if (!started()) return;
+    std::lock_guard lock(treeLock_);
+    // The records go with the files, so that hashing the destination reads nothing it need not.
+    const std::string source = KestlyPath::standardize(from), destination = KestlyPath::standardize(to);
+    DCIFileSet moved;
+    if (const auto file = fileWithPath(source)) moved.insert(file);
+    else if (const auto folder = folderWithPath(source); folder && folder != rootFolder()) moved = folder->gatherFiles();
+    const auto currentQueries = queries();
+    for (const auto& file : moved) {
+        currentQueries->fileMoved(file->absolutePath(), destination + file->absolutePath().substr(source.size()));
     }
-    // Each folder along the path is offered the next name; one that changed is rehashed and
-    // offered the following name too, so a new entry's subtree is judged by the folder above.
+    updateRootFolderForItemAtPath(source);
+    updateRootFolderForItemAtPath(destination);
+}
+
+void DCIFileManager::syncEntryAtPath(const std::shared_ptr<DCIFolderObject>& root, const std::string& path) {
+    const std::string standardized = KestlyPath::standardize(path);
+    if (!KestlyPath::isSameOrBelow(standardized, root->absolutePath()) || standardized == root->absolutePath()) return;
+    const auto components = KestlyPath::components(standardized.substr(root->absolutePath().size()));
     auto folder = root;
-    for (const std::string& component : KestlyPath::components(standardized)) {
-        if (component == "/") continue;
-        if (folder->updateItemAtSubPath(component)) {
-            folder->generateHashes();
-            continue;
-        }
-        const auto subFolders = folder->subFolders();
-        const auto next = subFolders->find(component);
-        if (next == subFolders->end()) return;
-        folder = next->second;
+    for (size_t next = 0; folder && next < components.size(); ++next) {
+        if (components[next] == "/") continue;
+        if (next + 1 == components.size()) folder->replaceItemAtSubPath(components[next]);
+        else folder = folder->subFolderMadeByOperation(components[next]);
     }
 }

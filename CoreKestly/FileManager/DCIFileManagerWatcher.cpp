@@ -6,6 +6,7 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Events/DCIEventManager.h"
+#include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
 #include <sys/stat.h>
@@ -14,14 +15,7 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
 void post(uint64_t type) { DCIEventManager::postEvent(DCIEvent::commonEventWithType(type)); }
-
-// Pauses between attempts to hash a first tree that keeps failing: growing, so that a file
-// that can never be read costs little, yet short at first, for a file that was being written.
-constexpr auto kFirstRetryPause = 50ms;
-constexpr auto kLongestRetryPause = 5000ms;
 
 }  // namespace
 
@@ -73,8 +67,13 @@ void DCIFileManager::threadMain(const std::string& rootPath, uint64_t generation
         post(DCIEventTypeFileManagerStopped);
         return;
     }
+    activeRun_ = generation;
     setCaches(DCISHACache::initWithCachePath(primaryCachePath, sasIDCalculator),
               DCISHACache::initWithCachePath(secondaryCachePath, sasIDCalculator));
+    {
+        std::lock_guard lock(unhashableMutex_);
+        unhashable_.clear();  // a new run tries every file again
+    }
     {
         // File actions queued while no run was going are carried out on the first turn.
         std::lock_guard lock(SyncronizeMutex);
@@ -93,18 +92,21 @@ void DCIFileManager::threadMain(const std::string& rootPath, uint64_t generation
         [](const std::string& problem) { DCLogError("%@", problem); }, options);
     stream->start();
 
-    buildFirstTree(generation, rootPath);
-    DCLogInfo("Posting \"We're ready\" from the file manager");
-    post(DCIEventTypeFileManagerReady);
-    if (runIsCurrent(generation)) watchUntilStopped(generation);
+    if (buildFirstTree(generation, rootPath)) {
+        DCLogInfo("Posting \"We're ready\" from the file manager");
+        post(DCIEventTypeFileManagerReady);
+        if (runIsCurrent(generation)) watchUntilStopped(generation);
+    }
 
     DCLogInfo("File manager loop completed");
+    // The tree goes first, here rather than on the thread that called `stop`: the host finds
+    // none once told the run stopped, and queued operations left over no longer touch it.
+    rootFolder_.store(nullptr);
     while (processNextFileEvent()) {}
-    post(DCIEventTypeFileManagerStopped);
     stream.reset();
     setCaches(nullptr, nullptr);  // releasing a cache writes what it has not saved yet
-    // A tree built after `stop` (by the start-up scan or a last pass) is not kept.
-    if (!runIsCurrent(generation)) rootFolder_.store(nullptr);
+    activeRun_ = 0;
+    post(DCIEventTypeFileManagerStopped);
 }
 
 void DCIFileManager::pointSampleFinderAt(const std::string& rootPath) {
@@ -121,43 +123,40 @@ void DCIFileManager::pointSampleFinderAt(const std::string& rootPath) {
     finder->setQuerySettings(std::move(settings));
 }
 
-void DCIFileManager::buildFirstTree(uint64_t generation, const std::string& rootPath) {
-    startingUp_ = generation;
-    struct EndOfStartUp {
-        std::atomic<uint64_t>& startingUp;
-        ~EndOfStartUp() { startingUp = 0; }
-    } endOfStartUp{startingUp_};
-    auto pause = kFirstRetryPause;
-    for (;;) {
-        std::shared_ptr<DCIFolderObject> tree;
-        {
-            std::lock_guard tree_lock(treeLock_);
-            tree = buildTree(rootPath);
-            rootFolder_.store(tree);
-        }
-        if (!rootExists()) {
-            if (runIsCurrent(generation)) {
-                DCLogInfo("The root folder has been removed while starting");
-                post(DCIEventTypeRootFolderRemoved);
-                started_ = false;
-            }
-            return;
-        }
-        if (tree->generateHashes()) return;
-        // A stop ends the retries: a file that never hashes must not keep the run alive.
-        if (!runIsCurrent(generation)) return;
-        if (pause < kLongestRetryPause) {
-            DCLogInfo("Some files under %@ could not be hashed; building the tree again in %.2f s", rootPath,
-                      std::chrono::duration<double>(pause).count());
-        }
-        std::unique_lock lock(SyncronizeMutex);
-        SyncronizeCondition.wait_for(lock, pause, [&] { return !runIsCurrent(generation); });
-        pause = std::min(pause * 2, kLongestRetryPause);
+bool DCIFileManager::buildFirstTree(uint64_t generation, const std::string& rootPath) {
+    // A file that cannot be hashed is left out of the tree, so one bad file never holds back
+    // the start; only a missing root or a stop ends it without a tree.
+    if (scanAndInstall(rootPath, generation)) return runIsCurrent(generation);
+    std::lock_guard lock(runStateMutex_);
+    if (!runIsCurrent(generation)) return false;
+    DCLogInfo("The root folder has been removed while starting");
+    post(DCIEventTypeRootFolderRemoved);
+    started_ = false;
+    return true;  // the start still ends in ready, then stopped, as for every start not stopped
+}
+
+std::shared_ptr<DCIFolderObject> DCIFileManager::scanAndInstall(const std::string& rootPath, uint64_t generation) {
+    {
+        std::lock_guard lock(treeLock_);
+        journaling_ = true;
     }
+    auto tree = buildTree(rootPath);
+    if (tree) tree->generateHashes();
+    std::lock_guard lock(treeLock_);
+    journaling_ = false;
+    const auto journal = std::move(journal_);
+    journal_.clear();
+    if (!tree || !tree->exists() || !runIsCurrent(generation)) return nullptr;
+    // An operation that ran during the scan changed the tree being replaced; the scan may
+    // have seen its folder before or after it, so the same change is made to the new tree.
+    for (const auto& path : journal) syncEntryAtPath(tree, path);
+    rootFolder_.store(tree);
+    return tree;
 }
 
 void DCIFileManager::watchUntilStopped(uint64_t generation) {
     bool pending = false;  // file-system changes seen but not yet examined
+    std::chrono::steady_clock::time_point pendingSince;  // the first of them
     for (;;) {
         bool fsEvents = false;
         std::chrono::steady_clock::time_point latest;
@@ -167,8 +166,9 @@ void DCIFileManager::watchUntilStopped(uint64_t generation) {
                 if (!pending) {
                     SyncronizeCondition.wait(lock, [this] { return haveEvents_; });
                     pending = haveFSEvents_;
+                    pendingSince = latestFSEvent_;
                 } else {
-                    const auto quietUntil = latestFSEvent_ + kQuietPeriod;
+                    const auto quietUntil = std::min(latestFSEvent_ + kQuietPeriod, pendingSince + kLongestPostponement);
                     SyncronizeCondition.wait_until(lock, quietUntil, [this] { return haveEvents_; });
                 }
             }
@@ -177,9 +177,23 @@ void DCIFileManager::watchUntilStopped(uint64_t generation) {
             latest = latestFSEvent_;
         }
         while (processNextFileEvent()) {}
-        if (pending || fsEvents) {
-            pending = std::chrono::steady_clock::now() - kQuietPeriod <= latest;
-            if (!pending) lookForChanges();
+        if (fsEvents && !pending) {
+            pending = true;
+            pendingSince = latest;
+        }
+        if (pending) {
+            const auto now = std::chrono::steady_clock::now();
+            if (now - kQuietPeriod > latest) {
+                lookForChanges(generation, std::nullopt);
+                pending = false;
+            } else if (now - pendingSince >= kLongestPostponement) {
+                // Changes that never go quiet must not hide every other change: what is still
+                // being written waits, the rest is told now.
+                const double quiet = std::chrono::duration<double>(kQuietPeriod).count();
+                lookForChanges(generation,
+                               DCIDate::dateWithTimeIntervalSince1970(DCIDate::now().timeIntervalSince1970() - quiet));
+                pendingSince = now;
+            }
         }
         if (auto cache = primaryFileCache()) cache->persist();
         if (auto cache = sampleCache()) cache->persist();

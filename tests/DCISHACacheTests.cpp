@@ -235,6 +235,27 @@ TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
     EXPECT_FALSE(reloaded->dirty());
 }
 
+// A renamed file, or a file of a renamed folder, is known by its stamp and takes its record
+// along; a hard link shares it; records of the format without devices are kept. Nothing is read again.
+TEST_F(SHACacheTest, ARenamedFileKeepsItsRecordWithoutBeingRead) {
+    const std::string a = folder.writeFile("d/a.wav", "a"), moved = folder / "e/a.wav", link = folder / "link.wav";
+    auto cache = makeCache();
+    const auto before = cache->recordForFile(a);
+    fs::rename(folder / "d", folder / "e");
+    fs::create_hard_link(moved, link);
+    EXPECT_EQ(std::tuple(cache->recordForFile(moved), cache->recordForFile(link)), std::tuple(before, before));
+    EXPECT_EQ(std::tuple(calculatorCalls.load(), cache->shaCache().contains(a), cache->shaCache().size()),
+              std::tuple(1, false, 2u));
+    cache.reset();
+
+    std::string failure;
+    auto database = DCISQLiteDatabase::open(cachePath, failure);
+    ASSERT_TRUE(database && database->execute("ALTER TABLE records DROP COLUMN device") &&
+                database->execute("PRAGMA user_version = 2"));
+    database.reset();
+    EXPECT_EQ(std::tuple(makeCache()->recordForFile(moved), calculatorCalls.load()), std::tuple(before, 1));
+}
+
 // A write the file refuses leaves the paths unsaved, so the next persist writes them.
 TEST_F(SHACacheTest, AFailedWriteKeepsItsPathsForTheNextPersist) {
     const std::string path = folder.writeFile("a.wav", "content");

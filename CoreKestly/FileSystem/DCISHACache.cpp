@@ -85,7 +85,8 @@ std::optional<DCIFileStamp> DCIFileStamp::ofFile(const std::string& path) {
     struct stat status {};
     if (path.empty() || ::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
     return DCIFileStamp{DCIDate::dateWithSecondsSince1970(status.st_mtim.tv_sec, status.st_mtim.tv_nsec),
-                        static_cast<uint64_t>(status.st_size), static_cast<uint64_t>(status.st_ino)};
+                        static_cast<uint64_t>(status.st_size), static_cast<uint64_t>(status.st_ino),
+                        static_cast<uint64_t>(status.st_dev)};
 }
 
 std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& path, bool eco, Answers answers) {
@@ -98,6 +99,7 @@ std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& p
             return found->second;
         }
     }
+    if (auto renamed = recordOfRenamedFile(path, *stamp, answers)) return renamed;
     // A hit needs only the stamp; a miss is about to read the file, so a file that may not be
     // read is turned away here, with no record and no log line.
     if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) return std::nullopt;
@@ -127,40 +129,89 @@ void DCISHACache::loadCachedSHAData() {
     std::vector<std::pair<std::string, DCISHACacheRecord>> stored;
     executor_->runAndWait([&] { stored = store_->readAllRecords(); });
 
-    std::unordered_map<std::string, DCISHACacheRecord> kept;
-    std::unordered_set<std::string> dropped;
-    kept.reserve(stored.size());
+    std::unique_lock lock(accessMutex_);
+    shaCache_.clear();
+    byIdentity_.clear();
+    unsavedPaths_.clear();
+    shaCache_.reserve(stored.size());
     for (auto& [path, record] : stored) {
-        if (DCIFileStamp::ofFile(path) == record.stamp) {
-            kept.emplace(std::move(path), std::move(record));
+        const auto current = DCIFileStamp::ofFile(path);
+        // A record written before devices were kept takes the device of the file at its path.
+        if (current && record.stamp.device == 0) {
+            record.stamp.device = current->device;
+            unsavedPaths_.insert(path);
+        }
+        if (current == record.stamp) {
+            putRecord(path, std::move(record));
         } else {
-            dropped.insert(std::move(path));  // removed from the file at the next persist
+            unsavedPaths_.insert(std::move(path));  // removed from the file at the next persist
         }
     }
-
-    std::unique_lock lock(accessMutex_);
-    shaCache_ = std::move(kept);
-    unsavedPaths_ = std::move(dropped);
 }
 
 void DCISHACache::store(const std::string& path, const DCISHACacheRecord& record) {
     std::unique_lock lock(accessMutex_);
-    shaCache_.insert_or_assign(path, record);
+    putRecord(path, record);
     unsavedPaths_.insert(path);
 }
 
 void DCISHACache::forgetFile(const std::string& path) {
     std::unique_lock lock(accessMutex_);
-    if (shaCache_.erase(path) != 0) unsavedPaths_.insert(path);
+    if (eraseRecord(path)) unsavedPaths_.insert(path);
 }
 
 void DCISHACache::moveRecord(const std::string& from, const std::string& to) {
     std::unique_lock lock(accessMutex_);
-    auto moved = shaCache_.extract(from);
-    if (moved.empty()) return;
-    shaCache_.insert_or_assign(to, std::move(moved.mapped()));
+    const auto found = shaCache_.find(from);
+    if (found == shaCache_.end()) return;
+    DCISHACacheRecord record = std::move(found->second);
+    eraseRecord(from);
+    putRecord(to, std::move(record));
     unsavedPaths_.insert(from);
     unsavedPaths_.insert(to);
+}
+
+std::optional<DCISHACacheRecord> DCISHACache::recordOfRenamedFile(const std::string& path, const DCIFileStamp& stamp,
+                                                                  Answers answers) {
+    std::unique_lock lock(accessMutex_);
+    const auto known = byIdentity_.find({stamp.device, stamp.inode});
+    if (known == byIdentity_.end()) return std::nullopt;
+    const std::string otherPath = *known->second;
+    const DCISHACacheRecord record = shaCache_.at(otherPath);
+    if (record.stamp != stamp || !answers(record)) return std::nullopt;
+    // Renamed, the file takes its record along; a hard link, still the same file under the
+    // other name too, shares it.
+    if (DCIFileStamp::ofFile(otherPath) != stamp) {
+        eraseRecord(otherPath);
+        unsavedPaths_.insert(otherPath);
+    }
+    putRecord(path, record);
+    unsavedPaths_.insert(path);
+    return record;
+}
+
+void DCISHACache::putRecord(const std::string& path, DCISHACacheRecord record) {
+    auto entry = shaCache_.find(path);
+    if (entry == shaCache_.end()) {
+        entry = shaCache_.emplace(path, std::move(record)).first;
+    } else {
+        unindex(*entry);
+        entry->second = std::move(record);
+    }
+    if (entry->second.sha) byIdentity_[{entry->second.stamp.device, entry->second.stamp.inode}] = &entry->first;
+}
+
+bool DCISHACache::eraseRecord(const std::string& path) {
+    const auto found = shaCache_.find(path);
+    if (found == shaCache_.end()) return false;
+    unindex(*found);
+    shaCache_.erase(found);
+    return true;
+}
+
+void DCISHACache::unindex(const std::pair<const std::string, DCISHACacheRecord>& entry) {
+    const auto indexed = byIdentity_.find({entry.second.stamp.device, entry.second.stamp.inode});
+    if (indexed != byIdentity_.end() && indexed->second == &entry.first) byIdentity_.erase(indexed);
 }
 
 void DCISHACache::stopHashing() { hashingStopped_ = true; }

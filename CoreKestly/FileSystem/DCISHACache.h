@@ -30,12 +30,14 @@ using DCISasIDCalculator = std::function<std::optional<std::string>(const std::s
 /// What the cache checks to trust a record: the facts of a file that change whenever its
 /// content may have. An append changes the size, a rewrite the nanosecond modification time,
 /// a file renamed over another (even one with the same times, as copies that keep times
-/// make them) the inode.
+/// make them) the inode. Device and inode also say which file it is wherever it is named, so
+/// a renamed file is known by its stamp under its new name.
 struct KESTLY_EXPORT DCIFileStamp {
     /// The modification time to the nanosecond (POSIX st_mtim).
     DCIDate mdate;
     uint64_t size;
     uint64_t inode;
+    uint64_t device = 0;
 
     /// The stamp of the regular file at `path`, from one status read that follows links;
     /// nothing when there is no such file or it is no regular file (a FIFO, a device).
@@ -63,16 +65,20 @@ struct DCISHACacheRecord {
 };
 
 /// Remembers, per file path, the file's SHA-256 and `sasID` with the file's stamp (nanosecond
-/// modification time, size, inode) when they were computed, and keeps them in an SQLite file
-/// between runs, so that files whose stamp is unchanged are never read again. Checking a
-/// record costs one status read of the file.
+/// modification time, size, inode, device) when they were computed, and keeps them in an
+/// SQLite file between runs, so that files whose stamp is unchanged are never read again.
+/// Checking a record costs one status read of the file.
 ///
-/// Paths are keys exactly as given: no standardisation, so two spellings of one file are two
-/// entries. Only regular files (after links) are answered for.
+/// Paths are keys exactly as given: no standardisation. A path without a valid record is
+/// answered by identity when another path's record has the file's very stamp (device, inode,
+/// size, modification time): a renamed or moved file, or a whole moved folder of them, keeps
+/// its hash and `sasID` without a read, and its record moves to the new path (a hard link,
+/// both names still the file, shares it). Only regular files (after links) are answered for.
 ///
 /// The cache file holds one row per path (path, "mdate" in seconds and nanoseconds, size,
-/// inode, "sha", "sasID"). A cache file of the earlier format, whose records carry whole
-/// seconds only, is emptied with a log line: its files are hashed again. Every write is one
+/// inode, "sha", "sasID", device). A cache file of the earliest format, whose records carry
+/// whole seconds only, is emptied with a log line: its files are hashed again; one without
+/// devices takes each record's device from the file still at its path. Every write is one
 /// SQLite transaction (write-ahead log), so a process killed at any moment leaves a file that
 /// loads. A file at the cache path that is not such a database is logged, renamed to
 /// "<path>.corrupt-<UTC date and time>" and replaced by an empty cache; nothing is deleted.
@@ -173,6 +179,14 @@ private:
     using Answers = bool (*)(const DCISHACacheRecord&);
     std::optional<DCISHACacheRecord> currentRecord(const std::string& path, bool eco, Answers answers);
     void store(const std::string& path, const DCISHACacheRecord& record);
+    // The record of a file known under another path with the same stamp, taken over by
+    // `path`: a rename reads nothing. Nothing when there is none.
+    std::optional<DCISHACacheRecord> recordOfRenamedFile(const std::string& path, const DCIFileStamp& stamp,
+                                                         Answers answers);
+    // The record table and its identity index change together, under the exclusive lock.
+    void putRecord(const std::string& path, DCISHACacheRecord record);
+    bool eraseRecord(const std::string& path);
+    void unindex(const std::pair<const std::string, DCISHACacheRecord>& entry);
     // Hands every unsaved change over for writing; the cache is clean afterwards.
     std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> takeUnsavedChanges();
 
@@ -184,6 +198,18 @@ private:
 
     mutable std::shared_mutex accessMutex_;  // guards the two members below
     std::unordered_map<std::string, DCISHACacheRecord> shaCache_;
+    // Which path holds the hashed record of each (device, inode); keys point into `shaCache_`.
+    struct Identity {
+        uint64_t device;
+        uint64_t inode;
+        friend bool operator==(const Identity&, const Identity&) = default;
+    };
+    struct IdentityHash {
+        size_t operator()(const Identity& identity) const {
+            return static_cast<size_t>(identity.inode * 0x9E3779B97F4A7C15ULL ^ identity.device);
+        }
+    };
+    std::unordered_map<Identity, const std::string*, IdentityHash> byIdentity_;
     std::unordered_set<std::string> unsavedPaths_;  // changed or dropped since the last scheduled write
 
     std::unique_ptr<DCISHACacheStore> store_;      // used on the executor's thread, then by the destructor

@@ -13,8 +13,9 @@ namespace {
 constexpr int64_t kApplicationID = 0x4B534843;  // "KSHC"
 
 // The layout of the records table; 0, SQLite's default, was the first one, which knew
-// modification times in whole seconds only.
-constexpr int64_t kSchemaVersion = 2;
+// modification times in whole seconds only; 2 had no device, which 3 adds.
+constexpr int64_t kSchemaVersion = 3;
+constexpr int64_t kSchemaVersionWithoutDevice = 2;
 
 // STRICT keeps every row's types what the reader expects, whoever wrote it. The modification
 // time is held as seconds and nanoseconds, since one count of nanoseconds ends in 2262; inodes
@@ -22,14 +23,17 @@ constexpr int64_t kSchemaVersion = 2;
 constexpr std::string_view kCreateTable =
     "CREATE TABLE records ("
     "path TEXT PRIMARY KEY NOT NULL, mdate INTEGER NOT NULL, mdateNanoseconds INTEGER NOT NULL, "
-    "size INTEGER NOT NULL, inode INTEGER NOT NULL, sha TEXT, sasID TEXT NOT NULL"
+    "size INTEGER NOT NULL, inode INTEGER NOT NULL, sha TEXT, sasID TEXT NOT NULL, device INTEGER NOT NULL"
     ") STRICT, WITHOUT ROWID";
+// Records of the format without device get 0, which the cache replaces by the device of the
+// file still at the path when it loads them, so that no file is hashed again for the upgrade.
+constexpr std::string_view kAddDevice = "ALTER TABLE records ADD COLUMN device INTEGER NOT NULL DEFAULT 0";
 
 constexpr std::string_view kSelectRecords =
-    "SELECT path, mdate, mdateNanoseconds, size, inode, sha, sasID FROM records";
+    "SELECT path, mdate, mdateNanoseconds, size, inode, sha, sasID, device FROM records";
 constexpr std::string_view kUpsertRecord =
-    "INSERT OR REPLACE INTO records (path, mdate, mdateNanoseconds, size, inode, sha, sasID) "
-    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)";
+    "INSERT OR REPLACE INTO records (path, mdate, mdateNanoseconds, size, inode, sha, sasID, device) "
+    "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)";
 constexpr std::string_view kDeleteRecord = "DELETE FROM records WHERE path = ?1";
 
 // The journal files SQLite may keep beside a database; they travel with it when it is set aside.
@@ -81,6 +85,9 @@ void DCISHACacheStore::open() {
                    "again",
                    path_);
         break;
+    case FileState::WithoutDevice:
+        if (!addDevice()) return workWithoutFile(database_->lastErrorMessage());
+        break;
     case FileState::Foreign:
         return setAsideAndReopen("a database of another kind");
     case FileState::Damaged:
@@ -103,6 +110,7 @@ DCISHACacheStore::FileState DCISHACacheStore::inspect() {
     if (database_->queryInt64("PRAGMA application_id") != kApplicationID) return FileState::Foreign;
     const auto version = database_->queryInt64("PRAGMA user_version");
     if (version == 0) return FileState::Outdated;
+    if (version == kSchemaVersionWithoutDevice) return FileState::WithoutDevice;
     // A later format, or one whose table is not as its version says, is no file to write to.
     if (version != kSchemaVersion || !database_->prepare(kSelectRecords)) return FileState::Foreign;
     return FileState::Cache;
@@ -113,6 +121,12 @@ bool DCISHACacheStore::createSchema() {
     return transaction.isActive() && database_->execute("DROP TABLE IF EXISTS records") &&
            database_->execute(kCreateTable) &&
            database_->execute("PRAGMA application_id = " + std::to_string(kApplicationID)) &&
+           database_->execute("PRAGMA user_version = " + std::to_string(kSchemaVersion)) && transaction.commit();
+}
+
+bool DCISHACacheStore::addDevice() {
+    DCISQLiteTransaction transaction(*database_);
+    return transaction.isActive() && database_->execute(kAddDevice) &&
            database_->execute("PRAGMA user_version = " + std::to_string(kSchemaVersion)) && transaction.commit();
 }
 
@@ -161,7 +175,8 @@ std::vector<std::pair<std::string, DCISHACacheRecord>> DCISHACacheStore::readAll
     for (; step == DCISQLiteStatement::Step::Row; step = select->step()) {
         const DCIFileStamp stamp{DCIDate::dateWithSecondsSince1970(select->columnInt64(1), select->columnInt64(2)),
                                  static_cast<uint64_t>(select->columnInt64(3)),
-                                 static_cast<uint64_t>(select->columnInt64(4))};
+                                 static_cast<uint64_t>(select->columnInt64(4)),
+                                 static_cast<uint64_t>(select->columnInt64(7))};
         records.emplace_back(select->columnText(0).value_or(""),
                              DCISHACacheRecord{stamp, select->columnText(5), select->columnText(6).value_or("")});
     }
@@ -201,7 +216,7 @@ bool DCISHACacheStore::writeChange(const Change& change) {
                 statement.bind(4, static_cast<int64_t>(stamp.size)) &&
                 statement.bind(5, static_cast<int64_t>(stamp.inode)) &&
                 (record->sha ? statement.bind(6, *record->sha) : statement.bindNull(6)) &&
-                statement.bind(7, record->sasID);
+                statement.bind(7, record->sasID) && statement.bind(8, static_cast<int64_t>(stamp.device));
     }
     const bool done = bound && statement.step() == DCISQLiteStatement::Step::Done;
     statement.reset();

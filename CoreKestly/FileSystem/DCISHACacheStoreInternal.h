@@ -37,11 +37,12 @@ public:
     bool write(const std::vector<Change>& changes);
 
 private:
-    enum class FileState { Cache, Empty, Outdated, Foreign, Damaged, Unusable };
+    enum class FileState { Cache, Empty, Outdated, WithoutDevice, Foreign, Damaged, Unusable };
 
     void open();
     FileState inspect();
     bool createSchema();
+    bool addDevice();
     bool prepareStatements();
     void close();
     void setAsideAndReopen(const std::string& reason);

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,7 +14,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
+#include <charconv>
+#include <cstdio>
+#include <initializer_list>
+#include <limits>
 #include <string_view>
 #include <vector>
 
@@ -124,6 +128,23 @@ std::optional<DCIError> copyFile(const std::string& from, const std::string& to,
     return std::nullopt;
 }
 
+// A file's identity on this machine: two paths name one item when theirs are equal, whatever
+// mounts or links lie between.
+struct Identity {
+    dev_t device;
+    ino_t inode;
+    friend bool operator==(const Identity&, const Identity&) = default;
+};
+
+Identity identityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
+
+// The identity of the entry at `path` itself, a link not followed.
+std::optional<Identity> entryIdentity(const std::string& path) {
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0) return std::nullopt;
+    return identityOf(status);
+}
+
 std::optional<DCIError> copyTree(const std::string& from, const std::string& to) {
     struct stat status;
     if (lstat(from.c_str(), &status) != 0) return failure("copy", from);
@@ -163,12 +184,93 @@ std::optional<DCIError> copyTree(const std::string& from, const std::string& to)
     return std::nullopt;
 }
 
-// A name beside `path` that nothing else uses, for an item being put in place. It leaves out
-// the item's own name, which may already be as long as a name can be.
-std::string temporarySibling(const std::string& path) {
-    static std::atomic<unsigned> counter{0};
-    return KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(path),
-                                          ".kestly-move-" + std::to_string(getpid()) + "-" + std::to_string(counter++));
+constexpr std::string_view kStagingPrefix = ".kestly-staging-";
+
+// A free name beside `path` for an item being copied, to be renamed into place once complete,
+// so that a copy cut short never lies under the final name. It leaves out the item's own
+// name, which may already be as long as a name can be. A name with our number may be taken
+// by what a killed process of the same number left: that one is passed over.
+std::string stagingSibling(const std::string& path) {
+    static std::atomic<unsigned long long> counter{0};
+    const std::string folder = KestlyPath::deletingLastComponent(path);
+    for (;;) {
+        const std::string name = std::string(kStagingPrefix) + std::to_string(getpid()) + "-" + std::to_string(counter++);
+        std::string staging = KestlyPath::appendingComponent(folder, name);
+        struct stat status;
+        if (lstat(staging.c_str(), &status) != 0) return staging;
+    }
+}
+
+// The process number of the staging name `name`, exactly as `stagingSibling` writes them.
+std::optional<pid_t> stagingProcess(std::string_view name) {
+    if (!name.starts_with(kStagingPrefix)) return std::nullopt;
+    name.remove_prefix(kStagingPrefix.size());
+    const size_t dash = name.find('-');
+    // Each number in the form std::to_string gives, so every staging name has one spelling.
+    const auto number = [](std::string_view digits) -> std::optional<unsigned long long> {
+        unsigned long long value = 0;
+        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+        if (error != std::errc() || end != digits.data() + digits.size() || std::to_string(value) != digits) {
+            return std::nullopt;
+        }
+        return value;
+    };
+    if (dash == std::string_view::npos || !number(name.substr(dash + 1))) return std::nullopt;
+    const auto process = number(name.substr(0, dash));
+    if (!process || *process == 0 || *process > static_cast<unsigned long long>(std::numeric_limits<pid_t>::max())) {
+        return std::nullopt;
+    }
+    return static_cast<pid_t>(*process);
+}
+
+// Whether the folder `from` is the folder that would hold `to`, or one above it: a copy there
+// would copy itself without end. Paths cannot tell, since a bind mount shows a folder under
+// a second path that realpath keeps; so the identity of each folder above `to`, as the
+// kernel reaches it through "..", is compared with the source's.
+bool isInsideItself(const std::string& from, const std::string& to) {
+    struct stat status;
+    if (lstat(from.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return false;
+    const Identity source = identityOf(status);
+    const std::string parent = KestlyPath::deletingLastComponent(to);
+    DCIFileDescriptor folder(open(parent.empty() ? "." : parent.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    std::optional<Identity> below;
+    while (folder && fstat(folder.get(), &status) == 0 && identityOf(status) != below) {
+        if (identityOf(status) == source) return true;
+        below = identityOf(status);
+        folder = DCIFileDescriptor(openat(folder.get(), "..", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    }
+    return false;
+}
+
+// Copies `from` to a staging name beside `to`, answered in `staging` once complete.
+std::optional<DCIError> copyToStaging(const std::string& from, const std::string& to, std::string& staging) {
+    if (isInsideItself(from, to)) {
+        errno = EINVAL;
+        return failure("copy " + from + " into itself at", to);
+    }
+    staging = stagingSibling(to);
+    return copyTree(from, staging);
+}
+
+// Renames `from` to `to` unless something is there already.
+bool renameWithoutReplacing(const std::string& from, const std::string& to) {
+    if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    // A file system without the flag (NFS, some FUSE): the look and the rename are two steps.
+    struct stat status;
+    if (lstat(to.c_str(), &status) == 0) {
+        errno = EEXIST;
+        return false;
+    }
+    return rename(from.c_str(), to.c_str()) == 0;
+}
+
+// Puts the complete copy at `staging` in place at `to`: only a move replaces what is there.
+std::optional<DCIError> putInPlace(const std::string& staging, const std::string& to, bool replacing) {
+    if (replacing ? rename(staging.c_str(), to.c_str()) == 0 : renameWithoutReplacing(staging, to)) return std::nullopt;
+    DCIError error = failure("put " + staging + " in place at", to);
+    removeItem(staging);
+    return error;
 }
 
 // Whether `from` is a link to the very file at `to`: moved there, it would replace that file
@@ -176,20 +278,18 @@ std::string temporarySibling(const std::string& path) {
 bool isLinkToItem(const std::string& from, const std::string& to) {
     struct stat link, target, destination;
     return lstat(from.c_str(), &link) == 0 && S_ISLNK(link.st_mode) && stat(from.c_str(), &target) == 0 &&
-           lstat(to.c_str(), &destination) == 0 && target.st_dev == destination.st_dev &&
-           target.st_ino == destination.st_ino;
+           lstat(to.c_str(), &destination) == 0 && identityOf(target) == identityOf(destination);
 }
 
-// Whether `to` would lie inside the folder `from`: a copy there would copy itself without end.
-bool isInsideItself(const std::string& from, const std::string& to) {
-    char* source = realpath(from.c_str(), nullptr);
-    char* destinationFolder = realpath(KestlyPath::deletingLastComponent(to).c_str(), nullptr);
-    const bool inside = source && destinationFolder &&
-                        KestlyPath::isSameOrBelow(
-                            KestlyPath::appendingComponent(destinationFolder, KestlyPath::lastComponent(to)), source);
-    std::free(source);
-    std::free(destinationFolder);
-    return inside;
+// Every system call reads a path up to its first NUL: "keep.wav\0.bak" would name keep.wav.
+std::optional<DCIError> refusalOfNUL(std::initializer_list<std::string_view> paths) {
+    for (const std::string_view path : paths) {
+        if (path.find('\0') == std::string_view::npos) continue;
+        std::string shown;
+        for (const char c : path) shown += c == '\0' ? std::string("\\0") : std::string(1, c);
+        return DCIError::posixError(EINVAL, "refuse " + shown + ", a path holding a NUL character");
+    }
+    return std::nullopt;
 }
 
 }  // namespace
@@ -197,37 +297,38 @@ bool isInsideItself(const std::string& from, const std::string& to) {
 namespace DCIFileOperations {
 
 std::optional<DCIError> moveItem(const std::string& from, const std::string& to) {
+    if (auto refusal = refusalOfNUL({from, to})) return refusal;
     if (isLinkToItem(from, to)) {
         errno = EINVAL;
         return failure("move the link " + from + " onto its target", to);
     }
+    // Two names of one item: rename(2) leaves both and succeeds. Through two mounts of one
+    // folder it fails instead, and the copy put in place there would be removed as the source.
+    if (const auto source = entryIdentity(from); source && source == entryIdentity(to)) return std::nullopt;
     if (rename(from.c_str(), to.c_str()) == 0) return std::nullopt;
     if (errno != EXDEV) return failure("move " + from + " to", to);
-    const std::string staging = temporarySibling(to);
-    if (auto error = copyItem(from, staging)) return error;
-    if (rename(staging.c_str(), to.c_str()) != 0) {
-        DCIError error = failure("move " + staging + " to", to);
-        removeItem(staging);
-        return error;
-    }
+    std::string staging;
+    if (auto error = copyToStaging(from, to, staging)) return error;
+    if (auto error = putInPlace(staging, to, true)) return error;
     removeItem(from);
     return std::nullopt;
 }
 
 std::optional<DCIError> copyItem(const std::string& from, const std::string& to) {
+    if (auto refusal = refusalOfNUL({from, to})) return refusal;
+    // Refused before a long copy, and again as the copy is put in place.
     struct stat status;
     if (lstat(to.c_str(), &status) == 0) {
         errno = EEXIST;
         return failure("copy to", to);
     }
-    if (isInsideItself(from, to)) {
-        errno = EINVAL;
-        return failure("copy " + from + " into itself at", to);
-    }
-    return copyTree(from, to);
+    std::string staging;
+    if (auto error = copyToStaging(from, to, staging)) return error;
+    return putInPlace(staging, to, false);
 }
 
 std::optional<DCIError> createDirectory(const std::string& path) {
+    if (auto refusal = refusalOfNUL({path})) return refusal;
     std::string partial;
     for (const std::string& component : KestlyPath::components(path)) {
         partial = KestlyPath::appendingComponent(partial, component);
@@ -241,6 +342,13 @@ std::optional<DCIError> createDirectory(const std::string& path) {
         return failure("create folder", path);
     }
     return std::nullopt;
+}
+
+bool isStagingName(std::string_view name) { return stagingProcess(name).has_value(); }
+
+bool isAbandonedStagingName(std::string_view name) {
+    const auto process = stagingProcess(name);
+    return process && kill(*process, 0) != 0 && errno == ESRCH;
 }
 
 }  // namespace DCIFileOperations

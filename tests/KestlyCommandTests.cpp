@@ -141,7 +141,8 @@ TEST(DCIManifestV2ProjectCommandTests, TheTableEscapesAndTheExitStatusesHoldThei
 TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
     const TemporaryDirectory folder;
     const std::string root = folder.makeFolder("root");
-    folder.writeFile("root/a.wav", "a");
+    folder.writeFiles({"root/a.wav", "root/x -> y.wav", "root/\xff.wav"});
+    folder.writeFile("root/keep.wav", "kept");
     const std::string caches = " --primary-cache " + shellQuoted(folder / "p.sqlite") + " --secondary-cache " +
                                shellQuoted(folder / "s.sqlite");
     auto watch = [&](const std::string& arguments, const std::string& input) {
@@ -153,6 +154,14 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         const std::string action = "action " + op;
         return action + " Pending " + paths + "\n" + action + " Running " + paths + "\n" + action + " Completed " + paths + "\n";
     };
+    auto base64 = [&](const std::string& text) {  // from the system's own tool
+        return std::system(("printf %s " + shellQuoted(text) + " | base64 -w0 >" + shellQuoted(folder / "b64")).c_str()) ? "" : readWholeFile(folder / "b64");
+    };
+    const std::string from = base64(root + "/\xff.wav"), to = base64(root + "/\xfe.wav"), stopped = R"({"event":"FileManagerStopped","type":2})";
+    std::string bytesMoved;  // the JSON lines of a move between two names that are not UTF-8
+    for (const auto& [status, code] : {std::pair("Pending", "2"), {"Running", "3"}, {"Completed", "7"}})
+        bytesMoved += R"({"event":"ActionStatusChanged","type":11,"op":"move","from":")" + root + "/\uFFFD.wav\",\"fromBytes\":\"" + from +
+                      R"(","to":")" + root + "/\uFFFD.wav\",\"toBytes\":\"" + to + R"(","status":")" + status + R"(","statusCode":)" + code + "}\n";
     struct Case { const char* name; std::string arguments, input; int status; std::string output; };
     const Case cases[] = {
         {"missing root", shellQuoted(folder / "missing"), "", 3, "root removed\nstopped\n"},
@@ -160,9 +169,14 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         {"commands in order", shellQuoted(root),
          "mkdir " + root + "/D\nmove " + root + "/a.wav " + root + "/D/a.wav\nstop\n", 0,
          completed("mkdir", root + "/D") + completed("move", root + "/a.wav -> " + root + "/D/a.wav") + "stopped\n"},
-        {"a JSON path under the wrong key", shellQuoted(root) + " --json",
-         R"({"op": "move", "path": ")" + root + R"(/D/a.wav", "to": ")" + root + "/b.wav\"}\nstop\n", 0,
-         "{\"event\":\"FileManagerStopped\",\"type\":2}\n"},
+        {"a JSON path under the wrong key, or holding NUL", shellQuoted(root) + " --json",
+         R"({"op": "move", "path": ")" + root + R"(/D/a.wav", "to": ")" + root + "/b.wav\"}\n" R"({"op": "move", "from": ")" + root +
+             R"(/x -> y.wav", "to": ")" + root + "/keep.wav\\u0000.bak\"}\nstop\n", 0, stopped + "\n"},
+        {"a move named by its bytes", shellQuoted(root) + " --json",
+         R"({"op": "move", "fromBytes": ")" + from + R"(", "toBytes": ")" + to + "\"}\nstop\n", 0, bytesMoved + stopped + "\n"},
+        // A path holding " -> " or a control character is printed quoted, and read back so.
+        {"quoted paths", shellQuoted(root), "move " + root + "/'x -> y.wav' " + root + "/$'a\\nb'.wav\nstop\n", 0,
+         completed("move", "'" + root + "/x -> y.wav' -> '" + root + "/a'$'\\n''b.wav'") + "stopped\n"},
         {"no root", "", "", 2, ""},
     };
     for (const auto& test : cases) {
@@ -171,15 +185,15 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         EXPECT_EQ(run.status, test.status);
         // Commands may be queued before the ready line or after it, and a stop before it leaves
         // it out: it is checked on its own.
-        const std::string ready = test.arguments.find("--json") == std::string::npos
-                                      ? "ready\n" : "{\"event\":\"FileManagerReady\",\"type\":1}\n";
+        const std::string ready = test.arguments.ends_with("--json") ? R"({"event":"FileManagerReady","type":1})" "\n" : "ready\n";
         const size_t readyAt = run.output.find(ready);
         if (test.status == 2) EXPECT_EQ(readyAt, std::string::npos);
         if (readyAt != std::string::npos) run.output.erase(readyAt, ready.size());
         EXPECT_EQ(run.output, test.output);
     }
-    EXPECT_TRUE(fs::exists(root + "/D/a.wav"));
+    EXPECT_TRUE(fs::exists(root + "/D/a.wav") && fs::exists(root + "/\xfe.wav") && fs::exists(root + "/a\nb.wav"));
     EXPECT_FALSE(fs::exists(root + "/b.wav"));
+    EXPECT_EQ(readWholeFile(root + "/keep.wav"), "kept");
 }
 
 }  // namespace

@@ -23,7 +23,23 @@ char32_t decoded(std::string_view bytes) {
     return character;
 }
 
+bool isMalformed(std::string_view character) {
+    return character.size() == 1 && static_cast<unsigned char>(character[0]) >= 0x80;
+}
+
 }  // namespace
+
+bool needsTerminalEscape(std::string_view character) {
+    return isMalformed(character) || actsOnTerminal(decoded(character));
+}
+
+bool isUTF8(std::string_view text) {
+    for (size_t length; !text.empty(); text.remove_prefix(length)) {
+        length = DCIUTF8CharacterLength(text);
+        if (isMalformed(text.substr(0, length))) return false;
+    }
+    return true;
+}
 
 std::string terminalText(std::string_view text) {
     std::string shown;
@@ -32,20 +48,16 @@ std::string terminalText(std::string_view text) {
         const size_t length = DCIUTF8CharacterLength(text.substr(at));
         const std::string_view bytes = text.substr(at, length);
         at += length;
-        const bool malformed = length == 1 && static_cast<unsigned char>(bytes[0]) >= 0x80;
         char escape[16];
-        if (malformed) {
+        if (isMalformed(bytes)) {
             std::snprintf(escape, sizeof escape, "\\x%02X", static_cast<unsigned char>(bytes[0]));
             shown += escape;
-        } else if (const char32_t character = decoded(bytes); actsOnTerminal(character)) {
-            std::snprintf(escape, sizeof escape, "\\u{%X}", static_cast<unsigned>(character));
+        } else if (needsTerminalEscape(bytes)) {
+            std::snprintf(escape, sizeof escape, "\\u{%X}", static_cast<unsigned>(decoded(bytes)));
             shown += escape;
-        } else if (character == '\\') {
-            shown += "\\\\";
         } else {
-            shown += bytes;
+            shown += bytes == "\\" ? "\\\\" : bytes;
         }
     }
     return shown;
 }
-

@@ -3,7 +3,9 @@
 
 #include "KestlyCommand.h"
 
+#include "Base64.h"
 #include "CachePaths.h"
+#include "ShellWords.h"
 #include "TerminalText.h"
 
 #include "CoreKestly/Actions/DCIAction.h"
@@ -22,14 +24,13 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <deque>
 #include <functional>
-#include <variant>
-#include <cstdio>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
+#include <variant>
 #include <vector>
 
 namespace {
@@ -82,6 +83,13 @@ int64_t announcedStatus(const DCIEvent& event) {
 
 Json textOrNull(const std::optional<std::string>& text) { return text ? Json(*text) : Json(nullptr); }
 
+// Sets `key` to `path`, and when the path is not UTF-8, which JSON text cannot carry (two
+// such names would print alike), "<key>Bytes" to its exact bytes in base64.
+void setPath(Json& line, const std::string& key, const std::string& path) {
+    line[key] = path;
+    if (!isUTF8(path)) line[key + "Bytes"] = base64Encoded(path);
+}
+
 // Prints what the file manager says and ends the main loop after its stopped event.
 class EventPrinter : public DCIEventListener {
 public:
@@ -93,8 +101,8 @@ public:
     void handleEvent(const std::shared_ptr<DCIEvent>& event) override {
         if (event->category() != DCIEventCategoryCommon || !eventName(event->type())) return;
         if (event->type() == DCIEventTypeRootFolderRemoved) rootRemoved_ = true;
-        const std::string line = json_ ? jsonLine(*event).dump(-1, ' ', false, Json::error_handler_t::replace)
-                                       : terminalText(humanLine(*event));
+        const std::string line =
+            json_ ? jsonLine(*event).dump(-1, ' ', false, Json::error_handler_t::replace) : humanLine(*event);
         // Nobody reads what follows a failed write (a full disk, a closed pipe): stop watching.
         if ((std::printf("%s\n", line.c_str()) < 0 || std::fflush(stdout) != 0) && !outputFailed_) {
             outputFailed_ = true;
@@ -108,30 +116,32 @@ public:
     }
 
 private:
+    // Paths are quoted where they would be ambiguous (see shellEscapedPath), so every line reads back.
     static std::string humanLine(const DCIEvent& event) {
-        const std::string path = objectPath(event, kDCIFileObject), folder = objectPath(event, kDCIFolderObject);
+        const auto shown = [&](std::string_view key) { return shellEscapedPath(objectPath(event, key)); };
+        const std::string path = shown(kDCIFileObject), folder = shown(kDCIFolderObject);
         switch (event.type()) {
             case DCIEventTypeFileManagerReady: return "ready";
             case DCIEventTypeFileManagerStopped: return "stopped";
             case DCIEventTypeRootFolderRemoved: return "root removed";
             case DCIEventTypeFileAdded: return "added file " + path;
             case DCIEventTypeFolderAdded: return "added folder " + folder;
-            case DCIEventTypeFileRemoved: return "removed file " + objectPath(event, kDCIOldFileObject);
-            case DCIEventTypeFolderRemoved: return "removed folder " + objectPath(event, kDCIOldFolderObject);
-            case DCIEventTypeFileMoved: return "moved file " + objectPath(event, kDCIOldFileObject) + " -> " + path;
-            case DCIEventTypeFolderMoved:
-                return "moved folder " + objectPath(event, kDCIOldFolderObject) + " -> " + folder;
+            case DCIEventTypeFileRemoved: return "removed file " + shown(kDCIOldFileObject);
+            case DCIEventTypeFolderRemoved: return "removed folder " + shown(kDCIOldFolderObject);
+            case DCIEventTypeFileMoved: return "moved file " + shown(kDCIOldFileObject) + " -> " + path;
+            case DCIEventTypeFolderMoved: return "moved folder " + shown(kDCIOldFolderObject) + " -> " + folder;
             case DCIEventTypeFileModified: return "modified " + path;
         }
         const auto action = event.action();
         if (!action) return "action";
         std::string line = std::string("action ") + operationName(action->type()) + " " +
                            std::string(DCIActionStatusText(announcedStatus(event))) + " ";
-        if (action->type() == DCIActionTypeCreateDirectory) line += contextText(*action, kDCIFileManagerCreatePath);
-        else line += contextText(*action, kDCIFileManagerMoveFrom) + " -> " + contextText(*action, kDCIFileManagerMoveTo);
+        const auto shownText = [&](std::string_view key) { return shellEscapedPath(contextText(*action, key)); };
+        if (action->type() == DCIActionTypeCreateDirectory) line += shownText(kDCIFileManagerCreatePath);
+        else line += shownText(kDCIFileManagerMoveFrom) + " -> " + shownText(kDCIFileManagerMoveTo);
         const auto error = action->contextObjectForKey(kDCIError);
         if (announcedStatus(event) == DCIActionStatusFailed && error && error->error()) {
-            line += ": " + error->error()->localizedDescription();
+            line += ": " + terminalText(error->error()->localizedDescription());
         }
         return line;
     }
@@ -146,9 +156,9 @@ private:
             const auto newKey = fileEvent ? kDCIFileObject : kDCIFolderObject;
             const auto oldKey = fileEvent ? kDCIOldFileObject : kDCIOldFolderObject;
             const auto current = event.contextValue(newKey) ? newKey : oldKey;
-            line["path"] = objectPath(event, current);
+            setPath(line, "path", objectPath(event, current));
             if (event.type() == DCIEventTypeFileMoved || event.type() == DCIEventTypeFolderMoved) {
-                line["oldPath"] = objectPath(event, oldKey);
+                setPath(line, "oldPath", objectPath(event, oldKey));
             }
             if (fileEvent) {
                 const auto value = event.contextValue(current);
@@ -159,10 +169,10 @@ private:
         if (const auto action = event.action(); action && event.type() == DCIEventTypeActionStatusChanged) {
             line["op"] = operationName(action->type());
             if (action->type() == DCIActionTypeCreateDirectory) {
-                line["path"] = contextText(*action, kDCIFileManagerCreatePath);
+                setPath(line, "path", contextText(*action, kDCIFileManagerCreatePath));
             } else {
-                line["from"] = contextText(*action, kDCIFileManagerMoveFrom);
-                line["to"] = contextText(*action, kDCIFileManagerMoveTo);
+                setPath(line, "from", contextText(*action, kDCIFileManagerMoveFrom));
+                setPath(line, "to", contextText(*action, kDCIFileManagerMoveTo));
             }
             line["status"] = DCIActionStatusText(announcedStatus(event));
             line["statusCode"] = announcedStatus(event);
@@ -195,22 +205,31 @@ std::variant<Command, std::string> parseCommand(const std::string& line) {
         if (!object.is_object() || !object.contains("op") || !object["op"].is_string()) return "not a command object";
         command.op = object["op"];
         const bool transfer = command.op == "move" || command.op == "copy";
-        const std::vector<const char*> keys = transfer ? std::vector{"from", "to"}
-                                              : command.op == "mkdir" ? std::vector{"path"}
-                                                                      : std::vector<const char*>{};
-        // Each path is taken by its key, and only the keys of the operation are allowed, so that
-        // a misnamed key can never turn a move around.
-        if (object.size() != keys.size() + 1) return "expected the keys op and " + std::string(transfer ? "from, to" : "path");
-        for (const char* key : keys) {
-            if (!object.contains(key) || !object[key].is_string()) return std::string("expected a string under ") + key;
-            command.paths.push_back(object[key]);
+        const std::vector<std::string> keys = transfer ? std::vector<std::string>{"from", "to"}
+                                              : command.op == "mkdir" ? std::vector<std::string>{"path"}
+                                                                      : std::vector<std::string>{};
+        // Each path is taken by its key, as text or as the base64 of its bytes, and only the keys
+        // of the operation are allowed, so that a misnamed key can never turn a move around.
+        if (object.size() != keys.size() + 1) {
+            return "expected the keys op and " + std::string(transfer ? "from, to" : "path") + ", each as text or as <key>Bytes";
+        }
+        for (const std::string& key : keys) {
+            const bool bytes = object.contains(key + "Bytes");
+            const auto value = object.find(bytes ? key + "Bytes" : key);
+            if (value == object.end() || !value->is_string()) return "expected a string under " + key + " or " + key + "Bytes";
+            const auto path = bytes ? base64Decoded(value->get<std::string>()) : value->get<std::string>();
+            if (!path) return "expected base64 under " + key + "Bytes";
+            command.paths.push_back(*path);
         }
     } else {
-        std::istringstream words(line);
-        words >> command.op;
-        for (std::string word; words >> word;) command.paths.push_back(word);
+        auto words = shellWords(line);
+        if (!words || words->empty()) return "a quote or escape is left open";
+        command.op = words->front();
+        command.paths.assign(words->begin() + 1, words->end());
     }
     for (auto& path : command.paths) {
+        // The system would read the path only up to the NUL: "keep.wav\0.bak" is keep.wav.
+        if (path.find('\0') != std::string::npos) return "a path holds a NUL character";
         const auto absolute = absoluteStandardPath(path);
         if (!absolute) return "the working folder is gone";
         path = *absolute;
@@ -356,7 +375,8 @@ KestlyCommand addWatchCommand(CLI::App& app) {
     auto options = std::make_shared<WatchOptions>();
     CLI::App* command = app.add_subcommand(
         "watch", "Watch ROOT and print each change as it is reported; standard input takes file operations "
-                 "(move FROM TO, copy FROM TO, mkdir PATH, stop, or the same as JSON objects)");
+                 "(move FROM TO, copy FROM TO, mkdir PATH, stop, paths quoted as a shell quotes words; or the same "
+                 "as JSON objects, where fromBytes, toBytes and pathBytes give a path's bytes in base64)");
     command->add_option("ROOT", options->root, "The folder to watch")->required();
     command->add_option("--primary-ext", options->kinds.primaryExtensions, "Extension of primary files [als]")
         ->allow_extra_args(false);

@@ -128,23 +128,6 @@ std::optional<DCIError> copyFile(const std::string& from, const std::string& to,
     return std::nullopt;
 }
 
-// A file's identity on this machine: two paths name one item when theirs are equal, whatever
-// mounts or links lie between.
-struct Identity {
-    dev_t device;
-    ino_t inode;
-    friend bool operator==(const Identity&, const Identity&) = default;
-};
-
-Identity identityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
-
-// The identity of the entry at `path` itself, a link not followed.
-std::optional<Identity> entryIdentity(const std::string& path) {
-    struct stat status;
-    if (lstat(path.c_str(), &status) != 0) return std::nullopt;
-    return identityOf(status);
-}
-
 std::optional<DCIError> copyTree(const std::string& from, const std::string& to) {
     struct stat status;
     if (lstat(from.c_str(), &status) != 0) return failure("copy", from);
@@ -221,6 +204,23 @@ std::optional<pid_t> stagingProcess(std::string_view name) {
         return std::nullopt;
     }
     return static_cast<pid_t>(*process);
+}
+
+// A file's identity on this machine: two paths name one item when theirs are equal, whatever
+// mounts or links lie between.
+struct Identity {
+    dev_t device;
+    ino_t inode;
+    friend bool operator==(const Identity&, const Identity&) = default;
+};
+
+Identity identityOf(const struct stat& status) { return {status.st_dev, status.st_ino}; }
+
+// The identity of the entry at `path` itself, a link not followed.
+std::optional<Identity> entryIdentity(const std::string& path) {
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0) return std::nullopt;
+    return identityOf(status);
 }
 
 // Whether the folder `from` is the folder that would hold `to`, or one above it: a copy there

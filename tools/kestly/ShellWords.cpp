@@ -111,7 +111,8 @@ std::optional<std::vector<std::string>> shellWords(std::string_view line) {
     std::optional<std::string> word;  // none between words
     for (size_t at = 0; at < line.size();) {
         const char character = line[at++];
-        if (character == ' ' || character == '\t') {
+        // Any white space separates words, the "\r" that ends a line written on another system too.
+        if (std::string_view(" \t\r\v\f").find(character) != std::string_view::npos) {
             if (word) words.push_back(*std::exchange(word, std::nullopt));
             continue;
         }

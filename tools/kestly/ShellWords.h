@@ -13,7 +13,7 @@
 std::string shellEscapedPath(std::string_view path);
 
 /// The words of `line` as a shell splits and unquotes them, without expanding anything:
-/// blanks separate words; '...' keeps its text as it is; "..." too, but for \" \\ \$ and \`;
+/// white space separates words; '...' keeps its text as it is; "..." too, but for \" \\ \$ and \`;
 /// $'...' takes C's escapes (\n, \t, \xHH, \ooo...); a backslash elsewhere keeps the next
 /// character. Nothing when a quote or an escape is left unfinished.
 std::optional<std::vector<std::string>> shellWords(std::string_view line);

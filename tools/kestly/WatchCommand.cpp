@@ -222,10 +222,12 @@ std::variant<Command, std::string> parseCommand(const std::string& line) {
             command.paths.push_back(*path);
         }
     } else {
-        auto words = shellWords(line);
-        if (!words || words->empty()) return "a quote or escape is left open";
-        command.op = words->front();
-        command.paths.assign(words->begin() + 1, words->end());
+        const auto words = shellWords(line);
+        if (!words) return "a quote or an escape is left open";
+        if (!words->empty()) {
+            command.op = words->front();
+            command.paths.assign(words->begin() + 1, words->end());
+        }
     }
     for (auto& path : command.paths) {
         // The system would read the path only up to the NUL: "keep.wav\0.bak" is keep.wav.

@@ -167,8 +167,8 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         {"missing root", shellQuoted(folder / "missing"), "", 3, "root removed\nstopped\n"},
         // The mkdir is queued first and must run first, though the queue hands out the newest first.
         {"commands in order", shellQuoted(root),
-         "mkdir " + root + "/D\nmove " + root + "/a.wav " + root + "/D/a.wav\nstop\n", 0,
-         completed("mkdir", root + "/D") + completed("move", root + "/a.wav -> " + root + "/D/a.wav") + "stopped\n"},
+         "mkdir '" + root + "/D: x'\nmove " + root + "/a.wav '" + root + "/D: x/a.wav'\nstop\n", 0,
+         completed("mkdir", "'" + root + "/D: x'") + completed("move", root + "/a.wav -> '" + root + "/D: x/a.wav'") + "stopped\n"},
         {"a JSON path under the wrong key, or holding NUL", shellQuoted(root) + " --json",
          R"({"op": "move", "path": ")" + root + R"(/D/a.wav", "to": ")" + root + "/b.wav\"}\n" R"({"op": "move", "from": ")" + root +
              R"(/x -> y.wav", "to": ")" + root + "/keep.wav\\u0000.bak\"}\nstop\n", 0, stopped + "\n"},
@@ -191,7 +191,7 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         if (readyAt != std::string::npos) run.output.erase(readyAt, ready.size());
         EXPECT_EQ(run.output, test.output);
     }
-    EXPECT_TRUE(fs::exists(root + "/D/a.wav") && fs::exists(root + "/\xfe.wav") && fs::exists(root + "/a\nb.wav"));
+    EXPECT_TRUE(fs::exists(root + "/D: x/a.wav") && fs::exists(root + "/\xfe.wav") && fs::exists(root + "/a\nb.wav"));
     EXPECT_FALSE(fs::exists(root + "/b.wav"));
     EXPECT_EQ(readWholeFile(root + "/keep.wav"), "kept");
 }

@@ -9,8 +9,11 @@
 
 namespace {
 
+// A bare path must not hold what separates the parts of a line: " -> " between two paths (or
+// " ->" just before it) and ": " before an error.
 bool needsQuoting(std::string_view path) {
-    if (path.find(" -> ") != std::string_view::npos || path.find_first_of("'\"$\\") != std::string_view::npos) {
+    if (path.find(" ->") != std::string_view::npos || path.find(": ") != std::string_view::npos ||
+        path.find_first_of("'\"$\\") != std::string_view::npos) {
         return true;
     }
     for (size_t length; !path.empty(); path.remove_prefix(length)) {

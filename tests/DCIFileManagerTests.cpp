@@ -338,8 +338,18 @@ TEST_F(DCIFileManagerTests, LookupsAndHashes) {
     write(root, "x.als", "abc");
     write(root, "notes.txt", "abc");
     fs::create_directory(root + "2");
+    // What a copy cut short left goes at the start; a copy under way stays, out of the tree.
+    const pid_t ended = fork();
+    if (ended == 0) _exit(0);
+    waitpid(ended, nullptr, 0);
+    const std::string abandoned = "a/.kestly-staging-" + std::to_string(ended) + "-0";
+    const std::string underWay = ".kestly-staging-" + std::to_string(getpid()) + "-0";
+    write(root, abandoned + "/x.wav", "cut short");
+    write(root, underWay + "/x.wav", "being copied");
     EXPECT_EQ(manager->SHAForFileAtPath(root + "/x.als"), std::nullopt);  // no cache before a start
     ASSERT_TRUE(startedOnRoot());
+    EXPECT_EQ(std::tuple(fs::exists(root + "/" + abandoned), fs::exists(root + "/" + underWay), !manager->folderWithPath(underWay)),
+              std::tuple(false, true, true));
     const std::pair<std::string, std::optional<std::string>> folders[] = {
         {root, ""}, {root + "/a/b/", "a/b"}, {"a/b", "a/b"}, {"/", std::nullopt}, {root + "2", std::nullopt},
         {root + "/a/b/x.wav", std::nullopt}, {root + "/a/../a", "a"},

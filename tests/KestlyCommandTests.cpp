@@ -187,7 +187,7 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         // it out: it is checked on its own.
         const std::string ready = test.arguments.ends_with("--json") ? R"({"event":"FileManagerReady","type":1})" "\n" : "ready\n";
         const size_t readyAt = run.output.find(ready);
-        if (test.status == 2) EXPECT_EQ(readyAt, std::string::npos);
+        if (test.status == 2) { EXPECT_EQ(readyAt, std::string::npos); }
         if (readyAt != std::string::npos) run.output.erase(readyAt, ready.size());
         EXPECT_EQ(run.output, test.output);
     }

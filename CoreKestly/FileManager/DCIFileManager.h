@@ -10,6 +10,7 @@
 #include "CoreKestly/Platform/DCIObject.h"
 #include "CoreKestly/SampleFinder/DCISampleFinder.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -129,6 +130,10 @@ public:
     /// `latestFSEventTime` and asks for a rescan once the disk is quiet.
     void signalFileManagerThread(bool fromFSEvent);
 
+    /// How many threads hash the files a scan finds; one per core unless set. One thread keeps
+    /// a first scan of a large library from taking every core.
+    void setHashingThreads(unsigned threads) { hashingThreads_ = std::max(1u, threads); }
+
     /// The settings of the file-system event streams of the runs started from now on.
     void setFSEventStreamOptions(const DCIFSEventStream::Options& options);
 
@@ -191,6 +196,8 @@ public:
     std::optional<std::string> SHAForFileAtPath(const std::string& path) override;
     std::optional<std::string> SasIDForFileAtPath(const std::string& path) override;
     DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override;
+    /// True during a run's first scan: a start clears away what interrupted copies left.
+    bool removesAbandonedStagingItems() override { return firstScanUnderWay_.load(); }
 
     /// The shared instance's `sampleFinder` asked for the sample: see
     /// `DCISampleFinder::pathForSampleWithName`. Never on the main thread.
@@ -267,6 +274,7 @@ private:
     const std::shared_ptr<DCIActionQueue> fileActionQueue_;
     DCIAtomicSharedPtr<DCISampleFinder> sampleFinder_;
     std::atomic<double> latestFSEventTime_{0};
+    std::atomic<unsigned> hashingThreads_{std::max(1u, std::thread::hardware_concurrency())};
 
     std::mutex kindsMutex_;  // serialises changes of the lists and caches behind `queries_`
     DCIAtomicSharedPtr<DCICachedFileQueries> queries_;
@@ -292,6 +300,7 @@ private:
 
     std::mutex runLock_;                   // held by a watcher thread for its whole run
     std::atomic<uint64_t> activeRun_{0};   // the generation of the watcher thread's run, or 0
+    std::atomic<bool> firstScanUnderWay_{false};
 
     std::mutex unhashableMutex_;  // guards the member below
     std::unordered_map<std::string, DCIFileStamp> unhashable_;  // files that failed to hash, as they were

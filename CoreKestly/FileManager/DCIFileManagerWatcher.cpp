@@ -126,7 +126,10 @@ void DCIFileManager::pointSampleFinderAt(const std::string& rootPath) {
 bool DCIFileManager::buildFirstTree(uint64_t generation, const std::string& rootPath) {
     // A file that cannot be hashed is left out of the tree, so one bad file never holds back
     // the start; only a missing root or a stop ends it without a tree.
-    if (scanAndInstall(rootPath, generation)) return runIsCurrent(generation);
+    firstScanUnderWay_ = true;
+    const bool installed = scanAndInstall(rootPath, generation) != nullptr;
+    firstScanUnderWay_ = false;
+    if (installed) return runIsCurrent(generation);
     std::lock_guard lock(runStateMutex_);
     if (!runIsCurrent(generation)) return false;
     DCLogInfo("The root folder has been removed while starting");
@@ -141,7 +144,7 @@ std::shared_ptr<DCIFolderObject> DCIFileManager::scanAndInstall(const std::strin
         journaling_ = true;
     }
     auto tree = buildTree(rootPath);
-    if (tree) tree->generateHashes();
+    if (tree) tree->generateHashes(hashingThreads_.load());
     std::lock_guard lock(treeLock_);
     journaling_ = false;
     const auto journal = std::move(journal_);

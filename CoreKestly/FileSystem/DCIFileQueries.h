@@ -11,8 +11,8 @@ struct DCIFileIdentifiers {
     std::optional<std::string> sasID;  // nothing whenever `sha` is
 };
 
-/// The three questions the folder tree asks while it scans and hashes: which files belong in
-/// it, and each file's hash and `sasID`, answered through whatever caches the answering object
+/// The questions the folder tree asks while it scans and hashes: which files belong in it, and
+/// each file's hash and `sasID`, answered through whatever caches the answering object
 /// keeps. The file manager answers them for the tree of its root; `DCICachedFileQueries` does
 /// for a tree built without one. Answers may be asked for from any thread.
 class KESTLY_EXPORT DCIFileQueries {
@@ -35,6 +35,10 @@ public:
         if (identifiers.sha) identifiers.sasID = SasIDForFileAtPath(path);
         return identifiers;
     }
+
+    /// Whether a scan removes the items that copies cut short left behind, as it meets them
+    /// (the file manager's first scan of a root does); else it only leaves them out.
+    virtual bool removesAbandonedStagingItems() { return false; }
 
 protected:
     DCIFileQueries() = default;

@@ -1,5 +1,6 @@
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 
+#include "CoreKestly/Platform/DCIFileOperations.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
 #include <dirent.h>
@@ -7,7 +8,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string_view>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -121,8 +125,15 @@ std::vector<DCIFolderObject::ListedEntry> DCIFolderObject::listEntries() const {
     const DirectoryStream directory(opendir(absolutePath_.c_str()));
     if (!directory) return entries;
     const int directoryDescriptor = dirfd(directory.get());
+    const auto queries = fileQueries_.lock();
+    const bool removesAbandoned = queries && queries->removesAbandonedStagingItems();
     while (const dirent* entry = readdir(directory.get())) {
         if (!isEntryName(entry->d_name)) continue;
+        // A copy under way is no item of the tree until it is in place; one cut short never will be.
+        if (DCIFileOperations::isStagingName(entry->d_name)) {
+            if (removesAbandoned) DCIFileOperations::removeAbandonedStagingItem(absolutePath_, entry->d_name);
+            continue;
+        }
         // A plain file needs no status here: its file object reads it anyway. Everything else
         // is looked at through links, so a link counts as what it leads to and a dangling one
         // as nothing; only folders and regular files can belong to the tree.
@@ -168,6 +179,40 @@ bool DCIFolderObject::generateHashes() {
     for (const auto& name : unhashed) kept->erase(name);
     files_.store(std::move(kept));
     return false;
+}
+
+bool DCIFolderObject::generateHashes(unsigned threads) {
+    if (threads <= 1) return generateHashes();
+    std::vector<std::shared_ptr<DCIFileObject>> files;  // the tree's own objects: no path is copied
+    std::vector<std::shared_ptr<const DCIFolderObject>> pending{shared_from_this()};
+    while (!pending.empty()) {
+        const auto folder = std::move(pending.back());
+        pending.pop_back();
+        for (const auto& [name, file] : *folder->files()) files.push_back(file);
+        for (const auto& [name, sub] : *folder->subFolders()) pending.push_back(sub);
+    }
+    const auto queries = fileQueries_.lock();
+    std::vector<char> hashed(files.size(), 0);
+    std::atomic<size_t> next{0};
+    const auto work = [&] {
+        for (size_t index; (index = next.fetch_add(1)) < files.size();) hashed[index] = hashFile(*files[index], queries.get());
+    };
+    {
+        std::vector<std::jthread> helpers;
+        try {
+            while (helpers.size() + 1 < threads) helpers.emplace_back(work);
+        } catch (const std::system_error&) {
+            // Fewer threads only make it slower: the work is shared by those that started.
+        }
+        work();
+    }
+    bool everyFileHashed = true;
+    for (size_t index = 0; index < files.size(); ++index) {
+        if (hashed[index]) continue;
+        everyFileHashed = false;
+        if (const auto folder = files[index]->parent()) folder->removeFile(files[index]->name());
+    }
+    return everyFileHashed;
 }
 
 bool DCIFolderObject::hashFile(DCIFileObject& file, DCIFileQueries* queries) {

@@ -66,6 +66,9 @@ public:
     /// `fileHash` and `sasID`. A file the queries answer no hash for (unreadable, vanished, a
     /// read error, a hash cut short) is left out of the tree. True when no file was left out.
     bool generateHashes();
+    /// `generateHashes` on `threads` threads at once (this one among them): a first scan
+    /// hashes on every core. The queries are asked from all of them.
+    bool generateHashes(unsigned threads);
 
     /// Brings the entry `name` (one path component) in line with the disk: a regular file of
     /// interest is replaced by a new file object without hash, or removed when it may not be

@@ -346,6 +346,12 @@ std::optional<DCIError> createDirectory(const std::string& path) {
 
 bool isStagingName(std::string_view name) { return stagingProcess(name).has_value(); }
 
+bool removeAbandonedStagingItem(const std::string& folderPath, std::string_view name) {
+    if (!isAbandonedStagingName(name)) return false;
+    removeItem(KestlyPath::appendingComponent(folderPath, std::string(name)));
+    return true;
+}
+
 bool isAbandonedStagingName(std::string_view name) {
     const auto process = stagingProcess(name);
     return process && kill(*process, 0) != 0 && errno == ESRCH;

@@ -45,4 +45,8 @@ KESTLY_EXPORT bool isStagingName(std::string_view name);
 /// a copy that never finished.
 KESTLY_EXPORT bool isAbandonedStagingName(std::string_view name);
 
+/// Removes the entry `name` of the folder at `folderPath`, with everything in it, when it is
+/// abandoned (`isAbandonedStagingName`); true when it was.
+KESTLY_EXPORT bool removeAbandonedStagingItem(const std::string& folderPath, std::string_view name);
+
 }  // namespace DCIFileOperations

@@ -23,8 +23,10 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -47,6 +49,9 @@ struct ReadCounts {
     std::atomic<uint64_t> bytes{0};
 };
 
+// Whether the calculator ran on this thread during the current question: a miss.
+thread_local bool readOnThisThread = false;
+
 // A cache calls its sasID calculator once per miss, right after reading the file: the place to
 // count what was read. The service's identifiers are not known here, so it answers nothing.
 DCISasIDCalculator countingCalculator(std::shared_ptr<ReadCounts> reads) {
@@ -54,28 +59,41 @@ DCISasIDCalculator countingCalculator(std::shared_ptr<ReadCounts> reads) {
         struct stat status;
         if (stat(path.c_str(), &status) == 0) reads->bytes += static_cast<uint64_t>(status.st_size);
         ++reads->files;
+        readOnThisThread = true;
         return std::nullopt;
     };
 }
 
+uint64_t fileSize(const std::string& path) {
+    struct stat status;
+    return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
+}
+
 // Passes the tree's questions on to the caches, counting the hashes they answered without
-// reading the file, and shows how far the scan and the hashing have come while standard
-// error is a terminal.
+// reading the file, and, while standard error is a terminal and the scan has taken more than
+// a second, shows how far it has come: entries listed, then files and bytes hashed, the rate
+// of reading and the time left. Hashing asks from several threads at once.
 class MonitoredQueries : public DCIFileQueries {
 public:
     MonitoredQueries(std::shared_ptr<DCIFileQueries> queries, std::shared_ptr<const ReadCounts> reads)
         : queries_(std::move(queries)), reads_(std::move(reads)), showsProgress_(isatty(STDERR_FILENO) == 1) {}
 
     uint64_t cacheHits() const { return cacheHits_; }
-    void setFilesToHash(size_t count) { filesToHash_ = count; }
+    /// The files about to be hashed; their sizes are summed only when progress is shown.
+    void setFilesToHash(const std::vector<std::shared_ptr<DCIFileObject>>& files) {
+        filesToHash_ = files.size();
+        if (!showsProgress_) return;
+        for (const auto& file : files) bytesToHash_ += fileSize(file->absolutePath());
+        hashingStart_ = Clock::now();
+    }
     /// Clears the progress line, so that what follows starts on a clean line.
     void endProgress() const {
-        if (showsProgress_) std::fputs("\r\033[K", stderr);
+        if (showsProgress_ && shown_) std::fputs("\r\033[K", stderr);
     }
 
     bool isFileOfInterest(const std::string& path) override {
         ++entriesSeen_;
-        showProgress([&] { std::fprintf(stderr, "\rkestly: scanning, %zu entries", entriesSeen_); });
+        showProgress([&] { std::fprintf(stderr, "\rkestly: scanning, %zu entries\033[K", entriesSeen_.load()); });
         return queries_->isFileOfInterest(path);
     }
 
@@ -89,11 +107,21 @@ public:
 
     // What the tree asks of every file it hashes.
     DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override {
-        const uint64_t readsBefore = reads_->files;
+        readOnThisThread = false;
         auto identifiers = queries_->identifiersForFileAtPath(path);
-        if (identifiers.sha && reads_->files == readsBefore) ++cacheHits_;
+        if (identifiers.sha && !readOnThisThread) ++cacheHits_;
         ++filesHashed_;
-        showProgress([&] { std::fprintf(stderr, "\rkestly: hashing, %zu of %zu files", filesHashed_, filesToHash_); });
+        if (showsProgress_) bytesHashed_ += fileSize(path);
+        showProgress([&] {
+            const double seconds = std::chrono::duration<double>(Clock::now() - hashingStart_).count();
+            const double rate = seconds > 0 ? static_cast<double>(reads_->bytes) / seconds : 0;
+            const uint64_t left = bytesToHash_ - std::min<uint64_t>(bytesToHash_, bytesHashed_);
+            std::fprintf(stderr, "\rkestly: hashing, %zu of %zu files, %.1f of %.1f MB, %.1f MB/s", filesHashed_.load(),
+                         filesToHash_, static_cast<double>(bytesHashed_) / 1e6, static_cast<double>(bytesToHash_) / 1e6,
+                         rate / 1e6);
+            if (rate > 0) std::fprintf(stderr, ", %.0f s left", static_cast<double>(left) / rate);
+            std::fputs("\033[K", stderr);
+        });
         return identifiers;
     }
 
@@ -101,9 +129,12 @@ private:
     template <class Print>
     void showProgress(Print print) {
         if (!showsProgress_) return;
+        const std::unique_lock lock(progressMutex_, std::try_to_lock);
+        if (!lock) return;  // another thread is showing it
         const auto now = Clock::now();
-        if (now - lastShown_ < std::chrono::milliseconds(100)) return;
+        if (now - start_ < std::chrono::seconds(1) || now - lastShown_ < std::chrono::milliseconds(100)) return;
         lastShown_ = now;
+        shown_ = true;
         print();
         std::fflush(stderr);
     }
@@ -111,11 +142,17 @@ private:
     const std::shared_ptr<DCIFileQueries> queries_;
     const std::shared_ptr<const ReadCounts> reads_;
     const bool showsProgress_;
+    const Clock::time_point start_ = Clock::now();
+    std::mutex progressMutex_;  // guards the two members below
     Clock::time_point lastShown_;
-    size_t entriesSeen_ = 0;
-    size_t filesHashed_ = 0;
+    bool shown_ = false;
+    Clock::time_point hashingStart_;
+    std::atomic<size_t> entriesSeen_{0};
+    std::atomic<size_t> filesHashed_{0};
     size_t filesToHash_ = 0;
-    uint64_t cacheHits_ = 0;
+    uint64_t bytesToHash_ = 0;
+    std::atomic<uint64_t> bytesHashed_{0};
+    std::atomic<uint64_t> cacheHits_{0};
 };
 
 struct ScanResult {
@@ -180,8 +217,8 @@ int scan(const ScanOptions& options) {
         return 2;
     }
     ScanResult result{sortedByRelativePath(tree->gatherFolders()), sortedByRelativePath(tree->gatherFiles()), {}};
-    queries->setFilesToHash(result.files.size());
-    tree->generateHashes();
+    queries->setFilesToHash(result.files);
+    tree->generateHashes(std::max(1u, std::thread::hardware_concurrency()));
     queries->endProgress();
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     primaryCache->persist();

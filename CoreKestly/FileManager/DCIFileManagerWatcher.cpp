@@ -88,7 +88,7 @@ void DCIFileManager::threadMain(const std::string& rootPath, uint64_t generation
     }
     // The stream starts before the first scan, so that changes made during it are noticed.
     auto stream = std::make_unique<DCIFSEventStream>(
-        rootPath, [this] { signalFileManagerThread(true); },
+        rootPath, [this](DCIFSEventBatch) { signalFileManagerThread(true); },
         [](const std::string& problem) { DCLogError("%@", problem); }, options);
     stream->start();
 

@@ -1,5 +1,6 @@
 #include "CoreKestly/Platform/DCIFSEventStream.h"
 
+#include "CoreKestly/Platform/DCIFSFolderTableInternal.h"
 #include "CoreKestly/Platform/DCIFileDescriptor.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 #include "CoreKestly/Platform/KestlyPath.h"
@@ -12,36 +13,38 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <map>
-#include <set>
 #include <mutex>
+#include <optional>
 #include <thread>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 namespace {
 
+using Identity = DCIFSFolderTable::Identity;
+using Folder = DCIFSFolderTable::Folder;
+
 constexpr uint32_t kFolderEvents = IN_CREATE | IN_DELETE | IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_MOVED_FROM |
                                    IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR | IN_EXCL_UNLINK |
                                    IN_MASK_ADD;
-// The parent is watched only for what happens to the root's own entry, and to the parent
-// itself, whose removal or rename takes the root along.
-constexpr uint32_t kParentEvents = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF |
-                                   IN_ONLYDIR | IN_MASK_ADD;
+// The parent is watched only for what happens to the root's own entry (its attributes too, for a
+// root that was unreadable), and to the parent itself, whose removal or rename takes the root along.
+constexpr uint32_t kParentEvents = IN_CREATE | IN_DELETE | IN_ATTRIB | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF |
+                                   IN_MOVE_SELF | IN_ONLYDIR | IN_MASK_ADD;
 
-std::string kernelWatchLimit() {
-    std::ifstream limit("/proc/sys/fs/inotify/max_user_watches");
-    std::string value;
-    return limit >> value ? value : "unknown";
-}
+// What `addWatch` answers instead of a watch.
+constexpr int kRefusedByLimit = -1;
+constexpr int kUnwatchable = -2;
 
-bool isFolder(const std::string& path) {
+std::optional<struct stat> folderStatus(const std::string& path) {
     struct stat status;
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    if (stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
+    return status;
 }
+
+bool operator==(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
 
 // The names of the sub-folders of `path`, links to folders included.
 std::vector<std::string> subFolderNames(const std::string& path) {
@@ -52,36 +55,65 @@ std::vector<std::string> subFolderNames(const std::string& path) {
         std::string_view name = entry->d_name;
         if (name == "." || name == "..") continue;
         bool folder = entry->d_type == DT_DIR;
-        if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) folder = isFolder(path + "/" + entry->d_name);
+        if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) folder = folderStatus(path + "/" + entry->d_name).has_value();
         if (folder) names.emplace_back(name);
     }
     closedir(directory);
     return names;
 }
 
-// The folders below `root`, each directory once however many links lead to it; the count
-// stops at `limit`, so that a huge tree costs a bounded walk for a log line.
-size_t countFolders(const std::string& root, size_t limit) {
-    std::set<std::pair<dev_t, ino_t>> seen;
-    std::vector<std::string> pending{root};
-    while (!pending.empty() && seen.size() < limit) {
-        std::string path = std::move(pending.back());
-        pending.pop_back();
-        struct stat status;
-        if (stat(path.c_str(), &status) != 0 || !seen.emplace(status.st_dev, status.st_ino).second) continue;
-        for (const std::string& name : subFolderNames(path)) pending.push_back(KestlyPath::appendingComponent(path, name));
+std::string inotifyStartFailure(int error) {
+    switch (error) {
+        case EMFILE: return "the user's limit on inotify instances (max_user_instances) or the process's limit on open files is reached";
+        case ENFILE: return "the system's limit on open files is reached";
+        default: return std::strerror(error);
     }
-    return seen.size();
 }
+
+// The folders that changed since the last announcement; past `cap` of them, everything.
+class Gathering {
+public:
+    explicit Gathering(size_t cap) : cap_(cap) {}
+
+    void add(const std::string& folder) {
+        if (everything_) return;
+        folders_.insert(folder);
+        if (folders_.size() > cap_) addEverything();
+    }
+    void addEverything() {
+        everything_ = true;
+        folders_ = {};
+    }
+    void add(Gathering&& other) {
+        if (other.everything_) addEverything();
+        if (!everything_) folders_.merge(other.folders_);
+        if (folders_.size() > cap_) addEverything();
+        other = Gathering(cap_);
+    }
+
+    bool empty() const { return !everything_ && folders_.empty(); }
+
+    DCIFSEventBatch take() {
+        DCIFSEventBatch batch{{folders_.begin(), folders_.end()}, everything_};
+        *this = Gathering(cap_);
+        return batch;
+    }
+
+private:
+    size_t cap_;
+    std::unordered_set<std::string> folders_;
+    bool everything_ = false;
+};
 
 }  // namespace
 
-// Everything below runs on the stream's own thread once `start()` has handed over to it.
+// Everything below runs on the stream's own thread once `start()` has handed over to it, but
+// for `deliver`, which runs on the main loop and shares only `handedOver_`.
 class KESTLY_HIDDEN DCIFSEventStream::Watcher {
 public:
     Watcher(std::string path, Callback callback, ProblemHandler problemHandler, Options options)
         : root_(std::move(path)), callback_(std::move(callback)), problemHandler_(std::move(problemHandler)),
-          options_(options) {}
+          options_(options), handedOver_(options.maximumBatchFolders), gathering_(options.maximumBatchFolders) {}
 
     ~Watcher() {
         if (!thread_.joinable()) return;
@@ -95,21 +127,23 @@ public:
         readyCondition_.wait(lock, [this] { return loop_.load() != nullptr; });
     }
 
-    bool isFallingBack() const { return fallingBack_.load(); }
+    bool isFallingBack() const { return polling_.load(); }
 
 private:
+    enum class Report { nothing, everyFolder };
+
     void run() {
         DCIRunLoop& loop = DCIRunLoop::current();
-        announcer_ = DCIRunLoop::main().addSignalSource(callback_);
+        announcer_ = DCIRunLoop::main().addSignalSource([this] { deliver(); });
         inotify_.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
         if (!inotify_) {
-            fallBack("cannot start inotify (" + std::string(std::strerror(errno)) +
-                     "; the limit is fs.inotify.max_user_instances)");
+            problem_ = inotifyStartFailure(errno);
         } else {
             inotifySource_ = loop.addFileDescriptorSource(inotify_.get(), EPOLLIN, [this](uint32_t) { readEvents(); });
             watchParent();
-            addWatches(root_);
+            watchTree(root_, Report::nothing);
         }
+        settle();
         {
             std::lock_guard lock(readyMutex_);
             loop_.store(&loop);
@@ -117,7 +151,7 @@ private:
         readyCondition_.notify_one();
         loop.run();
         // Sources go before the descriptor they watch.
-        fallbackTimer_.reset();
+        pollTimer_.reset();
         announcementTimer_.reset();
         inotifySource_.reset();
         inotify_.reset();
@@ -131,100 +165,202 @@ private:
         parentWatch_ = inotify_add_watch(inotify_.get(), parent.c_str(), kParentEvents);
     }
 
-    // Watches `path` and every folder below it. Folders already watched are walked too, as
-    // after an overflow new folders may hide below them; each directory is entered once per
-    // walk, so links that loop end it.
-    void addWatches(const std::string& path) {
-        std::unordered_set<int> walked;
-        std::vector<std::string> pending{path};
-        while (!pending.empty() && !fallingBack_) {
+    // Records `top` and every folder below it, each path once, with a watch each or, where a
+    // limit refuses one, polled. Folders already known are walked too, as after an overflow new
+    // folders may hide below them.
+    void watchTree(const std::string& top, Report report) {
+        std::vector<std::string> pending{top};
+        while (!pending.empty()) {
             std::string folder = std::move(pending.back());
             pending.pop_back();
-            if (pathByWatch_.size() >= options_.maximumWatches) {
-                fallBackForWatchLimit("the stream's own limit of " + std::to_string(options_.maximumWatches));
-                return;
-            }
-            const int watch = inotify_add_watch(inotify_.get(), folder.c_str(), kFolderEvents);
-            if (watch < 0) {
-                if (errno == ENOSPC) fallBackForWatchLimit("the limit fs.inotify.max_user_watches = " + kernelWatchLimit());
-                else if (errno == ENOMEM) fallBackForWatchLimit("the kernel's memory for watches");
-                continue;  // gone, not a folder or not readable: nothing to watch
-            }
-            if (!walked.insert(watch).second) continue;
-            pathByWatch_.emplace(watch, folder);  // a folder reached through a link keeps its first path
-            watchByPath_[folder] = watch;
+            if (!addFolder(folder)) continue;
+            if (report == Report::everyFolder) gathering_.add(folder);
             for (const std::string& name : subFolderNames(folder)) pending.push_back(KestlyPath::appendingComponent(folder, name));
         }
     }
 
-    // Drops the watches of `path` and of everything below it. "/a/b 2" sorts between "/a/b" and
-    // "/a/b/c", so the folders below are the range from "/a/b/" up to "/a/b0" ('0' follows '/').
-    void removeWatchesUnder(const std::string& path) {
-        auto removeRange = [&](auto first, auto last) {
-            for (auto entry = first; entry != last;) {
-                inotify_rm_watch(inotify_.get(), entry->second);
-                pathByWatch_.erase(entry->second);
-                entry = watchByPath_.erase(entry);
-            }
-        };
-        const auto exact = watchByPath_.find(path);
-        if (exact != watchByPath_.end()) removeRange(exact, std::next(exact));
-        removeRange(watchByPath_.lower_bound(path + "/"), watchByPath_.lower_bound(path + "0"));
+    // Answers whether `path` is now known, and so worth walking below.
+    bool addFolder(const std::string& path) {
+        const auto status = folderStatus(path);
+        if (!status) return false;
+        const Identity identity = Identity::of(*status);
+        if (const Folder* there = folders_.at(path); there && there->identity != identity) forget(path);
+        if (!folders_.admits(path, identity)) return false;
+        if (const Folder* known = folders_.find(identity); known && known->watch >= 0) {
+            folders_.add(path, identity);
+            return true;
+        }
+        const int watch = addWatch(path);
+        if (watch == kUnwatchable) return false;  // gone, or not readable: an IN_ATTRIB may bring it back
+        Folder& folder = folders_.add(path, identity);
+        folder.changed = status->st_ctim;
+        if (watch >= 0) folders_.setWatch(folder, watch);
+        return true;
     }
 
-    void forgetWatch(int watch) {
-        auto entry = pathByWatch_.find(watch);
-        if (entry == pathByWatch_.end()) return;
-        auto byPath = watchByPath_.find(entry->second);
-        if (byPath != watchByPath_.end() && byPath->second == watch) watchByPath_.erase(byPath);
-        pathByWatch_.erase(entry);
+    // A new watch on `path`, or why there is none.
+    int addWatch(const std::string& path) {
+        if (folders_.watchCount() >= options_.maximumWatches) {
+            return refuse("the stream's own limit of " + std::to_string(options_.maximumWatches) +
+                          " watches (maximumWatches) is reached");
+        }
+        const int watch = inotify_add_watch(inotify_.get(), path.c_str(), kFolderEvents);
+        if (watch >= 0) return watch;
+        switch (errno) {
+            case ENOSPC:
+                return refuse("the user's limit on inotify watches (max_user_watches) is reached, " +
+                              std::to_string(folders_.watchCount()) + " of them held by this stream");
+            case ENOMEM: return refuse("the kernel has no memory for more inotify watches");
+            default: return kUnwatchable;
+        }
+    }
+
+    int refuse(const std::string& limit) {
+        if (problem_.empty()) problem_ = limit;
+        return kRefusedByLimit;
+    }
+
+    // Forgets `path` and what lies below it; watches left with no path go at the end of the
+    // turn, by when the same folders may have been found again under new paths.
+    void forget(const std::string& path) {
+        for (int watch : folders_.forgetUnder(path)) orphanedWatches_.push_back(watch);
+    }
+
+    void removeOrphanedWatches() {
+        for (int watch : orphanedWatches_) {
+            if (watch != parentWatch_ && !folders_.watchedBy(watch)) inotify_rm_watch(inotify_.get(), watch);
+        }
+        orphanedWatches_.clear();
     }
 
     void readEvents() {
         alignas(inotify_event) char buffer[64 * 1024];
-        bool changed = false;
         for (;;) {
             const ssize_t length = read(inotify_.get(), buffer, sizeof buffer);
             if (length <= 0) break;
-            for (ssize_t offset = 0; offset < length && !fallingBack_;) {
+            for (ssize_t offset = 0; offset < length;) {
                 const auto* event = reinterpret_cast<const inotify_event*>(buffer + offset);
                 offset += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
-                changed |= handle(*event);
+                handle(*event);
             }
-            if (fallingBack_) return;
         }
-        if (changed) noteChange();
+        settle();
     }
 
-    // Keeps the watches in step with the folders; answers whether the event is a change to report.
-    bool handle(const inotify_event& event) {
+    void handle(const inotify_event& event) {
         if (event.mask & IN_Q_OVERFLOW) {
-            // Folders made while events were lost have no watch yet.
-            addWatches(root_);
-            return true;
+            // Events were lost: the reader looks everywhere, and folders made meanwhile get watches.
+            gathering_.addEverything();
+            watchTree(root_, Report::nothing);
+            return;
         }
-        const std::string name = event.len ? event.name : "";
-        auto watched = pathByWatch_.find(event.wd);
-        if (watched == pathByWatch_.end()) {
-            if (event.wd == parentWatch_) {
-                if (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) return true;
-                if (name != rootName_) return false;
-                if (event.mask & (IN_CREATE | IN_MOVED_TO)) addWatches(root_);
-                return true;
-            }
-            if (!(event.mask & IN_IGNORED)) inotify_rm_watch(inotify_.get(), event.wd);  // a folder no longer below the root
-            return false;
+        if (event.wd == parentWatch_) handleParentEvent(event);
+        const Folder* folder = folders_.watchedBy(event.wd);
+        if (!folder) {
+            // A folder no longer below the root.
+            if (event.wd != parentWatch_ && !(event.mask & IN_IGNORED)) inotify_rm_watch(inotify_.get(), event.wd);
+            return;
         }
+        // Copied, as what follows changes the table.
+        const std::vector<std::string> paths(folder->paths.begin(), folder->paths.end());
         if (event.mask & IN_IGNORED) {
-            forgetWatch(event.wd);
-            return true;
+            for (const std::string& path : paths) forget(path);
+            return;
         }
-        if (name.empty()) return true;
-        const std::string path = KestlyPath::appendingComponent(watched->second, name);
-        if (event.mask & IN_MOVED_FROM && event.mask & IN_ISDIR) removeWatchesUnder(path);
-        const bool appeared = event.mask & (IN_CREATE | IN_MOVED_TO);
-        if (appeared && (event.mask & IN_ISDIR || isFolder(path))) addWatches(path);
-        return true;
+        for (const std::string& path : paths) gathering_.add(path);
+        if (event.len == 0) return;
+        for (const std::string& path : paths) handleEntry(KestlyPath::appendingComponent(path, event.name), event.mask);
+    }
+
+    // Keeps the table in step with what happened to the entry `path`.
+    void handleEntry(const std::string& path, uint32_t mask) {
+        const bool appeared = mask & (IN_CREATE | IN_MOVED_TO);
+        if (appeared || mask & (IN_DELETE | IN_MOVED_FROM)) forget(path);  // gone, or replaced
+        const bool mayHaveBecomeReadable = mask & IN_ATTRIB && mask & IN_ISDIR && !folders_.at(path);
+        if (appeared || mayHaveBecomeReadable) watchTree(path, Report::everyFolder);
+    }
+
+    void handleParentEvent(const inotify_event& event) {
+        if (event.mask & IN_IGNORED) {
+            parentWatch_ = -1;
+            return;
+        }
+        const bool parentWent = event.mask & (IN_DELETE_SELF | IN_MOVE_SELF);
+        if (!parentWent && (event.len == 0 || event.name != rootName_)) return;
+        gathering_.add(root_);
+        if (!parentWent) handleEntry(root_, event.mask);
+    }
+
+    // Gives polled folders watches while the limits allow, then looks at each: those whose change
+    // time moved are re-listed, and every one is reported.
+    void poll() {
+        if (!inotify_) {
+            gathering_.addEverything();
+        } else {
+            const std::vector<std::string> paths = folders_.polledPaths();
+            for (const Identity& identity : folders_.polledFolders()) {
+                Folder& folder = *folders_.find(identity);
+                const int watch = addWatch(*folder.paths.begin());
+                if (watch == kRefusedByLimit) break;
+                if (watch >= 0) folders_.setWatch(folder, watch);
+            }
+            for (const std::string& path : paths) {
+                gathering_.add(path);
+                lookAgain(path);
+            }
+        }
+        settle();
+    }
+
+    void lookAgain(const std::string& path) {
+        Folder* folder = folders_.at(path);
+        if (!folder) return;  // forgotten with a folder above it
+        const auto status = folderStatus(path);
+        if (!status || Identity::of(*status) != folder->identity) {
+            forget(path);  // its parent, watched or polled, tells of what replaced it
+            return;
+        }
+        if (status->st_ctim == folder->changed) return;
+        folder->changed = status->st_ctim;
+        const std::vector<std::string> names = subFolderNames(path);
+        const std::unordered_set<std::string> present(names.begin(), names.end());
+        for (const std::string& child : folders_.childPaths(path)) {
+            if (!present.contains(KestlyPath::lastComponent(child))) forget(child);
+        }
+        for (const std::string& name : names) {
+            const std::string child = KestlyPath::appendingComponent(path, name);
+            if (!folders_.at(child)) watchTree(child, Report::everyFolder);
+        }
+    }
+
+    // Ends each turn of the stream's loop: gives back the watches no path needs, reports a
+    // problem the first time there is one, polls while some folders lack a watch, and
+    // announces what was gathered.
+    void settle() {
+        if (inotify_) removeOrphanedWatches();
+        if (!problem_.empty() && !problemReported_) {
+            problemReported_ = true;
+            if (problemHandler_) problemHandler_(problemText());
+        }
+        const bool polling = !inotify_ || folders_.polledCount() > 0;
+        polling_ = polling;
+        if (polling != static_cast<bool>(pollTimer_)) {
+            pollTimer_ = polling ? DCIRunLoop::current().addTimer(options_.fallbackInterval, true, [this] { poll(); })
+                                 : nullptr;
+        }
+        if (!gathering_.empty()) noteChange();
+    }
+
+    std::string problemText() const {
+        char interval[32];
+        std::snprintf(interval, sizeof interval, "%g", std::chrono::duration<double>(options_.fallbackInterval).count());
+        if (!inotify_) {
+            return "File changes: cannot start inotify: " + problem_ + "; looking for changes everywhere every " +
+                   interval + " s instead";
+        }
+        return "File changes: cannot watch the " + std::to_string(folders_.folderCount()) + " folders under " + root_ +
+               ": " + problem_ + "; looking every " + interval + " s for changes in the " +
+               std::to_string(folders_.polledCount()) + " left without a watch";
     }
 
     // The first change after a quiet spell is announced at once, later ones a latency apart.
@@ -244,29 +380,22 @@ private:
 
     void announce() {
         lastAnnouncement_ = DCIRunLoop::Clock::now();
+        {
+            std::lock_guard lock(handOverMutex_);
+            handedOver_.add(std::move(gathering_));
+        }
         announcer_->signal();
     }
 
-    void fallBackForWatchLimit(const std::string& limit) {
-        constexpr size_t kCountLimit = 1'000'000;
-        const size_t folders = countFolders(root_, kCountLimit);
-        fallBack("cannot watch the " + std::string(folders >= kCountLimit ? "more than " : "") + std::to_string(folders) +
-                 " folders under " + root_ + ": " + limit + " is reached");
-    }
-
-    // Gives up inotify for good: the watches go back to the system, and a timer announces.
-    void fallBack(const std::string& why) {
-        fallingBack_ = true;
-        inotifySource_.reset();
-        inotify_.reset();
-        pathByWatch_.clear();
-        watchByPath_.clear();
-        announcementTimer_.reset();
-        const auto seconds = std::chrono::duration<double>(options_.fallbackInterval).count();
-        char interval[32];
-        std::snprintf(interval, sizeof interval, "%g", seconds);
-        if (problemHandler_) problemHandler_("File changes: " + why + "; looking for changes every " + interval + " s instead");
-        fallbackTimer_ = DCIRunLoop::current().addTimer(options_.fallbackInterval, true, [this] { announce(); });
+    // On the main loop.
+    void deliver() {
+        DCIFSEventBatch batch;
+        {
+            std::lock_guard lock(handOverMutex_);
+            if (handedOver_.empty()) return;
+            batch = handedOver_.take();
+        }
+        callback_(std::move(batch));
     }
 
     const std::string root_;
@@ -278,19 +407,24 @@ private:
     std::atomic<DCIRunLoop*> loop_{nullptr};
     std::mutex readyMutex_;
     std::condition_variable readyCondition_;
-    std::atomic<bool> fallingBack_{false};
+    std::atomic<bool> polling_{false};
+    std::mutex handOverMutex_;
+    Gathering handedOver_;  // guarded by handOverMutex_
 
     // The stream thread's own; declared so that each source goes before what it watches.
     std::unique_ptr<DCIRunLoopSource> announcer_;
     DCIFileDescriptor inotify_;
     std::unique_ptr<DCIRunLoopSource> inotifySource_;
     std::unique_ptr<DCIRunLoopSource> announcementTimer_;
-    std::unique_ptr<DCIRunLoopSource> fallbackTimer_;
+    std::unique_ptr<DCIRunLoopSource> pollTimer_;
     DCIRunLoop::Clock::time_point lastAnnouncement_{};
     std::string rootName_;
     int parentWatch_ = -1;
-    std::unordered_map<int, std::string> pathByWatch_;
-    std::map<std::string, int> watchByPath_;
+    DCIFSFolderTable folders_;
+    std::vector<int> orphanedWatches_;
+    Gathering gathering_;
+    std::string problem_;  // the first limit hit, or why inotify is unavailable
+    bool problemReported_ = false;
 };
 
 DCIFSEventStream::DCIFSEventStream(std::string path, Callback callback, ProblemHandler problemHandler, Options options)

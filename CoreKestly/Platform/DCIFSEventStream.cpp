@@ -44,7 +44,7 @@ std::optional<struct stat> folderStatus(const std::string& path) {
     return status;
 }
 
-bool operator==(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+bool sameTime(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
 
 // The names of the sub-folders of `path`, links to folders included.
 std::vector<std::string> subFolderNames(const std::string& path) {
@@ -55,7 +55,9 @@ std::vector<std::string> subFolderNames(const std::string& path) {
         std::string_view name = entry->d_name;
         if (name == "." || name == "..") continue;
         bool folder = entry->d_type == DT_DIR;
-        if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) folder = folderStatus(path + "/" + entry->d_name).has_value();
+        if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) {
+            folder = folderStatus(path + "/" + entry->d_name).has_value();
+        }
         if (folder) names.emplace_back(name);
     }
     closedir(directory);
@@ -64,7 +66,9 @@ std::vector<std::string> subFolderNames(const std::string& path) {
 
 std::string inotifyStartFailure(int error) {
     switch (error) {
-        case EMFILE: return "the user's limit on inotify instances (max_user_instances) or the process's limit on open files is reached";
+        case EMFILE:
+            return "the user's limit on inotify instances (max_user_instances) or the process's limit on open files "
+                   "is reached";
         case ENFILE: return "the system's limit on open files is reached";
         default: return std::strerror(error);
     }
@@ -175,7 +179,9 @@ private:
             pending.pop_back();
             if (!addFolder(folder)) continue;
             if (report == Report::everyFolder) gathering_.add(folder);
-            for (const std::string& name : subFolderNames(folder)) pending.push_back(KestlyPath::appendingComponent(folder, name));
+            for (const std::string& name : subFolderNames(folder)) {
+                pending.push_back(KestlyPath::appendingComponent(folder, name));
+            }
         }
     }
 
@@ -208,12 +214,15 @@ private:
         if (watch >= 0) return watch;
         switch (errno) {
             case ENOSPC:
-                return refuse("the user's limit on inotify watches (max_user_watches) is reached, " +
-                              std::to_string(folders_.watchCount()) + " of them held by this stream");
+                return refuse("the user's limit on inotify watches (max_user_watches, or max_inotify_watches in a "
+                              "user namespace) is reached, " +
+                              std::to_string(watchesHeld()) + " of them held by this stream");
             case ENOMEM: return refuse("the kernel has no memory for more inotify watches");
             default: return kUnwatchable;
         }
     }
+
+    size_t watchesHeld() const { return folders_.watchCount() + (parentWatch_ >= 0 ? 1 : 0); }
 
     int refuse(const std::string& limit) {
         if (problem_.empty()) problem_ = limit;
@@ -320,7 +329,7 @@ private:
             forget(path);  // its parent, watched or polled, tells of what replaced it
             return;
         }
-        if (status->st_ctim == folder->changed) return;
+        if (sameTime(status->st_ctim, folder->changed)) return;
         folder->changed = status->st_ctim;
         const std::vector<std::string> names = subFolderNames(path);
         const std::unordered_set<std::string> present(names.begin(), names.end());
@@ -353,7 +362,8 @@ private:
 
     std::string problemText() const {
         char interval[32];
-        std::snprintf(interval, sizeof interval, "%g", std::chrono::duration<double>(options_.fallbackInterval).count());
+        const double seconds = std::chrono::duration<double>(options_.fallbackInterval).count();
+        std::snprintf(interval, sizeof interval, "%g", seconds);
         if (!inotify_) {
             return "File changes: cannot start inotify: " + problem_ + "; looking for changes everywhere every " +
                    interval + " s instead";

@@ -16,8 +16,8 @@ struct DCIFSEventBatch {
     /// whose attributes changed; a folder whose own attributes changed or which was itself
     /// removed or moved; and each folder that appeared with a watch made for it, with the folders
     /// below it, since what they held before the watch went unseen. A folder reached through
-    /// links is listed under every path it is known by. The reader re-lists each one and looks
-    /// again at its files; it needs to go below one only where it finds a sub-folder new to it.
+    /// links is listed under every path it is known by, up to 64. The reader re-lists each one
+    /// and looks again at its files; it goes below one only where it finds a sub-folder new to it.
     std::vector<std::string> folders;
     /// The stream cannot tell which folders changed (the kernel's queue overflowed, more folders
     /// changed than `maximumBatchFolders`, or inotify is unavailable): the reader looks at the

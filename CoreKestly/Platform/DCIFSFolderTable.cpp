@@ -19,7 +19,8 @@ bool DCIFSFolderTable::admits(const std::string& path, Identity identity) const 
     const auto folder = folders_.find(identity);
     if (folder == folders_.end() || folder->second.paths.contains(path)) return true;
     if (folder->second.paths.size() >= kMaximumPaths) return false;
-    for (std::string above = KestlyPath::deletingLastComponent(path);; above = KestlyPath::deletingLastComponent(above)) {
+    for (std::string above = KestlyPath::deletingLastComponent(path);;
+         above = KestlyPath::deletingLastComponent(above)) {
         const auto known = identityByPath_.find(above);
         if (known == identityByPath_.end()) return true;
         if (known->second == identity) return false;
@@ -60,7 +61,9 @@ std::vector<int> DCIFSFolderTable::forgetUnder(const std::string& path) {
     std::vector<std::string> paths;
     if (identityByPath_.contains(path)) paths.push_back(path);
     const auto last = identityByPath_.lower_bound(pastBelow(path));
-    for (auto entry = identityByPath_.lower_bound(firstBelow(path)); entry != last; ++entry) paths.push_back(entry->first);
+    for (auto entry = identityByPath_.lower_bound(firstBelow(path)); entry != last; ++entry) {
+        paths.push_back(entry->first);
+    }
     std::vector<int> orphanedWatches;
     for (const std::string& gone : paths) forgetPath(gone, orphanedWatches);
     return orphanedWatches;

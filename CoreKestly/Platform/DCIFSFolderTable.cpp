@@ -4,8 +4,9 @@
 
 namespace {
 
-// Every path below `path` sorts from `path` + "/" up to `path` + "0", '0' following '/': "/a/b 2"
-// sorts before "/a/b/c", so the range holds nothing but what lies below.
+// Every path below `path` sorts after `path` + "/" and before `path` + "0", '0' following '/':
+// "/a/b 2" sorts before "/a/b/c", so the range holds nothing but what lies below. Paths have no
+// trailing separator, so only the root "/" is itself at the range's start, and left out.
 std::string firstBelow(const std::string& path) { return path.ends_with('/') ? path : path + "/"; }
 std::string pastBelow(const std::string& path) {
     std::string end = firstBelow(path);
@@ -14,6 +15,11 @@ std::string pastBelow(const std::string& path) {
 }
 
 }  // namespace
+
+std::pair<DCIFSFolderTable::PathIterator, DCIFSFolderTable::PathIterator> DCIFSFolderTable::pathsBelow(
+    const std::string& path) const {
+    return {identityByPath_.upper_bound(firstBelow(path)), identityByPath_.lower_bound(pastBelow(path))};
+}
 
 bool DCIFSFolderTable::admits(const std::string& path, Identity identity) const {
     const auto folder = folders_.find(identity);
@@ -60,10 +66,7 @@ DCIFSFolderTable::Folder* DCIFSFolderTable::watchedBy(int watch) {
 std::vector<int> DCIFSFolderTable::forgetUnder(const std::string& path) {
     std::vector<std::string> paths;
     if (identityByPath_.contains(path)) paths.push_back(path);
-    const auto last = identityByPath_.lower_bound(pastBelow(path));
-    for (auto entry = identityByPath_.lower_bound(firstBelow(path)); entry != last; ++entry) {
-        paths.push_back(entry->first);
-    }
+    for (auto [entry, last] = pathsBelow(path); entry != last; ++entry) paths.push_back(entry->first);
     std::vector<int> orphanedWatches;
     for (const std::string& gone : paths) forgetPath(gone, orphanedWatches);
     return orphanedWatches;
@@ -86,15 +89,14 @@ void DCIFSFolderTable::forgetPath(const std::string& path, std::vector<int>& orp
 
 std::vector<std::string> DCIFSFolderTable::childPaths(const std::string& path) const {
     std::vector<std::string> children;
-    const std::string prefix = firstBelow(path);
-    const auto last = identityByPath_.lower_bound(pastBelow(path));
-    for (auto entry = identityByPath_.lower_bound(prefix); entry != last;) {
-        const size_t slash = entry->first.find('/', prefix.size());
+    const size_t prefixLength = firstBelow(path).size();
+    for (auto [entry, last] = pathsBelow(path); entry != last;) {
+        const size_t slash = entry->first.find('/', prefixLength);
         if (slash == std::string::npos) {
             children.push_back((entry++)->first);
         } else {
             // A grandchild: skip the rest of its branch.
-            entry = identityByPath_.lower_bound(pastBelow(entry->first.substr(0, slash)));
+            entry = pathsBelow(entry->first.substr(0, slash)).second;
         }
     }
     return children;

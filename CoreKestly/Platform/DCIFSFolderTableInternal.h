@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 /// The folders the event stream knows below its root: each directory once, by device and inode,
@@ -62,6 +63,9 @@ public:
     size_t polledCount() const { return polled_.size(); }
 
 private:
+    using PathIterator = std::map<std::string, Identity>::const_iterator;
+
+    std::pair<PathIterator, PathIterator> pathsBelow(const std::string& path) const;
     void forgetPath(const std::string& path, std::vector<int>& orphanedWatches);
 
     std::map<Identity, Folder> folders_;

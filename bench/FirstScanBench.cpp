@@ -17,7 +17,9 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -42,8 +44,12 @@ std::vector<std::string> makeRoot(const fs::path& root, int count, size_t size) 
         fs::create_directories(path.parent_path());
         std::ofstream file(path, std::ios::binary);
         for (size_t written = 0; written < size; written += block.size()) {
-            for (auto& byte : block) byte = static_cast<char>(random());
-            file.write(block.data(), static_cast<std::streamsize>(std::min(block.size(), size - written)));
+            const size_t length = std::min(block.size(), size - written);
+            for (size_t at = 0; at < length; at += 8) {
+                const uint64_t bits = random();
+                std::memcpy(block.data() + at, &bits, std::min<size_t>(8, length - at));
+            }
+            file.write(block.data(), static_cast<std::streamsize>(length));
         }
         paths.push_back(path.string());
     }

@@ -148,12 +148,26 @@ void DCIFileManager::stop() {
 }
 
 void DCIFileManager::signalFileManagerThread(bool fromFSEvent) {
+    // A notification that names no folder may concern any of them.
+    DCIFSEventBatch everything;
+    everything.everything = true;
+    handOver(fromFSEvent ? &everything : nullptr);
+}
+
+void DCIFileManager::handOver(DCIFSEventBatch* changes) {
     {
         std::lock_guard lock(SyncronizeMutex);
-        if (fromFSEvent) {
+        if (changes) {
             latestFSEvent_ = std::chrono::steady_clock::now();
             latestFSEventTime_ = DCIAbsoluteTimeGetCurrent();
             haveFSEvents_ = true;
+            // Past a bound, the folders a burst touched are not worth their memory: the pass
+            // looks at the whole tree.
+            everythingChanged_ = everythingChanged_ || changes->everything ||
+                                 changedFolders_.size() + changes->folders.size() > kMostChangedFolders;
+            if (everythingChanged_) changedFolders_.clear();
+            else changedFolders_.insert(changedFolders_.end(), std::make_move_iterator(changes->folders.begin()),
+                                        std::make_move_iterator(changes->folders.end()));
         }
         haveEvents_ = true;
     }

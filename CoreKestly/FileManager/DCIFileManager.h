@@ -133,6 +133,9 @@ public:
     /// How many threads hash the files a scan finds; one per core unless set. One thread keeps
     /// a first scan of a large library from taking every core.
     void setHashingThreads(unsigned threads) { hashingThreads_ = std::max(1u, threads); }
+    /// Whether every pass scans the whole root, rather than the folders the event stream says
+    /// changed: the same events at a cost that grows with the root. For tests and debugging.
+    void setFullPasses(bool fullPasses) { fullPasses_ = fullPasses; }
 
     /// The settings of the file-system event streams of the runs started from now on.
     void setFSEventStreamOptions(const DCIFSEventStream::Options& options);
@@ -231,6 +234,10 @@ private:
     /// run was stopped meanwhile, which then announces no readiness.
     bool buildFirstTree(uint64_t generation, const std::string& rootPath);
     void watchUntilStopped(uint64_t generation);
+    /// Wakes the watcher with the stream's `changes`, or only wakes it for nullptr.
+    void handOver(DCIFSEventBatch* changes);
+    /// The folders the stream named since the last pass, and whether it named everything.
+    DCIFSEventBatch takeChanges();
     bool rootExists() const;
     std::shared_ptr<DCIFolderObject> buildTree(const std::string& rootPath);
     /// Builds and hashes a tree of `rootPath` without holding the tree lock, then installs it
@@ -243,9 +250,27 @@ private:
     void rememberUnhashable(const std::string& path);
 
     // Change detection (DCIFileManagerChanges.cpp).
-    /// One pass. With `unsettledAfter`, a pass that could wait no longer for quiet: a file
-    /// modified after that moment is still being written, and left as the old tree had it.
-    void lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter);
+    /// One pass over the folders that `changes` names, or over the whole tree. With
+    /// `unsettledAfter`, a pass that could wait no longer for quiet: a file modified after that
+    /// moment is still being written, and left as the old tree had it.
+    void lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter, const DCIFSEventBatch& changes);
+    /// What a pass found, as a whole scan would: the files gone or changed (their old objects)
+    /// and the files new or changed (their new ones), the topmost folders removed and added,
+    /// in path order. Files present and unchanged in both trees may be in both sets or in neither.
+    struct TreeChanges {
+        DCIFileSet oldFiles, newFiles;
+        std::vector<std::shared_ptr<DCIFolderObject>> removedFolders, addedFolders;
+    };
+    /// Lists the folders at `paths` again in the tree `root`, in place and under the tree lock,
+    /// and tells what changed; false, with nothing changed, when only a whole scan can tell.
+    bool relistChangedFolders(const std::shared_ptr<DCIFolderObject>& root, const std::vector<std::string>& paths,
+                              TreeChanges& changes);
+    /// The changes between two listings of one folder, and of the folders of the same name in them.
+    static void compareListings(const DCIFileDictionary& oldFiles, const DCIFileDictionary& newFiles,
+                                const DCIFolderDictionary& oldFolders, const DCIFolderDictionary& newFolders,
+                                TreeChanges& changes);
+    /// Posts the events of `changes` and keeps the caches to the files of the tree.
+    void reportChanges(TreeChanges changes, std::optional<DCIDate> unsettledAfter);
     /// A file of `newFiles` changed after `unsettledAfter` is still being written: it takes
     /// back its old hash, or leaves the new tree when it is new, so that it is told once settled.
     static void leaveUnsettledFilesAsTheyWere(DCIFileSet& newFiles, const DCIFileSet& oldFiles,
@@ -263,8 +288,9 @@ private:
                           const std::optional<class DCIError>& error, const std::string& updatedPath);
     /// The tree after the item at `from` moved to `to`: their records move in the caches.
     void updateTreeForMove(const std::string& from, const std::string& to);
-    /// `updateRootFolderForItemAtPath` on the tree `root`, under the tree lock.
-    static void syncEntryAtPath(const std::shared_ptr<DCIFolderObject>& root, const std::string& path);
+    /// `updateRootFolderForItemAtPath` on the tree `root`, under the tree lock; false when it
+    /// left folders unlisted or met links to folders, which only a whole scan settles.
+    static bool syncEntryAtPath(const std::shared_ptr<DCIFolderObject>& root, const std::string& path);
 
     std::atomic<bool> started_{false};
     std::atomic<uint64_t> generation_{0};  // of the latest start; a run whose number is older is over
@@ -274,6 +300,8 @@ private:
     const std::shared_ptr<DCIActionQueue> fileActionQueue_;
     DCIAtomicSharedPtr<DCISampleFinder> sampleFinder_;
     std::atomic<double> latestFSEventTime_{0};
+    std::atomic<bool> fullPasses_{false};
+    std::atomic<bool> needsFullPass_{false};  // an operation left the tree short of what a scan would list
     std::atomic<unsigned> hashingThreads_{std::max(1u, std::thread::hardware_concurrency())};
 
     std::mutex kindsMutex_;  // serialises changes of the lists and caches behind `queries_`
@@ -288,6 +316,9 @@ private:
     std::condition_variable SyncronizeCondition;
     bool haveEvents_ = false;    // guarded by SyncronizeMutex
     bool haveFSEvents_ = false;  // guarded by SyncronizeMutex
+    static constexpr size_t kMostChangedFolders = 10'000;
+    std::vector<std::string> changedFolders_;  // guarded by SyncronizeMutex; may repeat a folder
+    bool everythingChanged_ = false;        // guarded by SyncronizeMutex
     std::chrono::steady_clock::time_point latestFSEvent_;  // guarded by SyncronizeMutex
 
     std::mutex runStateMutex_;  // makes starting, stopping and ending a run each one step

@@ -12,6 +12,7 @@
 #include "CoreKestly/Platform/KestlyPath.h"
 
 #include <algorithm>
+#include <set>
 #include <tuple>
 #include <unordered_map>
 #include <unordered_set>
@@ -125,17 +126,89 @@ void eraseFilesWithHashes(DCIFileSet& files, const DCIFileSet& candidates, const
 
 }  // namespace
 
-void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter) {
+void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter,
+                                    const DCIFSEventBatch& changes) {
     const auto oldRoot = rootFolder();
     if (!oldRoot) return;
-    const auto newRoot = scanAndInstall(oldRoot->absolutePath(), generation);
-    if (!newRoot) return;
-    // Gathered only now, so that the operations made during the scan, which it applied to the
-    // new tree too, are in both.
-    const DCIFolderSet oldFolders = oldRoot->gatherFolders();
-    DCIFileSet oldFiles = oldRoot->gatherFiles();
-    const DCIFolderSet newFolders = newRoot->gatherFolders();
-    DCIFileSet newFiles = newRoot->gatherFiles();
+    TreeChanges treeChanges;
+    const bool wholeTree = changes.everything || fullPasses_.load() || needsFullPass_.exchange(false) ||
+                           oldRoot->metFolderLinks();
+    if (wholeTree || !relistChangedFolders(oldRoot, changes.folders, treeChanges)) {
+        const auto newRoot = scanAndInstall(oldRoot->absolutePath(), generation);
+        if (!newRoot) return;
+        // Gathered only now, so that the operations made during the scan, which it applied to
+        // the new tree too, are in both.
+        const DCIFolderSet oldFolders = oldRoot->gatherFolders(), newFolders = newRoot->gatherFolders();
+        treeChanges = {oldRoot->gatherFiles(), newRoot->gatherFiles(), inPathOrder(folderSetFromSet(oldFolders, newFolders)),
+                       inPathOrder(folderSetFromSet(newFolders, oldFolders))};
+    }
+    reportChanges(std::move(treeChanges), unsettledAfter);
+}
+
+bool DCIFileManager::relistChangedFolders(const std::shared_ptr<DCIFolderObject>& root,
+                                          const std::vector<std::string>& paths, TreeChanges& changes) {
+    std::lock_guard lock(treeLock_);
+    if (rootFolder() != root) return false;
+    // Each folder once, outermost first; a path the tree does not know is looked at from the
+    // nearest folder above it that it knows.
+    std::set<std::string> known;
+    for (const auto& changed : paths) {
+        std::string path = KestlyPath::standardize(changed);
+        if (!KestlyPath::isSameOrBelow(path, root->absolutePath())) continue;
+        while (path != root->absolutePath() && !folderWithPath(path)) path = KestlyPath::deletingLastComponent(path);
+        known.insert(std::move(path));
+    }
+    std::vector<std::pair<std::shared_ptr<DCIFolderObject>, DCIFolderRelisting>> relistings;
+    for (const auto& path : known) {
+        const auto folder = folderWithPath(path);
+        auto relisting = folder->relist();
+        // Links decide which path lists a folder only over a whole walk.
+        if (relisting.metFolderLinks) return false;
+        relistings.emplace_back(folder, std::move(relisting));
+    }
+    for (const auto& [folder, relisting] : relistings) {
+        // A folder that a relisting above it built anew was listed whole there.
+        if (folderWithPath(folder->absolutePath()) != folder || !folder->commit(relisting)) continue;
+        compareListings(*relisting.oldFiles, *relisting.newFiles, *relisting.oldSubFolders, *relisting.newSubFolders, changes);
+    }
+    std::ranges::sort(changes.removedFolders, {}, [](const auto& folder) { return folder->absolutePath(); });
+    std::ranges::sort(changes.addedFolders, {}, [](const auto& folder) { return folder->absolutePath(); });
+    return true;
+}
+
+void DCIFileManager::compareListings(const DCIFileDictionary& oldFiles, const DCIFileDictionary& newFiles,
+                                     const DCIFolderDictionary& oldFolders, const DCIFolderDictionary& newFolders,
+                                     TreeChanges& changes) {
+    for (const auto& [name, old] : oldFiles) {
+        const auto current = newFiles.find(name);
+        if (current != newFiles.end() && (current->second == old || current->second->fileHash() == old->fileHash())) continue;
+        changes.oldFiles.insert(old);
+        if (current != newFiles.end()) changes.newFiles.insert(current->second);
+    }
+    for (const auto& [name, file] : newFiles) {
+        if (!oldFiles.contains(name)) changes.newFiles.insert(file);
+    }
+    for (const auto& [name, old] : oldFolders) {
+        const auto current = newFolders.find(name);
+        if (current == newFolders.end()) {
+            changes.removedFolders.push_back(old);
+            changes.oldFiles.merge(old->gatherFiles());
+        } else if (current->second != old) {
+            // Another folder under the same name: the same folder to a whole scan, judged entry by entry.
+            compareListings(*old->files(), *current->second->files(), *old->subFolders(), *current->second->subFolders(),
+                            changes);
+        }
+    }
+    for (const auto& [name, folder] : newFolders) {
+        if (oldFolders.contains(name)) continue;
+        changes.addedFolders.push_back(folder);
+        changes.newFiles.merge(folder->gatherFiles());
+    }
+}
+
+void DCIFileManager::reportChanges(TreeChanges changes, std::optional<DCIDate> unsettledAfter) {
+    DCIFileSet& oldFiles = changes.oldFiles;
+    DCIFileSet& newFiles = changes.newFiles;
     if (unsettledAfter) leaveUnsettledFilesAsTheyWere(newFiles, oldFiles, *unsettledAfter);
 
     // The caches keep records for the files of the tree only.
@@ -144,8 +217,8 @@ void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> 
         if (!newFiles.contains(file)) currentQueries->forgetFile(file->absolutePath());
     }
 
-    const auto removed = inPathOrder(folderSetFromSet(oldFolders, newFolders));
-    const auto added = inPathOrder(folderSetFromSet(newFolders, oldFolders));
+    const auto& removed = changes.removedFolders;
+    const auto& added = changes.addedFolders;
     const auto movedFrom = pairMovedFolders(removed, added);
     for (const auto& top : added) {
         const bool topMoved = movedFrom.contains(top.get());

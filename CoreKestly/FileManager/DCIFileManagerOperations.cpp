@@ -158,7 +158,8 @@ void DCIFileManager::updateRootFolderForItemAtPath(const std::string& path) {
     if (!started()) return;
     std::lock_guard lock(treeLock_);
     if (journaling_) journal_.push_back(path);
-    if (const auto root = rootFolder()) syncEntryAtPath(root, path);
+    // A folder added unlisted, or links to folders, leave what only a whole scan can settle.
+    if (const auto root = rootFolder(); root && !syncEntryAtPath(root, path)) needsFullPass_ = true;
 }
 
 void DCIFileManager::updateTreeForMove(const std::string& from, const std::string& to) {
@@ -177,14 +178,26 @@ void DCIFileManager::updateTreeForMove(const std::string& from, const std::strin
     updateRootFolderForItemAtPath(destination);
 }
 
-void DCIFileManager::syncEntryAtPath(const std::shared_ptr<DCIFolderObject>& root, const std::string& path) {
+bool DCIFileManager::syncEntryAtPath(const std::shared_ptr<DCIFolderObject>& root, const std::string& path) {
     const std::string standardized = KestlyPath::standardize(path);
-    if (!KestlyPath::isSameOrBelow(standardized, root->absolutePath()) || standardized == root->absolutePath()) return;
+    if (!KestlyPath::isSameOrBelow(standardized, root->absolutePath()) || standardized == root->absolutePath()) return true;
     const auto components = KestlyPath::components(standardized.substr(root->absolutePath().size()));
+    bool complete = true;
     auto folder = root;
     for (size_t next = 0; folder && next < components.size(); ++next) {
-        if (components[next] == "/") continue;
-        if (next + 1 == components.size()) folder->replaceItemAtSubPath(components[next]);
-        else folder = folder->subFolderMadeByOperation(components[next]);
+        const std::string& name = components[next];
+        if (name == "/") continue;
+        if (next + 1 < components.size()) {
+            complete = complete && folder->subFolders()->contains(name);
+            folder = folder->subFolderMadeByOperation(name);
+            continue;
+        }
+        folder->replaceItemAtSubPath(name);
+        const auto subFolders = folder->subFolders();
+        const auto made = subFolders->find(name);
+        struct stat status;
+        const bool isLink = lstat(standardized.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+        complete = complete && (made == subFolders->end() || (!isLink && !made->second->metFolderLinks()));
     }
+    return complete;
 }

@@ -48,6 +48,14 @@ void DCIFileManager::runEnded(Runs& runs) {
     runs.ended.notify_all();
 }
 
+DCIFSEventBatch DCIFileManager::takeChanges() {
+    std::lock_guard lock(SyncronizeMutex);
+    DCIFSEventBatch changes;
+    changes.everything = std::exchange(everythingChanged_, false);
+    changes.folders.swap(changedFolders_);
+    return changes;
+}
+
 bool DCIFileManager::rootExists() const {
     const auto root = rootFolder();
     struct stat status;
@@ -79,6 +87,8 @@ void DCIFileManager::threadMain(const std::string& rootPath, uint64_t generation
         std::lock_guard lock(SyncronizeMutex);
         haveEvents_ = true;
         haveFSEvents_ = false;
+        everythingChanged_ = false;
+        changedFolders_.clear();
     }
     pointSampleFinderAt(rootPath);
     DCIFSEventStream::Options options;
@@ -88,7 +98,7 @@ void DCIFileManager::threadMain(const std::string& rootPath, uint64_t generation
     }
     // The stream starts before the first scan, so that changes made during it are noticed.
     auto stream = std::make_unique<DCIFSEventStream>(
-        rootPath, [this](DCIFSEventBatch) { signalFileManagerThread(true); },
+        rootPath, [this](DCIFSEventBatch changes) { handOver(&changes); },
         [](const std::string& problem) { DCLogError("%@", problem); }, options);
     stream->start();
 
@@ -152,7 +162,9 @@ std::shared_ptr<DCIFolderObject> DCIFileManager::scanAndInstall(const std::strin
     if (!tree || !tree->exists() || !runIsCurrent(generation)) return nullptr;
     // An operation that ran during the scan changed the tree being replaced; the scan may
     // have seen its folder before or after it, so the same change is made to the new tree.
-    for (const auto& path : journal) syncEntryAtPath(tree, path);
+    for (const auto& path : journal) {
+        if (!syncEntryAtPath(tree, path)) needsFullPass_ = true;
+    }
     rootFolder_.store(tree);
     return tree;
 }
@@ -187,14 +199,15 @@ void DCIFileManager::watchUntilStopped(uint64_t generation) {
         if (pending) {
             const auto now = std::chrono::steady_clock::now();
             if (now - kQuietPeriod > latest) {
-                lookForChanges(generation, std::nullopt);
+                lookForChanges(generation, std::nullopt, takeChanges());
                 pending = false;
             } else if (now - pendingSince >= kLongestPostponement) {
                 // Changes that never go quiet must not hide every other change: what is still
                 // being written waits, the rest is told now.
                 const double quiet = std::chrono::duration<double>(kQuietPeriod).count();
                 lookForChanges(generation,
-                               DCIDate::dateWithTimeIntervalSince1970(DCIDate::now().timeIntervalSince1970() - quiet));
+                               DCIDate::dateWithTimeIntervalSince1970(DCIDate::now().timeIntervalSince1970() - quiet),
+                               takeChanges());
                 pendingSince = now;
             }
         }

@@ -79,6 +79,7 @@ void DCIFolderObject::buildSubtree() {
     Walk walk = walkFromHere();
     list(walk);
     finish(walk);
+    metFolderLinks_ = walk.metFolderLinks;
 }
 
 void DCIFolderObject::buildFileAndFolderList() { buildSubtree(); }
@@ -96,6 +97,7 @@ void DCIFolderObject::list(Walk& walk) {
         const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, entry.name);
         if (entry.folderIdentity) {
             std::shared_ptr<DCIFolderObject> folder(new DCIFolderObject(fullPath, self, fileQueries_, entry.folderIdentity));
+            walk.metFolderLinks = walk.metFolderLinks || entry.isLink;
             if (entry.isLink) walk.throughLinks.push_back(folder);
             else folder->list(walk);
             subFolders.emplace(entry.name, std::move(folder));
@@ -291,6 +293,50 @@ std::shared_ptr<DCIFolderObject> DCIFolderObject::subFolderMadeByOperation(const
         new DCIFolderObject(fullPath, shared_from_this(), fileQueries_, DirectoryIdentity{status.st_dev, status.st_ino}));
     subFolders_.store(replacingEntry(*currentSubFolders, name, folder));
     return folder;
+}
+
+DCIFolderRelisting DCIFolderObject::relist() const {
+    DCIFolderRelisting relisting{files(), nullptr, subFolders(), nullptr};
+    DCIFileDictionary files;
+    DCIFolderDictionary subFolders;
+    const auto self = std::const_pointer_cast<DCIFolderObject>(shared_from_this());
+    const auto queries = fileQueries_.lock();
+    for (const auto& entry : listEntries()) {
+        const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, entry.name);
+        if (entry.folderIdentity) {
+            relisting.metFolderLinks = relisting.metFolderLinks || entry.isLink;
+            const auto known = relisting.oldSubFolders->find(entry.name);
+            if (known != relisting.oldSubFolders->end() && known->second->identity_ == entry.folderIdentity) {
+                subFolders.emplace(entry.name, known->second);
+            } else if (auto folder = makeFolder(fullPath, self, fileQueries_, entry.folderIdentity)) {
+                folder->generateHashes();
+                relisting.metFolderLinks = relisting.metFolderLinks || folder->metFolderLinks();
+                subFolders.emplace(entry.name, std::move(folder));
+            }
+            continue;
+        }
+        if (!queries || !queries->isFileOfInterest(fullPath)) continue;
+        const auto identifiers = queries->identifiersForFileAtPath(fullPath);
+        if (!identifiers.sha) continue;
+        const auto known = relisting.oldFiles->find(entry.name);
+        if (known != relisting.oldFiles->end() && known->second->fileHash() == identifiers.sha) {
+            files.emplace(entry.name, known->second);
+        } else if (auto file = DCIFileObject::initWithFileName(entry.name, self)) {
+            file->setFileHash(identifiers.sha);
+            file->setSasID(identifiers.sasID);
+            files.emplace(entry.name, std::move(file));
+        }
+    }
+    relisting.newFiles = std::make_shared<const DCIFileDictionary>(std::move(files));
+    relisting.newSubFolders = std::make_shared<const DCIFolderDictionary>(std::move(subFolders));
+    return relisting;
+}
+
+bool DCIFolderObject::commit(const DCIFolderRelisting& relisting) {
+    if (files() != relisting.oldFiles || subFolders() != relisting.oldSubFolders) return false;
+    files_.store(relisting.newFiles);
+    subFolders_.store(relisting.newSubFolders);
+    return true;
 }
 
 bool DCIFolderObject::removeFile(const std::string& name) {

@@ -27,6 +27,15 @@ using DCIFolderDictionary = std::map<std::string, std::shared_ptr<DCIFolderObjec
 /// A snapshot of folders, one member per absolute path.
 using DCIFolderSet = std::unordered_set<std::shared_ptr<DCIFolderObject>, DCIIdentityHash, DCIIdentityEqual>;
 
+/// A folder listed again, not yet stored: its dictionaries as they were and as the disk has
+/// them now. Entries that did not change keep their objects.
+struct DCIFolderRelisting {
+    std::shared_ptr<const DCIFileDictionary> oldFiles, newFiles;
+    std::shared_ptr<const DCIFolderDictionary> oldSubFolders, newSubFolders;
+    /// A link to a folder was met: which path lists a folder is decided by a whole walk only.
+    bool metFolderLinks = false;
+};
+
 /// One folder of the watched tree. Made for a path, it scans its directory at once and builds
 /// its whole subtree: a sub-folder for every entry that is a folder or a link to one (hidden
 /// ones too), a `DCIFileObject` for every regular file (or link to one) that the tree's
@@ -92,6 +101,18 @@ public:
     /// Takes the file `name` out of the tree; true when it was there.
     bool removeFile(const std::string& name);
 
+    /// Lists the folder again, for a pass that looks at changed folders only: a file of interest
+    /// whose hash through the queries is unchanged, and a sub-folder that is still the same
+    /// directory, keep their objects; a new or changed file gets a new, hashed object (a file
+    /// that cannot be hashed is left out); a new sub-folder is built with its subtree and
+    /// hashed. Nothing is stored: see `commit`.
+    DCIFolderRelisting relist() const;
+    /// Stores a relisting's dictionaries, unless the folder's own changed since it was made
+    /// (an operation's tree update): false then, and nothing is stored.
+    bool commit(const DCIFolderRelisting& relisting);
+    /// Whether the build of this folder's subtree met a link to a folder.
+    bool metFolderLinks() const { return metFolderLinks_.load(); }
+
     /// Every file object in the subtree.
     DCIFileSet gatherFiles() const;
     /// Every folder below this one, this one excluded.
@@ -146,6 +167,7 @@ private:
     struct Walk {
         std::unordered_set<DirectoryIdentity, DirectoryIdentityHash> listed;
         std::vector<std::shared_ptr<DCIFolderObject>> throughLinks;
+        bool metFolderLinks = false;
     };
 
     DCIFolderObject(const std::string& path, const std::shared_ptr<DCIFolderObject>& parent,
@@ -185,4 +207,5 @@ private:
     const uint64_t pathHash_;
     DCIAtomicSharedPtr<const DCIFileDictionary> files_;
     DCIAtomicSharedPtr<const DCIFolderDictionary> subFolders_;
+    std::atomic<bool> metFolderLinks_{false};
 };

@@ -42,6 +42,7 @@ struct WatchOptions {
     DCIFileKinds kinds;
     CachePaths caches;
     bool json = false;
+    bool fullPasses = false;
 };
 
 // Longer command lines are refused, so that endless input without a newline stays bounded.
@@ -337,6 +338,7 @@ int watch(const WatchOptions& options) {
     if (const int status = completeCachePaths(caches); status != 0) return status;
 
     const auto manager = DCIFileManager::init();
+    manager->setFullPasses(options.fullPasses);
     DCIFileKinds kinds = options.kinds;
     if (kinds.primaryExtensions.empty() && kinds.primaryFilenames.empty() && kinds.secondaryExtensions.empty()) {
         kinds = {{"als"}, {}, {"wav", "aif", "aiff", "flac", "mp3", "ogg", "m4a"}};
@@ -392,5 +394,7 @@ KestlyCommand addWatchCommand(CLI::App& app) {
     command->add_option("--secondary-cache", options->caches.secondary,
                         "Cache file of secondary files [$XDG_CACHE_HOME/kestly/secondary.sqlite]");
     command->add_flag("--json", options->json, "Print one JSON object per event");
+    command->add_flag("--full-passes", options->fullPasses,
+                      "Look at the whole folder after each change, not only at the folders that changed (for debugging)");
     return {command, [options] { return watch(*options); }};
 }

@@ -196,30 +196,35 @@ std::optional<std::string> DCIFileManager::SasIDForFileAtPath(const std::string&
 }
 
 DCIFileIdentifiers DCIFileManager::identifiersForFileAtPath(const std::string& path) {
+    const auto stamp = DCIFileStamp::ofFile(path);
+    return stamp ? identifiersForFile(path, *stamp) : DCIFileIdentifiers{};
+}
+
+DCIFileIdentifiers DCIFileManager::identifiersForFile(const std::string& path, const DCIFileStamp& stamp) {
     // A stopped run's scan ends at once instead of asking after every remaining file.
     const uint64_t run = activeRun_.load();
     if (run != 0 && !runIsCurrent(run)) return {};
-    if (knownUnhashable(path)) return {};
-    auto identifiers = queries()->identifiersForFileAtPath(path);
-    if (!identifiers.sha && (run == 0 || runIsCurrent(run))) rememberUnhashable(path);
+    if (knownUnhashable(path, stamp)) return {};
+    auto identifiers = queries()->identifiersForFile(path, stamp);
+    if (!identifiers.sha && (run == 0 || runIsCurrent(run))) rememberUnhashable(path, stamp);
     return identifiers;
 }
 
-bool DCIFileManager::knownUnhashable(const std::string& path) {
+bool DCIFileManager::knownUnhashable(const std::string& path, const DCIFileStamp& stamp) {
     std::lock_guard lock(unhashableMutex_);
     if (unhashable_.empty()) return false;
     const auto known = unhashable_.find(path);
     if (known == unhashable_.end()) return false;
-    if (DCIFileStamp::ofFile(path) == known->second) return true;
+    if (stamp == known->second) return true;
     unhashable_.erase(known);
     return false;
 }
 
-void DCIFileManager::rememberUnhashable(const std::string& path) {
-    const auto stamp = DCIFileStamp::ofFile(path);
-    if (!stamp) return;  // vanished: nothing to try again
+void DCIFileManager::rememberUnhashable(const std::string& path, const DCIFileStamp& stamp) {
+    // A file that vanished meanwhile is no file to try again.
+    if (DCIFileStamp::ofFile(path) != stamp) return;
     std::lock_guard lock(unhashableMutex_);
-    unhashable_.insert_or_assign(path, *stamp);
+    unhashable_.insert_or_assign(path, stamp);
 }
 
 std::optional<std::string> DCIFileManager::pathForSampleWithName(const std::optional<std::string>& name,

@@ -199,6 +199,7 @@ public:
     std::optional<std::string> SHAForFileAtPath(const std::string& path) override;
     std::optional<std::string> SasIDForFileAtPath(const std::string& path) override;
     DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override;
+    DCIFileIdentifiers identifiersForFile(const std::string& path, const DCIFileStamp& stamp) override;
     /// True during a run's first scan: a start clears away what interrupted copies left.
     bool removesAbandonedStagingItems() override { return firstScanUnderWay_.load(); }
 
@@ -246,8 +247,8 @@ private:
     std::shared_ptr<DCIFolderObject> scanAndInstall(const std::string& rootPath, uint64_t generation);
     /// Whether the file at `path` failed to hash and has not changed since; a file that has
     /// is forgotten as such.
-    bool knownUnhashable(const std::string& path);
-    void rememberUnhashable(const std::string& path);
+    bool knownUnhashable(const std::string& path, const DCIFileStamp& stamp);
+    void rememberUnhashable(const std::string& path, const DCIFileStamp& stamp);
 
     // Change detection (DCIFileManagerChanges.cpp).
     /// One pass over the folders that `changes` names, or over the whole tree. With

@@ -80,8 +80,13 @@ std::optional<std::string> DCICachedFileQueries::SasIDForFileAtPath(const std::s
 }
 
 DCIFileIdentifiers DCICachedFileQueries::identifiersForFileAtPath(const std::string& path) {
+    const auto stamp = DCIFileStamp::ofFile(path);
+    return stamp ? identifiersForFile(path, *stamp) : DCIFileIdentifiers{};
+}
+
+DCIFileIdentifiers DCICachedFileQueries::identifiersForFile(const std::string& path, const DCIFileStamp& stamp) {
     auto* cache = cacheForFile(path);
-    const auto record = cache ? cache->recordForFile(path) : std::nullopt;
+    const auto record = cache ? cache->recordForFile(path, stamp) : std::nullopt;
     if (!record || !record->sha) return {};
     return {record->sha, record->answeredSasID()};
 }

@@ -41,6 +41,7 @@ public:
     std::optional<std::string> SasIDForFileAtPath(const std::string& path) override;
     /// Both answers from the one record the cache validates for the hash.
     DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override;
+    DCIFileIdentifiers identifiersForFile(const std::string& path, const DCIFileStamp& stamp) override;
 
     /// Drops the cache record of a file that left the tree.
     void forgetFile(const std::string& path);

@@ -47,9 +47,33 @@ bool DCIFileObject::updateAttributes() {
     struct stat status;
     if (stat(absolutePath_.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
     if (faccessat(AT_FDCWD, absolutePath_.c_str(), R_OK, AT_EACCESS) != 0) return false;
-    modifiedSeconds_.store(status.st_mtim.tv_sec, std::memory_order_relaxed);
-    createdSeconds_.store(status.st_ctim.tv_sec, std::memory_order_relaxed);
+    setStatus(status);
     return true;
+}
+
+std::shared_ptr<DCIFileObject> DCIFileObject::initWithFileName(const std::string& name,
+                                                               const std::shared_ptr<DCIFolderObject>& inFolder,
+                                                               const struct stat& status) {
+    if (!inFolder || !S_ISREG(status.st_mode)) return nullptr;
+    std::shared_ptr<DCIFileObject> file(new DCIFileObject(name, inFolder));
+    file->setStatus(status);
+    return file;
+}
+
+void DCIFileObject::setStatus(const struct stat& status) {
+    modifiedSeconds_.store(status.st_mtim.tv_sec, std::memory_order_relaxed);
+    modifiedNanoseconds_.store(static_cast<int32_t>(status.st_mtim.tv_nsec), std::memory_order_relaxed);
+    createdSeconds_.store(status.st_ctim.tv_sec, std::memory_order_relaxed);
+    size_.store(static_cast<uint64_t>(status.st_size), std::memory_order_relaxed);
+    inode_.store(static_cast<uint64_t>(status.st_ino), std::memory_order_relaxed);
+    device_.store(static_cast<uint64_t>(status.st_dev), std::memory_order_relaxed);
+}
+
+DCIFileStamp DCIFileObject::stamp() const {
+    return DCIFileStamp{DCIDate::dateWithSecondsSince1970(modifiedSeconds_.load(std::memory_order_relaxed),
+                                                          modifiedNanoseconds_.load(std::memory_order_relaxed)),
+                        size_.load(std::memory_order_relaxed), inode_.load(std::memory_order_relaxed),
+                        device_.load(std::memory_order_relaxed)};
 }
 
 DCIDate DCIFileObject::modifiedDate() const { return dateFromSeconds(modifiedSeconds_); }

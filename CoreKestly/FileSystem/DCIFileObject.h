@@ -3,6 +3,7 @@
 #include "CoreKestly/CoreKestlyExport.h"
 
 #include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
+#include "CoreKestly/FileSystem/DCIFileStamp.h"
 #include "CoreKestly/FileSystem/DCIPathIdentity.h"
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIObject.h"
@@ -33,6 +34,12 @@ public:
     /// link, no permission).
     static std::shared_ptr<DCIFileObject> initWithFileName(const std::string& name,
                                                            const std::shared_ptr<DCIFolderObject>& inFolder);
+    /// The file `name` in `inFolder` as the status a scan has just read of it (links followed)
+    /// describes it: nothing more is read. nullptr when there is no folder or the status is no
+    /// regular file's. Whether it may be read is found when it is hashed.
+    static std::shared_ptr<DCIFileObject> initWithFileName(const std::string& name,
+                                                           const std::shared_ptr<DCIFolderObject>& inFolder,
+                                                           const struct stat& status);
 
     /// Rereads both dates from the file's status, following links, so a link gives its
     /// target's dates. False, with the dates left as they were, when the entry is no readable
@@ -45,6 +52,8 @@ public:
     DCIDate modifiedDate() const;
     /// The status-change time (st_ctime), whole seconds; not the birth time.
     DCIDate createdDate() const;
+    /// The stamp of the file's status as last read: what a cache checks its records against.
+    DCIFileStamp stamp() const;
     /// The folder that holds the file; nullptr once that folder is gone.
     std::shared_ptr<DCIFolderObject> parent() const { return parent_.lock(); }
 
@@ -81,8 +90,14 @@ private:
     const std::weak_ptr<DCIFolderObject> parent_;
     const std::string absolutePath_;
     const uint64_t compareHash_;
+    void setStatus(const struct stat& status);
+
     std::atomic<int64_t> modifiedSeconds_{0};
+    std::atomic<int32_t> modifiedNanoseconds_{0};
     std::atomic<int64_t> createdSeconds_{0};
+    std::atomic<uint64_t> size_{0};
+    std::atomic<uint64_t> inode_{0};
+    std::atomic<uint64_t> device_{0};
     mutable DCIAtomicSharedPtr<const std::string> fileHash_;
     DCIAtomicSharedPtr<const std::string> sasID_;
 };

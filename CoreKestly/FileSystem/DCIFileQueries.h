@@ -2,6 +2,8 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
+#include "CoreKestly/FileSystem/DCIFileStamp.h"
+
 #include <optional>
 #include <string>
 
@@ -34,6 +36,11 @@ public:
         DCIFileIdentifiers identifiers{SHAForFileAtPath(path), std::nullopt};
         if (identifiers.sha) identifiers.sasID = SasIDForFileAtPath(path);
         return identifiers;
+    }
+    /// `identifiersForFileAtPath` for a regular file whose stamp the tree has just read, so
+    /// that an implementation with a cache need not read it again: what a scan asks.
+    virtual DCIFileIdentifiers identifiersForFile(const std::string& path, const DCIFileStamp& /*stamp*/) {
+        return identifiersForFileAtPath(path);
     }
 
     /// Whether a scan removes the items that copies cut short left behind, as it meets them

@@ -92,19 +92,16 @@ void DCIFolderObject::list(Walk& walk) {
     const bool firstVisit = !identity_ || walk.listed.insert(*identity_).second;
     const auto entries = firstVisit ? listEntries() : std::vector<ListedEntry>();
     const auto self = shared_from_this();
-    const auto queries = fileQueries_.lock();
     for (const auto& entry : entries) {
-        const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, entry.name);
         if (entry.folderIdentity) {
+            const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, entry.name);
             std::shared_ptr<DCIFolderObject> folder(new DCIFolderObject(fullPath, self, fileQueries_, entry.folderIdentity));
             walk.metFolderLinks = walk.metFolderLinks || entry.isLink;
             if (entry.isLink) walk.throughLinks.push_back(folder);
             else folder->list(walk);
             subFolders.emplace(entry.name, std::move(folder));
-        } else if (queries && queries->isFileOfInterest(fullPath)) {
-            if (auto file = DCIFileObject::initWithFileName(entry.name, self)) {
-                files.emplace(entry.name, std::move(file));
-            }
+        } else if (auto file = DCIFileObject::initWithFileName(entry.name, self, entry.fileStatus)) {
+            files.emplace(entry.name, std::move(file));
         }
     }
     files_.store(std::make_shared<const DCIFileDictionary>(std::move(files)));
@@ -136,13 +133,11 @@ std::vector<DCIFolderObject::ListedEntry> DCIFolderObject::listEntries() const {
             if (removesAbandoned) DCIFileOperations::removeAbandonedStagingItem(absolutePath_, entry->d_name);
             continue;
         }
-        // A plain file needs no status here: its file object reads it anyway. Everything else
-        // is looked at through links, so a link counts as what it leads to and a dangling one
-        // as nothing; only folders and regular files can belong to the tree.
-        if (entry->d_type == DT_REG) {
-            entries.push_back({entry->d_name, std::nullopt});
-            continue;
-        }
+        // A plain file's name decides first, so a file of no interest costs no status read.
+        // Everything is looked at through links, so a link counts as what it leads to and a
+        // dangling one as nothing; only folders and regular files can belong to the tree.
+        const bool ofInterest = queries && queries->isFileOfInterest(KestlyPath::appendingComponent(absolutePath_, entry->d_name));
+        if (entry->d_type == DT_REG && !ofInterest) continue;
         bool isLink = entry->d_type == DT_LNK;
         struct stat status;
         if (entry->d_type == DT_UNKNOWN) {
@@ -152,8 +147,8 @@ std::vector<DCIFolderObject::ListedEntry> DCIFolderObject::listEntries() const {
         if (fstatat(directoryDescriptor, entry->d_name, &status, 0) != 0) continue;
         if (S_ISDIR(status.st_mode)) {
             entries.push_back({entry->d_name, DirectoryIdentity{status.st_dev, status.st_ino}, isLink});
-        } else if (S_ISREG(status.st_mode)) {
-            entries.push_back({entry->d_name, std::nullopt});
+        } else if (S_ISREG(status.st_mode) && ofInterest) {
+            entries.push_back({entry->d_name, std::nullopt, false, status});
         }
     }
     std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.name < b.name; });
@@ -219,7 +214,7 @@ bool DCIFolderObject::generateHashes(unsigned threads) {
 
 bool DCIFolderObject::hashFile(DCIFileObject& file, DCIFileQueries* queries) {
     if (!queries) return file.fileHash().has_value();  // a detached tree hashes by itself
-    const auto identifiers = queries->identifiersForFileAtPath(file.absolutePath());
+    const auto identifiers = queries->identifiersForFile(file.absolutePath(), file.stamp());
     if (!identifiers.sha) return false;
     file.setFileHash(identifiers.sha);
     file.setSasID(identifiers.sasID);
@@ -315,13 +310,13 @@ DCIFolderRelisting DCIFolderObject::relist() const {
             }
             continue;
         }
-        if (!queries || !queries->isFileOfInterest(fullPath)) continue;
-        const auto identifiers = queries->identifiersForFileAtPath(fullPath);
+        const auto identifiers = queries ? queries->identifiersForFile(fullPath, DCIFileStamp::ofStatus(entry.fileStatus))
+                                         : DCIFileIdentifiers{};
         if (!identifiers.sha) continue;
         const auto known = relisting.oldFiles->find(entry.name);
         if (known != relisting.oldFiles->end() && known->second->fileHash() == identifiers.sha) {
             files.emplace(entry.name, known->second);
-        } else if (auto file = DCIFileObject::initWithFileName(entry.name, self)) {
+        } else if (auto file = DCIFileObject::initWithFileName(entry.name, self, entry.fileStatus)) {
             file->setFileHash(identifiers.sha);
             file->setSasID(identifiers.sasID);
             files.emplace(entry.name, std::move(file));

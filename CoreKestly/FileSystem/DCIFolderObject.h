@@ -18,6 +18,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include <sys/stat.h>
+
 class DCIFolderObject;
 
 /// A folder's direct files of interest or sub-folders, by entry name as the listing spells it.
@@ -178,6 +180,7 @@ private:
         std::string name;
         std::optional<DirectoryIdentity> folderIdentity;
         bool isLink = false;
+        struct stat fileStatus {};  // of a file of interest
     };
 
     static std::shared_ptr<DCIFolderObject> makeFolder(const std::string& path,
@@ -192,6 +195,8 @@ private:
     static void finish(Walk& walk);
     /// This folder with its subtree, built through a walk of its own.
     void buildSubtree();
+    /// The entries of the directory that can belong to the tree: folders, links to them, and
+    /// regular files of interest, each read with one status call.
     std::vector<ListedEntry> listEntries() const;
     /// Sets the file's hash and `sasID` from `queries` (by itself when there are none); false
     /// when no hash could be had.

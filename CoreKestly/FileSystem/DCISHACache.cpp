@@ -78,12 +78,22 @@ std::optional<std::string> DCISHACache::SasIDForFile(const std::string& path) {
 }
 
 std::optional<DCISHACacheRecord> DCISHACache::recordForFile(const std::string& path) {
-    return currentRecord(path, false, holdsSHA);
+    const auto stamp = DCIFileStamp::ofFile(path);
+    if (!stamp) return std::nullopt;
+    return currentRecord(path, *stamp, false, holdsSHA);
+}
+
+std::optional<DCISHACacheRecord> DCISHACache::recordForFile(const std::string& path, const DCIFileStamp& stamp) {
+    return currentRecord(path, stamp, false, holdsSHA);
 }
 
 std::optional<DCIFileStamp> DCIFileStamp::ofFile(const std::string& path) {
     struct stat status {};
     if (path.empty() || ::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    return ofStatus(status);
+}
+
+DCIFileStamp DCIFileStamp::ofStatus(const struct stat& status) {
     return DCIFileStamp{DCIDate::dateWithSecondsSince1970(status.st_mtim.tv_sec, status.st_mtim.tv_nsec),
                         static_cast<uint64_t>(status.st_size), static_cast<uint64_t>(status.st_ino),
                         static_cast<uint64_t>(status.st_dev)};
@@ -92,14 +102,19 @@ std::optional<DCIFileStamp> DCIFileStamp::ofFile(const std::string& path) {
 std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& path, bool eco, Answers answers) {
     const auto stamp = DCIFileStamp::ofFile(path);
     if (!stamp) return std::nullopt;
+    return currentRecord(path, *stamp, eco, answers);
+}
+
+std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& path, const DCIFileStamp& stamp, bool eco,
+                                                            Answers answers) {
     {
         std::shared_lock lock(accessMutex_);
         const auto found = shaCache_.find(path);
-        if (found != shaCache_.end() && found->second.stamp == *stamp && answers(found->second)) {
+        if (found != shaCache_.end() && found->second.stamp == stamp && answers(found->second)) {
             return found->second;
         }
     }
-    if (auto renamed = recordOfRenamedFile(path, *stamp, answers)) return renamed;
+    if (auto renamed = recordOfRenamedFile(path, stamp, answers)) return renamed;
     // A hit needs only the stamp; a miss is about to read the file, so a file that may not be
     // read is turned away here, with no record and no log line.
     if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) return std::nullopt;

@@ -2,6 +2,7 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
+#include "CoreKestly/FileSystem/DCIFileStamp.h"
 #include "CoreKestly/Platform/DCIDate.h"
 #include "CoreKestly/Platform/DCIObject.h"
 
@@ -26,25 +27,6 @@ class DCISHACacheStore;
 /// Supplied by the application; called on the thread of the lookup that missed, at most once
 /// per miss, after the file was hashed.
 using DCISasIDCalculator = std::function<std::optional<std::string>(const std::string& path)>;
-
-/// What the cache checks to trust a record: the facts of a file that change whenever its
-/// content may have. An append changes the size, a rewrite the nanosecond modification time,
-/// a file renamed over another (even one with the same times, as copies that keep times
-/// make them) the inode. Device and inode also say which file it is wherever it is named, so
-/// a renamed file is known by its stamp under its new name.
-struct KESTLY_EXPORT DCIFileStamp {
-    /// The modification time to the nanosecond (POSIX st_mtim).
-    DCIDate mdate;
-    uint64_t size;
-    uint64_t inode;
-    uint64_t device = 0;
-
-    /// The stamp of the regular file at `path`, from one status read that follows links;
-    /// nothing when there is no such file or it is no regular file (a FIFO, a device).
-    static std::optional<DCIFileStamp> ofFile(const std::string& path);
-
-    friend bool operator==(const DCIFileStamp&, const DCIFileStamp&) = default;
-};
 
 /// What the cache knows of one file.
 struct DCISHACacheRecord {
@@ -133,6 +115,8 @@ public:
     /// `SasIDForFile` would answer, for the price of one look at the file. Nothing where
     /// `SHAForFile` stores no entry.
     std::optional<DCISHACacheRecord> recordForFile(const std::string& path);
+    /// `recordForFile` for a file whose stamp the caller has just read: no second read.
+    std::optional<DCISHACacheRecord> recordForFile(const std::string& path, const DCIFileStamp& stamp);
 
     /// Hashes the file (eco or full speed), asks the calculator and stores the new record
     /// under `path` with `stamp`, replacing any earlier one. Logs "Unable to calcualate SHA
@@ -178,6 +162,8 @@ private:
     // record; nothing when there is no regular file, or a miss may not read it.
     using Answers = bool (*)(const DCISHACacheRecord&);
     std::optional<DCISHACacheRecord> currentRecord(const std::string& path, bool eco, Answers answers);
+    std::optional<DCISHACacheRecord> currentRecord(const std::string& path, const DCIFileStamp& stamp, bool eco,
+                                                   Answers answers);
     void store(const std::string& path, const DCISHACacheRecord& record);
     // The record of a file known under another path with the same stamp, taken over by
     // `path`: a rename reads nothing. Nothing when there is none.

@@ -64,11 +64,6 @@ DCISasIDCalculator countingCalculator(std::shared_ptr<ReadCounts> reads) {
     };
 }
 
-uint64_t fileSize(const std::string& path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0 ? static_cast<uint64_t>(status.st_size) : 0;
-}
-
 // Passes the tree's questions on to the caches, counting the hashes they answered without
 // reading the file, and, while standard error is a terminal and the scan has taken more than
 // a second, shows how far it has come: entries listed, then files and bytes hashed, the rate
@@ -79,11 +74,10 @@ public:
         : queries_(std::move(queries)), reads_(std::move(reads)), showsProgress_(isatty(STDERR_FILENO) == 1) {}
 
     uint64_t cacheHits() const { return cacheHits_; }
-    /// The files about to be hashed; their sizes are summed only when progress is shown.
+    /// The files about to be hashed.
     void setFilesToHash(const std::vector<std::shared_ptr<DCIFileObject>>& files) {
         filesToHash_ = files.size();
-        if (!showsProgress_) return;
-        for (const auto& file : files) bytesToHash_ += fileSize(file->absolutePath());
+        for (const auto& file : files) bytesToHash_ += file->stamp().size;
         hashingStart_ = Clock::now();
     }
     /// Clears the progress line, so that what follows starts on a clean line.
@@ -106,12 +100,12 @@ public:
     }
 
     // What the tree asks of every file it hashes.
-    DCIFileIdentifiers identifiersForFileAtPath(const std::string& path) override {
+    DCIFileIdentifiers identifiersForFile(const std::string& path, const DCIFileStamp& stamp) override {
         readOnThisThread = false;
-        auto identifiers = queries_->identifiersForFileAtPath(path);
+        auto identifiers = queries_->identifiersForFile(path, stamp);
         if (identifiers.sha && !readOnThisThread) ++cacheHits_;
         ++filesHashed_;
-        if (showsProgress_) bytesHashed_ += fileSize(path);
+        bytesHashed_ += stamp.size;
         showProgress([&] {
             const double seconds = std::chrono::duration<double>(Clock::now() - hashingStart_).count();
             const double rate = seconds > 0 ? static_cast<double>(reads_->bytes) / seconds : 0;

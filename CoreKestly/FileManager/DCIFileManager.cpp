@@ -158,7 +158,11 @@ void DCIFileManager::handOver(DCIFSEventBatch* changes) {
     {
         std::lock_guard lock(SyncronizeMutex);
         if (changes) {
-            latestFSEvent_ = std::chrono::steady_clock::now();
+            // The quiet period counts from the change, not from its announcement, which the
+            // stream may hold back for its latency.
+            const auto now = std::chrono::steady_clock::now();
+            latestFSEvent_ = changes->latestChange == std::chrono::steady_clock::time_point{}
+                                 ? now : std::min(now, std::max(latestFSEvent_, changes->latestChange));
             latestFSEventTime_ = DCIAbsoluteTimeGetCurrent();
             haveFSEvents_ = true;
             // Past a bound, the folders a burst touched are not worth their memory: the pass

@@ -92,13 +92,15 @@ public:
         if (other.everything_) addEverything();
         if (!everything_) folders_.merge(other.folders_);
         if (folders_.size() > cap_) addEverything();
+        latestChange_ = std::max(latestChange_, other.latestChange_);
         other = Gathering(cap_);
     }
+    void stamp(std::chrono::steady_clock::time_point now) { latestChange_ = now; }
 
     bool empty() const { return !everything_ && folders_.empty(); }
 
     DCIFSEventBatch take() {
-        DCIFSEventBatch batch{{folders_.begin(), folders_.end()}, everything_};
+        DCIFSEventBatch batch{{folders_.begin(), folders_.end()}, everything_, latestChange_};
         *this = Gathering(cap_);
         return batch;
     }
@@ -107,6 +109,7 @@ private:
     size_t cap_;
     std::unordered_set<std::string> folders_;
     bool everything_ = false;
+    std::chrono::steady_clock::time_point latestChange_{};
 };
 
 }  // namespace
@@ -357,7 +360,9 @@ private:
             pollTimer_ = polling ? DCIRunLoop::current().addTimer(options_.fallbackInterval, true, [this] { poll(); })
                                  : nullptr;
         }
-        if (!gathering_.empty()) noteChange();
+        if (gathering_.empty()) return;
+        gathering_.stamp(DCIRunLoop::Clock::now());
+        noteChange();
     }
 
     std::string problemText() const {

@@ -23,6 +23,9 @@ struct DCIFSEventBatch {
     /// changed than `maximumBatchFolders`, or inotify is unavailable): the reader looks at the
     /// whole tree. `folders` is then empty.
     bool everything = false;
+    /// When the stream read the latest of these changes: the announcement may come up to a
+    /// latency later, and a reader waiting for quiet counts from here.
+    std::chrono::steady_clock::time_point latestChange{};
 };
 
 /// Tells, on the main run loop, which folders changed at or below one watched path. Built on

@@ -30,6 +30,13 @@ void writeAudio(const std::string& path, int format, int sampleRate, sf_count_t 
 // No child of this process is left, running or unreaped.
 bool hasNoChildren() { return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD; }
 
+// Whether process `pid` runs (whoever's child it is): neither gone nor a zombie.
+bool isRunning(pid_t pid) {
+    const std::string status = readWholeFile("/proc/" + std::to_string(pid) + "/stat");
+    const size_t state = status.rfind(") ");
+    return state != std::string::npos && status[state + 2] != 'Z' && status[state + 2] != 'X';
+}
+
 using Name = std::optional<std::string>;
 constexpr auto none = std::nullopt;
 
@@ -61,6 +68,13 @@ protected:
         const std::string updatedb = "/usr/bin/updatedb --require-visibility 0 --database-root '" + root + "' -o ";
         EXPECT_EQ(std::system((updatedb + database).c_str()), 0);
         return {backend, database, "/usr/bin/plocate", {root}};
+    }
+
+    // A locate program of its own: a shell script that runs `body` whatever it is asked.
+    DCIMetadataQuerySettings fakeLocate(const std::string& body) {
+        const std::string program = folder.writeFile("locate", "#!/bin/sh\n" + body + "\n");
+        EXPECT_EQ(chmod(program.c_str(), 0755), 0);
+        return {DCIMetadataQueryBackend::locateDatabase, folder.writeFile("fake.db", ""), program, {}};
     }
 
     // The candidates a query gathers for `name`, pumping the main loop.
@@ -111,6 +125,26 @@ TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritic
     EXPECT_TRUE(hasNoChildren());
     DCIRunLoop::main().runUntil(DCIRunLoop::Clock::now() + 50ms);
     EXPECT_FALSE(finished);
+}
+
+// The host stops turning its loop once the search has answered, as kestly find does: the
+// locate program, a wrapper whose own child holds the pipe too, must be gone by then.
+TEST_F(DCISampleFinderTests, ASearchThatTimesOutKillsItsLocateProgramsWholeGroupBeforeItAnswers) {
+    const std::string pids = folder / "pids";
+    const auto finder = DCISampleFinder::initWithFileQueries({}, fakeLocate("sleep 100 & echo $$ $! >" + pids + "; wait"));
+    finder->setGatherTimeout(2s);
+    std::jthread search([&] { EXPECT_EQ(finder->pathForSampleWithName("Kick.wav", none, none, 5, 0), none); });
+    // Turns in short slices: nothing wakes the loop when the script writes its numbers.
+    for (const auto end = DCIRunLoop::Clock::now() + kPatience; readWholeFile(pids).find('\n') == std::string::npos;) {
+        ASSERT_LT(DCIRunLoop::Clock::now(), end);
+        DCIRunLoop::main().runUntil(DCIRunLoop::Clock::now() + 5ms);
+    }
+    search.join();  // without turning the loop
+    pid_t shell = 0, sleeper = 0;
+    std::istringstream(readWholeFile(pids)) >> shell >> sleeper;
+    EXPECT_FALSE(isRunning(shell) || isRunning(sleeper));
+    EXPECT_TRUE(hasNoChildren());
+    DCIRunLoop::main().runUntil(DCIRunLoop::Clock::now() + 50ms);  // the queued stop, harmless now
 }
 
 TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns) {

@@ -8,25 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <utility>
-
 namespace {
-
-// Owns a descriptor until released.
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-    int release() { return std::exchange(fd_, -1); }
-
-private:
-    int fd_;
-};
 
 // posix_spawn's attribute and file-action objects, destroyed on every path.
 struct SpawnSettings {
@@ -59,7 +41,7 @@ std::unique_ptr<DCIChildProcess> DCIChildProcess::spawn(const std::string& progr
                                                         const std::vector<std::string>& environment) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) return nullptr;
-    Descriptor readEnd(ends[0]), writeEnd(ends[1]);
+    DCIFileDescriptor readEnd(ends[0]), writeEnd(ends[1]);
     if (fcntl(readEnd.get(), F_SETFL, O_NONBLOCK) != 0) return nullptr;
 
     SpawnSettings settings;
@@ -71,7 +53,9 @@ std::unique_ptr<DCIChildProcess> DCIChildProcess::spawn(const std::string& progr
     for (int signal : {SIGPIPE, SIGINT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&defaults, signal);
     posix_spawnattr_setsigmask(&settings.attributes, &none);
     posix_spawnattr_setsigdefault(&settings.attributes, &defaults);
-    posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    // A group of its own, which `stop` kills whole: a wrapper script's children go with it.
+    posix_spawnattr_setpgroup(&settings.attributes, 0);
+    posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     posix_spawn_file_actions_addopen(&settings.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&settings.actions, writeEnd.get(), STDOUT_FILENO);
     posix_spawn_file_actions_addopen(&settings.actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
@@ -87,36 +71,39 @@ std::unique_ptr<DCIChildProcess> DCIChildProcess::spawn(const std::string& progr
         errno = error;
         return nullptr;
     }
-    const int exit = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));  // closed on exec
-    if (exit < 0) {
+    // ESRCH: a host that ignores SIGCHLD has the kernel reap a child that is already done; what
+    // it wrote is still in the pipe.
+    DCIFileDescriptor exit(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));  // closed on exec
+    if (!exit && errno != ESRCH) {
         const int openError = errno;
-        // ESRCH: already gone and reaped by the kernel for a host that ignores SIGCHLD.
-        if (openError != ESRCH) {
-            kill(pid, SIGKILL);
-            while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {}
-        }
+        DCIChildProcess(pid, std::move(readEnd), std::move(exit)).stop();
         errno = openError;
         return nullptr;
     }
-    return std::unique_ptr<DCIChildProcess>(new DCIChildProcess(pid, readEnd.release(), exit));
+    return std::unique_ptr<DCIChildProcess>(new DCIChildProcess(pid, std::move(readEnd), std::move(exit)));
 }
 
-std::optional<int> DCIChildProcess::reapIfExited() {
-    if (status_) return status_;
-    int status = 0;
-    const pid_t reaped = waitpid(pid_, &status, WNOHANG);
-    // ECHILD: a host that ignores SIGCHLD has the kernel reap its children; the status is lost.
-    if (reaped == pid_) status_ = status;
-    else if (reaped < 0 && errno == ECHILD) status_ = 0;
-    return status_;
-}
-
-DCIChildProcess::~DCIChildProcess() {
-    close(output_);
-    if (!reapIfExited()) {
-        // Through the pidfd: never another process that was given the same id.
-        syscall(SYS_pidfd_send_signal, exit_, SIGKILL, nullptr, 0);
-        while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {}
+std::optional<int> DCIChildProcess::exitStatus() {
+    std::lock_guard lock(mutex_);
+    siginfo_t info{};
+    // ECHILD: reaped already, by `stop` or by the kernel for a host that ignores SIGCHLD.
+    if (reaped_ || waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0)
+        return kLostStatus;
+    if (info.si_pid == 0) return std::nullopt;
+    switch (info.si_code) {
+        case CLD_EXITED: return W_EXITCODE(info.si_status, 0);
+        case CLD_DUMPED: return info.si_status | WCOREFLAG;
+        default: return info.si_status;  // killed by that signal
     }
-    close(exit_);
+}
+
+void DCIChildProcess::stop() {
+    std::lock_guard lock(mutex_);
+    if (reaped_) return;
+    // The child is not reaped yet, so the group's number is still its own and cannot have
+    // been given to another group (unless the host ignores SIGCHLD: then the kernel reaped it,
+    // and the number stays taken only while something of the group lives).
+    kill(-pid_, SIGKILL);
+    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {}
+    reaped_ = true;
 }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -24,13 +25,17 @@ protected:
 };
 
 /// Runs `program` on `database` for the files whose name matches `pattern`; nullptr, logged,
-/// when the program cannot be started.
+/// when the program cannot be started. A stop requested through `stop`, from any thread, kills
+/// and reaps the program before it returns.
 std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string& program, const std::string& database,
                                                               const DCIFileNamePattern& pattern, size_t maximumResults,
+                                                              std::stop_token stop,
                                                               DCIMetadataGathering::Completion completion);
 
 /// Walks `folders` on a thread of its own for the entries whose name matches `pattern`; with
-/// no folders it completes, with no paths, on the next turn of the main loop.
+/// no folders it completes, with no paths, on the next turn of the main loop. A stop requested
+/// through `stop` ends the walk.
 std::unique_ptr<DCIMetadataGathering> DCIStartScanGathering(const std::vector<std::string>& folders,
                                                             const DCIFileNamePattern& pattern, size_t maximumResults,
+                                                            std::stop_token stop,
                                                             DCIMetadataGathering::Completion completion);

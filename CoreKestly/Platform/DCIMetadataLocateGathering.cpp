@@ -16,6 +16,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
+#include <stop_token>
 
 namespace {
 
@@ -27,9 +29,12 @@ constexpr size_t kReadPerTurn = 256 * 1024;
 class LocateGathering : public DCIMetadataGathering {
 public:
     LocateGathering(std::unique_ptr<DCIChildProcess> child, DCIFileNamePattern pattern, size_t maximumResults,
-                    Completion completion)
+                    std::stop_token stop, Completion completion)
         : child_(std::move(child)), pattern_(std::move(pattern)), maximumResults_(maximumResults),
           completion_(std::move(completion)) {
+        // The searching thread's stop kills the program at once, whether or not this loop
+        // still turns: the finish it causes here then comes to nothing.
+        onStop_.emplace(stop, StopChild{child_.get()});
         auto& loop = DCIRunLoop::main();
         output_ = loop.addFileDescriptorSource(child_->outputDescriptor(), EPOLLIN, [this](uint32_t) { readOutput(); });
         exit_ = loop.addFileDescriptorSource(child_->exitDescriptor(), EPOLLIN, [this](uint32_t) { noteExit(); });
@@ -38,6 +43,11 @@ public:
     bool isWatched() const { return output_ && exit_; }
 
 private:
+    struct StopChild {
+        DCIChildProcess* child;
+        void operator()() const { child->stop(); }
+    };
+
     void readOutput() {
         char buffer[64 * 1024];
         for (size_t total = 0; total < kReadPerTurn;) {
@@ -68,7 +78,7 @@ private:
 
     void noteExit() {
         exit_.reset();
-        const auto status = child_->reapIfExited();
+        const auto status = child_->exitStatus();
         // Status 1 means nothing matched; anything else beyond 0 is worth a line.
         if (status && !(WIFEXITED(*status) && WEXITSTATUS(*status) <= 1))
             DCLogError("DCIMetadataQuery: the locate program ended with wait status %d.", *status);
@@ -83,6 +93,7 @@ private:
     void finish() {
         output_.reset();
         exit_.reset();
+        onStop_.reset();  // waits for a stop running on another thread
         child_.reset();  // kills it if it still runs, and reaps it
         std::sort(paths_.begin(), paths_.end());
         auto completion = std::move(completion_);
@@ -90,6 +101,7 @@ private:
     }
 
     std::unique_ptr<DCIChildProcess> child_;
+    std::optional<std::stop_callback<StopChild>> onStop_;  // after the child it stops
     const DCIFileNamePattern pattern_;
     const size_t maximumResults_;
     Completion completion_;
@@ -104,6 +116,7 @@ private:
 
 std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string& program, const std::string& database,
                                                               const DCIFileNamePattern& pattern, size_t maximumResults,
+                                                              std::stop_token stop,
                                                               DCIMetadataGathering::Completion completion) {
     // The program answers a missing database as it answers no match: tell them apart here.
     struct stat status;
@@ -123,7 +136,8 @@ std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string&
         DCLogError("DCIMetadataQuery: cannot run %@: %s", program, std::strerror(errno));
         return nullptr;
     }
-    auto gathering = std::make_unique<LocateGathering>(std::move(child), pattern, maximumResults, std::move(completion));
+    auto gathering = std::make_unique<LocateGathering>(std::move(child), pattern, maximumResults, std::move(stop),
+                                                       std::move(completion));
     if (!gathering->isWatched()) {
         DCLogError("DCIMetadataQuery: cannot watch the locate program's output.");
         return nullptr;

@@ -47,7 +47,7 @@ DCIMetadataQuery::DCIMetadataQuery(DCIMetadataQuerySettings settings) : settings
 
 DCIMetadataQuery::~DCIMetadataQuery() = default;
 
-bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finished) {
+bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finished, std::stop_token stop) {
     if (!DCIIsMainThread()) {
         DCLogError("DCIMetadataQuery: a search for %@ was started off the main thread; refused.", name);
         return false;
@@ -60,13 +60,13 @@ bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finishe
         const std::string& database =
             settings_.locateDatabasePath.empty() ? settings_.systemLocateDatabasePath() : settings_.locateDatabasePath;
         gathering_ = DCIStartLocateGathering(settings_.locateProgramPath, database, pattern, settings_.maximumResults,
-                                             completion);
+                                             stop, completion);
         // Not startable: logged; the search still ends on the loop, with nothing found.
-        if (!gathering_) gathering_ = DCIStartScanGathering({}, pattern, 0, completion);
+        if (!gathering_) gathering_ = DCIStartScanGathering({}, pattern, 0, stop, completion);
     } else {
         const auto folders = settings_.scanFolders.empty() ? std::vector{settings_.userMusicFolder()}
                                                             : settings_.scanFolders;
-        gathering_ = DCIStartScanGathering(folders, pattern, settings_.maximumResults, completion);
+        gathering_ = DCIStartScanGathering(folders, pattern, settings_.maximumResults, stop, completion);
     }
     return true;
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -71,7 +72,11 @@ public:
     /// once on the main loop with the candidates, unless the search is stopped first. A
     /// backend that cannot run (no locate program, no database) is logged and finishes with
     /// no candidates. Answers false, starting nothing, off the main thread.
-    bool startQuery(const std::string& name, FinishHandler finished);
+    ///
+    /// A stop requested through `stop` ends the gathering from any thread, whether the main
+    /// loop turns again or not: the locate program is killed and reaped before `request_stop`
+    /// returns. `stopQuery` must still follow on the main thread.
+    bool startQuery(const std::string& name, FinishHandler finished, std::stop_token stop = {});
     /// Stops the search: its gathering ends (the locate program is killed and reaped, the
     /// scan thread joined) and `finished` is not called for it. Clears `results`.
     void stopQuery();

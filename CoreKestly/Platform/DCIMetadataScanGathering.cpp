@@ -14,6 +14,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
+#include <stop_token>
 #include <thread>
 
 namespace {
@@ -73,7 +75,8 @@ std::vector<std::string> scan(const std::vector<std::string>& folders, const DCI
 class ScanGathering : public DCIMetadataGathering {
 public:
     ScanGathering(std::vector<std::string> folders, DCIFileNamePattern pattern, size_t maximumResults,
-                  Completion completion) {
+                  std::stop_token stop, Completion completion)
+        : onStop_(std::move(stop), [this] { cancelled_ = true; }) {
         std::weak_ptr<const int> alive = alive_;
         worker_ = std::thread([this, alive, folders = std::move(folders), pattern = std::move(pattern), maximumResults,
                                completion = std::move(completion)]() mutable {
@@ -99,6 +102,7 @@ public:
 private:
     const std::shared_ptr<const int> alive_ = std::make_shared<const int>(0);
     std::atomic<bool> cancelled_{false};
+    std::stop_callback<std::function<void()>> onStop_;
     std::thread worker_;  // last: starts once the members it uses exist
 };
 
@@ -106,6 +110,7 @@ private:
 
 std::unique_ptr<DCIMetadataGathering> DCIStartScanGathering(const std::vector<std::string>& folders,
                                                             const DCIFileNamePattern& pattern, size_t maximumResults,
+                                                            std::stop_token stop,
                                                             DCIMetadataGathering::Completion completion) {
-    return std::make_unique<ScanGathering>(folders, pattern, maximumResults, std::move(completion));
+    return std::make_unique<ScanGathering>(folders, pattern, maximumResults, std::move(stop), std::move(completion));
 }

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <stop_token>
 
 namespace {
 
@@ -69,15 +70,19 @@ std::optional<std::vector<std::string>> DCISampleFinder::gatherCandidates(const 
         gathered_->results.reset();
     }
     // Handed to the main loop without waiting for it, so a loop that does not run makes the
-    // search end after its timeout rather than hang; a start that runs late is stopped by the
-    // stop queued behind it.
-    DCIRunLoop::main().performAsync(
-        [query = metadataSearch_, gathered = gathered_, search, name, settings = querySettings()] {
-            query->setSettings(settings);
-            query->startQuery(name, [gathered, search](const std::vector<std::string>& results) {
+    // search end after its timeout rather than hang; a start that runs after the stop below
+    // starts nothing.
+    std::stop_source stop;
+    DCIRunLoop::main().performAsync([query = metadataSearch_, gathered = gathered_, search, name,
+                                     settings = querySettings(), stop = stop.get_token()] {
+        if (stop.stop_requested()) return;
+        query->setSettings(settings);
+        query->startQuery(
+            name, [gathered, search](const std::vector<std::string>& results) {
                 initialGatherComplete(*gathered, search, results);
-            });
-        });
+            },
+            stop);
+    });
     const auto timeout = gatherTimeout();
     std::optional<std::vector<std::string>> candidates;
     {
@@ -87,6 +92,9 @@ std::optional<std::vector<std::string>> DCISampleFinder::gatherCandidates(const 
         gathered_->results.reset();
         ++gathered_->search;  // a finish still to come belongs to no search
     }
+    // Kills and reaps the locate program here and now: the host may never turn its loop again
+    // once this search has answered. The stop queued behind it releases the rest.
+    stop.request_stop();
     DCIRunLoop::main().performAsync([query = metadataSearch_] { query->stopQuery(); });
     if (!candidates) {
         DCLogInfo("DCISampleFinder: no candidates for %@ were gathered within %lu ms.", DCILoggedText(name),

@@ -14,6 +14,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -32,7 +33,12 @@ struct FindOptions {
     uint64_t duration = 0;
     std::string locateDatabase;
     std::vector<std::string> scopes;
+    double waitSeconds = std::chrono::duration<double>(DCISampleFinder::kDefaultGatherTimeout).count();
     bool candidates = false;
+
+    std::chrono::milliseconds wait() const {
+        return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(waitSeconds));
+    }
 };
 
 // Without a file manager, hashes are computed on the spot, and no file has a sasID: only the
@@ -55,16 +61,20 @@ bool isSHA256(const std::string& text) {
 // Names on disk may hold anything but "/" and NUL, escape sequences included.
 void print(const std::string& path) { std::printf("%s\n", terminalText(path).c_str()); }
 
-// Every candidate of the index, gathered on the main loop as a finder gathers them.
-int printCandidates(const std::string& name, const DCIMetadataQuerySettings& settings) {
+// Every candidate of the index, gathered on the main loop as a finder gathers them, and within
+// the same wait.
+int printCandidates(const FindOptions& options, const DCIMetadataQuerySettings& settings) {
     DCIMetadataQuery query(settings);
     std::optional<std::vector<std::string>> found;
-    query.startQuery(DCISampleFinder::fileNameForSampleName(name), [&](const auto& results) {
-        found = results;
-        DCIRunLoop::main().stop();
-    });
-    DCIRunLoop::main().run();
-    if (!found || found->empty()) return 1;
+    query.startQuery(DCISampleFinder::fileNameForSampleName(options.name),
+                     [&](const auto& results) { found = results; });
+    DCIRunLoop::main().runUntil([&] { return found.has_value(); }, options.wait());
+    query.stopQuery();  // kills and reaps the locate program if it is still running
+    if (!found) {
+        std::fprintf(stderr, "kestly: could not search: no answer within %.3g s\n", options.waitSeconds);
+        return 3;
+    }
+    if (found->empty()) return 1;
     for (const auto& path : *found) print(path);
     return 0;
 }
@@ -73,6 +83,7 @@ int printCandidates(const std::string& name, const DCIMetadataQuerySettings& set
 int findSample(const FindOptions& options, const DCIMetadataQuerySettings& settings) {
     const auto queries = std::make_shared<UncachedFileQueries>();
     const auto finder = DCISampleFinder::initWithFileQueries(queries, settings);
+    finder->setGatherTimeout(options.wait());
     std::optional<std::string> found;
     std::thread search([&] {
         found = finder->pathForSampleWithName(options.name, options.sasID, options.sha, options.size,
@@ -113,7 +124,7 @@ int find(FindOptions options) {
         settings.backend = DCIMetadataQueryBackend::folderScan;
         settings.scanFolders.push_back(KestlyPath::standardize(scope));
     }
-    return options.candidates ? printCandidates(options.name, settings) : findSample(options, settings);
+    return options.candidates ? printCandidates(options, settings) : findSample(options, settings);
 }
 
 }  // namespace
@@ -137,6 +148,8 @@ KestlyCommand addFindCommand(CLI::App& app) {
     command->add_option("--scope", options->scopes, "Scan this folder instead of searching a locate database")
         ->allow_extra_args(false)
         ->excludes(database);
+    command->add_option("--wait", options->waitSeconds, "How long to wait for the search, in seconds (10)")
+        ->check(CLI::PositiveNumber);
     command->add_flag("--candidates", options->candidates,
                       "Print every file of that name the index gave, in its order, without choosing");
     return {command, [options] { return find(*options); }};

@@ -147,6 +147,20 @@ TEST_F(DCISampleFinderTests, ASearchThatTimesOutKillsItsLocateProgramsWholeGroup
     DCIRunLoop::main().runUntil(DCIRunLoop::Clock::now() + 50ms);  // the queued stop, harmless now
 }
 
+// The kernel reaps the children of a host that ignores SIGCHLD as they exit, often before the
+// query can open a pidfd: what a fast program wrote must still be read.
+TEST_F(DCISampleFinderTests, AHostThatIgnoresSIGCHLDLosesNoOutput) {
+    auto settings = fakeLocate("");
+    std::ofstream(settings.locateProgramPath) << "#!/usr/bin/printf /x/Kick.wav\\0\n";
+    struct sigaction ignore {}, previous;
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGCHLD, &ignore, &previous);
+    int found = 0;
+    for (int i = 0; i < 100; ++i) found += candidates(settings, "Kick.wav") == std::vector<std::string>{"/x/Kick.wav"};
+    sigaction(SIGCHLD, &previous, nullptr);
+    EXPECT_EQ(found, 100);
+}
+
 TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns) {
     tree.writeFile("a/Loop.wav", "RIFF and then no audio");  // unreadable audio, first in order
     tree.makeFolder("b");

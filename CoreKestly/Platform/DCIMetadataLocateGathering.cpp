@@ -37,10 +37,14 @@ public:
         onStop_.emplace(stop, StopChild{child_.get()});
         auto& loop = DCIRunLoop::main();
         output_ = loop.addFileDescriptorSource(child_->outputDescriptor(), EPOLLIN, [this](uint32_t) { readOutput(); });
-        exit_ = loop.addFileDescriptorSource(child_->exitDescriptor(), EPOLLIN, [this](uint32_t) { noteExit(); });
+        // No exit descriptor: the program is done already, and its output still to be read.
+        if (child_->exitDescriptor() >= 0)
+            exit_ = loop.addFileDescriptorSource(child_->exitDescriptor(), EPOLLIN, [this](uint32_t) { noteExit(); });
+        else
+            exited_ = true;
     }
 
-    bool isWatched() const { return output_ && exit_; }
+    bool isWatched() const { return output_ && (exit_ || exited_); }
 
 private:
     struct StopChild {
@@ -78,15 +82,17 @@ private:
 
     void noteExit() {
         exit_.reset();
+        exited_ = true;
         const auto status = child_->exitStatus();
         // Status 1 means nothing matched; anything else beyond 0 is worth a line.
-        if (status && !(WIFEXITED(*status) && WEXITSTATUS(*status) <= 1))
+        if (status && *status != DCIChildProcess::kLostStatus && !(WIFEXITED(*status) && WEXITSTATUS(*status) <= 1))
             DCLogError("DCIMetadataQuery: the locate program ended with wait status %d.", *status);
         finishIfDone();
     }
 
+    // The output is read to its end even once the program has exited.
     void finishIfDone() {
-        if (!output_ && !exit_) finish();
+        if (!output_ && exited_) finish();
     }
 
     // The last thing this object does: the completion may destroy it.
@@ -107,6 +113,7 @@ private:
     Completion completion_;
     std::string pending_;
     std::vector<std::string> paths_;
+    bool exited_ = false;
     // Declared after the child: removed from the loop before its descriptors close.
     std::unique_ptr<DCIRunLoopSource> output_;
     std::unique_ptr<DCIRunLoopSource> exit_;

@@ -102,7 +102,7 @@ const std::string& scanTree() {
 size_t gather(const DCIMetadataQuerySettings& settings, const char* name) {
     DCIMetadataQuery query(settings);
     std::optional<size_t> found;
-    query.startQuery(name, [&](const auto& results) { found = results.size(); });
+    query.startQuery(name, [&](const auto& gathered) { found = gathered.paths.size(); });
     DCIRunLoop::main().runUntil([&] { return found.has_value(); }, std::chrono::minutes(1));
     return found.value_or(0);
 }

@@ -42,11 +42,11 @@ constexpr auto none = std::nullopt;
 
 // The finder's search on a thread of its own while the main loop runs, as a host runs it.
 std::optional<std::string> searchOffMain(DCISampleFinder& finder, const Name& name, const Name& sasID, const Name& sha,
-                                         uint64_t size, uint64_t duration) {
+                                         uint64_t size, uint64_t duration, std::optional<DCIError>* failure = nullptr) {
     std::optional<std::string> found;
     std::atomic<bool> done = false;
     std::jthread search([&] {
-        found = finder.pathForSampleWithName(name, sasID, sha, size, duration);
+        found = finder.pathForSampleWithName(name, sasID, sha, size, duration, failure);
         done = true;
         DCIRunLoop::main().performAsync([] {});  // so the loop looks at `done` again
     });
@@ -72,21 +72,27 @@ protected:
 
     // A locate program of its own: a shell script that runs `body` whatever it is asked.
     DCIMetadataQuerySettings fakeLocate(const std::string& body) {
-        const std::string program = folder.writeFile("locate", "#!/bin/sh\n" + body + "\n");
+        const std::string program = folder.writeFile("locate" + std::to_string(++programs), "#!/bin/sh\n" + body + "\n");
         EXPECT_EQ(chmod(program.c_str(), 0755), 0);
         return {DCIMetadataQueryBackend::locateDatabase, folder.writeFile("fake.db", ""), program, {}};
     }
 
-    // The candidates a query gathers for `name`, pumping the main loop.
-    std::vector<std::string> candidates(const DCIMetadataQuerySettings& settings, const std::string& name) {
+    // What a query gathers for `name`, pumping the main loop.
+    DCIMetadataGathered gather(const DCIMetadataQuerySettings& settings, const std::string& name) {
         DCIMetadataQuery query(settings);
-        std::optional<std::vector<std::string>> found;
-        EXPECT_TRUE(query.startQuery(name, [&](const auto& results) { found = results; }));
+        std::optional<DCIMetadataGathered> found;
+        EXPECT_TRUE(query.startQuery(name, [&](const auto& gathered) { found = gathered; }));
         EXPECT_TRUE(DCIRunLoop::main().runUntil([&] { return found.has_value(); }, kPatience));
-        return found.value_or(std::vector<std::string>{"(none)"});
+        return found.value_or(DCIMetadataGathered{{"(none)"}, {}});
+    }
+    std::vector<std::string> candidates(const DCIMetadataQuerySettings& settings, const std::string& name) {
+        const auto gathered = gather(settings, name);
+        EXPECT_FALSE(gathered.failure) << gathered.failure->description();
+        return gathered.paths;
     }
 
     TemporaryDirectory tree, folder;
+    int programs = 0;
 };
 
 TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacriticsAndLeaveNoProgramBehind) {
@@ -151,7 +157,9 @@ TEST_F(DCISampleFinderTests, ASearchThatTimesOutKillsItsLocateProgramsWholeGroup
 // query can open a pidfd: what a fast program wrote must still be read.
 TEST_F(DCISampleFinderTests, AHostThatIgnoresSIGCHLDLosesNoOutput) {
     auto settings = fakeLocate("");
-    std::ofstream(settings.locateProgramPath) << "#!/usr/bin/printf /x/Kick.wav\\0\n";
+    // A program fast enough to be gone before the pidfd is opened, which takes its arguments
+    // in %.0s conversions so that it has nothing to say about them.
+    std::ofstream(settings.locateProgramPath) << "#!/usr/bin/printf %.0s%.0s%.0s%.0s%.0s%.0s%.0s%.0s%.0s%.0s/x/Kick.wav\\0\n";
     struct sigaction ignore {}, previous;
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGCHLD, &ignore, &previous);
@@ -159,6 +167,40 @@ TEST_F(DCISampleFinderTests, AHostThatIgnoresSIGCHLDLosesNoOutput) {
     for (int i = 0; i < 100; ++i) found += candidates(settings, "Kick.wav") == std::vector<std::string>{"/x/Kick.wav"};
     sigaction(SIGCHLD, &previous, nullptr);
     EXPECT_EQ(found, 100);
+}
+
+// plocate exits with 1 for errors as for no match: only its message tells them apart.
+TEST_F(DCISampleFinderTests, AFailedSearchSaysWhyAndIsNoEmptyAnswer) {
+    tree.writeFile("Kick.wav", "");
+    const auto working = settingsFor(DCIMetadataQueryBackend::locateDatabase);
+    const auto corrupt = [&] { auto settings = working; settings.locateDatabasePath = folder.writeFile("bad.db", "PLOCATE"); return settings; }();
+    const auto missing = [&] { auto settings = working; settings.locateDatabasePath = folder / "missing.db"; return settings; }();
+    const std::string fake = "the locate database " + (folder / "fake.db") + " could not be searched: ";
+    const auto noFolder = DCIMetadataQuerySettings{DCIMetadataQueryBackend::folderScan, {}, {}, {folder / "no music"}};
+    const struct { const char* name; DCIMetadataQuerySettings settings; std::optional<std::string> failure; } cases[] = {
+        {"no match", working, none},
+        {"no match, quiet status 1", fakeLocate("exit 1"), none},
+        {"corrupt", corrupt, "the locate database " + corrupt.locateDatabasePath + " could not be searched: pread: "},
+        {"missing", missing, "the locate database " + missing.locateDatabasePath + " could not be searched: No such file"},
+        {"message", fakeLocate("echo 'plocate: Permission denied' >&2; exit 1"), fake + "plocate: Permission denied"},
+        {"killed", fakeLocate("kill -9 $$"), fake + "the locate program was killed by signal 9"},
+        {"no folder", noFolder, "no folder to scan could be read: " + noFolder.scanFolders[0] + ": No such file"},
+    };
+    for (const auto& test : cases) {
+        const auto gathered = gather(test.settings, "Snare.wav");
+        EXPECT_EQ(gathered.paths, std::vector<std::string>{}) << test.name;
+        const std::string why = gathered.failure ? gathered.failure->localizedDescription() : "(none)";
+        EXPECT_EQ(why.find(test.failure.value_or("(none)")), 0u) << test.name << ": " << why;
+    }
+
+    // The finder says so, and logs it.
+    LogSince log;
+    std::optional<DCIError> failure;
+    const auto finder = DCISampleFinder::initWithFileQueries({}, corrupt);
+    EXPECT_EQ(searchOffMain(*finder, "Kick.wav", none, none, 1, 0, &failure), none);
+    EXPECT_EQ(failure.value_or(DCIError("", 0, "")).code(), kDCIMetadataQueryLocateFailed);
+    EXPECT_NE(log.text().find("DCISampleFinder: could not search everywhere for Kick.wav: the locate database " +
+                              corrupt.locateDatabasePath + " could not be searched: pread: "), std::string::npos);
 }
 
 TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns) {

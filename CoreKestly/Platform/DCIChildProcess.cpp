@@ -26,6 +26,15 @@ struct SpawnSettings {
     SpawnSettings& operator=(const SpawnSettings&) = delete;
 };
 
+// A pipe whose read end is non-blocking; both ends closed on exec.
+bool makePipe(DCIFileDescriptor& readEnd, DCIFileDescriptor& writeEnd) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return false;
+    readEnd.reset(ends[0]);
+    writeEnd.reset(ends[1]);
+    return fcntl(readEnd.get(), F_SETFL, O_NONBLOCK) == 0;
+}
+
 std::vector<char*> nullTerminated(const std::vector<std::string>& strings) {
     std::vector<char*> pointers;
     pointers.reserve(strings.size() + 1);
@@ -39,10 +48,8 @@ std::vector<char*> nullTerminated(const std::vector<std::string>& strings) {
 std::unique_ptr<DCIChildProcess> DCIChildProcess::spawn(const std::string& program,
                                                         const std::vector<std::string>& arguments,
                                                         const std::vector<std::string>& environment) {
-    int ends[2];
-    if (pipe2(ends, O_CLOEXEC) != 0) return nullptr;
-    DCIFileDescriptor readEnd(ends[0]), writeEnd(ends[1]);
-    if (fcntl(readEnd.get(), F_SETFL, O_NONBLOCK) != 0) return nullptr;
+    DCIFileDescriptor output, outputWriteEnd, error, errorWriteEnd;
+    if (!makePipe(output, outputWriteEnd) || !makePipe(error, errorWriteEnd)) return nullptr;
 
     SpawnSettings settings;
     // The child starts with no blocked signals and the default disposition of those a host
@@ -57,18 +64,18 @@ std::unique_ptr<DCIChildProcess> DCIChildProcess::spawn(const std::string& progr
     posix_spawnattr_setpgroup(&settings.attributes, 0);
     posix_spawnattr_setflags(&settings.attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
     posix_spawn_file_actions_addopen(&settings.actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&settings.actions, writeEnd.get(), STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&settings.actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&settings.actions, outputWriteEnd.get(), STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&settings.actions, errorWriteEnd.get(), STDERR_FILENO);
     // Descriptors other threads open without O_CLOEXEC must not leak into the child either.
     posix_spawn_file_actions_addclosefrom_np(&settings.actions, STDERR_FILENO + 1);
 
     pid_t pid;
     const auto argv = nullTerminated(arguments);
     const auto envp = nullTerminated(environment);
-    const int error = posix_spawn(&pid, program.c_str(), &settings.actions, &settings.attributes, argv.data(),
-                                  envp.data());
-    if (error != 0) {
-        errno = error;
+    const int spawnError = posix_spawn(&pid, program.c_str(), &settings.actions, &settings.attributes, argv.data(),
+                                       envp.data());
+    if (spawnError != 0) {
+        errno = spawnError;
         return nullptr;
     }
     // ESRCH: a host that ignores SIGCHLD has the kernel reap a child that is already done; what
@@ -76,11 +83,12 @@ std::unique_ptr<DCIChildProcess> DCIChildProcess::spawn(const std::string& progr
     DCIFileDescriptor exit(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));  // closed on exec
     if (!exit && errno != ESRCH) {
         const int openError = errno;
-        DCIChildProcess(pid, std::move(readEnd), std::move(exit)).stop();
+        DCIChildProcess(pid, std::move(output), std::move(error), std::move(exit)).stop();
         errno = openError;
         return nullptr;
     }
-    return std::unique_ptr<DCIChildProcess>(new DCIChildProcess(pid, std::move(readEnd), std::move(exit)));
+    return std::unique_ptr<DCIChildProcess>(
+        new DCIChildProcess(pid, std::move(output), std::move(error), std::move(exit)));
 }
 
 std::optional<int> DCIChildProcess::exitStatus() {

@@ -11,8 +11,8 @@
 #include <vector>
 
 /// A program run as a child process with an argument vector (never through a shell), in a
-/// process group of its own: standard input and standard error on /dev/null, standard output
-/// on a pipe whose read end the parent reads without blocking, and no other descriptor of the
+/// process group of its own: standard input on /dev/null, standard output and standard error
+/// on pipes whose read ends the parent reads without blocking, and no other descriptor of the
 /// parent inherited. The object owns the child: `stop`, which its destructor calls, kills the
 /// whole group (a wrapper script and what it started) and reaps the child, so nothing it
 /// started outlives it and none is left a zombie.
@@ -33,6 +33,8 @@ public:
 
     /// The read end of the child's standard output: non-blocking, closed on exec.
     int outputDescriptor() const { return output_.get(); }
+    /// The read end of the child's standard error: non-blocking, closed on exec.
+    int errorDescriptor() const { return error_.get(); }
     /// A descriptor that becomes readable when the child has exited (a pidfd), or -1 when the
     /// child had exited, and been reaped by the kernel, before it could be opened.
     int exitDescriptor() const { return exit_.get(); }
@@ -45,11 +47,12 @@ public:
     void stop();
 
 private:
-    DCIChildProcess(pid_t pid, DCIFileDescriptor output, DCIFileDescriptor exit)
-        : pid_(pid), output_(std::move(output)), exit_(std::move(exit)) {}
+    DCIChildProcess(pid_t pid, DCIFileDescriptor output, DCIFileDescriptor error, DCIFileDescriptor exit)
+        : pid_(pid), output_(std::move(output)), error_(std::move(error)), exit_(std::move(exit)) {}
 
     const pid_t pid_;
     const DCIFileDescriptor output_;
+    const DCIFileDescriptor error_;
     const DCIFileDescriptor exit_;
     std::mutex mutex_;  // guards the waits on the child and `reaped_`
     bool reaped_ = false;

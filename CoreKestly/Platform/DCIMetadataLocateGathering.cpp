@@ -1,10 +1,10 @@
 // The locate backend: the locate program's NUL-separated output, read from a non-blocking pipe
 // on the main loop, each path checked against the pattern as the scan checks it.
 
-#include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Platform/DCIChildProcessInternal.h"
 #include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
 #include "CoreKestly/Platform/DCIMetadataGatheringInternal.h"
+#include "CoreKestly/Platform/DCIMetadataQuery.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
@@ -25,18 +25,21 @@ namespace {
 constexpr size_t kLongestPath = 16 * 1024;
 // Bytes read per turn of the loop, so a flood of output never holds the loop for long.
 constexpr size_t kReadPerTurn = 256 * 1024;
+// What is kept of the program's standard error for the failure's description.
+constexpr size_t kLongestMessage = 1024;
 
 class LocateGathering : public DCIMetadataGathering {
 public:
-    LocateGathering(std::unique_ptr<DCIChildProcess> child, DCIFileNamePattern pattern, size_t maximumResults,
-                    std::stop_token stop, Completion completion)
-        : child_(std::move(child)), pattern_(std::move(pattern)), maximumResults_(maximumResults),
-          completion_(std::move(completion)) {
+    LocateGathering(std::unique_ptr<DCIChildProcess> child, std::string database, DCIFileNamePattern pattern,
+                    size_t maximumResults, std::stop_token stop, Completion completion)
+        : child_(std::move(child)), database_(std::move(database)), pattern_(std::move(pattern)),
+          maximumResults_(maximumResults), completion_(std::move(completion)) {
         // The searching thread's stop kills the program at once, whether or not this loop
         // still turns: the finish it causes here then comes to nothing.
         onStop_.emplace(stop, StopChild{child_.get()});
         auto& loop = DCIRunLoop::main();
         output_ = loop.addFileDescriptorSource(child_->outputDescriptor(), EPOLLIN, [this](uint32_t) { readOutput(); });
+        errors_ = loop.addFileDescriptorSource(child_->errorDescriptor(), EPOLLIN, [this](uint32_t) { readErrors(); });
         // No exit descriptor: the program is done already, and its output still to be read.
         if (child_->exitDescriptor() >= 0)
             exit_ = loop.addFileDescriptorSource(child_->exitDescriptor(), EPOLLIN, [this](uint32_t) { noteExit(); });
@@ -44,7 +47,7 @@ public:
             exited_ = true;
     }
 
-    bool isWatched() const { return output_ && (exit_ || exited_); }
+    bool isWatched() const { return output_ && errors_ && (exit_ || exited_); }
 
 private:
     struct StopChild {
@@ -80,13 +83,21 @@ private:
         return true;
     }
 
+    // Drained as it comes, so a talkative program never blocks on a full pipe; the start is kept.
+    void readErrors() {
+        char buffer[4096];
+        const ssize_t count = read(child_->errorDescriptor(), buffer, sizeof buffer);
+        if (count < 0 && (errno == EINTR || errno == EAGAIN)) return;
+        if (count <= 0) {
+            errors_.reset();
+            return;
+        }
+        messages_.append(buffer, std::min(static_cast<size_t>(count), kLongestMessage - messages_.size()));
+    }
+
     void noteExit() {
         exit_.reset();
         exited_ = true;
-        const auto status = child_->exitStatus();
-        // Status 1 means nothing matched; anything else beyond 0 is worth a line.
-        if (status && *status != DCIChildProcess::kLostStatus && !(WIFEXITED(*status) && WEXITSTATUS(*status) <= 1))
-            DCLogError("DCIMetadataQuery: the locate program ended with wait status %d.", *status);
         finishIfDone();
     }
 
@@ -95,27 +106,54 @@ private:
         if (!output_ && exited_) finish();
     }
 
-    // The last thing this object does: the completion may destroy it.
+    // plocate exits with 1 both for no match and for errors; only an error says something.
+    std::optional<DCIError> failure() {
+        while (errors_ && messages_.size() < kLongestMessage) {
+            const size_t before = messages_.size();
+            readErrors();
+            if (messages_.size() == before) break;
+        }
+        const auto status = child_->exitStatus();
+        const bool succeeded = status && *status != DCIChildProcess::kLostStatus && WIFEXITED(*status) &&
+                               WEXITSTATUS(*status) == 0;
+        const bool exitedNormally = !status || *status == DCIChildProcess::kLostStatus ||
+                                    (WIFEXITED(*status) && WEXITSTATUS(*status) <= 1);
+        while (!messages_.empty() && (messages_.back() == '\n' || messages_.back() == ' ')) messages_.pop_back();
+        if (succeeded || (exitedNormally && messages_.empty())) return std::nullopt;
+        std::string description = "the locate database " + database_ + " could not be searched: ";
+        if (!messages_.empty()) description += messages_;
+        else if (WIFSIGNALED(*status)) description += "the locate program was killed by signal " + std::to_string(WTERMSIG(*status));
+        else description += "the locate program exited with status " + std::to_string(WEXITSTATUS(*status));
+        return DCIError(kDCIMetadataQueryErrorDomain, kDCIMetadataQueryLocateFailed, description);
+    }
+
+    // The last thing this object does: the completion may destroy it. A program cut short once
+    // enough names are in has not failed.
     void finish() {
+        std::optional<DCIError> failed = output_ ? std::nullopt : failure();
         output_.reset();
+        errors_.reset();
         exit_.reset();
         onStop_.reset();  // waits for a stop running on another thread
         child_.reset();  // kills it if it still runs, and reaps it
         std::sort(paths_.begin(), paths_.end());
         auto completion = std::move(completion_);
-        completion(std::move(paths_));
+        completion({std::move(paths_), std::move(failed)});
     }
 
     std::unique_ptr<DCIChildProcess> child_;
     std::optional<std::stop_callback<StopChild>> onStop_;  // after the child it stops
+    const std::string database_;
     const DCIFileNamePattern pattern_;
     const size_t maximumResults_;
     Completion completion_;
     std::string pending_;
     std::vector<std::string> paths_;
+    std::string messages_;
     bool exited_ = false;
     // Declared after the child: removed from the loop before its descriptors close.
     std::unique_ptr<DCIRunLoopSource> output_;
+    std::unique_ptr<DCIRunLoopSource> errors_;
     std::unique_ptr<DCIRunLoopSource> exit_;
 };
 
@@ -125,12 +163,15 @@ std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string&
                                                               const DCIFileNamePattern& pattern, size_t maximumResults,
                                                               std::stop_token stop,
                                                               DCIMetadataGathering::Completion completion) {
+    const auto cannotSearch = [&](const std::string& why) {
+        return DCIStartFinishedGathering(
+            {{}, DCIError(kDCIMetadataQueryErrorDomain, kDCIMetadataQueryLocateFailed,
+                          "the locate database " + database + " could not be searched: " + why)},
+            std::move(completion));
+    };
     // The program answers a missing database as it answers no match: tell them apart here.
     struct stat status;
-    if (stat(database.c_str(), &status) != 0) {
-        DCLogError("DCIMetadataQuery: no locate database at %@: %s", database, std::strerror(errno));
-        return nullptr;
-    }
+    if (stat(database.c_str(), &status) != 0) return cannotSearch(std::strerror(errno));
     // No --limit: a glob without wildcards matches as a substring, and the program would count
     // those hits (a808.mp3 for 808.mp3) against the limit before the whole-name check drops
     // them. Reading stops, and the program is killed, once enough whole names are in.
@@ -139,15 +180,9 @@ std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string&
     // A UTF-8 locale of its own makes `?` one character and folds case beyond ASCII.
     const std::vector<std::string> environment = {"LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin"};
     auto child = DCIChildProcess::spawn(program, arguments, environment);
-    if (!child) {
-        DCLogError("DCIMetadataQuery: cannot run %@: %s", program, std::strerror(errno));
-        return nullptr;
-    }
-    auto gathering = std::make_unique<LocateGathering>(std::move(child), pattern, maximumResults, std::move(stop),
-                                                       std::move(completion));
-    if (!gathering->isWatched()) {
-        DCLogError("DCIMetadataQuery: cannot watch the locate program's output.");
-        return nullptr;
-    }
+    if (!child) return cannotSearch("cannot run " + program + ": " + std::strerror(errno));
+    auto gathering = std::make_unique<LocateGathering>(std::move(child), database, pattern, maximumResults,
+                                                       std::move(stop), completion);
+    if (!gathering->isWatched()) return cannotSearch("its output cannot be watched");
     return gathering;
 }

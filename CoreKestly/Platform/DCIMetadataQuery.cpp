@@ -1,6 +1,5 @@
 #include "CoreKestly/Platform/DCIMetadataQuery.h"
 
-#include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
 #include "CoreKestly/Platform/DCIMetadataGatheringInternal.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
@@ -48,21 +47,16 @@ DCIMetadataQuery::DCIMetadataQuery(DCIMetadataQuerySettings settings) : settings
 DCIMetadataQuery::~DCIMetadataQuery() = default;
 
 bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finished, std::stop_token stop) {
-    if (!DCIIsMainThread()) {
-        DCLogError("DCIMetadataQuery: a search for %@ was started off the main thread; refused.", name);
-        return false;
-    }
+    if (!DCIIsMainThread()) return false;
     stopQuery();
     finished_ = std::move(finished);
     const DCIFileNamePattern pattern(name);
-    auto completion = [this](std::vector<std::string> paths) { finishGathering(std::move(paths)); };
+    auto completion = [this](DCIMetadataGathered gathered) { finishGathering(std::move(gathered)); };
     if (settings_.resolvedBackend() == DCIMetadataQueryBackend::locateDatabase) {
         const std::string& database =
             settings_.locateDatabasePath.empty() ? settings_.systemLocateDatabasePath() : settings_.locateDatabasePath;
         gathering_ = DCIStartLocateGathering(settings_.locateProgramPath, database, pattern, settings_.maximumResults,
                                              stop, completion);
-        // Not startable: logged; the search still ends on the loop, with nothing found.
-        if (!gathering_) gathering_ = DCIStartScanGathering({}, pattern, 0, stop, completion);
     } else {
         const auto folders = settings_.scanFolders.empty() ? std::vector{settings_.userMusicFolder()}
                                                             : settings_.scanFolders;
@@ -71,20 +65,41 @@ bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finishe
     return true;
 }
 
-void DCIMetadataQuery::stopQuery() {
-    if (!DCIIsMainThread()) {
-        DCLogError("DCIMetadataQuery: a search was stopped off the main thread; refused.");
-        return;
-    }
+bool DCIMetadataQuery::stopQuery() {
+    if (!DCIIsMainThread()) return false;
     gathering_.reset();
     gathered_ = false;
-    results_.clear();
+    results_ = {};
     finished_ = nullptr;
+    return true;
 }
 
-void DCIMetadataQuery::finishGathering(std::vector<std::string> results) {
+void DCIMetadataQuery::finishGathering(DCIMetadataGathered results) {
     results_ = std::move(results);
     gathered_ = true;
     // The handler may stop or restart this query: it runs from copies of its own.
-    if (auto finished = finished_) finished(std::vector<std::string>(results_));
+    if (auto finished = finished_) finished(DCIMetadataGathered(results_));
+}
+
+namespace {
+
+class FinishedGathering : public DCIMetadataGathering {
+public:
+    FinishedGathering(DCIMetadataGathered gathered, Completion completion) {
+        // Runs only while this gathering lives, which ends on the main thread where this runs.
+        DCIRunLoop::main().performAsync([alive = std::weak_ptr<const int>(alive_), gathered = std::move(gathered),
+                                         completion = std::move(completion)] {
+            if (alive.lock()) completion(gathered);
+        });
+    }
+
+private:
+    const std::shared_ptr<const int> alive_ = std::make_shared<const int>(0);
+};
+
+}  // namespace
+
+std::unique_ptr<DCIMetadataGathering> DCIStartFinishedGathering(DCIMetadataGathered gathered,
+                                                                DCIMetadataGathering::Completion completion) {
+    return std::make_unique<FinishedGathering>(std::move(gathered), std::move(completion));
 }

@@ -2,9 +2,12 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
+#include "CoreKestly/Platform/DCIError.h"
+
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stop_token>
 #include <string>
 #include <vector>
@@ -43,6 +46,22 @@ struct KESTLY_EXPORT DCIMetadataQuerySettings {
     DCIMetadataQueryBackend resolvedBackend() const;
 };
 
+/// The domain of a metadata query's failures, with its codes.
+inline constexpr const char* kDCIMetadataQueryErrorDomain = "DCIMetadataQuery";
+/// The locate program could not be run, or failed (an unreadable or corrupt database).
+inline constexpr int64_t kDCIMetadataQueryLocateFailed = 1;
+/// None of the folders to scan could be read.
+inline constexpr int64_t kDCIMetadataQueryNoFolderToScan = 2;
+
+/// What a search gathered.
+struct KESTLY_EXPORT DCIMetadataGathered {
+    /// Full paths, sorted bytewise.
+    std::vector<std::string> paths;
+    /// Why the search could not look everywhere it should have; `paths` then holds what it
+    /// found elsewhere. A failed search that found nothing is no proof that nothing is there.
+    std::optional<DCIError> failure;
+};
+
 /// A search of the machine's files by whole file name, the source of a sample finder's
 /// candidates. The name's `?` matches any one character and `*` any run; case and diacritics
 /// are ignored ("CAFE.wav" finds "Café.wav"). Candidates are full paths, sorted bytewise so
@@ -57,7 +76,7 @@ struct KESTLY_EXPORT DCIMetadataQuerySettings {
 /// once no gathering is under way.
 class KESTLY_EXPORT DCIMetadataQuery {
 public:
-    using FinishHandler = std::function<void(const std::vector<std::string>& results)>;
+    using FinishHandler = std::function<void(const DCIMetadataGathered& gathered)>;
 
     explicit DCIMetadataQuery(DCIMetadataQuerySettings settings = {});
     ~DCIMetadataQuery();
@@ -70,27 +89,30 @@ public:
 
     /// Stops any search under way and starts gathering the files named `name`. `finished` runs
     /// once on the main loop with the candidates, unless the search is stopped first. A
-    /// backend that cannot run (no locate program, no database) is logged and finishes with
-    /// no candidates. Answers false, starting nothing, off the main thread.
+    /// backend that cannot run (no locate program, no database) finishes with its failure.
+    /// Answers false, starting nothing, off the main thread.
     ///
     /// A stop requested through `stop` ends the gathering from any thread, whether the main
     /// loop turns again or not: the locate program is killed and reaped before `request_stop`
     /// returns. `stopQuery` must still follow on the main thread.
     bool startQuery(const std::string& name, FinishHandler finished, std::stop_token stop = {});
     /// Stops the search: its gathering ends (the locate program is killed and reaped, the
-    /// scan thread joined) and `finished` is not called for it. Clears `results`.
-    void stopQuery();
+    /// scan thread joined) and `finished` is not called for it. Clears `results`. Answers
+    /// false, stopping nothing, off the main thread.
+    bool stopQuery();
     /// Whether a search has started and not yet finished gathering.
     bool isGathering() const { return gathering_ != nullptr && !gathered_; }
     /// The candidates of the last search that finished gathering and was not stopped.
-    const std::vector<std::string>& results() const { return results_; }
+    const std::vector<std::string>& results() const { return results_.paths; }
+    /// Why the last search that finished gathering could not look everywhere, if it could not.
+    const std::optional<DCIError>& failure() const { return results_.failure; }
 
 private:
-    void finishGathering(std::vector<std::string> results);
+    void finishGathering(DCIMetadataGathered results);
 
     DCIMetadataQuerySettings settings_;
     FinishHandler finished_;
-    std::vector<std::string> results_;
+    DCIMetadataGathered results_;
     bool gathered_ = false;
     std::unique_ptr<DCIMetadataGathering> gathering_;  // last: its callbacks use the members above
 };

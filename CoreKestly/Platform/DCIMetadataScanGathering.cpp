@@ -4,6 +4,7 @@
 
 #include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
 #include "CoreKestly/Platform/DCIMetadataGatheringInternal.h"
+#include "CoreKestly/Platform/DCIMetadataQuery.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
@@ -14,6 +15,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <optional>
 #include <functional>
 #include <stop_token>
 #include <thread>
@@ -27,15 +31,18 @@ struct DirectoryEntry {
 
 // The entries of one folder, read whole and closed before the walk goes deeper, so the walk
 // holds one descriptor at a time at any depth. `path` is followed when it is a link only if
-// `followsLink`.
-std::vector<DirectoryEntry> readFolder(const std::string& path, bool followsLink, const std::atomic<bool>& cancelled) {
+// `followsLink`. Nothing, with errno set, when the folder cannot be opened.
+std::optional<std::vector<DirectoryEntry>> readFolder(const std::string& path, bool followsLink,
+                                                      const std::atomic<bool>& cancelled) {
     std::vector<DirectoryEntry> entries;
     const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (followsLink ? 0 : O_NOFOLLOW));
-    if (fd < 0) return entries;
+    if (fd < 0) return std::nullopt;
     DIR* folder = fdopendir(fd);
     if (!folder) {
+        const int error = errno;
         close(fd);
-        return entries;
+        errno = error;
+        return std::nullopt;
     }
     while (const dirent* entry = readdir(folder)) {
         if (cancelled) break;
@@ -51,16 +58,24 @@ std::vector<DirectoryEntry> readFolder(const std::string& path, bool followsLink
     return entries;
 }
 
-std::vector<std::string> scan(const std::vector<std::string>& folders, const DCIFileNamePattern& pattern,
-                              size_t maximumResults, const std::atomic<bool>& cancelled) {
+DCIMetadataGathered scan(const std::vector<std::string>& folders, const DCIFileNamePattern& pattern,
+                         size_t maximumResults, const std::atomic<bool>& cancelled) {
     std::vector<std::string> found;
     std::vector<std::string> toVisit(folders.rbegin(), folders.rend());
+    std::string unreadable;  // the configured folders that could not be read, and why
+    size_t foldersRead = 0;
     while (!toVisit.empty() && !cancelled && found.size() < maximumResults) {
         const std::string folder = std::move(toVisit.back());
         toVisit.pop_back();
         // A configured folder may be a link to where the files are; nothing below it is followed.
         const bool isConfigured = std::find(folders.begin(), folders.end(), folder) != folders.end();
-        for (const auto& entry : readFolder(folder, isConfigured, cancelled)) {
+        const auto entries = readFolder(folder, isConfigured, cancelled);
+        if (!entries) {
+            if (isConfigured) unreadable += (unreadable.empty() ? "" : "; ") + folder + ": " + std::strerror(errno);
+            continue;
+        }
+        foldersRead += isConfigured;
+        for (const auto& entry : *entries) {
             std::string path = KestlyPath::appendingComponent(folder, entry.name);
             if (pattern.matches(entry.name) && found.size() < maximumResults) found.push_back(path);
             if (entry.isFolder) toVisit.push_back(std::move(path));
@@ -69,7 +84,9 @@ std::vector<std::string> scan(const std::vector<std::string>& folders, const DCI
     // Folders that overlap (a watched root inside the music folder) find a file twice.
     std::sort(found.begin(), found.end());
     found.erase(std::unique(found.begin(), found.end()), found.end());
-    return found;
+    if (foldersRead > 0 || cancelled) return {std::move(found), std::nullopt};
+    const std::string why = folders.empty() ? "no folder to scan" : "no folder to scan could be read: " + unreadable;
+    return {std::move(found), DCIError(kDCIMetadataQueryErrorDomain, kDCIMetadataQueryNoFolderToScan, why)};
 }
 
 class ScanGathering : public DCIMetadataGathering {
@@ -80,16 +97,16 @@ public:
         std::weak_ptr<const int> alive = alive_;
         worker_ = std::thread([this, alive, folders = std::move(folders), pattern = std::move(pattern), maximumResults,
                                completion = std::move(completion)]() mutable {
-            auto paths = scan(folders, pattern, maximumResults, cancelled_);
+            auto gathered = scan(folders, pattern, maximumResults, cancelled_);
             if (cancelled_) return;
             // Runs only while this gathering lives: it is destroyed on the main thread, where
             // this closure runs, so the check cannot race with the destruction. The thread is
             // joined there, so a finished search holds no thread while it waits to be stopped.
             DCIRunLoop::main().performAsync(
-                [this, alive, paths = std::move(paths), completion = std::move(completion)] {
+                [this, alive, gathered = std::move(gathered), completion = std::move(completion)] {
                     if (!alive.lock()) return;
                     worker_.join();
-                    completion(paths);
+                    completion(gathered);
                 });
         });
     }

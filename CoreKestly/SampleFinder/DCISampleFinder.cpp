@@ -40,7 +40,8 @@ DCISampleFinder::DCISampleFinder(std::weak_ptr<DCIFileQueries> fileQueries, DCIM
 std::optional<std::string> DCISampleFinder::pathForSampleWithName(const std::optional<std::string>& name,
                                                                   const std::optional<std::string>& sasID,
                                                                   const std::optional<std::string>& sha,
-                                                                  uint64_t fileSize, uint64_t duration) {
+                                                                  uint64_t fileSize, uint64_t duration,
+                                                                  std::optional<DCIError>* failure) {
     if (!name || name->empty()) return std::nullopt;
     // The length first, so that no refusal logs a name of any length.
     if (name->size() > kLongestName) {
@@ -54,7 +55,13 @@ std::optional<std::string> DCISampleFinder::pathForSampleWithName(const std::opt
     }
     std::lock_guard searching(searchMutex_);
     const auto candidates = gatherCandidates(fileNameForSampleName(*name));
-    return candidates ? chooseCandidate(*candidates, sasID, sha, fileSize, duration) : std::nullopt;
+    auto found = chooseCandidate(candidates.paths, sasID, sha, fileSize, duration);
+    if (candidates.failure) {
+        DCLogError("DCISampleFinder: could not search everywhere for %@: %@", DCILoggedText(*name),
+                   DCILoggedText(candidates.failure->localizedDescription()));
+    }
+    if (failure) *failure = found ? std::nullopt : candidates.failure;
+    return found;
 }
 
 std::string DCISampleFinder::fileNameForSampleName(std::string name) {
@@ -62,7 +69,7 @@ std::string DCISampleFinder::fileNameForSampleName(std::string name) {
     return name;
 }
 
-std::optional<std::vector<std::string>> DCISampleFinder::gatherCandidates(const std::string& name) {
+DCIMetadataGathered DCISampleFinder::gatherCandidates(const std::string& name) {
     uint64_t search;
     {
         std::lock_guard lock(gathered_->mutex);
@@ -78,13 +85,13 @@ std::optional<std::vector<std::string>> DCISampleFinder::gatherCandidates(const 
         if (stop.stop_requested()) return;
         query->setSettings(settings);
         query->startQuery(
-            name, [gathered, search](const std::vector<std::string>& results) {
+            name, [gathered, search](const DCIMetadataGathered& results) {
                 initialGatherComplete(*gathered, search, results);
             },
             stop);
     });
     const auto timeout = gatherTimeout();
-    std::optional<std::vector<std::string>> candidates;
+    std::optional<DCIMetadataGathered> candidates;
     {
         std::unique_lock lock(gathered_->mutex);
         gathered_->ready.wait_for(lock, timeout, [&] { return gathered_->results.has_value(); });
@@ -96,15 +103,13 @@ std::optional<std::vector<std::string>> DCISampleFinder::gatherCandidates(const 
     // once this search has answered. The stop queued behind it releases the rest.
     stop.request_stop();
     DCIRunLoop::main().performAsync([query = metadataSearch_] { query->stopQuery(); });
-    if (!candidates) {
-        DCLogInfo("DCISampleFinder: no candidates for %@ were gathered within %lu ms.", DCILoggedText(name),
-                  static_cast<unsigned long>(timeout.count()));
-    }
-    return candidates;
+    if (candidates) return std::move(*candidates);
+    return {{}, DCIError(kDCISampleFinderErrorDomain, kDCISampleFinderTimedOut,
+                         "no candidates were gathered within " + std::to_string(timeout.count()) + " ms")};
 }
 
 void DCISampleFinder::initialGatherComplete(Gathered& gathered, uint64_t search,
-                                            const std::vector<std::string>& results) {
+                                            const DCIMetadataGathered& results) {
     std::lock_guard lock(gathered.mutex);
     if (gathered.search != search) return;
     gathered.results = results;

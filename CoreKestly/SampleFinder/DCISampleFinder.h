@@ -16,6 +16,10 @@
 
 class DCIFileQueries;
 
+/// The domain of the finder's own failures, and its one code: no answer within the wait.
+inline constexpr const char* kDCISampleFinderErrorDomain = "DCISampleFinder";
+inline constexpr int64_t kDCISampleFinderTimedOut = 1;
+
 /// Finds a sample anywhere on the machine from what the service knows of it: its file name,
 /// and its `sasID`, SHA-256, size in bytes or length in sample frames. The machine's file-name
 /// index (`DCIMetadataQuery`) gives the candidates, files of that name; the first candidate
@@ -49,12 +53,14 @@ public:
     /// 2. else `fileSize` not 0: its size in bytes equals `fileSize`;
     /// 3. else `duration` not 0: its number of sample frames (`DCIAudioFile`) equals it;
     /// 4. else nothing.
-    /// Nothing as well for no name, and when the index has not gathered within
-    /// `gatherTimeout()`.
+    /// Nothing as well for no name, and when the search failed: the index has not gathered
+    /// within `gatherTimeout()`, or the locate program or the scan could not search. A failure
+    /// is logged, and set in `failure` when one is given, so a caller can tell "not there"
+    /// from "could not look"; a search that found its file anyway answers it.
     std::optional<std::string> pathForSampleWithName(const std::optional<std::string>& name,
                                                      const std::optional<std::string>& sasID,
                                                      const std::optional<std::string>& sha, uint64_t fileSize,
-                                                     uint64_t duration);
+                                                     uint64_t duration, std::optional<DCIError>* failure = nullptr);
 
     /// The file name a sample called `name` has on disk: a file name cannot hold "/", so
     /// each one is kept as ":".
@@ -72,15 +78,15 @@ private:
         mutable std::mutex mutex;
         std::condition_variable ready;
         uint64_t search = 0;  // the number of the search under way; a finish of another is stale
-        std::optional<std::vector<std::string>> results;
+        std::optional<DCIMetadataGathered> results;
     };
 
     DCISampleFinder(std::weak_ptr<DCIFileQueries> fileQueries, DCIMetadataQuerySettings settings);
 
-    /// The candidates named `name` (a file name), or nothing when gathering took too long.
-    std::optional<std::vector<std::string>> gatherCandidates(const std::string& name);
+    /// The candidates named `name` (a file name), with a failure when gathering took too long.
+    DCIMetadataGathered gatherCandidates(const std::string& name);
     /// The end of gathering, on the main loop: hands `results` over to search number `search`.
-    static void initialGatherComplete(Gathered& gathered, uint64_t search, const std::vector<std::string>& results);
+    static void initialGatherComplete(Gathered& gathered, uint64_t search, const DCIMetadataGathered& results);
     std::optional<std::string> chooseCandidate(const std::vector<std::string>& candidates,
                                                const std::optional<std::string>& sasID,
                                                const std::optional<std::string>& sha, uint64_t fileSize,

@@ -61,22 +61,25 @@ bool isSHA256(const std::string& text) {
 // Names on disk may hold anything but "/" and NUL, escape sequences included.
 void print(const std::string& path) { std::printf("%s\n", terminalText(path).c_str()); }
 
+// Exit status 3: no answer either way.
+int couldNotSearch(const std::string& why) {
+    std::fprintf(stderr, "kestly: could not search: %s\n", terminalText(why).c_str());
+    return 3;
+}
+
 // Every candidate of the index, gathered on the main loop as a finder gathers them, and within
 // the same wait.
 int printCandidates(const FindOptions& options, const DCIMetadataQuerySettings& settings) {
     DCIMetadataQuery query(settings);
-    std::optional<std::vector<std::string>> found;
+    std::optional<DCIMetadataGathered> found;
     query.startQuery(DCISampleFinder::fileNameForSampleName(options.name),
-                     [&](const auto& results) { found = results; });
+                     [&](const auto& gathered) { found = gathered; });
     DCIRunLoop::main().runUntil([&] { return found.has_value(); }, options.wait());
     query.stopQuery();  // kills and reaps the locate program if it is still running
-    if (!found) {
-        std::fprintf(stderr, "kestly: could not search: no answer within %.3g s\n", options.waitSeconds);
-        return 3;
-    }
-    if (found->empty()) return 1;
-    for (const auto& path : *found) print(path);
-    return 0;
+    if (!found) return couldNotSearch("no answer within " + std::to_string(options.waitSeconds) + " s");
+    for (const auto& path : found->paths) print(path);
+    if (found->failure) return couldNotSearch(found->failure->localizedDescription());
+    return found->paths.empty() ? 1 : 0;
 }
 
 // The finder searches on a thread of its own, since it needs the main loop, run here meanwhile.
@@ -85,13 +88,15 @@ int findSample(const FindOptions& options, const DCIMetadataQuerySettings& setti
     const auto finder = DCISampleFinder::initWithFileQueries(queries, settings);
     finder->setGatherTimeout(options.wait());
     std::optional<std::string> found;
+    std::optional<DCIError> failure;
     std::thread search([&] {
         found = finder->pathForSampleWithName(options.name, options.sasID, options.sha, options.size,
-                                              options.duration);
+                                              options.duration, &failure);
         DCIRunLoop::main().stop();
     });
     DCIRunLoop::main().run();
     search.join();
+    if (failure) return couldNotSearch(failure->localizedDescription());
     if (!found) return 1;
     print(*found);
     return 0;
@@ -134,7 +139,7 @@ KestlyCommand addFindCommand(CLI::App& app) {
     CLI::App* command = app.add_subcommand(
         "find", "Find the sample file NAME on this machine through the locate database, or a scan of --scope "
                 "folders, and print the path of the first one that matches by --sha, else --size, else "
-                "--duration; exit 1 when none does");
+                "--duration; exit 1 when none does, 3 when it could not search");
     command->add_option("NAME", options->name, "The file name; ? and * are wildcards, case and accents ignored")
         ->required();
     command->add_option("--sasid", options->sasID,

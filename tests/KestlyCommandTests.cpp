@@ -1,5 +1,5 @@
 // The `kestly` program of this build run as a person runs it, with arguments, standard input
-// and a terminal's worth of output: scan, download, manifest and watch.
+// and a terminal's worth of output: scan, download, manifest, watch and find.
 
 #include "support/KestlyProgram.h"
 #include "support/LoopbackHTTPServer.h"
@@ -115,6 +115,30 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
     EXPECT_EQ(readWholeFile(folder / "a.txt") + readWholeFile(folder / "b.txt") + readWholeFile(folder / "keep.txt"),
               "helloworldkept");
     EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 3) << "no staging file is left";
+}
+
+// Paths reach a pipe exactly as they are on disk, absolute whatever --scope was given as; bad
+// counts are usage errors; a search that could not be made is no "not found".
+TEST(KestlyFindCommandTests, PrintsExactAbsolutePathsAndExitsAsDocumented) {
+    const TemporaryDirectory folder;
+    folder.writeFile("a\\b.wav", "abc");
+    folder.writeFile("line\nbreak.wav", "abc");
+    const std::string corrupt = folder.writeFile("corrupt.db", "PLOCATE");
+    const fs::path started = fs::current_path();
+    fs::current_path(folder.path());
+    const struct { std::string arguments; int status; std::string output; } runs[] = {
+        {"'a\\b.wav' --size 3 --scope .", 0, folder / "a\\b.wav\n"},
+        {"'line?break.wav' -0 --size 3 --scope .", 0, folder / "line\nbreak.wav" + std::string(1, '\0')},
+        {"'*.wav' -0 --candidates --scope .", 0, folder / "a\\b.wav" + '\0' + folder / "line\nbreak.wav" + '\0'},
+        {"a.wav --size 3 --scope .", 1, ""},
+        {"a.wav --size -1 --scope .", 2, ""}, {"a.wav --duration -18446744073709551617 --scope .", 2, ""},
+        {"a.wav --size 3 --locate-db " + corrupt, 3, ""}, {"a.wav --candidates --locate-db " + corrupt, 3, ""},
+    };
+    for (const auto& run : runs) {
+        const auto [status, output] = runKestly("find " + run.arguments + " 2>/dev/null");
+        EXPECT_EQ(std::tuple(status, output), std::tuple(run.status, run.output)) << run.arguments;
+    }
+    fs::current_path(started);
 }
 
 // A title sequence, colours, a forged table row, a reordering mark, a C1 control and a

@@ -1,6 +1,7 @@
 // kestly find: finds a sample on this machine by name, as the file manager does for a sample
 // the service knows, and confirms it by hash, size or length in frames.
 
+#include "CachePaths.h"
 #include "KestlyCommand.h"
 #include "TerminalText.h"
 
@@ -12,8 +13,10 @@
 #include "CoreKestly/SampleFinder/DCISampleFinder.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -35,6 +38,7 @@ struct FindOptions {
     std::vector<std::string> scopes;
     double waitSeconds = std::chrono::duration<double>(DCISampleFinder::kDefaultGatherTimeout).count();
     bool candidates = false;
+    bool print0 = false;
 
     std::chrono::milliseconds wait() const {
         return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(waitSeconds));
@@ -52,14 +56,34 @@ public:
     std::optional<std::string> SasIDForFileAtPath(const std::string&) override { return std::nullopt; }
 };
 
+// Decimal digits that fit in 64 bits: CLI11 alone would wrap "-1" around to a huge size.
+CLI::Validator countValidator() {
+    return CLI::Validator(
+        [](const std::string& text) -> std::string {
+            uint64_t value;
+            const char* end = text.data() + text.size();
+            const auto [stop, error] = std::from_chars(text.data(), end, value);
+            return !text.empty() && error == std::errc() && stop == end ? "" : "takes a whole number from 0 to 2^64-1";
+        },
+        "COUNT");
+}
+
 bool isSHA256(const std::string& text) {
     return text.size() == 64 && std::all_of(text.begin(), text.end(), [](unsigned char c) {
                return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
            });
 }
 
-// Names on disk may hold anything but "/" and NUL, escape sequences included.
-void print(const std::string& path) { std::printf("%s\n", terminalText(path).c_str()); }
+// Names on disk may hold anything but "/" and NUL, escape sequences included: a terminal is
+// shown them escaped, a pipe gets them as they are (a line break in a name then needs -0).
+void print(const std::string& path, const FindOptions& options) {
+    if (options.print0) {
+        std::fwrite(path.c_str(), 1, path.size() + 1, stdout);
+    } else {
+        static const bool isTerminal = isatty(STDOUT_FILENO) == 1;
+        std::printf("%s\n", (isTerminal ? terminalText(path) : path).c_str());
+    }
+}
 
 // Exit status 3: no answer either way.
 int couldNotSearch(const std::string& why) {
@@ -77,7 +101,7 @@ int printCandidates(const FindOptions& options, const DCIMetadataQuerySettings& 
     DCIRunLoop::main().runUntil([&] { return found.has_value(); }, options.wait());
     query.stopQuery();  // kills and reaps the locate program if it is still running
     if (!found) return couldNotSearch("no answer within " + std::to_string(options.waitSeconds) + " s");
-    for (const auto& path : found->paths) print(path);
+    for (const auto& path : found->paths) print(path, options);
     if (found->failure) return couldNotSearch(found->failure->localizedDescription());
     return found->paths.empty() ? 1 : 0;
 }
@@ -98,7 +122,7 @@ int findSample(const FindOptions& options, const DCIMetadataQuerySettings& setti
     search.join();
     if (failure) return couldNotSearch(failure->localizedDescription());
     if (!found) return 1;
-    print(*found);
+    print(*found, options);
     return 0;
 }
 
@@ -122,12 +146,14 @@ int find(FindOptions options) {
         settings.locateDatabasePath = options.locateDatabase;
     }
     for (const auto& scope : options.scopes) {
-        if (stat(scope.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
-            std::fprintf(stderr, "kestly: %s: not a folder\n", scope.c_str());
+        // Found paths are printed absolute, whatever folder kestly was started in.
+        const auto folder = absoluteStandardPath(scope);
+        if (!folder || stat(folder->c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            std::fprintf(stderr, "kestly: %s: not a folder\n", terminalText(scope).c_str());
             return 2;
         }
         settings.backend = DCIMetadataQueryBackend::folderScan;
-        settings.scanFolders.push_back(KestlyPath::standardize(scope));
+        settings.scanFolders.push_back(*folder);
     }
     return options.candidates ? printCandidates(options, settings) : findSample(options, settings);
 }
@@ -146,8 +172,8 @@ KestlyCommand addFindCommand(CLI::App& app) {
                         "The service's sample identifier; kestly knows none, so it matches nothing and only "
                         "--sha can confirm a file");
     command->add_option("--sha", options->sha, "The SHA-256 of the file, 64 hexadecimal digits");
-    command->add_option("--size", options->size, "The size in bytes");
-    command->add_option("--duration", options->duration, "The length in sample frames");
+    command->add_option("--size", options->size, "The size in bytes")->check(countValidator());
+    command->add_option("--duration", options->duration, "The length in sample frames")->check(countValidator());
     auto* database = command->add_option("--locate-db", options->locateDatabase,
                                          "Search this plocate database instead of the machine's own");
     command->add_option("--scope", options->scopes, "Scan this folder instead of searching a locate database")
@@ -155,6 +181,8 @@ KestlyCommand addFindCommand(CLI::App& app) {
         ->excludes(database);
     command->add_option("--wait", options->waitSeconds, "How long to wait for the search, in seconds (10)")
         ->check(CLI::PositiveNumber);
+    command->add_flag("-0,--print0", options->print0,
+                      "End each path with a NUL instead of a line break, and print it exactly as it is");
     command->add_flag("--candidates", options->candidates,
                       "Print every file of that name the index gave, in its order, without choosing");
     return {command, [options] { return find(*options); }};

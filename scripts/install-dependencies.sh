@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build ccache pkg-config clang libclang-rt-14-dev
   libssl-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev libcurl4-openssl-dev libcpp-httplib-dev curl
-  libsndfile1-dev plocate
+  libsndfile1-dev libutf8proc-dev plocate
 )
 
 missing=()

@@ -96,8 +96,11 @@ protected:
 };
 
 TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacriticsAndLeaveNoProgramBehind) {
+    // Names as a Mac stores them (decomposed), as other systems do, and one in Latin-1.
+    const std::string korean = "\u1112\u1161\u11AB\u1100\u116E\u11A8.wav", kana = "\u304B\u3099.wav";
     tree.writeFiles({"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav", "a808.mp3",
-                     "b808.mp3", "z/808.mp3"}, "");
+                     "b808.mp3", "z/808.mp3", "Việt Nam.wav", "Nǐ hǎo.wav", "Ș.wav", "Cre\u0300me.wav", korean, kana,
+                     "ǅ.wav", "ﬁle.wav", "caf\xe9.wav"}, "");
     const struct { std::string name; std::vector<std::string> found; } cases[] = {
         {"CAFE.wav", {"Café.wav", "cafe.wav"}},  // diacritics on the file's side
         {"cafÉ.WAV", {"Café.wav", "cafe.wav"}},  // and on the name's
@@ -107,6 +110,9 @@ TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritic
         {"[x].wav", {"[x].wav"}},  // glob characters stand for themselves
         {"sub", {"sub"}},
         {"808.mp3", {"z/808.mp3"}},  // names that hold it are no hits, and use up no room
+        {"viet nam.wav", {"Việt Nam.wav"}}, {"NI HAO.wav", {"Nǐ hǎo.wav"}}, {"s.wav", {"Ș.wav"}},
+        {"crème.wav", {"Cre\u0300me.wav"}}, {"한국.wav", {korean}}, {"が.wav", {kana}}, {"DZ.wav", {"ǅ.wav"}},
+        {"file.wav", {"ﬁle.wav"}}, {"caf\xe9.wav", {"caf\xe9.wav"}}, {"CAF\xe9.wav", {}},  // not UTF-8: bytes
     };
     const std::string link = folder / "link";  // a scanned folder reached through a link
     fs::create_directory_symlink(tree.path(), link);

@@ -1,91 +1,69 @@
 #include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
 
-#include <clocale>
-#include <cwctype>
-#include <locale.h>
+#include <utf8proc.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <map>
+#include <memory>
 
 namespace {
 
-// The base letter of each precomposed Latin letter whose canonical decomposition is that
-// letter and combining marks, from U+00C0 to U+017F; '.' for letters that do not decompose
-// (Æ, Ø, ß, Đ, Ł, Œ...), which stand for themselves.
-constexpr std::string_view kLatinBases =
-    "aaaaaa.ceeeeiiii.nooooo..uuuuy.."  // U+00C0
-    "aaaaaa.ceeeeiiii.nooooo..uuuuy.y"  // U+00E0
-    "aaaaaaccccccccdd..eeeeeeeeeegggg"  // U+0100
-    "gggghh..iiiiiiiii...jjkk.llllll."  // U+0120
-    "...nnnnnn...oooooo..rrrrrrssssss"  // U+0140
-    "sstttt..uuuuuuuuuuuuwwyyyzzzzzz.";  // U+0160
-constexpr char32_t kFirstLatin = 0xC0;
-static_assert(kLatinBases.size() == 0x180 - kFirstLatin);
-
-// Bytes that are not UTF-8 become these code points, which no valid text decodes to.
+// A folded text is a run of code points; beyond their range it also holds the bytes of text
+// that is not UTF-8 and the pattern's two wildcards, which no text folds to.
 constexpr char32_t kRawByteBase = 0x110000;
+constexpr char32_t kAnyCharacter = 0x110100;
+constexpr char32_t kAnyRun = 0x110101;
 
-bool isCombiningMark(char32_t c) { return c >= 0x300 && c <= 0x36F; }
+// NFKC_Casefold, marks stripped.
+constexpr auto kFolding = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPAT | UTF8PROC_COMPOSE |
+                                                         UTF8PROC_CASEFOLD | UTF8PROC_IGNORE | UTF8PROC_STRIPMARK);
 
-// The next character of `text` at `at`, advancing `at`.
-char32_t decode(std::string_view text, size_t& at) {
-    const auto byte = static_cast<unsigned char>(text[at]);
-    const size_t length = byte < 0x80 ? 1 : (byte >> 5) == 0x6 ? 2 : (byte >> 4) == 0xE ? 3 : (byte >> 3) == 0x1E ? 4 : 0;
-    char32_t c = length == 1 ? byte : byte & (0x7Fu >> length);
-    bool valid = length != 0 && at + length <= text.size();
-    for (size_t i = 1; valid && i < length; ++i) {
-        const auto next = static_cast<unsigned char>(text[at + i]);
-        valid = (next & 0xC0) == 0x80;
-        c = (c << 6) | (next & 0x3F);
-    }
-    constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (!valid || c < kSmallest[length] || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) {
-        ++at;
-        return kRawByteBase + byte;
-    }
-    at += length;
-    return c;
+const utf8proc_uint8_t* bytes(std::string_view text) {
+    return reinterpret_cast<const utf8proc_uint8_t*>(text.data());
 }
 
-void encode(char32_t c, std::string& out) {
-    if (c >= kRawByteBase) {
-        out += static_cast<char>(c - kRawByteBase);
-    } else if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-}
-
-// Lower case beyond ASCII from a UTF-8 locale of our own, whatever locale the host set.
-char32_t lowercased(char32_t c) {
-    if (c < 0x80) return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c;
-    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(0));
-    if (!utf8 || c >= kRawByteBase) return c;
-    return static_cast<char32_t>(towlower_l(static_cast<wint_t>(c), utf8));
-}
-
-char32_t folded(char32_t c) {
-    if (c >= kFirstLatin && c < kFirstLatin + kLatinBases.size() && kLatinBases[c - kFirstLatin] != '.')
-        return static_cast<char32_t>(kLatinBases[c - kFirstLatin]);
-    return lowercased(c);
-}
-
-// Lower case, accents dropped, whether precomposed or written as combining marks.
-std::u32string fold(std::string_view text) {
-    std::u32string result;
-    result.reserve(text.size());
+bool isUTF8(std::string_view text) {
+    utf8proc_int32_t c;
     for (size_t at = 0; at < text.size();) {
-        const char32_t c = decode(text, at);
-        if (!isCombiningMark(c)) result += folded(c);
+        const auto length = utf8proc_iterate(bytes(text) + at, static_cast<utf8proc_ssize_t>(text.size() - at), &c);
+        if (length <= 0) return false;
+        at += static_cast<size_t>(length);
     }
+    return true;
+}
+
+void appendUTF8(char32_t c, std::string& out) {
+    utf8proc_uint8_t buffer[4];
+    const auto length = utf8proc_encode_char(static_cast<utf8proc_int32_t>(c), buffer);
+    out.append(reinterpret_cast<const char*>(buffer), static_cast<size_t>(length));
+}
+
+// Appends the folded form of `text`, which is valid UTF-8 or compared byte for byte.
+void appendFolded(std::string_view text, bool isValidUTF8, std::u32string& out) {
+    const bool isASCII = std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    if (!isValidUTF8 || isASCII) {  // ASCII folds to its lower case, so it needs no library call
+        for (const char c : text) {
+            const auto byte = static_cast<unsigned char>(c);
+            out += byte >= 0x80 ? kRawByteBase + byte : byte >= 'A' && byte <= 'Z' && isValidUTF8 ? byte + 0x20u : byte;
+        }
+        return;
+    }
+    // Compatibility forms may decompose into many characters (U+FDFA into 18).
+    std::vector<utf8proc_int32_t> buffer(text.size() * 4);
+    const auto size = static_cast<utf8proc_ssize_t>(text.size());
+    auto count = utf8proc_decompose(bytes(text), size, buffer.data(), static_cast<utf8proc_ssize_t>(buffer.size()), kFolding);
+    if (count > static_cast<utf8proc_ssize_t>(buffer.size())) {
+        buffer.resize(static_cast<size_t>(count));
+        count = utf8proc_decompose(bytes(text), size, buffer.data(), count, kFolding);
+    }
+    count = count < 0 ? count : utf8proc_normalize_utf32(buffer.data(), count, kFolding);
+    for (utf8proc_ssize_t i = 0; i < count; ++i) out += static_cast<char32_t>(buffer[static_cast<size_t>(i)]);
+}
+
+std::u32string folded(std::string_view text) {
+    std::u32string result;
+    appendFolded(text, isUTF8(text), result);
     return result;
 }
 
@@ -94,9 +72,9 @@ std::u32string fold(std::string_view text) {
 bool wildcardMatch(std::u32string_view pattern, std::u32string_view text) {
     size_t p = 0, t = 0, starP = std::u32string_view::npos, starT = 0;
     while (t < text.size()) {
-        if (p < pattern.size() && pattern[p] == U'*') {  // a wildcard even where the text has a "*"
+        if (p < pattern.size() && pattern[p] == kAnyRun) {
             starP = p++, starT = t;
-        } else if (p < pattern.size() && (pattern[p] == U'?' || pattern[p] == text[t])) {
+        } else if (p < pattern.size() && (pattern[p] == kAnyCharacter || pattern[p] == text[t])) {
             ++p, ++t;
         } else if (starP != std::u32string_view::npos) {
             p = starP + 1, t = ++starT;
@@ -104,34 +82,127 @@ bool wildcardMatch(std::u32string_view pattern, std::u32string_view text) {
             return false;
         }
     }
-    while (p < pattern.size() && pattern[p] == U'*') ++p;
+    while (p < pattern.size() && pattern[p] == kAnyRun) ++p;
     return p == pattern.size();
+}
+
+// What the locate glob must allow in place of a folded character: the characters that fold to
+// it alone, and those whose folding begins with it (ǆ for "dz", ß for "ss").
+struct Forms {
+    std::u32string single;
+    std::vector<std::pair<char32_t, std::u32string>> longer;
+};
+
+// Made once, from the blocks that hold letters with accents or compatibility forms. Every case
+// is listed: the program is not asked to ignore case, which multiplies its work by the case
+// variants of every member of every set (seconds for a dozen sets).
+const std::map<char32_t, Forms>& formsByFoldedCharacter() {
+    static const auto forms = [] {
+        std::map<char32_t, Forms> map;
+        const std::pair<char32_t, char32_t> blocks[] = {{0x20, 0x52F},    {0x1E00, 0x1FFF}, {0x2070, 0x24FF},
+                                                        {0x3040, 0x30FF}, {0xFB00, 0xFB4F}, {0xFF00, 0xFFEF}};
+        for (const auto& [first, last] : blocks) {
+            for (char32_t c = first; c <= last; ++c) {
+                if (!utf8proc_codepoint_valid(static_cast<utf8proc_int32_t>(c))) continue;
+                std::string text;
+                appendUTF8(c, text);
+                const std::u32string fold = folded(text);
+                if (fold.empty() || fold == std::u32string(1, c)) continue;
+                if (fold.size() == 1) map[fold[0]].single += c;
+                else map[fold[0]].longer.emplace_back(c, fold);
+            }
+        }
+        return map;
+    }();
+    return forms;
+}
+
+void appendEscaped(char32_t c, std::string& glob) {
+    if (c == U'[' || c == U']' || c == U'\\' || c == U'*' || c == U'?') glob += '\\';
+    appendUTF8(c, glob);
+}
+
+// The text with the glob's set and escape characters escaped; its wildcards stay wildcards.
+std::string escapedGlob(std::string_view text) {
+    std::string glob;
+    for (const char c : text) {
+        if (c == '[' || c == ']' || c == '\\') glob += '\\';
+        glob += c;
+    }
+    return glob;
+}
+
+// A normal form of valid UTF-8 by utf8proc, whose result is freed here.
+std::string normalized(std::string_view text, utf8proc_uint8_t* (*form)(const utf8proc_uint8_t*)) {
+    const std::string terminated(text);
+    const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> result(form(bytes(terminated)), &std::free);
+    return result ? reinterpret_cast<const char*>(result.get()) : terminated;
+}
+
+// The first character of the canonical decomposition of `c`, which a decomposed name holds
+// in its place (ᄒ for 한), or `c` itself.
+char32_t firstDecomposed(char32_t c) {
+    std::string text;
+    appendUTF8(c, text);
+    const std::string decomposed = normalized(text, utf8proc_NFD);
+    utf8proc_int32_t first;
+    const auto length = utf8proc_iterate(bytes(decomposed), static_cast<utf8proc_ssize_t>(decomposed.size()), &first);
+    return length > 0 ? static_cast<char32_t>(first) : c;
 }
 
 }  // namespace
 
-DCIFileNamePattern::DCIFileNamePattern(std::string_view pattern) : folded_(fold(pattern)) {}
+DCIFileNamePattern::DCIFileNamePattern(std::string_view pattern) : text_(pattern) {
+    // The wildcards split the pattern before folding, so that no character folds into one.
+    const bool isValidUTF8 = isUTF8(pattern);
+    size_t start = 0;
+    for (size_t at = 0; at <= pattern.size(); ++at) {
+        if (at < pattern.size() && pattern[at] != '*' && pattern[at] != '?') continue;
+        appendFolded(pattern.substr(start, at - start), isValidUTF8, folded_);
+        if (at < pattern.size()) folded_ += pattern[at] == '*' ? kAnyRun : kAnyCharacter;
+        start = at + 1;
+    }
+}
 
-bool DCIFileNamePattern::matches(std::string_view fileName) const { return wildcardMatch(folded_, fold(fileName)); }
+bool DCIFileNamePattern::matches(std::string_view fileName) const { return wildcardMatch(folded_, folded(fileName)); }
 
-std::string DCIFileNamePattern::locateGlob() const {
-    std::string glob;
-    for (char32_t c : folded_) {
-        if (c == U'[' || c == U']' || c == U'\\') glob += '\\';
-        const bool hasAccentedForms = c < 0x80 && c != U'.' && kLatinBases.find(static_cast<char>(c)) != std::string_view::npos;
-        if (!hasAccentedForms) {
-            encode(c, glob);
-            continue;
+std::vector<std::string> DCIFileNamePattern::spellingGlobs() const {
+    if (!isUTF8(text_)) return {escapedGlob(text_)};
+    const std::string composed = escapedGlob(normalized(text_, utf8proc_NFC));
+    const std::string decomposed = escapedGlob(normalized(text_, utf8proc_NFD));
+    return composed == decomposed ? std::vector{composed} : std::vector{composed, decomposed};
+}
+
+std::string DCIFileNamePattern::foldedGlob() const {
+    const auto& formsOf = formsByFoldedCharacter();
+    // Room for marks, which a decomposed name keeps after its letter, and ignorable characters.
+    std::string glob = "*";
+    size_t looseUntil = 0;  // characters that a longer form before them may stand for
+    for (size_t i = 0; i < folded_.size(); ++i) {
+        const char32_t c = folded_[i];
+        const bool isLoose = i < looseUntil;
+        std::u32string set(1, c);
+        if (const auto forms = formsOf.find(c); forms != formsOf.end()) {
+            set += forms->second.single;
+            for (const auto& [form, fold] : forms->second.longer) {
+                if (!std::u32string_view(folded_).substr(i).starts_with(fold)) continue;
+                set += form;
+                looseUntil = std::max(looseUntil, i + fold.size());
+            }
         }
-        glob += '[';
-        glob += static_cast<char>(c);
-        // Lower-case forms only: the program folds case itself, and every upper-case form in a
-        // set multiplies the case variants it tries, which costs it seconds.
-        for (size_t i = 0; i < kLatinBases.size(); ++i) {
-            const char32_t accented = kFirstLatin + static_cast<char32_t>(i);
-            if (kLatinBases[i] == static_cast<char>(c) && lowercased(accented) == accented) encode(accented, glob);
+        if (c < kRawByteBase && firstDecomposed(c) != c) set += firstDecomposed(c);
+        // Wildcards, bytes that are not UTF-8 and sets around a glob character become a `*`:
+        // the whole-name check after the program keeps only true matches.
+        const bool isStar = isLoose || c >= kRawByteBase ||
+                            (set.size() > 1 && std::u32string_view(U"[]\\!^-").find(c) != std::u32string_view::npos);
+        if (!isStar && set.size() == 1) {
+            appendEscaped(c, glob);
+        } else if (!isStar) {
+            glob += '[';
+            for (const char32_t form : set) appendUTF8(form, glob);
+            glob += ']';
         }
-        glob += ']';
+        if (!glob.ends_with('*') || glob.ends_with("\\*")) glob += '*';
     }
     return glob;
 }

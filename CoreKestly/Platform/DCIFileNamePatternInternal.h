@@ -2,11 +2,14 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
-/// A whole-file-name pattern as the metadata query matches it: case and diacritics are
-/// ignored, `?` stands for any one character and `*` for any run of characters; every other
-/// character stands for itself. Names are UTF-8; bytes that are not UTF-8 match only
-/// themselves.
+/// A whole-file-name pattern as the metadata query matches it: `?` stands for any one character
+/// and `*` for any run of characters; every other character stands for itself, compared in a
+/// folded form that ignores case, compatibility variants and marks (utf8proc's NFKC_Casefold
+/// with marks stripped), so "cafe" matches "Café" whether the é is one character or an e and
+/// a combining accent, and "viet nam" matches "Việt Nam". A name or pattern that is not valid
+/// UTF-8 is compared byte for byte, unfolded.
 class DCIFileNamePattern {
 public:
     explicit DCIFileNamePattern(std::string_view pattern);
@@ -14,11 +17,19 @@ public:
     /// Whether the whole of `fileName` (one path component) matches.
     bool matches(std::string_view fileName) const;
 
-    /// A glob for the locate program, run with `--ignore-case --basename` in a UTF-8 locale,
-    /// that matches at least every name `matches` accepts: each letter becomes the set of its
-    /// accented forms, the glob's own special characters are escaped.
-    std::string locateGlob() const;
+    /// Globs for the locate program, run with `--ignore-case --basename` in a UTF-8 locale, for
+    /// the names spelt as the pattern is, composed or decomposed: each of them keeps the
+    /// pattern's letters, so the program can look them up in its index. One glob, or two when
+    /// the composed and decomposed spellings differ.
+    std::vector<std::string> spellingGlobs() const;
+
+    /// A glob for the same program, run with `--basename` but case-sensitive, that matches at
+    /// least every name `matches` accepts: each character becomes the set of the characters
+    /// that fold to it, with room after it for marks. It leaves the program no letters to look
+    /// up, so it reads its whole database.
+    std::string foldedGlob() const;
 
 private:
+    std::string text_;
     std::u32string folded_;
 };

@@ -29,10 +29,12 @@ protected:
 std::unique_ptr<DCIMetadataGathering> DCIStartFinishedGathering(DCIMetadataGathered gathered,
                                                                 DCIMetadataGathering::Completion completion);
 
-/// Runs `program` on `database` for the files whose name matches `pattern`. A program that
+/// Runs `program` on `database` with `glob` (in any case when `ignoresCase`), for the files
+/// whose name matches `pattern`. A program that
 /// cannot be started, or fails, completes with the failure. A stop requested through `stop`, from any thread, kills
 /// and reaps the program before it returns.
 std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string& program, const std::string& database,
+                                                              const std::string& glob, bool ignoresCase,
                                                               const DCIFileNamePattern& pattern, size_t maximumResults,
                                                               std::stop_token stop,
                                                               DCIMetadataGathering::Completion completion);

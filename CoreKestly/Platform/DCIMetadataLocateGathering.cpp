@@ -160,6 +160,7 @@ private:
 }  // namespace
 
 std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string& program, const std::string& database,
+                                                              const std::string& glob, bool ignoresCase,
                                                               const DCIFileNamePattern& pattern, size_t maximumResults,
                                                               std::stop_token stop,
                                                               DCIMetadataGathering::Completion completion) {
@@ -175,9 +176,10 @@ std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string&
     // No --limit: a glob without wildcards matches as a substring, and the program would count
     // those hits (a808.mp3 for 808.mp3) against the limit before the whole-name check drops
     // them. Reading stops, and the program is killed, once enough whole names are in.
-    const std::vector<std::string> arguments = {program,   "--database", database, "--ignore-case", "--basename",
-                                                "--null", "--",         pattern.locateGlob()};
-    // A UTF-8 locale of its own makes `?` one character and folds case beyond ASCII.
+    std::vector<std::string> arguments = {program, "--database", database, "--basename", "--null"};
+    if (ignoresCase) arguments.push_back("--ignore-case");
+    arguments.insert(arguments.end(), {"--", glob});
+    // A UTF-8 locale of its own makes a set's member one character and folds case beyond ASCII.
     const std::vector<std::string> environment = {"LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin"};
     auto child = DCIChildProcess::spawn(program, arguments, environment);
     if (!child) return cannotSearch("cannot run " + program + ": " + std::strerror(errno));

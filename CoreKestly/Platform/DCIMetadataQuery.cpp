@@ -55,8 +55,8 @@ bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finishe
     if (settings_.resolvedBackend() == DCIMetadataQueryBackend::locateDatabase) {
         const std::string& database =
             settings_.locateDatabasePath.empty() ? settings_.systemLocateDatabasePath() : settings_.locateDatabasePath;
-        gathering_ = DCIStartLocateGathering(settings_.locateProgramPath, database, pattern, settings_.maximumResults,
-                                             stop, completion);
+        gathering_ = DCIStartLocateGathering(settings_.locateProgramPath, database, pattern.foldedGlob(), false,
+                                             pattern, settings_.maximumResults, stop, completion);
     } else {
         const auto folders = settings_.scanFolders.empty() ? std::vector{settings_.userMusicFolder()}
                                                             : settings_.scanFolders;

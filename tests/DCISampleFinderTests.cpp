@@ -154,7 +154,10 @@ TEST_F(DCISampleFinderTests, ASearchThatTimesOutKillsItsLocateProgramsWholeGroup
     search.join();  // without turning the loop
     pid_t shell = 0, sleeper = 0;
     std::istringstream(readWholeFile(pids)) >> shell >> sleeper;
-    EXPECT_FALSE(isRunning(shell) || isRunning(sleeper));
+    EXPECT_FALSE(isRunning(shell));
+    // A signal takes a moment to end a process that is not ours to wait for.
+    for (int i = 0; i < 100 && isRunning(sleeper); ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_FALSE(isRunning(sleeper));
     EXPECT_TRUE(hasNoChildren());
     DCIRunLoop::main().runUntil(DCIRunLoop::Clock::now() + 50ms);  // the queued stop, harmless now
 }
@@ -223,6 +226,7 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns
     });
     const auto queries = std::make_shared<DCICachedFileQueries>(DCIFileKinds{{}, {}, {"wav"}}, nullptr, cache);
     const auto finder = DCISampleFinder::initWithFileQueries(queries, settingsFor(DCIMetadataQueryBackend::automatic));
+    const std::string fresh = tree.writeFile("e/Fresh.wav", "new");  // saved since the database was made
 
     // A search while the main loop stands still ends empty after its wait, and does not hang;
     // the start and stop it queued run later and leave the next searches their own candidates.
@@ -237,7 +241,7 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns
         {"Loop.wav", none, none, sizeOf(c), 1000, c},
         {"Loop.wav", none, none, 0, 1000, tree / "b/Loop.wav"},  // a/ cannot be read
         {"Loop.wav", none, none, 0, 0, none}, {"Kick/Snare.wav", none, none, sizeOf(slashed), 0, slashed},
-        {none, none, none, sizeOf(c), 0, none},
+        {none, none, none, sizeOf(c), 0, none}, {"Fresh.wav", none, none, 3, 0, fresh},
     };
     for (const auto& test : cases) {
         EXPECT_EQ(searchOffMain(*finder, test.name, test.sasID, test.sha, test.size, test.duration), test.found)
@@ -248,6 +252,23 @@ TEST_F(DCISampleFinderTests, ChoosesByTheFirstRuleThatAppliesOnceTheMainLoopRuns
     EXPECT_EQ(finder->pathForSampleWithName("Loop.wav", none, none, sizeOf(c), 0), none);
     EXPECT_TRUE(log.has("DCISampleFinder: refused to search for Loop.wav on the main thread, whose loop the search "
                         "needs."));
+}
+
+// Of many files of one name only one has the size sought, and the cap would be used up first.
+TEST_F(DCISampleFinderTests, TheCapCountsOnlyCandidatesStillInTheRunningAndIsLoggedOnce) {
+    for (int i = 0; i < 5; ++i) tree.writeFile("d" + std::to_string(i) + "/Kick.wav", i == 4 ? "fives" : "abc");
+    const std::string decomposed = tree.writeFile("Cre\u0300me.wav", "fives");  // found by its folded name only
+    for (const auto backend : {DCIMetadataQueryBackend::locateDatabase, DCIMetadataQueryBackend::folderScan}) {
+        auto settings = settingsFor(backend);
+        settings.maximumResults = 3;
+        const auto finder = DCISampleFinder::initWithFileQueries({}, settings);
+        EXPECT_EQ(searchOffMain(*finder, "Kick.wav", none, none, 5, 0), tree / "d4/Kick.wav");
+        EXPECT_EQ(searchOffMain(*finder, "CREME.wav", none, none, 5, 0), decomposed);
+        LogSince log;
+        EXPECT_NE(searchOffMain(*finder, "Kick.wav", none, none, 3, 0), none);
+        EXPECT_EQ(log.count("DCISampleFinder: the search for Kick.wav stopped at 3 candidates; files past them were "
+                            "not looked at."), 1u);
+    }
 }
 
 TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone) {

@@ -1,5 +1,5 @@
 // The locate backend: the locate program's NUL-separated output, read from a non-blocking pipe
-// on the main loop, each path checked against the pattern as the scan checks it.
+// on the main loop, each path checked by the candidate rule as the scan checks it.
 
 #include "CoreKestly/Platform/DCIChildProcessInternal.h"
 #include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
@@ -30,10 +30,10 @@ constexpr size_t kLongestMessage = 1024;
 
 class LocateGathering : public DCIMetadataGathering {
 public:
-    LocateGathering(std::unique_ptr<DCIChildProcess> child, std::string database, DCIFileNamePattern pattern,
-                    size_t maximumResults, std::stop_token stop, Completion completion)
-        : child_(std::move(child)), database_(std::move(database)), pattern_(std::move(pattern)),
-          maximumResults_(maximumResults), completion_(std::move(completion)) {
+    LocateGathering(std::unique_ptr<DCIChildProcess> child, std::string database, DCICandidateRule rule,
+                    std::stop_token stop, Completion completion)
+        : child_(std::move(child)), database_(std::move(database)), rule_(std::move(rule)),
+          completion_(std::move(completion)) {
         // The searching thread's stop kills the program at once, whether or not this loop
         // still turns: the finish it causes here then comes to nothing.
         onStop_.emplace(stop, StopChild{child_.get()});
@@ -74,10 +74,10 @@ private:
     bool take(std::string_view bytes) {
         for (size_t end; (end = bytes.find('\0')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
             pending_.append(bytes.substr(0, end));
-            if (pending_.size() <= kLongestPath && pattern_.matches(KestlyPath::lastComponent(pending_)))
+            if (pending_.size() <= kLongestPath && rule_.keeps(KestlyPath::lastComponent(pending_), pending_))
                 paths_.push_back(pending_);
             pending_.clear();
-            if (paths_.size() >= maximumResults_) return false;
+            if (paths_.size() >= rule_.maximumResults) return false;
         }
         if (pending_.size() <= kLongestPath) pending_.append(bytes.substr(0, kLongestPath + 1 - pending_.size()));
         return true;
@@ -130,7 +130,8 @@ private:
     // The last thing this object does: the completion may destroy it. A program cut short once
     // enough names are in has not failed.
     void finish() {
-        std::optional<DCIError> failed = output_ ? std::nullopt : failure();
+        const bool reachedMaximum = output_ != nullptr;
+        std::optional<DCIError> failed = reachedMaximum ? std::nullopt : failure();
         output_.reset();
         errors_.reset();
         exit_.reset();
@@ -138,14 +139,13 @@ private:
         child_.reset();  // kills it if it still runs, and reaps it
         std::sort(paths_.begin(), paths_.end());
         auto completion = std::move(completion_);
-        completion({std::move(paths_), std::move(failed)});
+        completion({std::move(paths_), std::move(failed), reachedMaximum});
     }
 
     std::unique_ptr<DCIChildProcess> child_;
     std::optional<std::stop_callback<StopChild>> onStop_;  // after the child it stops
     const std::string database_;
-    const DCIFileNamePattern pattern_;
-    const size_t maximumResults_;
+    const DCICandidateRule rule_;
     Completion completion_;
     std::string pending_;
     std::vector<std::string> paths_;
@@ -161,8 +161,7 @@ private:
 
 std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string& program, const std::string& database,
                                                               const std::string& glob, bool ignoresCase,
-                                                              const DCIFileNamePattern& pattern, size_t maximumResults,
-                                                              std::stop_token stop,
+                                                              DCICandidateRule rule, std::stop_token stop,
                                                               DCIMetadataGathering::Completion completion) {
     const auto cannotSearch = [&](const std::string& why) {
         return DCIStartFinishedGathering(
@@ -183,8 +182,8 @@ std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string&
     const std::vector<std::string> environment = {"LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin"};
     auto child = DCIChildProcess::spawn(program, arguments, environment);
     if (!child) return cannotSearch("cannot run " + program + ": " + std::strerror(errno));
-    auto gathering = std::make_unique<LocateGathering>(std::move(child), database, pattern, maximumResults,
-                                                       std::move(stop), completion);
+    auto gathering = std::make_unique<LocateGathering>(std::move(child), database, std::move(rule), std::move(stop),
+                                                       completion);
     if (!gathering->isWatched()) return cannotSearch("its output cannot be watched");
     return gathering;
 }

@@ -38,7 +38,7 @@ DCIMetadataQueryBackend DCIMetadataQuerySettings::resolvedBackend() const {
     struct stat status;
     const std::string& database = locateDatabasePath.empty() ? systemLocateDatabasePath() : locateDatabasePath;
     const bool hasDatabase = stat(database.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-    return hasDatabase && access(locateProgramPath.c_str(), X_OK) == 0 ? DCIMetadataQueryBackend::locateDatabase
+    return hasDatabase && access(locateProgramPath.c_str(), X_OK) == 0 ? DCIMetadataQueryBackend::automatic
                                                                        : DCIMetadataQueryBackend::folderScan;
 }
 
@@ -46,22 +46,36 @@ DCIMetadataQuery::DCIMetadataQuery(DCIMetadataQuerySettings settings) : settings
 
 DCIMetadataQuery::~DCIMetadataQuery() = default;
 
-bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finished, std::stop_token stop) {
+bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finished, std::stop_token stop,
+                                  DCIMetadataQueryOptions options) {
     if (!DCIIsMainThread()) return false;
     stopQuery();
     finished_ = std::move(finished);
-    const DCIFileNamePattern pattern(name);
-    auto completion = [this](DCIMetadataGathered gathered) { finishGathering(std::move(gathered)); };
-    if (settings_.resolvedBackend() == DCIMetadataQueryBackend::locateDatabase) {
+    const DCICandidateRule rule{DCIFileNamePattern(name), std::move(options.acceptsCandidate), settings_.maximumResults};
+    const auto backend = settings_.resolvedBackend();
+    std::vector<DCIGatheringStart> starts;
+    if (backend != DCIMetadataQueryBackend::folderScan) {
         const std::string& database =
             settings_.locateDatabasePath.empty() ? settings_.systemLocateDatabasePath() : settings_.locateDatabasePath;
-        gathering_ = DCIStartLocateGathering(settings_.locateProgramPath, database, pattern.foldedGlob(), false,
-                                             pattern, settings_.maximumResults, stop, completion);
-    } else {
+        // Each spelling is looked up in the index in any case; the folded glob spells out
+        // every case itself.
+        const bool isSpelt = options.reach == DCIMetadataQueryReach::givenSpellings;
+        for (const auto& glob : isSpelt ? rule.pattern.spellingGlobs() : std::vector{rule.pattern.foldedGlob()}) {
+            starts.push_back([=, this](DCIMetadataGathering::Completion completion) {
+                return DCIStartLocateGathering(settings_.locateProgramPath, database, glob, isSpelt, rule, stop,
+                                               std::move(completion));
+            });
+        }
+    }
+    if (backend != DCIMetadataQueryBackend::locateDatabase) {
         const auto folders = settings_.scanFolders.empty() ? std::vector{settings_.userMusicFolder()}
                                                             : settings_.scanFolders;
-        gathering_ = DCIStartScanGathering(folders, pattern, settings_.maximumResults, stop, completion);
+        starts.push_back([=](DCIMetadataGathering::Completion completion) {
+            return DCIStartScanGathering(folders, rule, stop, std::move(completion));
+        });
     }
+    gathering_ = DCIStartMergedGathering(
+        starts, settings_.maximumResults, [this](DCIMetadataGathered gathered) { finishGathering(std::move(gathered)); });
     return true;
 }
 

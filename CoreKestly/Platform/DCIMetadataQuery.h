@@ -16,7 +16,9 @@ class DCIMetadataGathering;
 
 /// Where a metadata query finds its candidates.
 enum class DCIMetadataQueryBackend {
-    /// The locate database when there is one (and the locate program), else the folder scan.
+    /// The locate database when there is one (and the locate program), with the folder scan
+    /// beside it for what the database has not seen yet (files saved today, /media); else the
+    /// folder scan alone.
     automatic,
     /// The machine's file-name index, searched by the `plocate` program.
     locateDatabase,
@@ -42,7 +44,8 @@ struct KESTLY_EXPORT DCIMetadataQuerySettings {
     static const std::string& systemLocateDatabasePath();
     /// $XDG_MUSIC_DIR as user-dirs.dirs sets it, else ~/Music.
     static std::string userMusicFolder();
-    /// The backend `backend` stands for on this machine now.
+    /// The backend `backend` stands for on this machine now: `automatic` when there is a locate
+    /// database, whose search the scan of `scanFolders` then joins, else `folderScan`.
     DCIMetadataQueryBackend resolvedBackend() const;
 };
 
@@ -60,6 +63,27 @@ struct KESTLY_EXPORT DCIMetadataGathered {
     /// Why the search could not look everywhere it should have; `paths` then holds what it
     /// found elsewhere. A failed search that found nothing is no proof that nothing is there.
     std::optional<DCIError> failure;
+    /// Whether the search stopped at `maximumResults`, leaving further candidates out.
+    bool reachedMaximum = false;
+};
+
+/// How far a search looks through the locate database.
+enum class DCIMetadataQueryReach {
+    /// Every name that matches once folded: plocate reads its whole database (0.5 s and more
+    /// per million paths).
+    foldedNames,
+    /// The names spelt as given, in any case, composed or decomposed, which plocate looks up
+    /// in its index in milliseconds; a name in another spelling ("Cafe" for "Café") is missed.
+    givenSpellings,
+};
+
+/// What one search keeps besides the name.
+struct KESTLY_EXPORT DCIMetadataQueryOptions {
+    DCIMetadataQueryReach reach = DCIMetadataQueryReach::foldedNames;
+    /// A check each candidate must pass before it counts toward `maximumResults`, so that the
+    /// cap counts candidates still in the running; none when empty. It runs on the main thread
+    /// for the locate backend and on the scan's thread: it must be quick, and safe on any thread.
+    std::function<bool(const std::string& path)> acceptsCandidate;
 };
 
 /// A search of the machine's files by whole file name, the source of a sample finder's
@@ -95,7 +119,8 @@ public:
     /// A stop requested through `stop` ends the gathering from any thread, whether the main
     /// loop turns again or not: the locate program is killed and reaped before `request_stop`
     /// returns. `stopQuery` must still follow on the main thread.
-    bool startQuery(const std::string& name, FinishHandler finished, std::stop_token stop = {});
+    bool startQuery(const std::string& name, FinishHandler finished, std::stop_token stop = {},
+                    DCIMetadataQueryOptions options = {});
     /// Stops the search: its gathering ends (the locate program is killed and reaped, the
     /// scan thread joined) and `finished` is not called for it. Clears `results`. Answers
     /// false, stopping nothing, off the main thread.

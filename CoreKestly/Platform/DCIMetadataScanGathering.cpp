@@ -58,13 +58,13 @@ std::optional<std::vector<DirectoryEntry>> readFolder(const std::string& path, b
     return entries;
 }
 
-DCIMetadataGathered scan(const std::vector<std::string>& folders, const DCIFileNamePattern& pattern,
-                         size_t maximumResults, const std::atomic<bool>& cancelled) {
+DCIMetadataGathered scan(const std::vector<std::string>& folders, const DCICandidateRule& rule,
+                         const std::atomic<bool>& cancelled) {
     std::vector<std::string> found;
     std::vector<std::string> toVisit(folders.rbegin(), folders.rend());
     std::string unreadable;  // the configured folders that could not be read, and why
     size_t foldersRead = 0;
-    while (!toVisit.empty() && !cancelled && found.size() < maximumResults) {
+    while (!toVisit.empty() && !cancelled && found.size() < rule.maximumResults) {
         const std::string folder = std::move(toVisit.back());
         toVisit.pop_back();
         // A configured folder may be a link to where the files are; nothing below it is followed.
@@ -77,27 +77,27 @@ DCIMetadataGathered scan(const std::vector<std::string>& folders, const DCIFileN
         foldersRead += isConfigured;
         for (const auto& entry : *entries) {
             std::string path = KestlyPath::appendingComponent(folder, entry.name);
-            if (pattern.matches(entry.name) && found.size() < maximumResults) found.push_back(path);
+            if (found.size() < rule.maximumResults && rule.keeps(entry.name, path)) found.push_back(path);
             if (entry.isFolder) toVisit.push_back(std::move(path));
         }
     }
     // Folders that overlap (a watched root inside the music folder) find a file twice.
+    const bool reachedMaximum = found.size() >= rule.maximumResults;
     std::sort(found.begin(), found.end());
     found.erase(std::unique(found.begin(), found.end()), found.end());
-    if (foldersRead > 0 || cancelled) return {std::move(found), std::nullopt};
+    if (foldersRead > 0 || cancelled) return {std::move(found), std::nullopt, reachedMaximum};
     const std::string why = folders.empty() ? "no folder to scan" : "no folder to scan could be read: " + unreadable;
     return {std::move(found), DCIError(kDCIMetadataQueryErrorDomain, kDCIMetadataQueryNoFolderToScan, why)};
 }
 
 class ScanGathering : public DCIMetadataGathering {
 public:
-    ScanGathering(std::vector<std::string> folders, DCIFileNamePattern pattern, size_t maximumResults,
-                  std::stop_token stop, Completion completion)
+    ScanGathering(std::vector<std::string> folders, DCICandidateRule rule, std::stop_token stop, Completion completion)
         : onStop_(std::move(stop), [this] { cancelled_ = true; }) {
         std::weak_ptr<const int> alive = alive_;
-        worker_ = std::thread([this, alive, folders = std::move(folders), pattern = std::move(pattern), maximumResults,
+        worker_ = std::thread([this, alive, folders = std::move(folders), rule = std::move(rule),
                                completion = std::move(completion)]() mutable {
-            auto gathered = scan(folders, pattern, maximumResults, cancelled_);
+            auto gathered = scan(folders, rule, cancelled_);
             if (cancelled_) return;
             // Runs only while this gathering lives: it is destroyed on the main thread, where
             // this closure runs, so the check cannot race with the destruction. The thread is
@@ -126,8 +126,7 @@ private:
 }  // namespace
 
 std::unique_ptr<DCIMetadataGathering> DCIStartScanGathering(const std::vector<std::string>& folders,
-                                                            const DCIFileNamePattern& pattern, size_t maximumResults,
-                                                            std::stop_token stop,
+                                                            DCICandidateRule rule, std::stop_token stop,
                                                             DCIMetadataGathering::Completion completion) {
-    return std::make_unique<ScanGathering>(folders, pattern, maximumResults, std::move(stop), std::move(completion));
+    return std::make_unique<ScanGathering>(folders, std::move(rule), std::move(stop), std::move(completion));
 }

@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <functional>
+#include <iterator>
 #include <stop_token>
 
 namespace {
@@ -24,6 +26,15 @@ bool hasSize(const std::string& path, uint64_t size) {
 bool hasDuration(const std::string& path, uint64_t duration) {
     uint64_t frames = 0, sampleRate = 0;
     return DCIAudioFile::numberOfSamples(frames, sampleRate, path) && frames == duration;
+}
+
+// The checks that cost a look at the file, made while the candidates are gathered so that
+// their cap counts only those still in the running: the size whenever it is known (so that
+// only files of the right size are hashed), else the length when no identifier decides.
+std::function<bool(const std::string&)> cheapCheck(bool hasIdentifier, uint64_t size, uint64_t duration) {
+    if (size != 0) return [size](const std::string& path) { return hasSize(path, size); };
+    if (duration != 0 && !hasIdentifier) return [duration](const std::string& path) { return hasDuration(path, duration); };
+    return {};
 }
 
 }  // namespace
@@ -53,14 +64,39 @@ std::optional<std::string> DCISampleFinder::pathForSampleWithName(const std::opt
                    DCILoggedText(*name));
         return std::nullopt;
     }
+    // Nothing could confirm a candidate.
+    if (!sasID && !sha && fileSize == 0 && duration == 0) return std::nullopt;
     std::lock_guard searching(searchMutex_);
-    const auto candidates = gatherCandidates(fileNameForSampleName(*name));
-    auto found = chooseCandidate(candidates.paths, sasID, sha, fileSize, duration);
-    if (candidates.failure) {
-        DCLogError("DCISampleFinder: could not search everywhere for %@: %@", DCILoggedText(*name),
-                   DCILoggedText(candidates.failure->localizedDescription()));
+    const std::string fileName = fileNameForSampleName(*name);
+    const auto settings = querySettings();
+    DCIMetadataQueryOptions options{DCIMetadataQueryReach::givenSpellings, cheapCheck(sasID || sha, fileSize, duration)};
+    // First the name as given, which plocate looks up in its index; only when that confirms
+    // nothing, every name that folds like it, which plocate reads its whole database for.
+    const auto spelt = gatherCandidates(fileName, settings, options);
+    auto found = chooseCandidate(spelt.paths, sasID, sha, fileSize, duration);
+    auto why = spelt.failure;
+    bool reachedMaximum = spelt.reachedMaximum;
+    if (!found && !why && settings.resolvedBackend() != DCIMetadataQueryBackend::folderScan) {
+        auto locateOnly = settings;
+        locateOnly.backend = DCIMetadataQueryBackend::locateDatabase;
+        options.reach = DCIMetadataQueryReach::foldedNames;
+        const auto folded = gatherCandidates(fileName, locateOnly, options);
+        std::vector<std::string> unchecked;
+        std::set_difference(folded.paths.begin(), folded.paths.end(), spelt.paths.begin(), spelt.paths.end(),
+                            std::back_inserter(unchecked));
+        found = chooseCandidate(unchecked, sasID, sha, fileSize, duration);
+        why = folded.failure;
+        reachedMaximum = reachedMaximum || folded.reachedMaximum;
     }
-    if (failure) *failure = found ? std::nullopt : candidates.failure;
+    if (reachedMaximum) {
+        DCLogInfo("DCISampleFinder: the search for %@ stopped at %lu candidates; files past them were not looked at.",
+                  DCILoggedText(*name), static_cast<unsigned long>(settings.maximumResults));
+    }
+    if (why) {
+        DCLogError("DCISampleFinder: could not search everywhere for %@: %@", DCILoggedText(*name),
+                   DCILoggedText(why->localizedDescription()));
+    }
+    if (failure) *failure = found ? std::nullopt : why;
     return found;
 }
 
@@ -69,7 +105,8 @@ std::string DCISampleFinder::fileNameForSampleName(std::string name) {
     return name;
 }
 
-DCIMetadataGathered DCISampleFinder::gatherCandidates(const std::string& name) {
+DCIMetadataGathered DCISampleFinder::gatherCandidates(const std::string& name, const DCIMetadataQuerySettings& settings,
+                                                      const DCIMetadataQueryOptions& options) {
     uint64_t search;
     {
         std::lock_guard lock(gathered_->mutex);
@@ -80,15 +117,15 @@ DCIMetadataGathered DCISampleFinder::gatherCandidates(const std::string& name) {
     // search end after its timeout rather than hang; a start that runs after the stop below
     // starts nothing.
     std::stop_source stop;
-    DCIRunLoop::main().performAsync([query = metadataSearch_, gathered = gathered_, search, name,
-                                     settings = querySettings(), stop = stop.get_token()] {
+    DCIRunLoop::main().performAsync([query = metadataSearch_, gathered = gathered_, search, name, settings, options,
+                                     stop = stop.get_token()] {
         if (stop.stop_requested()) return;
         query->setSettings(settings);
         query->startQuery(
             name, [gathered, search](const DCIMetadataGathered& results) {
                 initialGatherComplete(*gathered, search, results);
             },
-            stop);
+            stop, options);
     });
     const auto timeout = gatherTimeout();
     std::optional<DCIMetadataGathered> candidates;

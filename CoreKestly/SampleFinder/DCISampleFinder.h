@@ -22,8 +22,9 @@ inline constexpr int64_t kDCISampleFinderTimedOut = 1;
 
 /// Finds a sample anywhere on the machine from what the service knows of it: its file name,
 /// and its `sasID`, SHA-256, size in bytes or length in sample frames. The machine's file-name
-/// index (`DCIMetadataQuery`) gives the candidates, files of that name; the first candidate
-/// that agrees with the other facts is the answer.
+/// index (`DCIMetadataQuery`) gives the candidates, files of that name, first as the name is
+/// spelt and then, when none of those is confirmed, in every spelling that folds like it; the
+/// first candidate that agrees with the other facts is the answer.
 ///
 /// Threads: a search runs on the calling thread, which must not be the main thread: the
 /// query starts, gathers and stops on the main loop, which must keep running meanwhile. A
@@ -84,7 +85,8 @@ private:
     DCISampleFinder(std::weak_ptr<DCIFileQueries> fileQueries, DCIMetadataQuerySettings settings);
 
     /// The candidates named `name` (a file name), with a failure when gathering took too long.
-    DCIMetadataGathered gatherCandidates(const std::string& name);
+    DCIMetadataGathered gatherCandidates(const std::string& name, const DCIMetadataQuerySettings& settings,
+                                         const DCIMetadataQueryOptions& options);
     /// The end of gathering, on the main loop: hands `results` over to search number `search`.
     static void initialGatherComplete(Gathered& gathered, uint64_t search, const DCIMetadataGathered& results);
     std::optional<std::string> chooseCandidate(const std::vector<std::string>& candidates,

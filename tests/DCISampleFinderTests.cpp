@@ -271,6 +271,21 @@ TEST_F(DCISampleFinderTests, TheCapCountsOnlyCandidatesStillInTheRunningAndIsLog
     }
 }
 
+// A file of the sample's name and size, planted to stall a search by hash: hours of reading.
+TEST_F(DCISampleFinderTests, AStopEndsTheHashOfAHugeCandidate) {
+    const uint64_t size = 1ull << 40;
+    ASSERT_EQ(truncate(tree.writeFile("Kick.wav", "").c_str(), static_cast<off_t>(size)), 0);
+    const auto queries = std::make_shared<DCICachedFileQueries>(DCIFileKinds{}, nullptr, nullptr);
+    const auto finder = DCISampleFinder::initWithFileQueries(queries, settingsFor(DCIMetadataQueryBackend::folderScan));
+    std::jthread stopper([&] {
+        std::this_thread::sleep_for(300ms);
+        finder->stopSearching();
+    });
+    std::optional<DCIError> failure;
+    EXPECT_EQ(searchOffMain(*finder, "Kick.wav", none, std::string(64, '0'), size, 0, &failure), none);
+    EXPECT_EQ(failure.value_or(DCIError("", 0, "")).code(), kDCISampleFinderStopped);
+}
+
 TEST_F(DCISampleFinderTests, AudioFileReadsFramesAndRateOrLeavesTheOutputsAlone) {
     tree.writeFile("notes.wav", "not audio at all, though named like it");
     ASSERT_EQ(mkfifo((tree / "fifo.wav").c_str(), 0600), 0);  // must not block the reader

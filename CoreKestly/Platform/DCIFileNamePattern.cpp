@@ -23,7 +23,7 @@ const utf8proc_uint8_t* bytes(std::string_view text) {
     return reinterpret_cast<const utf8proc_uint8_t*>(text.data());
 }
 
-bool isUTF8(std::string_view text) {
+bool isUTF8Text(std::string_view text) {
     utf8proc_int32_t c;
     for (size_t at = 0; at < text.size();) {
         const auto length = utf8proc_iterate(bytes(text) + at, static_cast<utf8proc_ssize_t>(text.size() - at), &c);
@@ -63,7 +63,7 @@ void appendFolded(std::string_view text, bool isValidUTF8, std::u32string& out) 
 
 std::u32string folded(std::string_view text) {
     std::u32string result;
-    appendFolded(text, isUTF8(text), result);
+    appendFolded(text, isUTF8Text(text), result);
     return result;
 }
 
@@ -117,9 +117,11 @@ const std::map<char32_t, Forms>& formsByFoldedCharacter() {
     return forms;
 }
 
-void appendEscaped(char32_t c, std::string& glob) {
-    if (c == U'[' || c == U']' || c == U'\\' || c == U'*' || c == U'?') glob += '\\';
-    appendUTF8(c, glob);
+// A character of an extended regular expression that stands for itself.
+void appendLiteral(char32_t c, std::string& regex) {
+    if (c < 0x80 && std::string_view("\\.[]()*+?{}|^$").find(static_cast<char>(c)) != std::string_view::npos)
+        regex += '\\';
+    appendUTF8(c, regex);
 }
 
 // The text with the glob's set and escape characters escaped; its wildcards stay wildcards.
@@ -154,7 +156,7 @@ char32_t firstDecomposed(char32_t c) {
 
 DCIFileNamePattern::DCIFileNamePattern(std::string_view pattern) : text_(pattern) {
     // The wildcards split the pattern before folding, so that no character folds into one.
-    const bool isValidUTF8 = isUTF8(pattern);
+    const bool isValidUTF8 = isUTF8Text(pattern);
     size_t start = 0;
     for (size_t at = 0; at <= pattern.size(); ++at) {
         if (at < pattern.size() && pattern[at] != '*' && pattern[at] != '?') continue;
@@ -166,17 +168,21 @@ DCIFileNamePattern::DCIFileNamePattern(std::string_view pattern) : text_(pattern
 
 bool DCIFileNamePattern::matches(std::string_view fileName) const { return wildcardMatch(folded_, folded(fileName)); }
 
+bool DCIFileNamePattern::isUTF8() const { return isUTF8Text(text_); }
+
 std::vector<std::string> DCIFileNamePattern::spellingGlobs() const {
-    if (!isUTF8(text_)) return {escapedGlob(text_)};
+    if (!isUTF8()) return {escapedGlob(text_)};
     const std::string composed = escapedGlob(normalized(text_, utf8proc_NFC));
     const std::string decomposed = escapedGlob(normalized(text_, utf8proc_NFD));
     return composed == decomposed ? std::vector{composed} : std::vector{composed, decomposed};
 }
 
-std::string DCIFileNamePattern::foldedGlob() const {
+std::optional<std::string> DCIFileNamePattern::foldedRegex() const {
+    if (!isUTF8()) return std::nullopt;
     const auto& formsOf = formsByFoldedCharacter();
     // Room for marks, which a decomposed name keeps after its letter, and ignorable characters.
-    std::string glob = "*";
+    constexpr std::string_view kRoom = ".*";
+    std::string regex = "^.*";
     size_t looseUntil = 0;  // characters that a longer form before them may stand for
     for (size_t i = 0; i < folded_.size(); ++i) {
         const char32_t c = folded_[i];
@@ -191,18 +197,18 @@ std::string DCIFileNamePattern::foldedGlob() const {
             }
         }
         if (c < kRawByteBase && firstDecomposed(c) != c) set += firstDecomposed(c);
-        // Wildcards, bytes that are not UTF-8 and sets around a glob character become a `*`:
-        // the whole-name check after the program keeps only true matches.
-        const bool isStar = isLoose || c >= kRawByteBase ||
-                            (set.size() > 1 && std::u32string_view(U"[]\\!^-").find(c) != std::u32string_view::npos);
-        if (!isStar && set.size() == 1) {
-            appendEscaped(c, glob);
-        } else if (!isStar) {
-            glob += '[';
-            for (const char32_t form : set) appendUTF8(form, glob);
-            glob += ']';
+        // Wildcards, bytes that are not UTF-8 and sets around a bracket's own characters are
+        // left to the room around them: the whole-name check keeps only true matches.
+        const bool isRoom = isLoose || c >= kRawByteBase ||
+                            (set.size() > 1 && std::u32string_view(U"[]\\^-").find(c) != std::u32string_view::npos);
+        if (!isRoom && set.size() == 1) {
+            appendLiteral(c, regex);
+        } else if (!isRoom) {
+            regex += '[';
+            for (const char32_t form : set) appendUTF8(form, regex);
+            regex += ']';
         }
-        if (!glob.ends_with('*') || glob.ends_with("\\*")) glob += '*';
+        if (!regex.ends_with(kRoom)) regex += kRoom;
     }
-    return glob;
+    return regex + "$";
 }

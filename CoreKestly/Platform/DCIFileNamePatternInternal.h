@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +17,8 @@ public:
 
     /// Whether the whole of `fileName` (one path component) matches.
     bool matches(std::string_view fileName) const;
+    /// Whether the pattern is valid UTF-8, and so compared folded.
+    bool isUTF8() const;
 
     /// Globs for the locate program, run with `--ignore-case --basename` in a UTF-8 locale, for
     /// the names spelt as the pattern is, composed or decomposed: each of them keeps the
@@ -23,11 +26,14 @@ public:
     /// the composed and decomposed spellings differ.
     std::vector<std::string> spellingGlobs() const;
 
-    /// A glob for the same program, run with `--basename` but case-sensitive, that matches at
-    /// least every name `matches` accepts: each character becomes the set of the characters
-    /// that fold to it, with room after it for marks. It leaves the program no letters to look
-    /// up, so it reads its whole database.
-    std::string foldedGlob() const;
+    /// An extended regular expression for the same program, run with `--basename --regex` and
+    /// case-sensitive, that matches at least every name `matches` accepts: each character
+    /// becomes the set of the characters, in every case, that fold to it, with room after it
+    /// for marks. The program reads its whole database for it; a glob of the same sets would
+    /// take it ten times as long. Nothing for a pattern that is not UTF-8, which matches only
+    /// its own bytes: its spellings find all there is. Names that are not UTF-8 never match an
+    /// expression, so the scan alone finds them for a pattern that is.
+    std::optional<std::string> foldedRegex() const;
 
 private:
     std::string text_;

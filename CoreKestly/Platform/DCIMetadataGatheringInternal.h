@@ -56,12 +56,14 @@ std::unique_ptr<DCIMetadataGathering> DCIStartMergedGathering(const std::vector<
 std::unique_ptr<DCIMetadataGathering> DCIStartFinishedGathering(DCIMetadataGathered gathered,
                                                                 DCIMetadataGathering::Completion completion);
 
-/// Runs `program` on `database` with `glob` (in any case when `ignoresCase`), for the files
-/// that `rule` keeps. A program that
-/// cannot be started, or fails, completes with the failure. A stop requested through `stop`, from any thread, kills
-/// and reaps the program before it returns.
+/// How plocate reads its pattern.
+enum class DCILocatePattern { glob, globIgnoringCase, regex };
+
+/// Runs `program` on `database` with `pattern`, of that kind, for the files that `rule` keeps.
+/// A program that cannot be started, or fails, completes with the failure. A stop requested
+/// through `stop`, from any thread, kills and reaps the program before `request_stop` returns.
 std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string& program, const std::string& database,
-                                                              const std::string& glob, bool ignoresCase,
+                                                              const std::string& pattern, DCILocatePattern kind,
                                                               DCICandidateRule rule, std::stop_token stop,
                                                               DCIMetadataGathering::Completion completion);
 

@@ -160,7 +160,7 @@ private:
 }  // namespace
 
 std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string& program, const std::string& database,
-                                                              const std::string& glob, bool ignoresCase,
+                                                              const std::string& pattern, DCILocatePattern kind,
                                                               DCICandidateRule rule, std::stop_token stop,
                                                               DCIMetadataGathering::Completion completion) {
     const auto cannotSearch = [&](const std::string& why) {
@@ -176,8 +176,9 @@ std::unique_ptr<DCIMetadataGathering> DCIStartLocateGathering(const std::string&
     // those hits (a808.mp3 for 808.mp3) against the limit before the whole-name check drops
     // them. Reading stops, and the program is killed, once enough whole names are in.
     std::vector<std::string> arguments = {program, "--database", database, "--basename", "--null"};
-    if (ignoresCase) arguments.push_back("--ignore-case");
-    arguments.insert(arguments.end(), {"--", glob});
+    if (kind == DCILocatePattern::globIgnoringCase) arguments.push_back("--ignore-case");
+    if (kind == DCILocatePattern::regex) arguments.push_back("--regex");
+    arguments.insert(arguments.end(), {"--", pattern});
     // A UTF-8 locale of its own makes a set's member one character and folds case beyond ASCII.
     const std::vector<std::string> environment = {"LC_ALL=C.UTF-8", "PATH=/usr/bin:/bin"};
     auto child = DCIChildProcess::spawn(program, arguments, environment);

@@ -57,12 +57,15 @@ bool DCIMetadataQuery::startQuery(const std::string& name, FinishHandler finishe
     if (backend != DCIMetadataQueryBackend::folderScan) {
         const std::string& database =
             settings_.locateDatabasePath.empty() ? settings_.systemLocateDatabasePath() : settings_.locateDatabasePath;
-        // Each spelling is looked up in the index in any case; the folded glob spells out
-        // every case itself.
-        const bool isSpelt = options.reach == DCIMetadataQueryReach::givenSpellings;
-        for (const auto& glob : isSpelt ? rule.pattern.spellingGlobs() : std::vector{rule.pattern.foldedGlob()}) {
+        // Each spelling is looked up in the index in any case; the folded expression spells
+        // out every case itself; a pattern that is not UTF-8 is its own bytes, which plocate
+        // refuses to look up in any case.
+        const auto regex = options.reach == DCIMetadataQueryReach::foldedNames ? rule.pattern.foldedRegex() : std::nullopt;
+        const auto kind = regex ? DCILocatePattern::regex
+                          : rule.pattern.isUTF8() ? DCILocatePattern::globIgnoringCase : DCILocatePattern::glob;
+        for (const auto& pattern : regex ? std::vector{*regex} : rule.pattern.spellingGlobs()) {
             starts.push_back([=, this](DCIMetadataGathering::Completion completion) {
-                return DCIStartLocateGathering(settings_.locateProgramPath, database, glob, isSpelt, rule, stop,
+                return DCIStartLocateGathering(settings_.locateProgramPath, database, pattern, kind, rule, stop,
                                                std::move(completion));
             });
         }

@@ -5,6 +5,7 @@
 #include "CoreKestly/Platform/DCILoggedTextInternal.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 #include "CoreKestly/SampleFinder/DCIAudioFile.h"
+#include "CoreKestly/SampleFinder/DCIStoppableHashInternal.h"
 
 #include <sys/stat.h>
 
@@ -67,26 +68,35 @@ std::optional<std::string> DCISampleFinder::pathForSampleWithName(const std::opt
     // Nothing could confirm a candidate.
     if (!sasID && !sha && fileSize == 0 && duration == 0) return std::nullopt;
     std::lock_guard searching(searchMutex_);
+    const std::stop_token stop = [&] {
+        std::lock_guard lock(stopMutex_);
+        searchStop_ = std::stop_source();
+        return searchStop_.get_token();
+    }();
     const std::string fileName = fileNameForSampleName(*name);
     const auto settings = querySettings();
     DCIMetadataQueryOptions options{DCIMetadataQueryReach::givenSpellings, cheapCheck(sasID || sha, fileSize, duration)};
     // First the name as given, which plocate looks up in its index; only when that confirms
     // nothing, every name that folds like it, which plocate reads its whole database for.
-    const auto spelt = gatherCandidates(fileName, settings, options);
-    auto found = chooseCandidate(spelt.paths, sasID, sha, fileSize, duration);
+    const auto spelt = gatherCandidates(fileName, settings, options, stop);
+    auto found = chooseCandidate(spelt.paths, sasID, sha, fileSize, duration, stop);
     auto why = spelt.failure;
     bool reachedMaximum = spelt.reachedMaximum;
     if (!found && !why && settings.resolvedBackend() != DCIMetadataQueryBackend::folderScan) {
         auto locateOnly = settings;
         locateOnly.backend = DCIMetadataQueryBackend::locateDatabase;
         options.reach = DCIMetadataQueryReach::foldedNames;
-        const auto folded = gatherCandidates(fileName, locateOnly, options);
+        const auto folded = gatherCandidates(fileName, locateOnly, options, stop);
         std::vector<std::string> unchecked;
         std::set_difference(folded.paths.begin(), folded.paths.end(), spelt.paths.begin(), spelt.paths.end(),
                             std::back_inserter(unchecked));
-        found = chooseCandidate(unchecked, sasID, sha, fileSize, duration);
+        found = chooseCandidate(unchecked, sasID, sha, fileSize, duration, stop);
         why = folded.failure;
         reachedMaximum = reachedMaximum || folded.reachedMaximum;
+    }
+    if (stop.stop_requested()) {
+        found.reset();
+        why = DCIError(kDCISampleFinderErrorDomain, kDCISampleFinderStopped, "the search was stopped");
     }
     if (reachedMaximum) {
         DCLogInfo("DCISampleFinder: the search for %@ stopped at %lu candidates; files past them were not looked at.",
@@ -105,8 +115,14 @@ std::string DCISampleFinder::fileNameForSampleName(std::string name) {
     return name;
 }
 
+void DCISampleFinder::stopSearching() {
+    std::lock_guard lock(stopMutex_);
+    searchStop_.request_stop();
+}
+
 DCIMetadataGathered DCISampleFinder::gatherCandidates(const std::string& name, const DCIMetadataQuerySettings& settings,
-                                                      const DCIMetadataQueryOptions& options) {
+                                                      const DCIMetadataQueryOptions& options,
+                                                      std::stop_token searchStop) {
     uint64_t search;
     {
         std::lock_guard lock(gathered_->mutex);
@@ -117,6 +133,7 @@ DCIMetadataGathered DCISampleFinder::gatherCandidates(const std::string& name, c
     // search end after its timeout rather than hang; a start that runs after the stop below
     // starts nothing.
     std::stop_source stop;
+    const std::stop_callback stopsWithSearch(searchStop, [&stop] { stop.request_stop(); });
     DCIRunLoop::main().performAsync([query = metadataSearch_, gathered = gathered_, search, name, settings, options,
                                      stop = stop.get_token()] {
         if (stop.stop_requested()) return;
@@ -131,7 +148,7 @@ DCIMetadataGathered DCISampleFinder::gatherCandidates(const std::string& name, c
     std::optional<DCIMetadataGathered> candidates;
     {
         std::unique_lock lock(gathered_->mutex);
-        gathered_->ready.wait_for(lock, timeout, [&] { return gathered_->results.has_value(); });
+        gathered_->ready.wait_for(lock, searchStop, timeout, [&] { return gathered_->results.has_value(); });
         candidates = std::move(gathered_->results);
         gathered_->results.reset();
         ++gathered_->search;  // a finish still to come belongs to no search
@@ -156,19 +173,23 @@ void DCISampleFinder::initialGatherComplete(Gathered& gathered, uint64_t search,
 std::optional<std::string> DCISampleFinder::chooseCandidate(const std::vector<std::string>& candidates,
                                                             const std::optional<std::string>& sasID,
                                                             const std::optional<std::string>& sha,
-                                                            uint64_t fileSize, uint64_t duration) const {
+                                                            uint64_t fileSize, uint64_t duration,
+                                                            std::stop_token stop) const {
     if (sasID || sha) {
         const auto queries = fileQueries_.lock();
         if (!queries) return std::nullopt;
         for (const auto& candidate : candidates) {
+            if (stop.stop_requested()) return std::nullopt;
             const auto candidateSasID = queries->SasIDForFileAtPath(candidate);
-            const auto candidateSHA = queries->SHAForFileAtPath(candidate);
+            // Hashed here, not by the file manager, so that a stop ends a planted huge file's hash.
+            const auto candidateSHA = sha ? DCISHA256UnlessStopped(candidate, stop) : std::nullopt;
             if ((sasID && candidateSasID == sasID) || (sha && candidateSHA == sha)) return candidate;
         }
         return std::nullopt;
     }
     const auto first = [&](auto matches) -> std::optional<std::string> {
-        const auto found = std::find_if(candidates.begin(), candidates.end(), matches);
+        const auto found = std::find_if(candidates.begin(), candidates.end(),
+                                        [&](const std::string& path) { return !stop.stop_requested() && matches(path); });
         return found == candidates.end() ? std::nullopt : std::optional(*found);
     };
     if (fileSize != 0) return first([&](const std::string& path) { return hasSize(path, fileSize); });

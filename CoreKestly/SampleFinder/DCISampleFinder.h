@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <stop_token>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -16,9 +17,11 @@
 
 class DCIFileQueries;
 
-/// The domain of the finder's own failures, and its one code: no answer within the wait.
+/// The domain of the finder's own failures, and its codes: no answer within the wait, and a
+/// search ended by `stopSearching`.
 inline constexpr const char* kDCISampleFinderErrorDomain = "DCISampleFinder";
 inline constexpr int64_t kDCISampleFinderTimedOut = 1;
+inline constexpr int64_t kDCISampleFinderStopped = 2;
 
 /// Finds a sample anywhere on the machine from what the service knows of it: its file name,
 /// and its `sasID`, SHA-256, size in bytes or length in sample frames. The machine's file-name
@@ -63,6 +66,11 @@ public:
                                                      const std::optional<std::string>& sha, uint64_t fileSize,
                                                      uint64_t duration, std::optional<DCIError>* failure = nullptr);
 
+    /// Ends the search under way, if any, from any thread: its locate program is killed, a
+    /// hash under way ends within one read of 64 KiB, and the search answers nothing, with the
+    /// failure `kDCISampleFinderStopped`. Candidates are hashed by the finder itself for that.
+    void stopSearching();
+
     /// The file name a sample called `name` has on disk: a file name cannot hold "/", so
     /// each one is kept as ":".
     static std::string fileNameForSampleName(std::string name);
@@ -77,7 +85,7 @@ private:
     // What the main loop hands over to the searching thread.
     struct Gathered {
         mutable std::mutex mutex;
-        std::condition_variable ready;
+        std::condition_variable_any ready;
         uint64_t search = 0;  // the number of the search under way; a finish of another is stale
         std::optional<DCIMetadataGathered> results;
     };
@@ -86,13 +94,13 @@ private:
 
     /// The candidates named `name` (a file name), with a failure when gathering took too long.
     DCIMetadataGathered gatherCandidates(const std::string& name, const DCIMetadataQuerySettings& settings,
-                                         const DCIMetadataQueryOptions& options);
+                                         const DCIMetadataQueryOptions& options, std::stop_token stop);
     /// The end of gathering, on the main loop: hands `results` over to search number `search`.
     static void initialGatherComplete(Gathered& gathered, uint64_t search, const DCIMetadataGathered& results);
     std::optional<std::string> chooseCandidate(const std::vector<std::string>& candidates,
                                                const std::optional<std::string>& sasID,
                                                const std::optional<std::string>& sha, uint64_t fileSize,
-                                               uint64_t duration) const;
+                                               uint64_t duration, std::stop_token stop) const;
 
     const std::weak_ptr<DCIFileQueries> fileQueries_;
     // Used on the main loop only; shared with the closures that run there, the last of which
@@ -100,6 +108,8 @@ private:
     const std::shared_ptr<DCIMetadataQuery> metadataSearch_;
     const std::shared_ptr<Gathered> gathered_ = std::make_shared<Gathered>();
     std::mutex searchMutex_;  // one search at a time
+    std::mutex stopMutex_;
+    std::stop_source searchStop_;  // the search under way, or the last one
 
     mutable std::mutex settingsMutex_;
     DCIMetadataQuerySettings settings_;

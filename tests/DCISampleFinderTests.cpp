@@ -95,21 +95,18 @@ protected:
     int programs = 0;
 };
 
-TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacriticsAndLeaveNoProgramBehind) {
+TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesByTheirFoldedForms) {
     // Names as a Mac stores them (decomposed), as other systems do, and one in Latin-1.
     const std::string korean = "\u1112\u1161\u11AB\u1100\u116E\u11A8.wav", kana = "\u304B\u3099.wav";
     tree.writeFiles({"Café.wav", "cafe.wav", "kick.wav", "kiick.wav", "sub/Kick 01.aif", "[x].wav", "a808.mp3",
                      "b808.mp3", "z/808.mp3", "Việt Nam.wav", "Nǐ hǎo.wav", "Ș.wav", "Cre\u0300me.wav", korean, kana,
                      "ǅ.wav", "ﬁle.wav", "caf\xe9.wav"}, "");
     const struct { std::string name; std::vector<std::string> found; } cases[] = {
-        {"CAFE.wav", {"Café.wav", "cafe.wav"}},  // diacritics on the file's side
-        {"cafÉ.WAV", {"Café.wav", "cafe.wav"}},  // and on the name's
-        {"k?ck.wav", {"kick.wav"}}, {"k*ck.wav", {"kick.wav", "kiick.wav"}},
-        {"kick", {}},  // the whole name, not a part of it
-        {"*.AIF", {"sub/Kick 01.aif"}},
-        {"[x].wav", {"[x].wav"}},  // glob characters stand for themselves
-        {"sub", {"sub"}},
-        {"808.mp3", {"z/808.mp3"}},  // names that hold it are no hits, and use up no room
+        // Diacritics on either side; the whole name only; glob characters stand for themselves;
+        // names that hold the name are no hits and use up no room.
+        {"CAFE.wav", {"Café.wav", "cafe.wav"}}, {"cafÉ.WAV", {"Café.wav", "cafe.wav"}}, {"k?ck.wav", {"kick.wav"}},
+        {"k*ck.wav", {"kick.wav", "kiick.wav"}}, {"kick", {}}, {"*.AIF", {"sub/Kick 01.aif"}},
+        {"[x].wav", {"[x].wav"}}, {"sub", {"sub"}}, {"808.mp3", {"z/808.mp3"}},
         {"viet nam.wav", {"Việt Nam.wav"}}, {"NI HAO.wav", {"Nǐ hǎo.wav"}}, {"s.wav", {"Ș.wav"}},
         {"crème.wav", {"Cre\u0300me.wav"}}, {"한국.wav", {korean}}, {"が.wav", {kana}}, {"DZ.wav", {"ǅ.wav"}},
         {"file.wav", {"ﬁle.wav"}}, {"caf\xe9.wav", {"caf\xe9.wav"}}, {"CAF\xe9.wav", {}},  // not UTF-8: bytes
@@ -128,15 +125,6 @@ TEST_F(DCISampleFinderTests, BothBackendsMatchWholeNamesIgnoringCaseAndDiacritic
             EXPECT_EQ(candidates(settings, test.name), expected) << test.name << " backend " << int(backend);
         }
     }
-
-    // A stopped search kills and reaps the locate program, and never finishes.
-    DCIMetadataQuery query(settingsFor(DCIMetadataQueryBackend::locateDatabase));
-    bool finished = false;
-    ASSERT_TRUE(query.startQuery("*", [&](const auto&) { finished = true; }));
-    query.stopQuery();
-    EXPECT_TRUE(hasNoChildren());
-    DCIRunLoop::main().runUntil(DCIRunLoop::Clock::now() + 50ms);
-    EXPECT_FALSE(finished);
 }
 
 // The host stops turning its loop once the search has answered, as kestly find does: the
@@ -169,12 +157,10 @@ TEST_F(DCISampleFinderTests, AHostThatIgnoresSIGCHLDLosesNoOutput) {
     // A program fast enough to be gone before the pidfd is opened, which takes its arguments
     // in %.0s conversions so that it has nothing to say about them.
     std::ofstream(settings.locateProgramPath) << "#!/usr/bin/printf %.0s%.0s%.0s%.0s%.0s%.0s%.0s%.0s%.0s%.0s/x/Kick.wav\\0\n";
-    struct sigaction ignore {}, previous;
-    ignore.sa_handler = SIG_IGN;
-    sigaction(SIGCHLD, &ignore, &previous);
+    const auto previous = signal(SIGCHLD, SIG_IGN);
     int found = 0;
     for (int i = 0; i < 100; ++i) found += candidates(settings, "Kick.wav") == std::vector<std::string>{"/x/Kick.wav"};
-    sigaction(SIGCHLD, &previous, nullptr);
+    signal(SIGCHLD, previous);
     EXPECT_EQ(found, 100);
 }
 

@@ -44,8 +44,9 @@ struct KESTLY_EXPORT DCIMetadataQuerySettings {
     static const std::string& systemLocateDatabasePath();
     /// $XDG_MUSIC_DIR as user-dirs.dirs sets it, else ~/Music.
     static std::string userMusicFolder();
-    /// The backend `backend` stands for on this machine now: `automatic` when there is a locate
-    /// database, whose search the scan of `scanFolders` then joins, else `folderScan`.
+    /// What `backend` comes to on this machine now: itself, but for `automatic`, which stays
+    /// `automatic` (the database searched, the scan beside it) when there is a locate database
+    /// and the program, and is `folderScan` otherwise.
     DCIMetadataQueryBackend resolvedBackend() const;
 };
 
@@ -87,16 +88,18 @@ struct KESTLY_EXPORT DCIMetadataQueryOptions {
 };
 
 /// A search of the machine's files by whole file name, the source of a sample finder's
-/// candidates. The name's `?` matches any one character and `*` any run; case and diacritics
-/// are ignored ("CAFE.wav" finds "Café.wav"). Candidates are full paths, sorted bytewise so
-/// that a search answers them in the same order every time.
+/// candidates. The name's `?` matches any one character and `*` any run; case, diacritics and
+/// compatibility forms are ignored ("CAFE.wav" finds "Café.wav", its é one character or two).
+/// Candidates are full paths, sorted bytewise so that a search answers them in the same order
+/// every time.
 ///
-/// Gathering is asynchronous and never blocks the main loop: the locate program's output is
-/// read through a non-blocking pipe watched by the main loop, and a scan walks its folders on
-/// a thread of its own. The end of gathering is signalled on the main loop.
+/// Gathering is asynchronous and never blocks the main loop on the locate program: its output
+/// is read through a non-blocking pipe watched by the main loop, and a scan walks its folders
+/// on a thread of its own. The end of gathering is signalled on the main loop. The query logs
+/// nothing: what went wrong comes back in `DCIMetadataGathered::failure`.
 ///
 /// Threads: `startQuery`, `stopQuery` and `results` belong to the main thread (calls from any
-/// other thread are refused with a log line), and the query is destroyed there, or anywhere
+/// other thread are refused, answering false), and the query is destroyed there, or anywhere
 /// once no gathering is under way.
 class KESTLY_EXPORT DCIMetadataQuery {
 public:

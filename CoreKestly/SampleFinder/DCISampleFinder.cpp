@@ -94,9 +94,9 @@ std::optional<std::string> DCISampleFinder::pathForSampleWithName(const std::opt
         why = folded.failure;
         reachedMaximum = reachedMaximum || folded.reachedMaximum;
     }
-    if (stop.stop_requested()) {
-        found.reset();
-        why = DCIError(kDCISampleFinderErrorDomain, kDCISampleFinderStopped, "the search was stopped");
+    if (stop.stop_requested()) {  // asked for, so not logged
+        if (failure) *failure = DCIError(kDCISampleFinderErrorDomain, kDCISampleFinderStopped, "the search was stopped");
+        return std::nullopt;
     }
     if (reachedMaximum) {
         DCLogInfo("DCISampleFinder: the search for %@ stopped at %lu candidates; files past them were not looked at.",

@@ -124,6 +124,7 @@ TEST(KestlyFindCommandTests, PrintsExactAbsolutePathsAndExitsAsDocumented) {
     folder.writeFile("a\\b.wav", "abc");
     folder.writeFile("line\nbreak.wav", "abc");
     const std::string corrupt = folder.writeFile("corrupt.db", "PLOCATE");
+    for (int i = 0; i < 500; ++i) folder.makeFolder("many/" + std::to_string(i));  // more than a millisecond's scan
     const fs::path started = fs::current_path();
     fs::current_path(folder.path());
     const struct { std::string arguments; int status; std::string output; } runs[] = {
@@ -133,6 +134,7 @@ TEST(KestlyFindCommandTests, PrintsExactAbsolutePathsAndExitsAsDocumented) {
         {"a.wav --size 3 --scope .", 1, ""},
         {"a.wav --size -1 --scope .", 2, ""}, {"a.wav --duration -18446744073709551617 --scope .", 2, ""},
         {"a.wav --size 3 --locate-db " + corrupt, 3, ""}, {"a.wav --candidates --locate-db " + corrupt, 3, ""},
+        {"a.wav --candidates --wait 0.000001 --scope .", 3, ""},
     };
     for (const auto& run : runs) {
         const auto [status, output] = runKestly("find " + run.arguments + " 2>/dev/null");

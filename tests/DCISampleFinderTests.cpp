@@ -172,8 +172,9 @@ TEST_F(DCISampleFinderTests, AFailedSearchSaysWhyAndIsNoEmptyAnswer) {
     const auto missing = [&] { auto settings = working; settings.locateDatabasePath = folder / "missing.db"; return settings; }();
     const std::string fake = "the locate database " + (folder / "fake.db") + " could not be searched: ";
     const auto noFolder = DCIMetadataQuerySettings{DCIMetadataQueryBackend::folderScan, {}, {}, {folder / "no music"}};
+    const auto beside = [&] { auto settings = working; settings.backend = DCIMetadataQueryBackend::automatic; settings.scanFolders = noFolder.scanFolders; return settings; }();
     const struct { const char* name; DCIMetadataQuerySettings settings; std::optional<std::string> failure; } cases[] = {
-        {"no match", working, none},
+        {"no match; no music folder beside a database", beside, none},
         {"no match, quiet status 1", fakeLocate("exit 1"), none},
         {"corrupt", corrupt, "the locate database " + corrupt.locateDatabasePath + " could not be searched: pread: "},
         {"missing", missing, "the locate database " + missing.locateDatabasePath + " could not be searched: No such file"},

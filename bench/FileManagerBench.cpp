@@ -1,11 +1,15 @@
 // The file manager at work on a generated root of small files, every one of interest and
-// hashed before the figures are taken (warm caches). Three figures:
+// hashed before the figures are taken (warm caches), at 10,000 and 100,000 files, and at
+// 1,000,000 with KESTLY_BENCH_LARGE=1 (roots are kept under $TMPDIR between runs then). Figures:
 // - change to event: one file rewritten, until the listener on the main thread hears
-//   FileModified; the floor is the 0.4 s quiet period, as the first notification is not held;
+//   FileModified, 20 times; the floor is the 0.4 s quiet period, as the first notification
+//   is not held;
+// - resident memory after ready and after those 20 passes;
+// - a folder of 2 GB renamed inside the root, to FolderMoved (10,000 files only);
 // - a rename storm: 1,000 files renamed in one burst, from the last rename to the last event,
 //   with the number of passes that reported them (bursts of events 0.3 s apart or more);
 // - idle: the process's CPU time and voluntary context switches over 10 s without a change.
-// Roots are made under $TMPDIR and removed at the end.
+// Roots are made under $TMPDIR and removed at the end, unless kept for the large run.
 
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Events/DCIEventManager.h"
@@ -19,6 +23,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -55,6 +60,23 @@ void makeRoot(const fs::path& root, int files) {
 
 double seconds(Clock::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
+double residentMegabytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with("VmRSS:")) return std::stod(line.substr(6)) / 1024;
+    }
+    return 0;
+}
+
+// Waits until `count` events of `type` have arrived, and answers when the last one did.
+Clock::time_point waitFor(Recorder& recorder, uint64_t type, size_t count) {
+    DCIRunLoop::main().runUntil([&] { return recorder.count(type) >= count; }, std::chrono::seconds(60));
+    for (auto event = recorder.events.rbegin(); event != recorder.events.rend(); ++event) {
+        if (event->first == type) return event->second;
+    }
+    return Clock::now();
+}
+
 double cpuSeconds(const rusage& usage) {
     return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
@@ -62,17 +84,18 @@ double cpuSeconds(const rusage& usage) {
 
 void measure(const fs::path& scratch, int files, bool withStorm) {
     const fs::path root = scratch / ("root-" + std::to_string(files));
-    makeRoot(root, files);
+    if (!fs::exists(root)) makeRoot(root, files);
     auto recorder = std::make_shared<Recorder>();
     DCIEventManager::addListener(recorder);
     auto manager = DCIFileManager::init();
     manager->addSecondaryFileExtension("wav");
     manager->startWatchingRootFolder(root, scratch / "primary.sqlite", scratch / "secondary.sqlite", nullptr);
     auto& loop = DCIRunLoop::main();
-    loop.runUntil([&] { return recorder->count(DCIEventTypeFileManagerReady) > 0; }, 600s);
+    loop.runUntil([&] { return recorder->count(DCIEventTypeFileManagerReady) > 0; }, 3600s);
+    const double readyMegabytes = residentMegabytes();
 
     std::vector<double> latencies;
-    for (int round = 0; round < 7; ++round) {
+    for (int round = 0; round < 20; ++round) {
         loop.runUntil(Clock::now() + 600ms);
         const size_t before = recorder->count(DCIEventTypeFileModified);
         const auto start = Clock::now();
@@ -81,10 +104,28 @@ void measure(const fs::path& scratch, int files, bool withStorm) {
         latencies.push_back(seconds(recorder->events.back().second - start));
     }
     std::ranges::sort(latencies);
-    std::printf("%6d files: change to FileModified: median %.3f s, best %.3f s, worst %.3f s (floor 0.400 s)\n",
+    std::printf("%7d files: change to FileModified: median %.3f s, best %.3f s, worst %.3f s (floor 0.400 s)\n",
                 files, latencies[latencies.size() / 2], latencies.front(), latencies.back());
+    std::printf("%7d files: resident memory %.0f MB after ready, %.0f MB after 20 passes\n", files, readyMegabytes,
+                residentMegabytes());
 
     if (withStorm) {
+        // A folder of 2 GB, hashed once, then renamed: the caches know its files by identity.
+        const fs::path big = root / "big";
+        fs::create_directories(big);
+        const std::string block(1 << 20, 'b');
+        for (int file = 0; file < 8; ++file) {
+            std::ofstream out(big / ("take-" + std::to_string(file) + ".wav"), std::ios::binary);
+            for (int megabyte = 0; megabyte < 256; ++megabyte) out << file << megabyte << block;
+        }
+        waitFor(*recorder, DCIEventTypeFolderAdded, 1);
+        loop.runUntil(Clock::now() + 600ms);
+        const auto renamed = Clock::now();
+        fs::rename(big, root / "big renamed");
+        std::printf("%7d files: a folder of 2 GB renamed, to FolderMoved: %.3f s (floor 0.400 s)\n", files,
+                    seconds(waitFor(*recorder, DCIEventTypeFolderMoved, 1) - renamed));
+        fs::remove_all(root / "big renamed");
+
         loop.runUntil(Clock::now() + 600ms);
         recorder->events.clear();
         for (int i = 0; i < 1000; ++i) fs::rename(root / fileName(i / kFilesPerFolder, i % kFilesPerFolder),
@@ -95,7 +136,7 @@ void measure(const fs::path& scratch, int files, bool withStorm) {
         for (size_t i = 1; i < recorder->events.size(); ++i) {
             if (recorder->events[i].second - recorder->events[i - 1].second >= 300ms) ++passes;
         }
-        std::printf("%6d files: 1,000 renames: last rename to last event %.3f s, %zu moves in %d pass(es)\n", files,
+        std::printf("%7d files: 1,000 renames: last rename to last event %.3f s, %zu moves in %d pass(es)\n", files,
                     seconds(recorder->events.back().second - lastRename), recorder->count(DCIEventTypeFileMoved),
                     passes);
 
@@ -104,7 +145,7 @@ void measure(const fs::path& scratch, int files, bool withStorm) {
         getrusage(RUSAGE_SELF, &before);
         loop.runUntil(Clock::now() + 10s);
         getrusage(RUSAGE_SELF, &after);
-        std::printf("%6d files: idle 10 s: %.1f ms CPU, %ld voluntary context switches\n", files,
+        std::printf("%7d files: idle 10 s: %.1f ms CPU, %ld voluntary context switches\n", files,
                     1000 * (cpuSeconds(after) - cpuSeconds(before)), after.ru_nvcsw - before.ru_nvcsw);
     }
     manager->stop();
@@ -117,10 +158,19 @@ void measure(const fs::path& scratch, int files, bool withStorm) {
 
 int main() {
     StandardErrorToNull quiet;
-    std::string pattern = (fs::temp_directory_path() / "kestly-file-manager-bench-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) return 1;
-    measure(pattern, 1000, false);
-    measure(pattern, 10000, true);
-    fs::remove_all(pattern);
+    const char* large = std::getenv("KESTLY_BENCH_LARGE");
+    const bool keep = large && std::string(large) == "1";
+    std::string scratch = (fs::temp_directory_path() / "kestly-file-manager-bench").string();
+    if (!keep) {
+        scratch += "-XXXXXX";
+        if (!mkdtemp(scratch.data())) return 1;
+    }
+    fs::create_directories(scratch);
+    fs::remove(fs::path(scratch) / "primary.sqlite");
+    fs::remove(fs::path(scratch) / "secondary.sqlite");
+    measure(scratch, 10'000, true);
+    measure(scratch, 100'000, false);
+    if (keep) measure(scratch, 1'000'000, false);
+    if (!keep) fs::remove_all(scratch);
     return 0;
 }

@@ -150,9 +150,10 @@ public:
     // context (nothing when a path is missing or not absolute). A queued action is carried out
     // by the watcher thread and reports Pending, Running, then Completed or Failed (with the
     // error under kDCIError); queued while the manager is not started, it waits for the next
-    // start. An unqueued one runs on the calling thread and answers success; it waits for no
-    // rescan, but it does the disk work itself (a large copy takes its time), so a host's main
-    // thread should use the queued form. A successful operation puts into the tree the items
+    // start. An unqueued one runs on the calling thread and answers success; it never waits
+    // for a scan of the whole root, but it may wait for a pass hashing the files it found
+    // changed, and it does the disk work itself (a large copy takes its time), so a host's
+    // main thread should use the queued form. A successful operation puts into the tree the items
     // it made and takes out those it moved away, hashing only those, so the next rescan reports
     // nothing for it and still reports every other change.
 

@@ -131,8 +131,8 @@ void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> 
     const auto oldRoot = rootFolder();
     if (!oldRoot) return;
     TreeChanges treeChanges;
-    const bool wholeTree = changes.everything || fullPasses_.load() || needsFullPass_.exchange(false) ||
-                           oldRoot->metFolderLinks();
+    const bool owed = needsFullPass_.exchange(false);
+    const bool wholeTree = owed || changes.everything || fullPasses_.load() || oldRoot->metFolderLinks();
     if (wholeTree || !relistChangedFolders(oldRoot, changes.folders, treeChanges)) {
         const auto newRoot = scanAndInstall(oldRoot->absolutePath(), generation);
         if (!newRoot) return;
@@ -148,7 +148,8 @@ void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> 
 bool DCIFileManager::relistChangedFolders(const std::shared_ptr<DCIFolderObject>& root,
                                           const std::vector<std::string>& paths, TreeChanges& changes) {
     std::lock_guard lock(treeLock_);
-    if (rootFolder() != root) return false;
+    // A root that went is a whole pass's to find: it then reports nothing.
+    if (rootFolder() != root || !root->exists()) return false;
     // Each folder once, outermost first; a path the tree does not know is looked at from the
     // nearest folder above it that it knows.
     std::set<std::string> known;

@@ -6,6 +6,7 @@
 
 #include <sys/stat.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -29,4 +30,17 @@ struct KESTLY_EXPORT DCIFileStamp {
     static DCIFileStamp ofStatus(const struct stat& status);
 
     friend bool operator==(const DCIFileStamp&, const DCIFileStamp&) = default;
+};
+
+/// Which file or folder a status describes, wherever it is named: its device and inode.
+struct DCIFileIdentity {
+    uint64_t device;
+    uint64_t inode;
+    friend bool operator==(const DCIFileIdentity&, const DCIFileIdentity&) = default;
+};
+
+struct DCIFileIdentityHash {
+    size_t operator()(const DCIFileIdentity& identity) const {
+        return static_cast<size_t>(identity.inode * 0x9E3779B97F4A7C15ULL ^ identity.device);
+    }
 };

@@ -154,20 +154,11 @@ public:
 
 private:
     /// Where a directory lives: what every path to one real folder shares.
-    struct DirectoryIdentity {
-        uint64_t device;
-        uint64_t inode;
-        friend bool operator==(const DirectoryIdentity&, const DirectoryIdentity&) = default;
-    };
-    struct DirectoryIdentityHash {
-        size_t operator()(const DirectoryIdentity& identity) const {
-            return static_cast<size_t>(identity.inode * 0x9E3779B97F4A7C15ULL ^ identity.device);
-        }
-    };
+    using DirectoryIdentity = DCIFileIdentity;
     /// One build: the real folders listed so far, and the folders reached through a link,
     /// listed once the walk without links is over, if their folder was not met by then.
     struct Walk {
-        std::unordered_set<DirectoryIdentity, DirectoryIdentityHash> listed;
+        std::unordered_set<DirectoryIdentity, DCIFileIdentityHash> listed;
         std::vector<std::shared_ptr<DCIFolderObject>> throughLinks;
         bool metFolderLinks = false;
     };

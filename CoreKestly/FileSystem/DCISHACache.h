@@ -184,18 +184,8 @@ private:
 
     mutable std::shared_mutex accessMutex_;  // guards the two members below
     std::unordered_map<std::string, DCISHACacheRecord> shaCache_;
-    // Which path holds the hashed record of each (device, inode); keys point into `shaCache_`.
-    struct Identity {
-        uint64_t device;
-        uint64_t inode;
-        friend bool operator==(const Identity&, const Identity&) = default;
-    };
-    struct IdentityHash {
-        size_t operator()(const Identity& identity) const {
-            return static_cast<size_t>(identity.inode * 0x9E3779B97F4A7C15ULL ^ identity.device);
-        }
-    };
-    std::unordered_map<Identity, const std::string*, IdentityHash> byIdentity_;
+    // Which path holds the hashed record of each file; keys point into `shaCache_`.
+    std::unordered_map<DCIFileIdentity, const std::string*, DCIFileIdentityHash> byIdentity_;
     std::unordered_set<std::string> unsavedPaths_;  // changed or dropped since the last scheduled write
 
     std::unique_ptr<DCISHACacheStore> store_;      // used on the executor's thread, then by the destructor

@@ -211,6 +211,10 @@ DCIFileIdentifiers DCIFileManager::identifiersForFile(const std::string& path, c
     if (knownUnhashable(path, stamp)) return {};
     auto identifiers = queries()->identifiersForFile(path, stamp);
     if (!identifiers.sha && (run == 0 || runIsCurrent(run))) rememberUnhashable(path, stamp);
+    if (firstScanUnderWay_.load()) {
+        ++scanFilesHashed_;
+        scanBytesHashed_ += stamp.size;
+    }
     return identifiers;
 }
 

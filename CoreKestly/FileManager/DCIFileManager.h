@@ -126,6 +126,16 @@ public:
     /// When the latest file-system notification arrived, in seconds since 1 January 2001 UTC.
     double latestFSEventTime() const { return latestFSEventTime_.load(); }
 
+    /// How far the first scan of the run under way has come: the files of interest it found
+    /// and their bytes, and how many of them are hashed. All zero outside a first scan, and
+    /// the totals zero until the tree is listed. Any thread.
+    struct ScanProgress {
+        uint64_t files = 0, filesHashed = 0, bytes = 0, bytesHashed = 0;
+    };
+    ScanProgress firstScanProgress() const {
+        return {scanFiles_.load(), scanFilesHashed_.load(), scanBytes_.load(), scanBytesHashed_.load()};
+    }
+
     /// Wakes the watcher thread; `fromFSEvent` marks a file-system notification, which stamps
     /// `latestFSEventTime` and asks for a rescan once the disk is quiet.
     void signalFileManagerThread(bool fromFSEvent);
@@ -334,6 +344,7 @@ private:
     std::mutex runLock_;                   // held by a watcher thread for its whole run
     std::atomic<uint64_t> activeRun_{0};   // the generation of the watcher thread's run, or 0
     std::atomic<bool> firstScanUnderWay_{false};
+    std::atomic<uint64_t> scanFiles_{0}, scanFilesHashed_{0}, scanBytes_{0}, scanBytesHashed_{0};
 
     std::mutex unhashableMutex_;  // guards the member below
     std::unordered_map<std::string, DCIFileStamp> unhashable_;  // files that failed to hash, as they were

@@ -139,6 +139,7 @@ bool DCIFileManager::buildFirstTree(uint64_t generation, const std::string& root
     firstScanUnderWay_ = true;
     const bool installed = scanAndInstall(rootPath, generation) != nullptr;
     firstScanUnderWay_ = false;
+    scanFiles_ = scanFilesHashed_ = scanBytes_ = scanBytesHashed_ = 0;
     if (installed) return runIsCurrent(generation);
     std::lock_guard lock(runStateMutex_);
     if (!runIsCurrent(generation)) return false;
@@ -154,6 +155,13 @@ std::shared_ptr<DCIFolderObject> DCIFileManager::scanAndInstall(const std::strin
         journaling_ = true;
     }
     auto tree = buildTree(rootPath);
+    if (tree && firstScanUnderWay_.load()) {
+        uint64_t bytes = 0;
+        const DCIFileSet files = tree->gatherFiles();
+        for (const auto& file : files) bytes += file->stamp().size;
+        scanBytes_ = bytes;
+        scanFiles_ = files.size();
+    }
     if (tree) tree->generateHashes(hashingThreads_.load());
     std::lock_guard lock(treeLock_);
     journaling_ = false;

@@ -4,6 +4,7 @@
 #include "KestlyCommand.h"
 
 #include "CachePaths.h"
+#include "HashingProgress.h"
 #include "TerminalText.h"
 
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
@@ -107,14 +108,9 @@ public:
         ++filesHashed_;
         bytesHashed_ += stamp.size;
         showProgress([&] {
-            const double seconds = std::chrono::duration<double>(Clock::now() - hashingStart_).count();
-            const double rate = seconds > 0 ? static_cast<double>(reads_->bytes) / seconds : 0;
-            const uint64_t left = bytesToHash_ - std::min<uint64_t>(bytesToHash_, bytesHashed_);
-            std::fprintf(stderr, "\rkestly: hashing, %zu of %zu files, %.1f of %.1f MB, %.1f MB/s", filesHashed_.load(),
-                         filesToHash_, static_cast<double>(bytesHashed_) / 1e6, static_cast<double>(bytesToHash_) / 1e6,
-                         rate / 1e6);
-            if (rate > 0) std::fprintf(stderr, ", %.0f s left", static_cast<double>(left) / rate);
-            std::fputs("\033[K", stderr);
+            std::fprintf(stderr, "\rkestly: %s\033[K",
+                         hashingProgress(filesHashed_, filesToHash_, bytesHashed_, bytesToHash_,
+                                         Clock::now() - hashingStart_).c_str());
         });
         return identifiers;
     }

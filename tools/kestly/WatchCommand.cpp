@@ -5,6 +5,7 @@
 
 #include "Base64.h"
 #include "CachePaths.h"
+#include "HashingProgress.h"
 #include "ShellWords.h"
 #include "TerminalText.h"
 
@@ -98,10 +99,12 @@ public:
         : json_(json), manager_(std::move(manager)), actionEnded_(std::move(actionEnded)) {}
 
     int exitStatus() const { return outputFailed_ ? 1 : rootRemoved_ ? 3 : 0; }
+    bool sawReady() const { return sawReady_; }
 
     void handleEvent(const std::shared_ptr<DCIEvent>& event) override {
         if (event->category() != DCIEventCategoryCommon || !eventName(event->type())) return;
         if (event->type() == DCIEventTypeRootFolderRemoved) rootRemoved_ = true;
+        if (event->type() == DCIEventTypeFileManagerReady) sawReady_ = true;
         const std::string line =
             json_ ? jsonLine(*event).dump(-1, ' ', false, Json::error_handler_t::replace) : humanLine(*event);
         // Nobody reads what follows a failed write (a full disk, a closed pipe): stop watching.
@@ -189,6 +192,7 @@ private:
     const std::shared_ptr<DCIFileManager> manager_;
     const std::function<void(std::shared_ptr<DCIAction>)> actionEnded_;
     bool rootRemoved_ = false;
+    bool sawReady_ = false;
     bool outputFailed_ = false;
 };
 
@@ -319,6 +323,28 @@ void readCommands(const std::weak_ptr<CommandRunner>& runner) {
     }
 }
 
+// While standard error is a terminal and a first scan takes more than a second, shows how far
+// its hashing has come, on one line that goes once the manager is ready.
+std::unique_ptr<DCIRunLoopSource> showFirstScanProgress(const DCIFileManager& manager, const EventPrinter& printer) {
+    if (!isatty(STDERR_FILENO)) return nullptr;
+    const auto start = std::chrono::steady_clock::now();
+    auto shown = std::make_shared<bool>(false);
+    return DCIRunLoop::main().addTimer(std::chrono::milliseconds(250), true, [&manager, &printer, start, shown] {
+        const auto progress = manager.firstScanProgress();
+        const auto elapsed = std::chrono::steady_clock::now() - start;
+        if (printer.sawReady() || progress.files == 0) {
+            if (*shown) std::fputs("\r\033[K", stderr);
+            *shown = false;
+            return;
+        }
+        if (elapsed < std::chrono::seconds(1)) return;
+        *shown = true;
+        std::fprintf(stderr, "\rkestly: %s\033[K",
+                     hashingProgress(progress.filesHashed, progress.files, progress.bytesHashed, progress.bytes, elapsed)
+                         .c_str());
+    });
+}
+
 int watch(const WatchOptions& options) {
     // SIGINT and SIGTERM arrive through a descriptor on the main loop, in every thread made
     // from here on too.
@@ -366,6 +392,7 @@ int watch(const WatchOptions& options) {
     }
     manager->startWatchingRootFolder(*root, caches.primary, caches.secondary, nullptr);
     std::thread(readCommands, std::weak_ptr<CommandRunner>(runner)).detach();
+    const auto progress = showFirstScanProgress(*manager, *printer);
 
     DCIRunLoop::main().run();
     DCIEventManager::removeListener(printer);

@@ -48,11 +48,18 @@ protected:
         EXPECT_TRUE(pumpMainLoopUntil([&] { return hasEnded(action) && worker->currentAction() != action; }));
     }
 
-    // /reply?status=&size=[&etag=][&cut=] answers `size` bytes; /go?to= redirects there;
+    // Fields ahead of all others, `pad` KiB of them, named so that the server sends them first.
+    static void pad(const httplib::Request& request, httplib::Response& response) {
+        const int kibibytes = request.has_param("pad") ? std::stoi(request.get_param_value("pad")) : 0;
+        for (int i = 0; i < kibibytes; ++i) response.set_header("A-Pad-" + std::to_string(i), std::string(1000, 'p'));
+    }
+
+    // /reply?status=&size=[&etag=][&cut=][&pad=] answers `size` bytes; /go?to=[&pad=] redirects there;
     // /slow?chunks=&gap= sends a 1,000-byte chunk every `gap` ms.
     LoopbackHTTPServer server{[this](httplib::Server& http) {
         const auto reply = [](const httplib::Request& request, httplib::Response& response) {
             response.status = std::stoi(request.get_param_value("status"));
+            pad(request, response);
             if (request.has_param("etag")) response.set_header("ETag", request.get_param_value("etag"));
             const size_t size = std::stoul(request.get_param_value("size"));
             if (!request.has_param("cut")) return response.set_content(pattern(size), "application/octet-stream");
@@ -62,9 +69,11 @@ protected:
                 return offset == 0 && sink.write(pattern(cut).data(), cut);
             });
         };
+        redirectAndEcho(http);
         http.Get("/reply", reply);
         http.Post("/reply", reply);
         http.Get("/go", [](const httplib::Request& request, httplib::Response& response) {
+            pad(request, response);
             response.set_redirect(request.get_param_value("to"));
         });
         http.Get("/slow", [this](const httplib::Request& request, httplib::Response& response) {
@@ -77,6 +86,22 @@ protected:
             });
         });
     }};
+
+    // Another origin, another port: /to?code=&where= redirects any method there; /echo answers
+    // "METHOD body Authorization-value" for any method.
+    static void redirectAndEcho(httplib::Server& http) {
+        const auto redirect = [](const httplib::Request& request, httplib::Response& response) {
+            response.set_redirect(request.get_param_value("where"), std::stoi(request.get_param_value("code")));
+        };
+        const auto echo = [](const httplib::Request& request, httplib::Response& response) {
+            response.set_content(request.method + " " + request.body + " " + request.get_header_value("Authorization"),
+                                 "text/plain");
+        };
+        for (const auto& [path, handler] : {std::pair("/to", +redirect), std::pair("/echo", +echo)}) {
+            http.Get(path, handler).Post(path, handler).Put(path, handler).Patch(path, handler).Delete(path, handler);
+        }
+    }
+    LoopbackHTTPServer otherOrigin{redirectAndEcho};
 
     TemporaryDirectory folder;
     ListeningRecorder recorder;
@@ -114,6 +139,8 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
         {reply(403, 50), "", failed, 403, none, 0, 0,
          DCIError("Kestly", 2, "Error: the server failed with error code 403")},
         {"/go?to=%2Freply%3Fstatus%3D200%26size%3D10", "", done, 200, pattern(10), 10, 10},
+        {"/go?pad=70&to=%2Freply%3Fstatus%3D200%26size%3D10", "", done, 200, pattern(10), 10, 10},  // late Location
+        {reply(200, 10, "&pad=70&etag=%22" + tag32 + "%22"), "", done, 200, pattern(10), 10, 10, none, tag32},
         {"/go?to=file%3A%2F%2F%2Fetc%2Fpasswd", "out", failed, none, "", 0, 0, urlError(DCIURLErrorUnsupportedURL)},
         {reply(200, 200), "", done, 200, pattern(200), 5200, 5200, none, none, 5000},  // the upload counts too
         {reply(200, 10000, "&cut=4000"), "out", failed, 200, pattern(4000), 0, 10000,
@@ -180,6 +207,42 @@ TEST_F(DCIDownloaderTest, HostStopsARunningDownloadAtItsNextChunkAndTheWorkerGoe
         const std::string kept = readWholeFile(destination);
         EXPECT_TRUE(kept.size() > 0 && kept.size() < 200'000) << kept.size();
         EXPECT_EQ(kept, pattern(kept.size()));  // the start of what the server sent
+    }
+}
+
+// A redirect sends the method and body again only where HTTP means it to, and never an unsafe
+// method, a body or credentials to another origin.
+TEST_F(DCIDownloaderTest, RedirectsCarryMethodBodyAndCredentialsOnlyWhereHTTPAllows) {
+    const std::string here = server.url("/echo"), there = otherOrigin.url("/echo");
+    const struct { const char* method; int code; std::string target; std::string answer; } redirects[] = {
+        {"DELETE", 303, here, "GET  secret"},  {"PUT", 303, here, "GET  secret"},
+        {"POST", 302, here, "GET  secret"},    {"POST", 301, here, "GET  secret"},
+        {"PUT", 307, here, "PUT abc secret"},  {"PATCH", 308, here, "PATCH abc secret"},
+        {"DELETE", 302, here, "DELETE abc secret"},
+        {"POST", 303, there, "GET  "},         {"GET", 307, there, "GET  "},
+        {"DELETE", 302, there, ""},            {"PUT", 308, there, ""},  {"POST", 307, there, ""},
+    };
+    for (const auto& redirect : redirects) {
+        SCOPED_TRACE(std::string(redirect.method) + " " + std::to_string(redirect.code) + " " + redirect.target);
+        const bool hasBody = std::string_view(redirect.method) != "GET";
+        DCIURLRequestFields fields;
+        fields.URL = server.url("/to?code=" + std::to_string(redirect.code) + "&where=" +
+                                httplib::detail::encode_query_param(redirect.target));
+        fields.HTTPMethod = redirect.method;
+        fields.HTTPHeaderFields = {{"Authorization", "secret"}};
+        if (hasBody) fields.HTTPBody = std::make_shared<const DCIData>(std::string("abc"));
+        const auto action = DCIDownloader::dataDownloadActionWithRequest(DCIURLRequest::requestWithFields(fields));
+        run(action);
+
+        const auto data = action->contextObjectForKey(kDCIDownloaderDataKey);
+        const auto error = action->contextObjectForKey(kDCIError);
+        if (redirect.answer.empty()) {
+            EXPECT_EQ(std::tuple(action->status(), action->contextObjectForKey(kDCIDownloaderResponseStatusCodeKey)->int64Value()),
+                      std::tuple(DCIActionStatusFailed, std::optional<int64_t>(redirect.code)));
+            EXPECT_TRUE(error && error->error()->localizedDescription().find("another origin") != std::string::npos);
+        } else {
+            EXPECT_EQ(data ? std::string(data->data()->stringView()) : "no data", redirect.answer);
+        }
     }
 }
 

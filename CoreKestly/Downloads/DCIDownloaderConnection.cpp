@@ -116,8 +116,10 @@ void DCIDownloader::connection(DCIURLConnection&, const DCIURLResponse& didRecei
     const int64_t code = didReceiveResponse.statusCode();
     action->setContextObject(DCIValue(code), kDCIDownloaderResponseStatusCodeKey);
 
-    if (code != 200 && code != 204 && code != 409) {
-        const std::string message = DCIFormat(DCILocalizedString("Error: the server failed with error code %lu"), code);
+    // Any success is one; a conflict is the service's answer to an upload it already has.
+    if ((code < 200 || code > 299) && code != 409) {
+        std::string message = DCIFormat(DCILocalizedString("Error: the server failed with error code %lu"), code);
+        if (const auto& reason = didReceiveResponse.unfollowedRedirectReason()) message += " (" + *reason + ")";
         DCLogInfo("%@: %@ (%@)", message, didReceiveResponse.description(), name_);
         action->setContextObject(DCIError("Kestly", kRefusedStatusErrorCode, message), kDCIError);
         action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);

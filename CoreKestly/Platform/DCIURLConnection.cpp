@@ -21,6 +21,9 @@ namespace {
 constexpr long kBufferSize = 256 * 1024;
 // What is kept of one response head; a server sending more gets its first fields only.
 constexpr size_t kMaximumHeaderBytes = 64 * 1024;
+// What is read of a redirect's body before its connection is given up instead.
+constexpr size_t kMaximumSkippedBodyBytes = 64 * 1024;
+constexpr int kMaximumRedirects = 16;
 // What the description shows of a head, so that one log line stays short whatever was sent.
 constexpr size_t kDescribedHeaderFields = 32;
 constexpr size_t kDescribedFieldBytes = 256;
@@ -37,17 +40,39 @@ bool isToken(std::string_view text) {
     });
 }
 
-bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
-    const auto sameLetter = [](char a, char b) {
-        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
-    };
-    return text.size() >= prefix.size() && std::ranges::equal(text.substr(0, prefix.size()), prefix, sameLetter);
+bool equalIgnoringCase(std::string_view a, std::string_view b) {
+    return std::ranges::equal(a, b, [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
+}
+
+// Fields that tell who the request comes from: never sent on to another origin.
+bool isCredential(std::string_view name) {
+    return equalIgnoringCase(name, "Authorization") || equalIgnoringCase(name, "Cookie") ||
+           equalIgnoringCase(name, "Proxy-Authorization");
 }
 
 std::string_view trimmed(std::string_view text) {
     const auto first = text.find_first_not_of(" \t\r\n");
     if (first == std::string_view::npos) return {};
     return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
+// Fields that decide what the body is, kept past the cap on a head's size.
+bool decidesTheBody(std::string_view name) {
+    return std::ranges::any_of(std::initializer_list<std::string_view>{"Location", "ETag", "Content-Encoding",
+                                                                       "Content-Length", "Content-Type"},
+                               [&](std::string_view field) { return equalIgnoringCase(name, field); });
+}
+
+void keepHeaderField(Transfer& transfer, std::string_view line, size_t colon) {
+    const std::string_view name = trimmed(line.substr(0, colon));
+    if (transfer.responseHeaderBytes + line.size() <= kMaximumHeaderBytes) {
+        transfer.responseHeaderBytes += line.size();
+    } else {
+        transfer.responseHeaderBytes = kMaximumHeaderBytes;  // full: the fields after come from past the cap
+        // libcurl caps each line, so this keeps a head within a few lines of the cap.
+        if (!decidesTheBody(name) || DCIHeaderFieldValue(transfer.responseHeaders, name)) return;
+    }
+    transfer.responseHeaders.emplace_back(name, trimmed(line.substr(colon + 1)));
 }
 
 size_t receiveHeader(char* bytes, size_t size, size_t count, void* userData) {
@@ -62,17 +87,20 @@ size_t receiveHeader(char* bytes, size_t size, size_t count, void* userData) {
     } else if (line == "\r\n" || line == "\n") {
         // The response goes out as soon as its head is complete, so that its status is judged
         // even when no body follows in time.
-        if (transfer.isFinalHead() && !transfer.deliverResponseOnce()) return 0;
-    } else if (const auto colon = line.find(':');
-               colon != std::string_view::npos && transfer.responseHeaderBytes + line.size() <= kMaximumHeaderBytes) {
-        transfer.responseHeaderBytes += line.size();
-        transfer.responseHeaders.emplace_back(trimmed(line.substr(0, colon)), trimmed(line.substr(colon + 1)));
+        if (!transfer.headEnded()) return 0;
+    } else if (const auto colon = line.find(':'); colon != std::string_view::npos) {
+        keepHeaderField(transfer, line, colon);
     }
     return size * count;
 }
 
 size_t receiveData(char* bytes, size_t size, size_t count, void* userData) {
     auto& transfer = *static_cast<Transfer*>(userData);
+    if (transfer.nextHop) {
+        // A redirect's own body says nothing; a long one is cut, at the cost of its connection.
+        transfer.skippedBodyBytes += size * count;
+        return transfer.skippedBodyBytes <= kMaximumSkippedBodyBytes ? size * count : 0;
+    }
     if (!transfer.deliverResponseOnce()) return 0;
     const std::span chunk(reinterpret_cast<const uint8_t*>(bytes), size * count);
     const bool goesOn = transfer.tellDelegate([&](DCIURLConnectionDelegate& delegate, DCIURLConnection& connection) {
@@ -101,7 +129,8 @@ size_t sendBody(char* buffer, size_t size, size_t count, void* userData) {
     return length;
 }
 
-// A redirect that keeps the method sends the body again from its start.
+// A request sent again on a new connection, when a reused one turned out closed, sends the
+// body again from its start.
 int rewindBody(void* userData, curl_off_t offset, int origin) {
     auto& transfer = *static_cast<Transfer*>(userData);
     if (origin != SEEK_SET || offset < 0 || offset > transfer.bodySize) return CURL_SEEKFUNC_CANTSEEK;
@@ -159,14 +188,9 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     curl_easy_setopt(easy, CURLOPT_PRIVATE, this);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy, CURLOPT_URL, request->URL().c_str());
-    // Nothing but the web: a URL or a redirect to file:, scp: and the like is refused.
+    // Nothing but the web: a URL to file:, scp: and the like is refused. Redirects are
+    // followed by `headEnded`, which knows what each may carry where.
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    // A redirect never drops TLS that the request asked for.
-    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR,
-                     startsWithIgnoringCase(request->URL(), "https:") ? "https" : "http,https");
-    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, 16L);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
@@ -177,6 +201,10 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, receiveData);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(easy, CURLOPT_READFUNCTION, sendBody);
+    curl_easy_setopt(easy, CURLOPT_READDATA, this);
+    curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, rewindBody);
+    curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
     curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, reportProgress);
     curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
@@ -192,8 +220,6 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::ceil(std::min(timeout, 1e6))));
 
-    // A 100 Continue round trip would only delay every upload.
-    headerList = curl_slist_append(headerList, "Expect:");
     for (const auto& [name, value] : request->allHTTPHeaderFields()) {
         // A line break would end the field early and smuggle whatever follows into the request.
         if (hasLineBreakOrNull(name) || hasLineBreakOrNull(value)) {
@@ -201,17 +227,13 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
                                   "the header field " + DCILoggedText(name) + " holds a line break");
             return;
         }
-        headerList = curl_slist_append(headerList, (name + (value.empty() ? ";" : ": " + value)).c_str());
     }
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headerList);
-
     const std::string& method = request->HTTPMethod();
     if (!isToken(method)) {
         setupError =
             DCIError(kDCIURLErrorDomain, DCIURLErrorBadURL, "the method " + DCILoggedText(method) + " is no HTTP token");
         return;
     }
-    const bool hasBody = request->HTTPBody() || request->HTTPBodyFilePath();
     if (request->HTTPBodyFilePath()) {
         const std::string& path = *request->HTTPBodyFilePath();
         bodyFile = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -226,19 +248,75 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     } else if (request->HTTPBody()) {
         bodySize = static_cast<int64_t>(request->HTTPBody()->length());
     }
-    if (hasBody) {
+    setupError = apply({request->URL(), method, request->HTTPBody() || request->HTTPBodyFilePath()});
+}
+
+std::optional<DCIError> Transfer::apply(const DCIURLHop& next) {
+    hop = next;
+    curl_easy_setopt(easy, CURLOPT_URL, hop.URL.c_str());
+
+    // A 100 Continue round trip would only delay every upload.
+    curl_slist* fields = curl_slist_append(nullptr, "Expect:");
+    for (const auto& [name, value] : request->allHTTPHeaderFields()) {
+        if (credentialsDropped && isCredential(name)) continue;
+        fields = curl_slist_append(fields, (name + (value.empty() ? ";" : ": " + value)).c_str());
+    }
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, fields);
+    curl_slist_free_all(std::exchange(headerList, fields));
+    if (!fields) return DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "no memory for the request's header fields");
+
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, nullptr);
+    if (hop.sendsBody) {
+        bodyOffset = 0;
         curl_easy_setopt(easy, CURLOPT_POST, 1L);
         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodySize));
-        curl_easy_setopt(easy, CURLOPT_READFUNCTION, sendBody);
-        curl_easy_setopt(easy, CURLOPT_READDATA, this);
-        curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, rewindBody);
-        curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
-        if (method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
-    } else if (method == "HEAD") {
-        curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
-    } else if (method != "GET") {
-        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+        if (hop.method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, hop.method.c_str());
+    } else {
+        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+        if (hop.method == "HEAD") {
+            curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+        } else if (hop.method != "GET") {
+            curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, hop.method.c_str());
+        }
     }
+    return std::nullopt;
+}
+
+bool Transfer::headEnded() {
+    long statusCode = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &statusCode);
+    // No code yet is a proxy's answer to CONNECT; 1xx heads come before the response.
+    if (statusCode < 200) return true;
+    // libcurl tells where a redirect leads only once its body is read; the decision whether to
+    // hand the head over as the response cannot wait for a body that may never come.
+    const auto location = DCIURLIsRedirectStatus(statusCode) ? DCIHeaderFieldValue(responseHeaders, "Location")
+                                                             : std::nullopt;
+    if (const auto target = location ? DCIURLResolvingLocation(hop.URL, *location) : std::nullopt) {
+        auto next = DCIURLRedirectFor(statusCode, hop, *target, request->replaysMethodAcrossOrigins());
+        if (next.schemeRefusal) {
+            endingError = DCIError(kDCIURLErrorDomain, DCIURLErrorUnsupportedURL, *next.schemeRefusal);
+            return false;
+        }
+        if (!next.replayRefusal) {
+            if (redirectsFollowed == kMaximumRedirects) {
+                endingError = DCIError(kDCIURLErrorDomain, DCIURLErrorHTTPTooManyRedirects, "too many redirects");
+                return false;
+            }
+            nextHop = std::move(next);
+            return true;
+        }
+        unfollowedRedirect = next.replayRefusal;
+    }
+    return deliverResponseOnce();
+}
+
+std::optional<DCIError> Transfer::followRedirect() {
+    const DCIURLRedirect next = std::move(*nextHop);
+    nextHop.reset();
+    ++redirectsFollowed;
+    skippedBodyBytes = 0;
+    credentialsDropped = credentialsDropped || next.crossesOrigin;
+    return apply(next.hop);
 }
 
 Transfer::~Transfer() {
@@ -274,7 +352,7 @@ bool Transfer::deliverResponseOnce() {
     const auto encoding = DCIHeaderFieldValue(responseHeaders, "Content-Encoding");
     if (encoding && !encoding->empty() && *encoding != "identity") length = -1;
     const DCIURLResponse response(url ? url : request->URL(), statusCode, length < 0 ? -1 : length,
-                                  std::move(responseHeaders));
+                                  std::move(responseHeaders), unfollowedRedirect);
     return tellDelegate(
         [&](DCIURLConnectionDelegate& listener, DCIURLConnection& owner) { listener.connection(owner, response); });
 }
@@ -288,17 +366,6 @@ void Transfer::tellEnd(const std::optional<DCIError>& failure) {
             listener.connectionDidFinishLoading(owner);
         }
     });
-}
-
-bool Transfer::isFinalHead() const {
-    long statusCode = 0;
-    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &statusCode);
-    // No code yet is a proxy's answer to CONNECT; 1xx heads come before the response.
-    if (statusCode < 200) return false;
-    // libcurl follows a redirect that says where to: its head is not the response. One that is
-    // not followed after all (too many) ends in a failure, or is handed over at the end.
-    const bool isRedirect = statusCode >= 300 && statusCode < 400 && statusCode != 304;
-    return !isRedirect || !DCIHeaderFieldValue(responseHeaders, "Location");
 }
 
 DCIError Transfer::errorForResult(CURLcode result) const {

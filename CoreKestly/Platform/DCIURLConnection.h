@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -17,23 +18,30 @@
 class KESTLY_EXPORT DCIURLResponse : public DCIObject {
 public:
     DCIURLResponse(std::string URL, int64_t statusCode, int64_t expectedContentLength,
-                   std::vector<std::pair<std::string, std::string>> allHeaderFields)
+                   std::vector<std::pair<std::string, std::string>> allHeaderFields,
+                   std::optional<std::string> unfollowedRedirectReason = std::nullopt)
         : URL_(std::move(URL)),
           statusCode_(statusCode),
           expectedContentLength_(expectedContentLength),
-          allHeaderFields_(std::move(allHeaderFields)) {}
+          allHeaderFields_(std::move(allHeaderFields)),
+          unfollowedRedirectReason_(std::move(unfollowedRedirectReason)) {}
 
     const std::string& URL() const { return URL_; }
     int64_t statusCode() const { return statusCode_; }
     /// The length of the body the delegate will receive, or -1 when the server did not state
     /// it or sent the body compressed (the stated length then counts the compressed bytes).
     int64_t expectedContentLength() const { return expectedContentLength_; }
-    /// The header fields in the order they came.
+    /// The header fields in the order they came: those of the first 64 KiB, and past that the
+    /// ones that decide what the body is (Location, ETag, Content-Encoding, Content-Length,
+    /// Content-Type).
     const std::vector<std::pair<std::string, std::string>>& allHeaderFields() const { return allHeaderFields_; }
     /// The first field named `name`, compared without regard to case.
     std::optional<std::string> valueForHTTPHeaderField(std::string_view name) const {
         return DCIHeaderFieldValue(allHeaderFields_, name);
     }
+    /// Why this redirect is the response rather than followed: it would have sent the method
+    /// or the body again to another origin. Nothing for any other response.
+    const std::optional<std::string>& unfollowedRedirectReason() const { return unfollowedRedirectReason_; }
 
     /// "<DCIURLResponse: URL> { Status Code: N, Headers { name = value; ... } }", one short
     /// entry whatever was sent: the first 32 fields, texts cut, control characters as "?".
@@ -44,6 +52,7 @@ private:
     int64_t statusCode_;
     int64_t expectedContentLength_;
     std::vector<std::pair<std::string, std::string>> allHeaderFields_;
+    std::optional<std::string> unfollowedRedirectReason_;
 };
 
 class DCIURLConnection;
@@ -68,7 +77,10 @@ public:
 };
 
 /// One HTTP or HTTPS request loading on the run loop of the thread that made it. Redirects
-/// are followed (to http and https only), certificates and host names are verified, HTTP/2 is
+/// are followed as HTTP has it (at most 16, to http and https only, and from https to https
+/// only): a 303, and a POST's 301 or 302, become a GET without body; others keep method and
+/// body, but do not take a method other than GET and HEAD, a body or the credential fields
+/// (Authorization, Cookie, Proxy-Authorization) to another origin. Certificates and host names are verified, HTTP/2 is
 /// used where the server offers it and compressed bodies arrive decompressed. All connections
 /// made on one thread share that thread's connection cache, so repeated requests to one
 /// host reuse its connection.

@@ -2,6 +2,7 @@
 
 #include "CoreKestly/Platform/DCIRunLoop.h"
 #include "CoreKestly/Platform/DCIURLConnection.h"
+#include "CoreKestly/Platform/DCIURLConnectionRedirectInternal.h"
 
 #include <curl/curl.h>
 
@@ -39,12 +40,18 @@ struct KESTLY_HIDDEN DCIURLConnection::Transfer {
     /// Hands over the response once, flushing the upload count first so that body-sent steps
     /// always come before it.
     bool deliverResponseOnce();
-    /// Whether the head just completed is the response's own rather than one libcurl goes past
-    /// (1xx, a proxy's, a redirect it follows).
-    bool isFinalHead() const;
     bool reportUploadProgress(int64_t totalSent);
     /// The error for libcurl's `result`, or for a body that could not be read.
     DCIError errorForResult(CURLcode result) const;
+    /// Judges the head just completed: a redirect to follow becomes `nextHop`, one that cannot
+    /// be followed an `endingError`; the response's own head is handed over. Answers whether the
+    /// transfer goes on.
+    bool headEnded();
+    /// Sets the easy handle up for `hop`, with the credentials in the header fields unless
+    /// they were dropped on the way to another origin. Answers the error that stops it.
+    std::optional<DCIError> apply(const DCIURLHop& hop);
+    /// Takes `nextHop` as the request to send, its body from its start.
+    std::optional<DCIError> followRedirect();
 
     const std::shared_ptr<const DCIURLRequest> request;
     const std::weak_ptr<DCIURLConnectionDelegate> delegate;
@@ -64,6 +71,16 @@ struct KESTLY_HIDDEN DCIURLConnection::Transfer {
     char errorBuffer[CURL_ERROR_SIZE] = {};
 
     // The loop's thread only.
+    DCIURLHop hop;
+    int redirectsFollowed = 0;
+    /// Set when the head just received redirects there; its body is skipped.
+    std::optional<DCIURLRedirect> nextHop;
+    size_t skippedBodyBytes = 0;
+    /// Why the redirect handed over as the response was not followed.
+    std::optional<std::string> unfollowedRedirect;
+    bool credentialsDropped = false;
+    /// The request's end, decided by the connection rather than by libcurl.
+    std::optional<DCIError> endingError;
     std::vector<std::pair<std::string, std::string>> responseHeaders;
     size_t responseHeaderBytes = 0;
     bool responseDelivered = false;
@@ -133,6 +150,8 @@ private:
     /// transfers.
     void drive(curl_socket_t socket, int events);
     void endFinishedTransfers();
+    /// Sends the transfer's next request after the redirect it received.
+    void follow(const std::shared_ptr<Transfer>& transfer);
     void sweepCancelledTransfers();
     void detach(CURL* easy);
 

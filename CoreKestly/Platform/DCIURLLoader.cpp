@@ -146,11 +146,30 @@ void DCIURLLoader::endFinishedTransfers() {
         // Taken out before the delegate hears of it, which may then drop the connection or
         // start another on this loop.
         const std::shared_ptr<Transfer> transfer = found->second;
+        if (transfer->nextHop && !transfer->canceled) {
+            follow(transfer);
+            continue;
+        }
         detach(transfer->easy);
-        if (result == CURLE_OK) {
+        if (transfer->endingError) {
+            transfer->tellEnd(transfer->endingError);
+        } else if (result == CURLE_OK) {
             if (transfer->deliverResponseOnce()) transfer->tellEnd(std::nullopt);
         } else {
             transfer->tellEnd(transfer->errorForResult(result));
         }
     }
+}
+
+void DCIURLLoader::follow(const std::shared_ptr<Transfer>& transfer) {
+    // Taken out and added again, the handle starts its next request on the connections the
+    // multi handle keeps, so a redirect to the same server reuses its connection.
+    curl_multi_remove_handle(multi_, transfer->easy);
+    std::optional<DCIError> refusal = transfer->followRedirect();
+    if (!refusal && curl_multi_add_handle(multi_, transfer->easy) != CURLM_OK) {
+        refusal = DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "libcurl refused the transfer");
+    }
+    if (!refusal) return;
+    transfers_.erase(transfer->easy);
+    transfer->tellEnd(refusal);
 }

@@ -23,6 +23,9 @@ struct DCIURLRequestFields {
     /// Seconds the request may go without any progress (connecting, sending or receiving)
     /// before it fails as timed out.
     double timeoutInterval = 60;
+    /// Whether a redirect to another origin (scheme, host and port) may send a method other
+    /// than GET and HEAD, or the body, again. Without it such a redirect is not followed.
+    bool replaysMethodAcrossOrigins = false;
 };
 
 /// An HTTP or HTTPS request, built by the host and carried by a download action. Immutable
@@ -43,6 +46,7 @@ public:
     const std::shared_ptr<const DCIData>& HTTPBody() const { return fields_.HTTPBody; }
     const std::optional<std::string>& HTTPBodyFilePath() const { return fields_.HTTPBodyFilePath; }
     double timeoutInterval() const { return fields_.timeoutInterval; }
+    bool replaysMethodAcrossOrigins() const { return fields_.replaysMethodAcrossOrigins; }
 
     /// "<DCIURLRequest: METHOD URL>", the part log lines show, each cut to 1 KiB with control
     /// characters as "?".

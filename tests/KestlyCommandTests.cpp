@@ -82,6 +82,9 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
     });
     const TemporaryDirectory folder;
     folder.writeFile("keep.txt", "kept");
+    folder.writeFile("victim.txt", "old");
+    fs::create_symlink("victim.txt", folder / "link.txt");
+    fs::create_symlink("/proc/self/fd/1", folder / "stdout");  // as /dev/stdout is, without risking it
 
     // "{}" in the arguments stands for the server's address; the output is the standard output, or
     // for --json [status, statusCode, bytes] of each result.
@@ -92,6 +95,9 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         {"-o with two URLs", "-o out {}/a.txt {}/b.txt", 2, ""}, {"malformed header", "-H nocolon {}/a.txt", 2, ""},
         {"a failed download keeps the file it would replace", "-o " + (folder / "keep.txt") + " {}/missing", 1, ""},
         {"method that is no token", "--json -X 'GET /b.txt HTTP/1.1' {}/a.txt", 1, R"(["Failed",null,0])" "\n"},
+        {"-o writes through a link", "-o " + (folder / "link.txt") + " {}/b.txt", 0, ""},
+        {"-o names standard output", "-o " + (folder / "stdout") + " {}/a.txt", 0, "hello"},
+        {"-o names descriptor 1", "-o /proc/self/fd/1 {}/b.txt", 0, "world"},
     };
     for (const auto& invocation : invocations) {
         SCOPED_TRACE(invocation.name);
@@ -112,9 +118,11 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         }
         EXPECT_EQ(output, invocation.output);
     }
-    EXPECT_EQ(readWholeFile(folder / "a.txt") + readWholeFile(folder / "b.txt") + readWholeFile(folder / "keep.txt"),
-              "helloworldkept");
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 3) << "no staging file is left";
+    EXPECT_EQ(readWholeFile(folder / "a.txt") + readWholeFile(folder / "b.txt") + readWholeFile(folder / "keep.txt") +
+                  readWholeFile(folder / "victim.txt"),
+              "helloworldkeptworld");
+    EXPECT_TRUE(fs::is_symlink(folder / "link.txt") && fs::is_symlink(folder / "stdout"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 6) << "no staging file is left";
 }
 
 // Paths reach a pipe exactly as they are on disk, absolute whatever --scope was given as; bad

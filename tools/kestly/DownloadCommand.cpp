@@ -1,6 +1,7 @@
 // kestly download: fetches URLs through one action queue served by several download workers,
 // into files or to standard output, with a progress bar on a terminal or JSON lines.
 
+#include "DownloadDestination.h"
 #include "KestlyCommand.h"
 #include "TerminalText.h"
 
@@ -94,18 +95,6 @@ std::shared_ptr<DCIURLRequest> makeRequest(const DownloadOptions& options, const
     return DCIURLRequest::requestWithFields(std::move(fields));
 }
 
-// A name beside `file` for its body to be fetched into, made as a file of our own, or nothing
-// when `file` is no file to replace (a device, a FIFO, a folder) or its folder takes no file.
-std::optional<std::string> stagingFileFor(const std::string& file) {
-    struct stat status;
-    if (lstat(file.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISLNK(status.st_mode)) return std::nullopt;
-    std::string staging = KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(file), ".kestly-download-XXXXXX");
-    const int descriptor = mkstemp(staging.data());
-    if (descriptor < 0) return std::nullopt;
-    close(descriptor);
-    return staging;
-}
-
 const char* statusName(int64_t status) {
     static const char* const names[] = {"Undefined", "Restarted", "Pending", "Running",
                                         "Paused",    "Canceled",  "Failed",  "Completed"};
@@ -132,10 +121,11 @@ class DownloadMonitor : public DCIEventListener {
 public:
     struct Item {
         std::string url;
+        /// The name the body is saved under, as given; nothing for standard output.
         std::optional<std::string> file;
-        // Where the body of a file goes until it is whole: it then replaces `file`, and a failed
-        // download leaves what was there as it was.
-        std::optional<std::string> staging;
+        /// Where that name leads; a staged body replaces the file there only once whole, so a
+        /// failed download leaves what was there as it was.
+        std::optional<DownloadDestination> destination;
         std::shared_ptr<DCIAction> action;
         Clock::time_point started;
         Clock::time_point lastJSONProgress;
@@ -191,14 +181,16 @@ private:
         uint64_t bytes = data && data->data() ? data->data()->length() : 0;
         // Only a file has a size to tell; a device such as /dev/null as the destination has none.
         struct stat fileStatus;
-        const auto& written = item.staging ? item.staging : item.file;
+        const auto& destination = item.destination;
+        const bool staged = destination && destination->kind == DownloadDestination::Kind::staged;
+        const std::string* written = !destination ? nullptr : staged ? &destination->staging : &destination->path;
         if (written && lstat(written->c_str(), &fileStatus) == 0 && S_ISREG(fileStatus.st_mode))
             bytes = static_cast<uint64_t>(fileStatus.st_size);
         std::optional<std::string> placingError;
-        if (item.staging && !(completed && rename(item.staging->c_str(), item.file->c_str()) == 0)) {
+        if (staged && !(completed && rename(destination->staging.c_str(), destination->path.c_str()) == 0)) {
             if (completed) placingError = "cannot put the file in place: " + std::string(std::strerror(errno));
             completed = false;
-            unlink(item.staging->c_str());
+            unlink(destination->staging.c_str());
         }
         succeeded_ = succeeded_ && completed;
 
@@ -239,7 +231,7 @@ private:
     void writeBodiesInOrder() {
         for (; nextBody_ < items_.size() && items_[nextBody_].ended; ++nextBody_) {
             const Item& item = items_[nextBody_];
-            if (item.file) continue;
+            if (item.destination && item.destination->kind != DownloadDestination::Kind::standardOutput) continue;
             const auto data = item.action->contextObjectForKey(kDCIDownloaderDataKey);
             if (data && data->data()) std::fwrite(data->data()->bytes().data(), 1, data->data()->length(), stdout);
             item.action->removeContextObjectForKey(kDCIDownloaderDataKey);
@@ -288,7 +280,8 @@ private:
 
 void removeStagingFiles(const std::vector<DownloadMonitor::Item>& items) {
     for (const auto& item : items) {
-        if (item.staging) unlink(item.staging->c_str());
+        if (item.destination && item.destination->kind == DownloadDestination::Kind::staged)
+            unlink(item.destination->staging.c_str());
     }
 }
 
@@ -308,12 +301,16 @@ int download(const DownloadOptions& options) {
                 file = KestlyPath::appendingComponent(options.directory, fileNameOfURL(url));
             if (file && !files.insert(*file).second) throw UsageError{"two URLs would be saved to " + *file};
             const auto request = makeRequest(options, url);
-            const auto staging = file ? stagingFileFor(*file) : std::nullopt;
-            const auto action = file ? DCIDownloader::fileDownloadActionWithRequest(request, staging.value_or(*file))
-                                     : DCIDownloader::dataDownloadActionWithRequest(request);
+            const auto destination = file ? std::optional(downloadDestinationFor(*file)) : std::nullopt;
+            const auto action =
+                !destination || destination->kind == DownloadDestination::Kind::standardOutput
+                    ? DCIDownloader::dataDownloadActionWithRequest(request)
+                    : DCIDownloader::fileDownloadActionWithRequest(
+                          request, destination->kind == DownloadDestination::Kind::staged ? destination->staging
+                                                                                          : destination->path);
             // The queue hands out the smallest value first: URLs start in the order given.
             action->setPriority(items.size() + 1);
-            items.push_back({url, file, staging, action, {}, {}, false});
+            items.push_back({url, file, destination, action, {}, {}, false});
         }
     } catch (const UsageError& error) {
         removeStagingFiles(items);

@@ -1,0 +1,62 @@
+// Where a body saved under a name lands. A name may be a link: replacing it would turn the
+// link into a file (as root, `-o /dev/stdout` would replace the system's /dev/stdout), so the
+// body goes where the links lead.
+
+#include "DownloadDestination.h"
+
+#include "CoreKestly/Platform/KestlyPath.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+
+namespace {
+
+// As many links as the system follows in one path before it gives up.
+constexpr int kMaximumLinks = 40;
+
+// The name a chain of links starting at `name` ends at; a link loop ends anywhere on it, and
+// writing there then fails as opening the name would.
+std::string finalLinkTarget(std::string name) {
+    for (int links = 0; links < kMaximumLinks; ++links) {
+        char target[PATH_MAX];
+        const ssize_t length = readlink(name.c_str(), target, sizeof target);
+        if (length <= 0 || length == sizeof target) break;
+        std::string next(target, static_cast<size_t>(length));
+        name = next.starts_with('/') ? next
+                                     : KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(name), next);
+    }
+    return name;
+}
+
+bool isStandardOutput(const struct stat& file) {
+    struct stat output;
+    return fstat(STDOUT_FILENO, &output) == 0 && output.st_dev == file.st_dev && output.st_ino == file.st_ino;
+}
+
+// A hidden name beside `file`, made as a file of our own; empty when its folder takes none.
+std::string makeStagingFileBeside(const std::string& file) {
+    std::string staging =
+        KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(file), ".kestly-download-XXXXXX");
+    const int descriptor = mkstemp(staging.data());
+    if (descriptor < 0) return {};
+    close(descriptor);
+    return staging;
+}
+
+}  // namespace
+
+DownloadDestination downloadDestinationFor(const std::string& name) {
+    struct stat target;
+    if (stat(name.c_str(), &target) == 0) {
+        if (isStandardOutput(target)) return {DownloadDestination::Kind::standardOutput, {}, {}};
+        if (!S_ISREG(target.st_mode)) return {DownloadDestination::Kind::direct, name, {}};
+    }
+    std::string file = finalLinkTarget(name);
+    std::string staging = makeStagingFileBeside(file);
+    // A folder that takes no new file still lets an existing one be written to.
+    if (staging.empty()) return {DownloadDestination::Kind::direct, std::move(file), {}};
+    return {DownloadDestination::Kind::staged, std::move(file), std::move(staging)};
+}

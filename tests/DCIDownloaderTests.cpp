@@ -150,6 +150,8 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
         {reply(200, 10), "missing/out", failed, none, none, 0, 0, posixError(ENOENT)},
         {"", "", failed, none, none, 0, 0, DCIError("Kestly", 1, "")},
     };
+    const mode_t umaskOfProcess = umask(0);
+    umask(umaskOfProcess);
     folder.writeFile("out", "anyone may read this");
     fs::permissions(folder / "out", fs::perms::owner_read | fs::perms::owner_write | fs::perms::others_read);
     for (const auto& outcome : outcomes) {
@@ -177,7 +179,7 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
         EXPECT_EQ(data.has_value(), !toFile && outcome.body);
         struct stat file;
         if (toFile && lstat(destination.c_str(), &file) == 0 && S_ISREG(file.st_mode)) {
-            EXPECT_EQ(file.st_mode & 077, 0u);
+            EXPECT_EQ(file.st_mode & 0777, 0666 & ~umaskOfProcess);
         }
         if (outcome.body) {
             EXPECT_EQ(data ? std::string(data->data()->stringView()) : readWholeFile(destination), *outcome.body);

@@ -151,6 +151,33 @@ TEST(KestlyFindCommandTests, PrintsExactAbsolutePathsAndExitsAsDocumented) {
     fs::current_path(started);
 }
 
+// A new file takes its mode from the umask, as curl's do; a replaced one keeps its mode and,
+// replaced by root, its owner.
+TEST(KestlyDownloadCommandTests, SavedFilesTakeTheUmaskOrTheModeOfTheFileTheyReplace) {
+    const LoopbackHTTPServer server([](httplib::Server& http) {
+        http.Get("/.*", [](const httplib::Request&, httplib::Response& response) { response.set_content("x", "text/plain"); });
+    });
+    const TemporaryDirectory folder;
+    const std::string replaced = folder.writeFile("old.txt", "old");
+    fs::permissions(replaced, fs::perms(0604));
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(chown(replaced.c_str(), 12345, 12346), 0);
+    }
+    const mode_t previous = umask(027);
+    const ProgramRun run = runKestly("download -d " + shellQuoted(folder.path()) + " " + server.url("/new.txt") + " " +
+                                     server.url("/old.txt"));
+    umask(previous);
+    ASSERT_EQ(run.status, 0);
+
+    struct stat made, kept;
+    ASSERT_EQ(stat((folder / "new.txt").c_str(), &made) | stat(replaced.c_str(), &kept), 0);
+    EXPECT_EQ(std::tuple(made.st_mode & 07777, kept.st_mode & 07777), std::tuple(0640u, 0604u));
+    if (root) {
+        EXPECT_EQ(std::tuple(kept.st_uid, kept.st_gid), std::tuple(12345u, 12346u));
+    }
+}
+
 // A title sequence, colours, a forged table row, a reordering mark, a C1 control and a
 // backslash that must not pass for an escape.
 constexpr const char* kHostileManifest = R"({"creator_id": 1, "path": "P", "username": "ann", "uuid": "u",

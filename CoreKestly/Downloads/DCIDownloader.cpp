@@ -52,19 +52,19 @@ void postWorkerEvent(uint64_t type, const std::shared_ptr<DCIDownloader>& worker
     DCIEventManager::postEvent(std::move(event));
 }
 
-// Replaces the file or link at `path` with a new empty file of our own, readable by its owner
-// only, open for writing. A file that cannot be removed (another user's, in a shared folder)
-// or that appears in between fails the open rather than receive the body. What is no file,
-// there or where a link leads, is written to as it is: a directory then fails to open, a
-// device such as /dev/null takes the body, and a FIFO without a reader fails instead of
-// blocking the worker.
+// Replaces the file or link at `path` with a new empty file of our own, open for writing,
+// with the mode the umask leaves of 0666 as any new file has. A file that cannot be removed
+// (another user's, in a shared folder) or that appears in between fails the open rather than
+// receive the body. What is no file, there or where a link leads, is written to as it is: a
+// directory then fails to open, a device such as /dev/null takes the body, and a FIFO without
+// a reader fails instead of blocking the worker.
 int replaceWithEmptyFile(const std::string& path) {
     struct stat status;
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         return open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
     }
     unlink(path.c_str());
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, S_IRUSR | S_IWUSR);
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666);
 }
 
 }  // namespace

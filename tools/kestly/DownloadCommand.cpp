@@ -187,10 +187,11 @@ private:
         if (written && lstat(written->c_str(), &fileStatus) == 0 && S_ISREG(fileStatus.st_mode))
             bytes = static_cast<uint64_t>(fileStatus.st_size);
         std::optional<std::string> placingError;
-        if (staged && !(completed && rename(destination->staging.c_str(), destination->path.c_str()) == 0)) {
-            if (completed) placingError = "cannot put the file in place: " + std::string(std::strerror(errno));
-            completed = false;
-            unlink(destination->staging.c_str());
+        if (staged) {
+            const int error = completed ? putStagedFileInPlace(*destination) : 0;
+            if (error != 0) placingError = "cannot put the file in place: " + std::string(std::strerror(error));
+            if (!completed || error != 0) unlink(destination->staging.c_str());
+            completed = completed && error == 0;
         }
         succeeded_ = succeeded_ && completed;
 

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 
@@ -59,4 +60,15 @@ DownloadDestination downloadDestinationFor(const std::string& name) {
     // A folder that takes no new file still lets an existing one be written to.
     if (staging.empty()) return {DownloadDestination::Kind::direct, std::move(file), {}};
     return {DownloadDestination::Kind::staged, std::move(file), std::move(staging)};
+}
+
+int putStagedFileInPlace(const DownloadDestination& destination) {
+    const char* staging = destination.staging.c_str();
+    struct stat replaced;
+    if (stat(destination.path.c_str(), &replaced) == 0) {
+        // Owner first: a change of owner clears the set-ID bits that the mode then restores.
+        if (geteuid() == 0 && chown(staging, replaced.st_uid, replaced.st_gid) != 0) return errno;
+        if (chmod(staging, replaced.st_mode & 07777) != 0) return errno;
+    }
+    return rename(staging, destination.path.c_str()) == 0 ? 0 : errno;
 }

@@ -22,3 +22,8 @@ struct DownloadDestination {
 
 /// The destination for a body saved under `name`. A staged destination's staging file is made.
 DownloadDestination downloadDestinationFor(const std::string& name);
+
+/// Moves a staged destination's whole body over the file it replaces, which lends it its mode
+/// (and, for root, its owner and group); a new file keeps the mode the umask gave it. Answers
+/// 0 or the errno of the step that failed.
+int putStagedFileInPlace(const DownloadDestination& destination);

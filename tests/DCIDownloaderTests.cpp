@@ -248,6 +248,27 @@ TEST_F(DCIDownloaderTest, RedirectsCarryMethodBodyAndCredentialsOnlyWhereHTTPAll
     }
 }
 
+// The destination is opened without blocking; a reader that falls behind slows the body down.
+TEST_F(DCIDownloaderTest, AFIFOWithASlowReaderGetsTheWholeBody) {
+    const std::string fifo = folder / "fifo";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const int reading = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);  // so that the worker's open finds a reader
+    std::string received;
+    std::jthread reader([&] {
+        std::this_thread::sleep_for(300ms);  // the pipe fills meanwhile
+        fcntl(reading, F_SETFL, 0);
+        char buffer[4096];
+        for (ssize_t count; (count = read(reading, buffer, sizeof buffer)) > 0;) received.append(buffer, size_t(count));
+        close(reading);
+    });
+    const auto action = DCIDownloader::fileDownloadActionWithRequest(
+        DCIURLRequest::requestWithURL(server.url("/reply?status=200&size=300000")), fifo);
+    run(action);
+    reader.join();
+    EXPECT_EQ(action->status(), DCIActionStatusCompleted);
+    EXPECT_EQ(received, pattern(300'000));
+}
+
 // A URL that would forge a log entry, or make a line of 100 KB, is logged as one short line.
 TEST_F(DCIDownloaderTest, LogsAURLAsOneShortLine) {
     const LogSince log;

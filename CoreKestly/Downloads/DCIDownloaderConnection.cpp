@@ -10,6 +10,7 @@
 #include "CoreKestly/Platform/DCILocalizedString.h"
 #include "CoreKestly/Platform/DCILoggedTextInternal.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -39,11 +40,24 @@ bool isUsableTag(std::string_view tag) {
 
 bool isStoppedByHost(int64_t status) { return status == DCIActionStatusCanceled || status == DCIActionStatusPaused; }
 
-// 0, or the errno of the write that failed, taken before anything else can change it.
-int writeWhole(int file, std::span<const uint8_t> bytes) {
+// The longest a write waits for a slow reader before it looks at the host's wish again.
+constexpr int kReaderWaitMilliseconds = 500;
+
+// 0, or the errno of the write that failed, taken before anything else can change it. A FIFO
+// or pipe, opened without blocking, answers EAGAIN while its reader is behind: the write waits
+// for room, so a slow reader slows the download rather than failing it, and ends early
+// (ECANCELED) once `stopped` answers true.
+template <class Stopped>
+int writeWhole(int file, std::span<const uint8_t> bytes, Stopped&& stopped) {
     while (!bytes.empty()) {
         const ssize_t written = write(file, bytes.data(), bytes.size());
         if (written < 0 && errno == EINTR) continue;
+        if (written < 0 && errno == EAGAIN) {
+            pollfd room{file, POLLOUT, 0};
+            poll(&room, 1, kReaderWaitMilliseconds);
+            if (stopped()) return ECANCELED;
+            continue;
+        }
         if (written < 0) return errno;
         if (written == 0) return EIO;
         bytes = bytes.subspan(static_cast<size_t>(written));
@@ -157,7 +171,8 @@ void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didRe
     addProgress(didReceiveData.size());
 
     if (const int file = downloadFile_.load(); file >= 0) {
-        if (const int error = writeWhole(file, didReceiveData); error != 0) {
+        const int error = writeWhole(file, didReceiveData, [this] { return stopsForHost(); });
+        if (error != 0 && error != ECANCELED) {
             const auto path = currentAction_.load()->contextObjectForKey(kDCIDownloaderFilePathKey);
             failCurrentAction(DCIError::posixError(error, "write " + (path ? path->description() : std::string())));
         }

@@ -55,7 +55,7 @@ protected:
     }
 
     // /reply?status=&size=[&etag=][&cut=][&pad=] answers `size` bytes; /go?to=[&pad=] redirects there;
-    // /slow?chunks=&gap= sends a 1,000-byte chunk every `gap` ms.
+    // /slow?chunks=&gap=[&quick=] sends a 1,000-byte chunk every `gap` ms, the first `quick` at once.
     LoopbackHTTPServer server{[this](httplib::Server& http) {
         const auto reply = [](const httplib::Request& request, httplib::Response& response) {
             response.status = std::stoi(request.get_param_value("status"));
@@ -78,9 +78,10 @@ protected:
         });
         http.Get("/slow", [this](const httplib::Request& request, httplib::Response& response) {
             const size_t end = std::stoul(request.get_param_value("chunks")) * 1000;
+            const size_t quick = request.has_param("quick") ? std::stoul(request.get_param_value("quick")) * 1000 : 0;
             const std::chrono::milliseconds gap(std::stoi(request.get_param_value("gap")));
-            response.set_chunked_content_provider("application/octet-stream", [this, end, gap](size_t at, auto& sink) {
-                if (at < end && server.pause(gap)) return sink.write(pattern(1000).data(), 1000);
+            response.set_chunked_content_provider("application/octet-stream", [=, this](size_t at, auto& sink) {
+                if (at < end && (at < quick || server.pause(gap))) return sink.write(pattern(1000).data(), 1000);
                 sink.done();
                 return true;
             });
@@ -147,6 +148,7 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
          urlError(DCIURLErrorNetworkConnectionLost)},
         {reply(200, 1000), "/dev/full", failed, 200, none, 0, 1000, posixError(ENOSPC)},  // the worker goes on
         {"/slow?chunks=1&gap=3000", "", failed, 200, none, 0, 0, urlError(DCIURLErrorTimedOut)},  // a 1 s time-out
+        {"/slow?chunks=101&quick=100&gap=3000", "", failed, 200, none, 100000, 0, urlError(DCIURLErrorTimedOut)},
         {reply(200, 10), "missing/out", failed, none, none, 0, 0, posixError(ENOENT)},
         {"", "", failed, none, none, 0, 0, DCIError("Kestly", 1, "")},
     };

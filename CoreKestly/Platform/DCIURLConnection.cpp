@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <cmath>
 #include <cstring>
 
 using Transfer = DCIURLConnection::Transfer;
@@ -78,6 +77,7 @@ void keepHeaderField(Transfer& transfer, std::string_view line, size_t colon) {
 size_t receiveHeader(char* bytes, size_t size, size_t count, void* userData) {
     auto& transfer = *static_cast<Transfer*>(userData);
     if (transfer.canceled) return 0;
+    transfer.noteActivity();
     const std::string_view line(bytes, size * count);
     // Every response head, of a redirect, a 100 Continue or a proxy, begins anew; the last
     // one is the response.
@@ -96,6 +96,7 @@ size_t receiveHeader(char* bytes, size_t size, size_t count, void* userData) {
 
 size_t receiveData(char* bytes, size_t size, size_t count, void* userData) {
     auto& transfer = *static_cast<Transfer*>(userData);
+    transfer.noteActivity();
     if (transfer.nextHop) {
         // A redirect's own body says nothing; a long one is cut, at the cost of its connection.
         transfer.skippedBodyBytes += size * count;
@@ -106,12 +107,15 @@ size_t receiveData(char* bytes, size_t size, size_t count, void* userData) {
     const bool goesOn = transfer.tellDelegate([&](DCIURLConnectionDelegate& delegate, DCIURLConnection& connection) {
         delegate.connection(connection, chunk);
     });
+    // The delegate may have waited for a slow reader of its own; that is no idleness of ours.
+    transfer.noteActivity();
     return goesOn ? size * count : 0;
 }
 
 size_t sendBody(char* buffer, size_t size, size_t count, void* userData) {
     auto& transfer = *static_cast<Transfer*>(userData);
     if (transfer.canceled) return CURL_READFUNC_ABORT;
+    transfer.noteActivity();
     const size_t wanted = size * count;
     if (transfer.bodyFile >= 0) {
         ssize_t got;
@@ -214,11 +218,11 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     }
 
     // The time-out is one of idleness, as the host's request means it: connecting may take
-    // that long, and so may a stretch without a single byte moving either way.
-    const double timeout = request->timeoutInterval() > 0 ? request->timeoutInterval() : 60;
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min(timeout, 1e6) * 1000));
-    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(std::ceil(std::min(timeout, 1e6))));
+    // that long, and so may a stretch without a single byte moving either way. libcurl's
+    // low-speed limit averages, so a stall after a fast start would go on for seconds more;
+    // the loader measures it instead.
+    const double timeout = request->timeoutInterval() > 0 ? std::min(request->timeoutInterval(), 1e6) : 60;
+    idleLimit = std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(timeout));
 
     for (const auto& [name, value] : request->allHTTPHeaderFields()) {
         // A line break would end the field early and smuggle whatever follows into the request.

@@ -7,6 +7,7 @@
 #include <curl/curl.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -52,6 +53,8 @@ struct KESTLY_HIDDEN DCIURLConnection::Transfer {
     std::optional<DCIError> apply(const DCIURLHop& hop);
     /// Takes `nextHop` as the request to send, its body from its start.
     std::optional<DCIError> followRedirect();
+    /// A byte moved, one way or the other: the request is not idle.
+    void noteActivity() { lastActivity = std::chrono::steady_clock::now(); }
 
     const std::shared_ptr<const DCIURLRequest> request;
     const std::weak_ptr<DCIURLConnectionDelegate> delegate;
@@ -71,6 +74,10 @@ struct KESTLY_HIDDEN DCIURLConnection::Transfer {
     char errorBuffer[CURL_ERROR_SIZE] = {};
 
     // The loop's thread only.
+    /// The request's time-out of idleness, and what measures it.
+    std::chrono::steady_clock::duration idleLimit;
+    std::chrono::steady_clock::time_point lastActivity;
+    std::unique_ptr<DCIRunLoopSource> idleTimer;
     DCIURLHop hop;
     int redirectsFollowed = 0;
     /// Set when the head just received redirects there; its body is skipped.
@@ -150,6 +157,8 @@ private:
     /// transfers.
     void drive(curl_socket_t socket, int events);
     void endFinishedTransfers();
+    /// Ends the transfer as timed out once no byte has moved for its time-out.
+    void watchIdleness(const std::shared_ptr<Transfer>& transfer);
     /// Sends the transfer's next request after the redirect it received.
     void follow(const std::shared_ptr<Transfer>& transfer);
     void sweepCancelledTransfers();

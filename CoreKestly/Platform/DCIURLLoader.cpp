@@ -72,6 +72,23 @@ void DCIURLLoader::add(const std::shared_ptr<Transfer>& transfer) {
     }
     // libcurl asks for a timer of 0 ms at once: the transfer begins on the loop's next pass.
     transfers_.emplace(transfer->easy, transfer);
+    watchIdleness(transfer);
+}
+
+void DCIURLLoader::watchIdleness(const std::shared_ptr<Transfer>& transfer) {
+    // Looked at four times per time-out, and at least every quarter second, so a stall ends
+    // within a quarter of the time-out, and never more than 0.25 s, past it.
+    const auto interval = std::min<DCIRunLoop::Clock::duration>(transfer->idleLimit / 4, std::chrono::milliseconds(250));
+    transfer->noteActivity();
+    // The timer is the transfer's own and goes with it, so the transfer outlives each call.
+    transfer->idleTimer = loop_.addTimer(interval, true, [this, watched = transfer.get()] {
+        if (watched->canceled || DCIRunLoop::Clock::now() - watched->lastActivity < watched->idleLimit) return;
+        const auto found = transfers_.find(watched->easy);
+        if (found == transfers_.end()) return;
+        const std::shared_ptr<Transfer> idle = found->second;
+        detach(idle->easy);
+        idle->tellEnd(DCIError(kDCIURLErrorDomain, DCIURLErrorTimedOut, "no byte moved within the time-out"));
+    });
 }
 
 void DCIURLLoader::remove(Transfer& transfer) {

@@ -79,8 +79,12 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         http.Get("/(a|b).txt", [](const httplib::Request& request, httplib::Response& response) {
             response.set_content(request.matches[1] == "a" ? "hello" : "world", "text/plain");
         });
+        http.Post("/echo", [](const httplib::Request& request, httplib::Response& response) {
+            response.set_content(request.body, "text/plain");
+        });
     });
     const TemporaryDirectory folder;
+    const std::string body = folder.writeFile("body", "sent");
     folder.writeFile("keep.txt", "kept");
     folder.writeFile("victim.txt", "old");
     fs::create_symlink("victim.txt", folder / "link.txt");
@@ -94,7 +98,10 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         {"404 is no success", "--json {}/a.txt {}/missing", 1, R"(["Completed",200,5])" "\n" R"(["Completed",404,0])" "\n"},
         {"-o with two URLs", "-o out {}/a.txt {}/b.txt", 2, ""}, {"malformed header", "-H nocolon {}/a.txt", 2, ""},
         {"a failed download keeps the file it would replace", "-o " + (folder / "keep.txt") + " {}/missing", 1, ""},
-        {"method that is no token", "--json -X 'GET /b.txt HTTP/1.1' {}/a.txt", 1, R"(["Failed",null,0])" "\n"},
+        {"method that is no token", "-X 'GET /b.txt HTTP/1.1' {}/a.txt", 2, ""},
+        {"URL with a space", "'{}/a.txt HTTP/1.1' {}/b.txt", 2, ""}, {"URL with a line break", "'{}/a.txt\nX: y'", 2, ""},
+        {"body from standard input twice", "--data @- {}/echo {}/echo < " + body, 0, "sentsent"},
+        {"body from a device", "--data @/dev/stdin {}/echo < /dev/null", 0, ""},
         {"-o writes through a link", "-o " + (folder / "link.txt") + " {}/b.txt", 0, ""},
         {"-o names standard output", "-o " + (folder / "stdout") + " {}/a.txt", 0, "hello"},
         {"-o names descriptor 1", "-o /proc/self/fd/1 {}/b.txt", 0, "world"},
@@ -122,7 +129,7 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
                   readWholeFile(folder / "victim.txt"),
               "helloworldkeptworld");
     EXPECT_TRUE(fs::is_symlink(folder / "link.txt") && fs::is_symlink(folder / "stdout"));
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 6) << "no staging file is left";
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), {}), 7) << "no staging file is left";
 }
 
 // Paths reach a pipe exactly as they are on disk, absolute whatever --scope was given as; bad

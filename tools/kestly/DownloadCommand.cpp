@@ -2,6 +2,7 @@
 // into files or to standard output, with a progress bar on a terminal or JSON lines.
 
 #include "DownloadDestination.h"
+#include "DownloadRequest.h"
 #include "KestlyCommand.h"
 #include "TerminalText.h"
 
@@ -40,10 +41,7 @@ struct DownloadOptions {
     std::string output;
     std::string directory;
     size_t workers = 4;
-    std::string method;
-    std::vector<std::string> headers;
-    std::optional<std::string> data;
-    double timeout = 60;
+    DownloadRequestOptions request;
     bool json = false;
 };
 
@@ -51,22 +49,6 @@ struct DownloadOptions {
 constexpr size_t kMaximumWorkers = 64;
 constexpr auto kBarInterval = std::chrono::milliseconds(100);
 constexpr auto kJSONProgressInterval = std::chrono::milliseconds(250);
-
-// What the command line asks for that cannot be done, for the message of exit status 2.
-struct UsageError {
-    std::string message;
-};
-
-// "Name: value", refusing what would break the request's framing.
-std::pair<std::string, std::string> parseHeader(const std::string& line) {
-    const auto colon = line.find(':');
-    if (colon == 0 || colon == std::string::npos || line.find_first_of("\r\n") != std::string::npos ||
-        line.substr(0, colon).find_first_of(" \t") != std::string::npos) {
-        throw UsageError{"not a header of the form 'Name: value': " + line};
-    }
-    const auto valueStart = line.find_first_not_of(" \t", colon + 1);
-    return {line.substr(0, colon), valueStart == std::string::npos ? "" : line.substr(valueStart)};
-}
 
 // The last component of the URL's path, as the name of the file it is saved to.
 std::string fileNameOfURL(const std::string& url) {
@@ -77,22 +59,6 @@ std::string fileNameOfURL(const std::string& url) {
     const std::string name = KestlyPath::lastComponent(path);
     if (name.empty() || name == "/" || name == "." || name == "..") throw UsageError{"no file name in URL " + url};
     return name;
-}
-
-std::shared_ptr<DCIURLRequest> makeRequest(const DownloadOptions& options, const std::string& url) {
-    DCIURLRequestFields fields;
-    fields.URL = url;
-    fields.HTTPMethod = !options.method.empty() ? options.method : options.data ? "POST" : "GET";
-    for (const auto& header : options.headers) fields.HTTPHeaderFields.push_back(parseHeader(header));
-    if (options.data && options.data->starts_with('@')) {
-        fields.HTTPBodyFilePath = options.data->substr(1);
-        if (access(fields.HTTPBodyFilePath->c_str(), R_OK) != 0)
-            throw UsageError{"cannot read " + *fields.HTTPBodyFilePath};
-    } else if (options.data) {
-        fields.HTTPBody = std::make_shared<const DCIData>(*options.data);
-    }
-    fields.timeoutInterval = options.timeout;
-    return DCIURLRequest::requestWithFields(std::move(fields));
 }
 
 const char* statusName(int64_t status) {
@@ -293,7 +259,8 @@ int download(const DownloadOptions& options) {
     std::vector<DownloadMonitor::Item> items;
     try {
         if (!options.output.empty() && options.urls.size() != 1) throw UsageError{"-o names the file of a single URL"};
-        if (!(options.timeout > 0)) throw UsageError{"--timeout must be a positive number of seconds"};
+        if (!(options.request.timeout > 0)) throw UsageError{"--timeout must be a positive number of seconds"};
+        const DCIURLRequestFields sharedFields = makeSharedRequestFields(options.request);
         std::set<std::string> files;
         for (const auto& url : options.urls) {
             std::optional<std::string> file;
@@ -301,7 +268,7 @@ int download(const DownloadOptions& options) {
             if (!options.directory.empty())
                 file = KestlyPath::appendingComponent(options.directory, fileNameOfURL(url));
             if (file && !files.insert(*file).second) throw UsageError{"two URLs would be saved to " + *file};
-            const auto request = makeRequest(options, url);
+            const auto request = makeRequestForURL(sharedFields, url);
             const auto destination = file ? std::optional(downloadDestinationFor(*file)) : std::nullopt;
             const auto action =
                 !destination || destination->kind == DownloadDestination::Kind::standardOutput
@@ -356,7 +323,8 @@ KestlyCommand addDownloadCommand(CLI::App& app) {
     CLI::App* command = app.add_subcommand(
         "download",
         "Fetch URLs with download workers sharing one queue; bodies go to files or, in URL order, to "
-        "standard output");
+        "standard output. Exit status: 0 when every URL succeeded (any 2xx), 1 when one did not, 2 for a "
+        "command line that cannot be used, checked before anything is fetched");
     command->add_option("URL", options->urls, "The URLs to fetch")->required();
     auto* output = command->add_option("-o,--output", options->output, "The file for the body of a single URL");
     command
@@ -364,10 +332,11 @@ KestlyCommand addDownloadCommand(CLI::App& app) {
         ->excludes(output);
     command->add_option("--workers", options->workers, "How many downloads run at once")
         ->check(CLI::Range(size_t{1}, kMaximumWorkers));
-    command->add_option("-X,--request", options->method, "The HTTP method [GET, or POST with --data]");
-    command->add_option("-H,--header", options->headers, "A request header, 'Name: value'")->allow_extra_args(false);
-    command->add_option("--data", options->data, "The request body: TEXT, or @FILE for a file's contents");
-    command->add_option("--timeout", options->timeout, "Seconds a request may go without progress [60]");
+    command->add_option("-X,--request", options->request.method, "The HTTP method [GET, or POST with --data]");
+    command->add_option("-H,--header", options->request.headers, "A request header, 'Name: value'")->allow_extra_args(false);
+    command->add_option("--data", options->request.data,
+                        "The request body: TEXT, @FILE for a file's contents, or @- for standard input");
+    command->add_option("--timeout", options->request.timeout, "Seconds a request may go without progress [60]");
     command->add_flag("--json", options->json,
                       "Print one JSON line per finished URL and progress lines, instead of bodies and a bar");
     return {command, [options] { return download(*options); }};

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "CoreKestly/Platform/DCIURLRequest.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What the command line asks for that cannot be done, for the message of exit status 2.
+struct UsageError {
+    std::string message;
+};
+
+/// What every request of one `kestly download` shares, as the command line gives it.
+struct DownloadRequestOptions {
+    std::string method;
+    std::vector<std::string> headers;
+    /// TEXT, `@FILE`, or `@-` for standard input.
+    std::optional<std::string> data;
+    double timeout = 60;
+};
+
+/// The fields every request shares, checked before any transfer starts: the method must be an
+/// HTTP token, each header 'Name: value' on one line, and a body that is no regular file
+/// (`@-`, a pipe) is read now, once, so that every URL sends the same. Throws `UsageError`.
+DCIURLRequestFields makeSharedRequestFields(const DownloadRequestOptions& options);
+
+/// The request for `url`, which must be an http or https URL without spaces or control
+/// characters. Throws `UsageError`.
+std::shared_ptr<DCIURLRequest> makeRequestForURL(DCIURLRequestFields fields, const std::string& url);

@@ -158,6 +158,42 @@ TEST(KestlyFindCommandTests, PrintsExactAbsolutePathsAndExitsAsDocumented) {
     fs::current_path(started);
 }
 
+// Each staging file is made as its transfer starts, and an interrupt removes every one.
+TEST(KestlyDownloadCommandTests, AnInterruptLeavesNoStagingFileAndTheOldFiles) {
+    LoopbackHTTPServer server([&server](httplib::Server& http) {
+        http.Get("/.*", [&server](const httplib::Request&, httplib::Response& response) {
+            response.set_chunked_content_provider("text/plain", [&server](size_t, httplib::DataSink& sink) {
+                return sink.write("new", 3) && !server.pause(10s) && (sink.done(), true);
+            });
+        });
+    });
+    for (const int signal : {SIGINT, SIGTERM}) {
+        SCOPED_TRACE(signal);
+        const TemporaryDirectory folder;
+        const std::string kept = folder.writeFile("u0", "old");
+        std::string command = "exec " + shellQuoted(kestlyProgram()) + " download --workers 4 -d " + shellQuoted(folder.path());
+        for (int i = 0; i < 20; ++i) command += " " + server.url("/u" + std::to_string(i));
+        const pid_t child = fork();
+        if (child == 0) {
+            dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);  // only what is safe after fork in a threaded process
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+            _exit(127);
+        }
+        const auto staging = [&] {
+            return std::ranges::count_if(fs::directory_iterator(folder.path()), [](const fs::directory_entry& entry) {
+                return entry.path().filename().string().starts_with(".kestly-download-");
+            });
+        };
+        for (int tries = 0; staging() < 4 && tries < 1000; ++tries) std::this_thread::sleep_for(10ms);
+        EXPECT_EQ(staging(), 4) << "one per transfer under way";
+        kill(child, signal);
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 128 + signal);
+        EXPECT_EQ(std::tuple(staging(), readWholeFile(kept)), std::tuple(0, "old"));
+    }
+}
+
 // A new file takes its mode from the umask, as curl's do; a replaced one keeps its mode and,
 // replaced by root, its owner.
 TEST(KestlyDownloadCommandTests, SavedFilesTakeTheUmaskOrTheModeOfTheFileTheyReplace) {

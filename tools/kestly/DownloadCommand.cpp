@@ -9,16 +9,20 @@
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/Downloads/DCIDownloader.h"
 #include "CoreKestly/Events/DCIEventManager.h"
+#include "CoreKestly/Platform/DCIFileDescriptor.h"
 #include "CoreKestly/Platform/DCIRunLoop.h"
 #include "CoreKestly/Platform/KestlyPath.h"
 
 #include <nlohmann/json.hpp>
 
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -256,6 +260,15 @@ int download(const DownloadOptions& options) {
     // The library's information lines would tear the progress bar: they stay quiet unless the
     // person asked for them.
     setenv("VERBOSE_LOGGING", "no", 0);
+    // SIGINT and SIGTERM arrive through a descriptor on the main loop, in every thread made
+    // from here on too.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    const DCIFileDescriptor signals(signalfd(-1, &stopSignals, SFD_NONBLOCK | SFD_CLOEXEC));
+
     std::vector<DownloadMonitor::Item> items;
     try {
         if (!options.output.empty() && options.urls.size() != 1) throw UsageError{"-o names the file of a single URL"};
@@ -305,6 +318,15 @@ int download(const DownloadOptions& options) {
     }
 
     DCIRunLoop& mainLoop = DCIRunLoop::main();
+    const auto signalSource = mainLoop.addFileDescriptorSource(signals.get(), EPOLLIN, [&](uint32_t) {
+        signalfd_siginfo info;
+        if (read(signals.get(), &info, sizeof info) != sizeof info) return;
+        // No transfer starts after this; those under way are cut by the exit, and their
+        // destinations keep what they held.
+        queue->pause();
+        removeStagingFiles(items);
+        _exit(128 + static_cast<int>(info.ssi_signo));
+    });
     while (!mainLoop.runUntil([&] { return monitor->allEnded(); }, std::chrono::hours(1))) {
     }
     // The workers need the main loop until they have stopped.
@@ -324,7 +346,8 @@ KestlyCommand addDownloadCommand(CLI::App& app) {
         "download",
         "Fetch URLs with download workers sharing one queue; bodies go to files or, in URL order, to "
         "standard output. Exit status: 0 when every URL succeeded (any 2xx), 1 when one did not, 2 for a "
-        "command line that cannot be used, checked before anything is fetched");
+        "command line that cannot be used, checked before anything is fetched; 130 or 143 on SIGINT or SIGTERM, "
+        "which leave every file as it was");
     command->add_option("URL", options->urls, "The URLs to fetch")->required();
     auto* output = command->add_option("-o,--output", options->output, "The file for the body of a single URL");
     command

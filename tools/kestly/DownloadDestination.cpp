@@ -11,7 +11,8 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
+#include <cstdio>
+#include <random>
 
 namespace {
 
@@ -37,14 +38,14 @@ bool isStandardOutput(const struct stat& file) {
     return fstat(STDOUT_FILENO, &output) == 0 && output.st_dev == file.st_dev && output.st_ino == file.st_ino;
 }
 
-// A hidden name beside `file`, made as a file of our own; empty when its folder takes none.
-std::string makeStagingFileBeside(const std::string& file) {
-    std::string staging =
-        KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(file), ".kestly-download-XXXXXX");
-    const int descriptor = mkstemp(staging.data());
-    if (descriptor < 0) return {};
-    close(descriptor);
-    return staging;
+// A hidden name beside `file` that no other download picks: the worker makes the file when
+// the transfer starts, so an interrupted run leaves at most one per worker to remove.
+std::string stagingNameBeside(const std::string& file) {
+    static std::mt19937_64 random{std::random_device{}()};
+    char suffix[17];
+    std::snprintf(suffix, sizeof suffix, "%016llx", static_cast<unsigned long long>(random()));
+    return KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(file),
+                                          std::string(".kestly-download-") + suffix);
 }
 
 }  // namespace
@@ -56,9 +57,7 @@ DownloadDestination downloadDestinationFor(const std::string& name) {
         if (!S_ISREG(target.st_mode)) return {DownloadDestination::Kind::direct, name, {}};
     }
     std::string file = finalLinkTarget(name);
-    std::string staging = makeStagingFileBeside(file);
-    // A folder that takes no new file still lets an existing one be written to.
-    if (staging.empty()) return {DownloadDestination::Kind::direct, std::move(file), {}};
+    std::string staging = stagingNameBeside(file);
     return {DownloadDestination::Kind::staged, std::move(file), std::move(staging)};
 }
 

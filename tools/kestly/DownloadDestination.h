@@ -20,7 +20,8 @@ struct DownloadDestination {
     std::string staging;
 };
 
-/// The destination for a body saved under `name`. A staged destination's staging file is made.
+/// The destination for a body saved under `name`. A staged destination's staging file is not
+/// made yet: the worker makes it when the transfer starts.
 DownloadDestination downloadDestinationFor(const std::string& name);
 
 /// Moves a staged destination's whole body over the file it replaces, which lends it its mode

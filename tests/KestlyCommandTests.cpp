@@ -7,6 +7,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <sys/resource.h>
+
 namespace {
 
 class KestlyScanCommandTests : public ::testing::Test {
@@ -156,6 +158,24 @@ TEST(KestlyFindCommandTests, PrintsExactAbsolutePathsAndExitsAsDocumented) {
         EXPECT_EQ(std::tuple(status, output), std::tuple(run.status, run.output)) << run.arguments;
     }
     fs::current_path(started);
+}
+
+// A body passes through standard output without being held: 100 MiB in a process of a few MiB.
+TEST(KestlyDownloadCommandTests, StandardOutputStreamsABodyInBoundedMemory) {
+    constexpr size_t kSize = size_t{100} << 20;
+    const LoopbackHTTPServer server([](httplib::Server& http) {
+        http.Get("/big", [](const httplib::Request&, httplib::Response& response) {
+            response.set_content_provider(kSize, "application/octet-stream", [](size_t offset, size_t length, auto& sink) {
+                static const std::string block(1 << 16, 'x');
+                return sink.write(block.data(), std::min(length, std::min(block.size(), kSize - offset)));
+            });
+        });
+    });
+    const auto [status, output] = runKestly("download " + server.url("/big") + " 2>/dev/null | wc -c");
+    EXPECT_EQ(std::tuple(status, output), std::tuple(0, std::to_string(kSize) + "\n"));
+    rusage children;
+    getrusage(RUSAGE_CHILDREN, &children);
+    EXPECT_LT(children.ru_maxrss, 64 << 10) << "KiB at most in any program this test ran";
 }
 
 // Each staging file is made as its transfer starts, and an interrupt removes every one.

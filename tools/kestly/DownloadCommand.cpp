@@ -4,6 +4,7 @@
 #include "DownloadDestination.h"
 #include "DownloadRequest.h"
 #include "KestlyCommand.h"
+#include "OrderedBodies.h"
 #include "TerminalText.h"
 
 #include "CoreKestly/CoreKestlyKeys.h"
@@ -96,20 +97,38 @@ public:
         /// Where that name leads; a staged body replaces the file there only once whole, so a
         /// failed download leaves what was there as it was.
         std::optional<DownloadDestination> destination;
+        /// The body's place among those for standard output.
+        std::optional<size_t> body;
         std::shared_ptr<DCIAction> action;
         Clock::time_point started;
         Clock::time_point lastJSONProgress;
         bool ended = false;
     };
 
-    DownloadMonitor(std::vector<Item> items, bool json)
-        : items_(std::move(items)), json_(json), showsBar_(isatty(STDERR_FILENO) == 1) {
+    DownloadMonitor(std::vector<Item> items, std::shared_ptr<OrderedBodies> bodies, bool json)
+        : items_(std::move(items)), bodies_(std::move(bodies)), json_(json), showsBar_(isatty(STDERR_FILENO) == 1) {
         for (size_t i = 0; i < items_.size(); ++i) indexOf_[items_[i].action.get()] = i;
     }
 
     bool allEnded() const { return endedCount_ == items_.size(); }
+
+    /// For a run that ends early: the staging and spool files made so far go.
+    void removeStagingFiles() const {
+        for (const auto& item : items_) {
+            if (item.destination && item.destination->kind == DownloadDestination::Kind::staged)
+                unlink(item.destination->staging.c_str());
+        }
+        bodies_->removeSpools();
+    }
+
     bool succeeded() const { return succeeded_; }
-    bool wantsProgress() const { return json_ || showsBar_; }
+    std::vector<std::shared_ptr<DCIAction>> actions() const {
+        std::vector<std::shared_ptr<DCIAction>> all;
+        for (const auto& item : items_) all.push_back(item.action);
+        return all;
+    }
+    // Bodies for standard output are copied out as their progress comes.
+    bool wantsProgress() const { return json_ || showsBar_ || items_.front().body; }
 
     size_t stoppedWorkers() const { return stoppedWorkers_; }
 
@@ -122,7 +141,10 @@ public:
             progressed(item);
         } else if (event->isCommonEventOfType(DCIEventTypeActionStatusChanged)) {
             const int64_t status = event->contextValue(kDCIActionStatusKey)->int64Value().value_or(0);
-            if (status == DCIActionStatusRunning) item.started = Clock::now();
+            if (status == DCIActionStatusRunning) {
+                item.started = Clock::now();
+                if (item.body) bodies_->started(*item.body);
+            }
             if (status >= DCIActionStatusPaused && !item.ended) ended(item, status);
         }
     }
@@ -137,6 +159,7 @@ private:
                                {"total", contextNumber(*item.action, kDCIDownloaderTotalDownloadSizeKey)}});
         }
         if (showsBar_ && now - lastBar_ >= kBarInterval) drawBar(now);
+        if (item.body) writeBodiesInOrder();
     }
 
     void ended(Item& item, int64_t status) {
@@ -147,13 +170,17 @@ private:
         // No response has no status code: -1.
         const int64_t code = statusCode ? statusCode->int64Value().value_or(-1) : -1;
         bool completed = status == DCIActionStatusCompleted && code != 404;
-        const auto data = action.contextObjectForKey(kDCIDownloaderDataKey);
-        uint64_t bytes = data && data->data() ? data->data()->length() : 0;
+        uint64_t bytes = 0;
+        if (item.body) {
+            bodies_->ended(*item.body);
+            bytes = bodies_->received(*item.body);
+        }
         // Only a file has a size to tell; a device such as /dev/null as the destination has none.
         struct stat fileStatus;
         const auto& destination = item.destination;
         const bool staged = destination && destination->kind == DownloadDestination::Kind::staged;
-        const std::string* written = !destination ? nullptr : staged ? &destination->staging : &destination->path;
+        const bool direct = destination && destination->kind == DownloadDestination::Kind::direct;
+        const std::string* written = staged ? &destination->staging : direct ? &destination->path : nullptr;
         if (written && lstat(written->c_str(), &fileStatus) == 0 && S_ISREG(fileStatus.st_mode))
             bytes = static_cast<uint64_t>(fileStatus.st_size);
         std::optional<std::string> placingError;
@@ -180,7 +207,6 @@ private:
                           : error && error->error() ? ordered_json(error->error()->localizedDescription())
                                                     : ordered_json(nullptr)},
             });
-            item.action->removeContextObjectForKey(kDCIDownloaderDataKey);  // its size is all the line tells
         } else {
             if (!completed) {
                 const auto error = action.contextObjectForKey(kDCIError);
@@ -197,17 +223,12 @@ private:
         if (showsBar_) drawBar(Clock::now());
     }
 
-    // Bodies go out in URL order, each as soon as those before it have gone, and are let go
-    // once written.
     void writeBodiesInOrder() {
-        for (; nextBody_ < items_.size() && items_[nextBody_].ended; ++nextBody_) {
-            const Item& item = items_[nextBody_];
-            if (item.destination && item.destination->kind != DownloadDestination::Kind::standardOutput) continue;
-            const auto data = item.action->contextObjectForKey(kDCIDownloaderDataKey);
-            if (data && data->data()) std::fwrite(data->data()->bytes().data(), 1, data->data()->length(), stdout);
-            item.action->removeContextObjectForKey(kDCIDownloaderDataKey);
-        }
-        std::fflush(stdout);
+        if (bodies_->pump()) return;
+        // Whoever reads standard output wants no more of it: nothing left to do.
+        std::fprintf(stderr, "kestly: cannot write to standard output: %s\n", std::strerror(errno));
+        removeStagingFiles();
+        _exit(1);
     }
 
     void print(const ordered_json& line) const {
@@ -238,23 +259,16 @@ private:
     }
 
     std::vector<Item> items_;
+    const std::shared_ptr<OrderedBodies> bodies_;
     std::map<const DCIAction*, size_t> indexOf_;
     const bool json_;
     const bool showsBar_;
     size_t endedCount_ = 0;
     size_t stoppedWorkers_ = 0;
-    size_t nextBody_ = 0;
     size_t barLines_ = 0;
     Clock::time_point lastBar_;
     bool succeeded_ = true;
 };
-
-void removeStagingFiles(const std::vector<DownloadMonitor::Item>& items) {
-    for (const auto& item : items) {
-        if (item.destination && item.destination->kind == DownloadDestination::Kind::staged)
-            unlink(item.destination->staging.c_str());
-    }
-}
 
 int download(const DownloadOptions& options) {
     // The library's information lines would tear the progress bar: they stay quiet unless the
@@ -270,6 +284,7 @@ int download(const DownloadOptions& options) {
     const DCIFileDescriptor signals(signalfd(-1, &stopSignals, SFD_NONBLOCK | SFD_CLOEXEC));
 
     std::vector<DownloadMonitor::Item> items;
+    const auto bodies = std::make_shared<OrderedBodies>(!options.json);
     try {
         if (!options.output.empty() && options.urls.size() != 1) throw UsageError{"-o names the file of a single URL"};
         if (!(options.request.timeout > 0)) throw UsageError{"--timeout must be a positive number of seconds"};
@@ -283,36 +298,39 @@ int download(const DownloadOptions& options) {
             if (file && !files.insert(*file).second) throw UsageError{"two URLs would be saved to " + *file};
             const auto request = makeRequestForURL(sharedFields, url);
             const auto destination = file ? std::optional(downloadDestinationFor(*file)) : std::nullopt;
-            const auto action =
-                !destination || destination->kind == DownloadDestination::Kind::standardOutput
-                    ? DCIDownloader::dataDownloadActionWithRequest(request)
-                    : DCIDownloader::fileDownloadActionWithRequest(
-                          request, destination->kind == DownloadDestination::Kind::staged ? destination->staging
-                                                                                          : destination->path);
+            std::optional<size_t> body;
+            std::string written;
+            if (!destination || destination->kind == DownloadDestination::Kind::standardOutput) {
+                body = items.size();
+                written = spoolFileName();
+                bodies->add(written);
+            } else {
+                written = destination->kind == DownloadDestination::Kind::staged ? destination->staging
+                                                                                 : destination->path;
+            }
+            const auto action = DCIDownloader::fileDownloadActionWithRequest(request, written);
             // The queue hands out the smallest value first: URLs start in the order given.
             action->setPriority(items.size() + 1);
-            items.push_back({url, file, destination, action, {}, {}, false});
+            items.push_back({url, file, destination, body, action, {}, {}, false});
         }
     } catch (const UsageError& error) {
-        removeStagingFiles(items);
         std::fprintf(stderr, "kestly: %s\n", terminalText(error.message).c_str());
         return 2;
     }
 
-    const auto monitor = std::make_shared<DownloadMonitor>(items, options.json);
+    const auto monitor = std::make_shared<DownloadMonitor>(std::move(items), bodies, options.json);
     DCIEventManager::addListener(monitor);
     DCIDownloader::setRequiresProgressEvents(monitor->wantsProgress());
     const auto queue = DCIActionQueue::init();
-    for (const auto& item : items) queue->addAction(item.action);
+    for (const auto& action : monitor->actions()) queue->addAction(action);
 
     std::vector<std::shared_ptr<DCIDownloader>> workers;
-    const size_t count = std::clamp<size_t>(options.workers, 1, std::min(kMaximumWorkers, items.size()));
+    const size_t count = std::clamp<size_t>(options.workers, 1, std::min(kMaximumWorkers, options.urls.size()));
     for (size_t i = 0; i < count; ++i) {
         if (auto worker = DCIDownloader::initWithQueue(queue)) workers.push_back(std::move(worker));
     }
     if (workers.empty()) {
         std::fprintf(stderr, "kestly: could not start a download worker\n");
-        removeStagingFiles(items);
         DCIEventManager::removeListener(monitor);
         return 1;
     }
@@ -324,7 +342,7 @@ int download(const DownloadOptions& options) {
         // No transfer starts after this; those under way are cut by the exit, and their
         // destinations keep what they held.
         queue->pause();
-        removeStagingFiles(items);
+        monitor->removeStagingFiles();
         _exit(128 + static_cast<int>(info.ssi_signo));
     });
     while (!mainLoop.runUntil([&] { return monitor->allEnded(); }, std::chrono::hours(1))) {

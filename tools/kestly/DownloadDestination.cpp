@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <random>
 
 namespace {
@@ -38,14 +39,13 @@ bool isStandardOutput(const struct stat& file) {
     return fstat(STDOUT_FILENO, &output) == 0 && output.st_dev == file.st_dev && output.st_ino == file.st_ino;
 }
 
-// A hidden name beside `file` that no other download picks: the worker makes the file when
-// the transfer starts, so an interrupted run leaves at most one per worker to remove.
-std::string stagingNameBeside(const std::string& file) {
+// A hidden name in `folder` that no other download picks: the worker makes the file when the
+// transfer starts, so an interrupted run leaves at most one per worker to remove.
+std::string unusedNameIn(const std::string& folder) {
     static std::mt19937_64 random{std::random_device{}()};
-    char suffix[17];
-    std::snprintf(suffix, sizeof suffix, "%016llx", static_cast<unsigned long long>(random()));
-    return KestlyPath::appendingComponent(KestlyPath::deletingLastComponent(file),
-                                          std::string(".kestly-download-") + suffix);
+    char name[40];
+    std::snprintf(name, sizeof name, ".kestly-download-%016llx", static_cast<unsigned long long>(random()));
+    return KestlyPath::appendingComponent(folder, name);
 }
 
 }  // namespace
@@ -57,7 +57,7 @@ DownloadDestination downloadDestinationFor(const std::string& name) {
         if (!S_ISREG(target.st_mode)) return {DownloadDestination::Kind::direct, name, {}};
     }
     std::string file = finalLinkTarget(name);
-    std::string staging = stagingNameBeside(file);
+    std::string staging = unusedNameIn(KestlyPath::deletingLastComponent(file));
     return {DownloadDestination::Kind::staged, std::move(file), std::move(staging)};
 }
 
@@ -70,4 +70,9 @@ int putStagedFileInPlace(const DownloadDestination& destination) {
         if (chmod(staging, replaced.st_mode & 07777) != 0) return errno;
     }
     return rename(staging, destination.path.c_str()) == 0 ? 0 : errno;
+}
+
+std::string spoolFileName() {
+    const char* folder = std::getenv("TMPDIR");
+    return unusedNameIn(folder && *folder ? folder : "/tmp");
 }

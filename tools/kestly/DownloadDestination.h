@@ -28,3 +28,7 @@ DownloadDestination downloadDestinationFor(const std::string& name);
 /// (and, for root, its owner and group); a new file keeps the mode the umask gave it. Answers
 /// 0 or the errno of the step that failed.
 int putStagedFileInPlace(const DownloadDestination& destination);
+
+/// A name in $TMPDIR (or /tmp) for a body to wait in until standard output takes it; the
+/// worker makes the file when the transfer starts.
+std::string spoolFileName();

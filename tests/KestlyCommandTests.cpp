@@ -84,6 +84,10 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         http.Post("/echo", [](const httplib::Request& request, httplib::Response& response) {
             response.set_content(request.body, "text/plain");
         });
+        http.Get(R"(/status/(\d+))", [](const httplib::Request& request, httplib::Response& response) {
+            response.status = std::stoi(request.matches[1]);
+            response.set_content(request.matches[1], "text/plain");
+        });
     });
     const TemporaryDirectory folder;
     const std::string body = folder.writeFile("body", "sent");
@@ -104,6 +108,10 @@ TEST(KestlyDownloadCommandTests, ExitStatusAndOutputFollowTheResults) {
         {"URL with a space", "'{}/a.txt HTTP/1.1' {}/b.txt", 2, ""}, {"URL with a line break", "'{}/a.txt\nX: y'", 2, ""},
         {"body from standard input twice", "--data @- {}/echo {}/echo < " + body, 0, "sentsent"},
         {"body from a device", "--data @/dev/stdin {}/echo < /dev/null", 0, ""},
+        {"any 2xx is success", "{}/status/201", 0, "201"}, {"409 is no success", "{}/status/409", 1, "409"},
+        {"a body past --max-filesize", "--max-filesize 4 {}/a.txt", 1, ""},
+        {"...counted decoded, and landing nowhere", "--max-filesize 4 -o " + (folder / "keep.txt") + " {}/a.txt", 1, ""},
+        {"a size that is none", "--max-filesize 3X {}/a.txt", 2, ""}, {"", "--max-filesize 5 {}/a.txt", 0, "hello"},
         {"-o writes through a link", "-o " + (folder / "link.txt") + " {}/b.txt", 0, ""},
         {"-o names standard output", "-o " + (folder / "stdout") + " {}/a.txt", 0, "hello"},
         {"-o names descriptor 1", "-o /proc/self/fd/1 {}/b.txt", 0, "world"},

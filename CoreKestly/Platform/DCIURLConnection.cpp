@@ -103,6 +103,14 @@ size_t receiveData(char* bytes, size_t size, size_t count, void* userData) {
         return transfer.skippedBodyBytes <= kMaximumSkippedBodyBytes ? size * count : 0;
     }
     if (!transfer.deliverResponseOnce()) return 0;
+    // Counted as decoded: a small compressed body may inflate to any size.
+    transfer.bodyBytesReceived += size * count;
+    if (const auto& maximum = transfer.request->maximumBodySize(); maximum && transfer.bodyBytesReceived > *maximum) {
+        transfer.endingError = DCIError(kDCIURLErrorDomain, DCIURLErrorDataLengthExceedsMaximum,
+                                        "the body is larger than the " + std::to_string(*maximum) +
+                                            " bytes the request allows");
+        return 0;
+    }
     const std::span chunk(reinterpret_cast<const uint8_t*>(bytes), size * count);
     const bool goesOn = transfer.tellDelegate([&](DCIURLConnectionDelegate& delegate, DCIURLConnection& connection) {
         delegate.connection(connection, chunk);

@@ -137,6 +137,7 @@ enum DCIURLErrorCode : int64_t {
     DCIURLErrorNetworkConnectionLost = -1005,
     DCIURLErrorHTTPTooManyRedirects = -1007,
     DCIURLErrorBadServerResponse = -1011,
+    DCIURLErrorDataLengthExceedsMaximum = -1103,
     DCIURLErrorSecureConnectionFailed = -1200,
     DCIURLErrorServerCertificateUntrusted = -1202,
     DCIURLErrorCannotOpenFile = -3001,

@@ -88,6 +88,8 @@ struct KESTLY_HIDDEN DCIURLConnection::Transfer {
     bool credentialsDropped = false;
     /// The request's end, decided by the connection rather than by libcurl.
     std::optional<DCIError> endingError;
+    /// Body bytes handed over, counted after decoding.
+    uint64_t bodyBytesReceived = 0;
     std::vector<std::pair<std::string, std::string>> responseHeaders;
     size_t responseHeaderBytes = 0;
     bool responseDelivered = false;

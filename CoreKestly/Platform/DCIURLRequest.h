@@ -5,6 +5,7 @@
 #include "CoreKestly/Platform/DCIData.h"
 #include "CoreKestly/Platform/DCIObject.h"
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,6 +27,10 @@ struct DCIURLRequestFields {
     /// Whether a redirect to another origin (scheme, host and port) may send a method other
     /// than GET and HEAD, or the body, again. Without it such a redirect is not followed.
     bool replaysMethodAcrossOrigins = false;
+    /// The most bytes the response body may have once decoded; a larger one fails the request
+    /// (`DCIURLErrorDataLengthExceedsMaximum`) before a byte past it is handed over. None: no
+    /// limit.
+    std::optional<uint64_t> maximumBodySize;
 };
 
 /// An HTTP or HTTPS request, built by the host and carried by a download action. Immutable
@@ -47,6 +52,7 @@ public:
     const std::optional<std::string>& HTTPBodyFilePath() const { return fields_.HTTPBodyFilePath; }
     double timeoutInterval() const { return fields_.timeoutInterval; }
     bool replaysMethodAcrossOrigins() const { return fields_.replaysMethodAcrossOrigins; }
+    const std::optional<uint64_t>& maximumBodySize() const { return fields_.maximumBodySize; }
 
     /// "<DCIURLRequest: METHOD URL>", the part log lines show, each cut to 1 KiB with control
     /// characters as "?".

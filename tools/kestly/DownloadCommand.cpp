@@ -169,7 +169,8 @@ private:
         const auto statusCode = action.contextObjectForKey(kDCIDownloaderResponseStatusCodeKey);
         // No response has no status code: -1.
         const int64_t code = statusCode ? statusCode->int64Value().value_or(-1) : -1;
-        bool completed = status == DCIActionStatusCompleted && code != 404;
+        // Success is a 2xx; the library also completes a 404, and accepts a 409 for its service.
+        bool completed = status == DCIActionStatusCompleted && code >= 200 && code <= 299;
         uint64_t bytes = 0;
         if (item.body) {
             bodies_->ended(*item.body);
@@ -296,11 +297,12 @@ int download(const DownloadOptions& options) {
             if (!options.directory.empty())
                 file = KestlyPath::appendingComponent(options.directory, fileNameOfURL(url));
             if (file && !files.insert(*file).second) throw UsageError{"two URLs would be saved to " + *file};
-            const auto request = makeRequestForURL(sharedFields, url);
             const auto destination = file ? std::optional(downloadDestinationFor(*file)) : std::nullopt;
+            const bool toStandardOutput = !destination || destination->kind == DownloadDestination::Kind::standardOutput;
+            const auto request = makeRequestForURL(sharedFields, url, toStandardOutput);
             std::optional<size_t> body;
             std::string written;
-            if (!destination || destination->kind == DownloadDestination::Kind::standardOutput) {
+            if (toStandardOutput) {
                 body = items.size();
                 written = spoolFileName();
                 bodies->add(written);
@@ -378,6 +380,9 @@ KestlyCommand addDownloadCommand(CLI::App& app) {
     command->add_option("--data", options->request.data,
                         "The request body: TEXT, @FILE for a file's contents, or @- for standard input");
     command->add_option("--timeout", options->request.timeout, "Seconds a request may go without progress [60]");
+    command->add_option("--max-filesize", options->request.maximumSize,
+                        "The most a body may have once decoded, in bytes or with K, M, G or T; a larger one fails "
+                        "and lands nowhere [4G for a file, 512M for standard output]");
     command->add_flag("--json", options->json,
                       "Print one JSON line per finished URL and progress lines, instead of bodies and a bar");
     return {command, [options] { return download(*options); }};

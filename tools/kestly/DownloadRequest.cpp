@@ -10,9 +10,32 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <stdexcept>
 
 namespace {
+
+constexpr uint64_t kDefaultMaximumFileSize = uint64_t{4} << 30;
+constexpr uint64_t kDefaultMaximumOutputSize = uint64_t{512} << 20;
+
+// "1000", "512K", "4G": bytes, or binary multiples of them.
+uint64_t parseSize(const std::string& text) {
+    size_t end = 0;
+    uint64_t number = 0;
+    try {
+        if (!text.empty() && std::isdigit(static_cast<unsigned char>(text[0]))) number = std::stoull(text, &end);
+    } catch (const std::out_of_range&) {
+        end = 0;
+    }
+    constexpr std::string_view kSuffixes = "KMGT";
+    const auto suffix = end + 1 == text.size() ? kSuffixes.find(static_cast<char>(std::toupper(text[end])))
+                                               : std::string_view::npos;
+    const int shift = suffix == std::string_view::npos ? 0 : 10 * static_cast<int>(suffix + 1);
+    if (end == 0 || (end != text.size() && shift == 0) || number > (UINT64_MAX >> shift))
+        throw UsageError{"not a size: " + text};
+    return number << shift;
+}
 
 // A body read into memory (from standard input, a pipe) may be no larger; a file is sent from
 // the disk whatever its size.
@@ -93,14 +116,17 @@ DCIURLRequestFields makeSharedRequestFields(const DownloadRequestOptions& option
         fields.HTTPBody = std::make_shared<const DCIData>(*options.data);
     }
     fields.timeoutInterval = options.timeout;
+    if (options.maximumSize) fields.maximumBodySize = parseSize(*options.maximumSize);
     return fields;
 }
 
-std::shared_ptr<DCIURLRequest> makeRequestForURL(DCIURLRequestFields fields, const std::string& url) {
+std::shared_ptr<DCIURLRequest> makeRequestForURL(DCIURLRequestFields fields, const std::string& url,
+                                                 bool toStandardOutput) {
     if (!startsWithIgnoringCase(url, "http://") && !startsWithIgnoringCase(url, "https://"))
         throw UsageError{"not an http or https URL: " + url};
     if (std::ranges::any_of(url, [](unsigned char c) { return c <= ' ' || c == 0x7f; }))
         throw UsageError{"a URL holds a space or a control character: " + url};
     fields.URL = url;
+    if (!fields.maximumBodySize) fields.maximumBodySize = toStandardOutput ? kDefaultMaximumOutputSize : kDefaultMaximumFileSize;
     return DCIURLRequest::requestWithFields(std::move(fields));
 }

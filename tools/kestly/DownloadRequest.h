@@ -19,6 +19,9 @@ struct DownloadRequestOptions {
     /// TEXT, `@FILE`, or `@-` for standard input.
     std::optional<std::string> data;
     double timeout = 60;
+    /// The most a body may have once decoded: a number of bytes, or of KiB, MiB, GiB or TiB
+    /// with the suffix K, M, G or T.
+    std::optional<std::string> maximumSize;
 };
 
 /// The fields every request shares, checked before any transfer starts: the method must be an
@@ -27,5 +30,7 @@ struct DownloadRequestOptions {
 DCIURLRequestFields makeSharedRequestFields(const DownloadRequestOptions& options);
 
 /// The request for `url`, which must be an http or https URL without spaces or control
-/// characters. Throws `UsageError`.
-std::shared_ptr<DCIURLRequest> makeRequestForURL(DCIURLRequestFields fields, const std::string& url);
+/// characters. Without a maximum size of its own, a body may have 4 GiB for a file and
+/// 512 MiB for standard output. Throws `UsageError`.
+std::shared_ptr<DCIURLRequest> makeRequestForURL(DCIURLRequestFields fields, const std::string& url,
+                                                 bool toStandardOutput);

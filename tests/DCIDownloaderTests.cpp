@@ -92,6 +92,7 @@ protected:
     // "METHOD body Authorization-value" for any method.
     static void redirectAndEcho(httplib::Server& http) {
         const auto redirect = [](const httplib::Request& request, httplib::Response& response) {
+            response.set_header("Set-Cookie", "session=secret");
             response.set_redirect(request.get_param_value("where"), std::stoi(request.get_param_value("code")));
         };
         const auto echo = [](const httplib::Request& request, httplib::Response& response) {
@@ -271,14 +272,22 @@ TEST_F(DCIDownloaderTest, AFIFOWithASlowReaderGetsTheWholeBody) {
     EXPECT_EQ(received, pattern(300'000));
 }
 
-// A URL that would forge a log entry, or make a line of 100 KB, is logged as one short line.
-TEST_F(DCIDownloaderTest, LogsAURLAsOneShortLine) {
+// A URL that would forge a log entry, or make a line of 100 KB, is logged as one short line;
+// no line shows the user and password of a URL or a cookie.
+TEST_F(DCIDownloaderTest, LogsAURLAsOneShortLineWithoutSecrets) {
     const LogSince log;
     const auto action = dataDownload("/reply?status=200&size=1&a=\n2026-01-01 00:00:00: forged" + std::string(100'000, 'a'));
     run(action);
-    EXPECT_EQ(action->status(), DCIActionStatusFailed);
+    const std::string elsewhere = "http://ann:secret@" + otherOrigin.url("/echo").substr(7);
+    DCIURLRequestFields fields{"http://ann:secret@" + server.url("/to?code=302&where=").substr(7) +
+                               httplib::detail::encode_query_param(elsewhere), "DELETE", {{"Cookie", "secret"}}, {}, {}};
+    const auto secret = DCIDownloader::dataDownloadActionWithRequest(DCIURLRequest::requestWithFields(fields));
+    run(secret);  // a redirect not followed: its head is logged
+    EXPECT_EQ(std::tuple(action->status(), secret->status()), std::tuple(DCIActionStatusFailed, DCIActionStatusFailed));
     EXPECT_EQ(log.text().find("\n2026-01-01"), std::string::npos) << log.text();
     EXPECT_LT(log.text().size(), 10'000u);
+    const std::string shown = log.text() + secret->contextObjectForKey(kDCIError)->description();
+    EXPECT_TRUE(shown.find("ann:secret") == std::string::npos && shown.find("session=secret") == std::string::npos);
 }
 
 // Run one after the other, the second would not start before the first had taken two seconds.

@@ -233,7 +233,7 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
             return;
         }
         action->changeStatus(DCIActionStatusRunning);
-        DCLogInfo("ACF CONNECTION START %@ (%@)", DCILoggedText(request->URL()), name_);
+        DCLogInfo("ACF CONNECTION START %@ (%@)", DCILoggedText(DCIURLWithoutCredentials(request->URL())), name_);
         connection->start();
     });
 }

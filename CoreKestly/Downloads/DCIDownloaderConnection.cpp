@@ -84,7 +84,7 @@ std::string DCIDownloader::loggedCurrentURL() const {
     const auto action = currentAction_.load();
     const auto request = action ? action->contextObjectForKey(kDCIDownloaderRequestKey) : std::nullopt;
     const auto urlRequest = request ? request->object<DCIURLRequest>() : nullptr;
-    return urlRequest ? DCILoggedText(urlRequest->URL()) : std::string(kDCINilDescription);
+    return urlRequest ? DCILoggedText(DCIURLWithoutCredentials(urlRequest->URL())) : std::string(kDCINilDescription);
 }
 
 bool DCIDownloader::stopsForHost() {

@@ -43,11 +43,6 @@ bool equalIgnoringCase(std::string_view a, std::string_view b) {
     return std::ranges::equal(a, b, [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
 }
 
-// Fields that tell who the request comes from: never sent on to another origin.
-bool isCredential(std::string_view name) {
-    return equalIgnoringCase(name, "Authorization") || equalIgnoringCase(name, "Cookie") ||
-           equalIgnoringCase(name, "Proxy-Authorization");
-}
 
 std::string_view trimmed(std::string_view text) {
     const auto first = text.find_first_not_of(" \t\r\n");
@@ -270,7 +265,8 @@ std::optional<DCIError> Transfer::apply(const DCIURLHop& next) {
     // A 100 Continue round trip would only delay every upload.
     curl_slist* fields = curl_slist_append(nullptr, "Expect:");
     for (const auto& [name, value] : request->allHTTPHeaderFields()) {
-        if (credentialsDropped && isCredential(name)) continue;
+        // Fields that tell who the request comes from are never sent on to another origin.
+        if (credentialsDropped && DCIHeaderFieldIsSecret(name)) continue;
         fields = curl_slist_append(fields, (name + (value.empty() ? ";" : ": " + value)).c_str());
     }
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, fields);
@@ -387,10 +383,13 @@ DCIError Transfer::errorForResult(CURLcode result) const {
 
 std::string DCIURLResponse::description() const {
     std::string text =
-        "<DCIURLResponse: " + DCILoggedText(URL_) + "> { Status Code: " + std::to_string(statusCode_) + ", Headers {";
+        "<DCIURLResponse: " + DCILoggedText(DCIURLWithoutCredentials(URL_)) + "> { Status Code: " + std::to_string(statusCode_) + ", Headers {";
     for (size_t i = 0; i < allHeaderFields_.size() && i < kDescribedHeaderFields; ++i) {
         const auto& [name, value] = allHeaderFields_[i];
-        text += "\n    " + DCILoggedText(name, kDescribedFieldBytes) + " = " + DCILoggedText(value, kDescribedFieldBytes) + ";";
+        const std::string shown = DCIHeaderFieldIsSecret(name)                ? "***"
+                                  : equalIgnoringCase(name, "Location") ? DCIURLWithoutCredentials(value)
+                                                                        : value;
+        text += "\n    " + DCILoggedText(name, kDescribedFieldBytes) + " = " + DCILoggedText(shown, kDescribedFieldBytes) + ";";
     }
     if (allHeaderFields_.size() > kDescribedHeaderFields) text += "\n    ...";
     return text + "\n} }";

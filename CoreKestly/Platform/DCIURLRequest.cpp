@@ -22,6 +22,21 @@ std::optional<std::string> DCIHeaderFieldValue(const std::vector<std::pair<std::
     return std::nullopt;
 }
 
+std::string DCIURLWithoutCredentials(std::string_view URL) {
+    const auto schemeEnd = URL.find("://");
+    if (schemeEnd == std::string_view::npos) return std::string(URL);
+    const auto authorityStart = schemeEnd + 3;
+    const auto authority = URL.substr(authorityStart, URL.find_first_of("/?#", authorityStart) - authorityStart);
+    const auto at = authority.rfind('@');
+    if (at == std::string_view::npos) return std::string(URL);
+    return std::string(URL.substr(0, authorityStart)) + "***" + std::string(URL.substr(authorityStart + at));
+}
+
+bool DCIHeaderFieldIsSecret(std::string_view name) {
+    return equalIgnoringASCIICase(name, "Authorization") || equalIgnoringASCIICase(name, "Proxy-Authorization") ||
+           equalIgnoringASCIICase(name, "Cookie") || equalIgnoringASCIICase(name, "Set-Cookie");
+}
+
 std::shared_ptr<DCIURLRequest> DCIURLRequest::requestWithURL(std::string URL) {
     DCIURLRequestFields fields;
     fields.URL = std::move(URL);
@@ -37,5 +52,5 @@ std::optional<std::string> DCIURLRequest::valueForHTTPHeaderField(std::string_vi
 }
 
 std::string DCIURLRequest::description() const {
-    return "<DCIURLRequest: " + DCILoggedText(fields_.HTTPMethod) + " " + DCILoggedText(fields_.URL) + ">";
+    return "<DCIURLRequest: " + DCILoggedText(fields_.HTTPMethod) + " " + DCILoggedText(DCIURLWithoutCredentials(fields_.URL)) + ">";
 }

@@ -30,7 +30,7 @@ struct DCIURLRequestFields {
     /// The most bytes the response body may have once decoded; a larger one fails the request
     /// (`DCIURLErrorDataLengthExceedsMaximum`) before a byte past it is handed over. None: no
     /// limit.
-    std::optional<uint64_t> maximumBodySize;
+    std::optional<uint64_t> maximumBodySize = std::nullopt;
 };
 
 /// An HTTP or HTTPS request, built by the host and carried by a download action. Immutable
@@ -55,7 +55,7 @@ public:
     const std::optional<uint64_t>& maximumBodySize() const { return fields_.maximumBodySize; }
 
     /// "<DCIURLRequest: METHOD URL>", the part log lines show, each cut to 1 KiB with control
-    /// characters as "?".
+    /// characters as "?" and the URL's credentials as "***".
     std::string description() const override;
 
 private:
@@ -67,3 +67,11 @@ private:
 /// them: without regard to ASCII case.
 KESTLY_EXPORT std::optional<std::string> DCIHeaderFieldValue(const std::vector<std::pair<std::string, std::string>>& fields,
                                                std::string_view name);
+
+/// `URL` with the user and password it may carry shown as "***", for log lines and error
+/// texts, which must never hold a secret.
+KESTLY_EXPORT std::string DCIURLWithoutCredentials(std::string_view URL);
+
+/// Whether a header field named `name` carries a secret (Authorization, Cookie,
+/// Proxy-Authorization, Set-Cookie), whose value log lines show as "***".
+KESTLY_EXPORT bool DCIHeaderFieldIsSecret(std::string_view name);

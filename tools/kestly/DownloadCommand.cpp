@@ -99,6 +99,8 @@ public:
         std::optional<DownloadDestination> destination;
         /// The body's place among those for standard output.
         std::optional<size_t> body;
+        /// The file the worker writes: the destination itself, a staging file or a spool.
+        std::string written;
         std::shared_ptr<DCIAction> action;
         Clock::time_point started;
         Clock::time_point lastJSONProgress;
@@ -205,7 +207,7 @@ private:
                 {"bytes", bytes},
                 {"etag", etag && etag->string() ? ordered_json(*etag->string()) : ordered_json(nullptr)},
                 {"error", placingError                ? ordered_json(*placingError)
-                          : error && error->error() ? ordered_json(error->error()->localizedDescription())
+                          : error && error->error() ? ordered_json(errorText(item, *error->error()))
                                                     : ordered_json(nullptr)},
             });
         } else {
@@ -213,15 +215,24 @@ private:
                 const auto error = action.contextObjectForKey(kDCIError);
                 std::string reason = statusName(status);
                 if (code >= 0) reason = "status " + std::to_string(code);
-                if (error && error->error()) reason = error->error()->localizedDescription();
+                if (error && error->error()) reason = errorText(item, *error->error());
                 if (placingError) reason = *placingError;
                 // The URL comes from the command line, the error text partly from the server.
-                std::fprintf(stderr, "kestly: %s: %s\n", terminalText(item.url).c_str(),
+                std::fprintf(stderr, "kestly: %s: %s\n", terminalText(DCIURLWithoutCredentials(item.url)).c_str(),
                              terminalText(reason).c_str());
             }
             writeBodiesInOrder();
         }
         if (showsBar_) drawBar(Clock::now());
+    }
+
+    // The library names the file it writes: the person knows the file it stands for.
+    static std::string errorText(const Item& item, const DCIError& error) {
+        std::string text = error.localizedDescription();
+        const std::string shown = item.body ? "standard output" : item.destination->path;
+        for (size_t at; shown != item.written && (at = text.find(item.written)) != std::string::npos;)
+            text.replace(at, item.written.size(), shown);
+        return text;
     }
 
     void writeBodiesInOrder() {
@@ -313,7 +324,7 @@ int download(const DownloadOptions& options) {
             const auto action = DCIDownloader::fileDownloadActionWithRequest(request, written);
             // The queue hands out the smallest value first: URLs start in the order given.
             action->setPriority(items.size() + 1);
-            items.push_back({url, file, destination, body, action, {}, {}, false});
+            items.push_back({url, file, destination, body, written, action, {}, {}, false});
         }
     } catch (const UsageError& error) {
         std::fprintf(stderr, "kestly: %s\n", terminalText(error.message).c_str());

@@ -168,6 +168,29 @@ TEST(KestlyFindCommandTests, PrintsExactAbsolutePathsAndExitsAsDocumented) {
     fs::current_path(started);
 }
 
+// A server's own certificate is trusted once named, as curl names it, and only then.
+TEST(KestlyDownloadCommandTests, ACertificateAuthorityNamedIsTrusted) {
+    const TemporaryDirectory folder;
+    const std::string certificate = folder / "cert.pem", key = folder / "key.pem";
+    ASSERT_EQ(std::system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 "
+                           "-subj /CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " + shellQuoted(key) +
+                           " -out " + shellQuoted(certificate) + " 2>/dev/null").c_str()), 0);
+    const LoopbackHTTPServer server([](httplib::Server& http) {
+        http.Get("/a", [](const httplib::Request&, httplib::Response& response) { response.set_content("a", "text/plain"); });
+    }, certificate.c_str(), key.c_str());
+    const struct { const char* variable; std::string option; ProgramRun run; } runs[] = {
+        {"HOME", "", {1, ""}}, {"HOME", "--cacert " + shellQuoted(certificate), {0, "a"}},
+        {"CURL_CA_BUNDLE", "", {0, "a"}}, {"SSL_CERT_FILE", "", {0, "a"}},
+    };
+    const ScopedEnvironment noBundle("CURL_CA_BUNDLE", nullptr), noFile("SSL_CERT_FILE", nullptr);
+    for (const auto& [variable, option, expected] : runs) {
+        SCOPED_TRACE(variable + option);
+        const ScopedEnvironment trusted(variable, certificate.c_str());
+        const ProgramRun run = runKestly("download " + option + " " + server.url("/a") + " 2>/dev/null");
+        EXPECT_EQ(std::tuple(run.status, run.output), std::tuple(expected.status, expected.output));
+    }
+}
+
 // A body passes through standard output without being held: 100 MiB in a process of a few MiB.
 TEST(KestlyDownloadCommandTests, StandardOutputStreamsABodyInBoundedMemory) {
     constexpr size_t kSize = size_t{100} << 20;

@@ -31,6 +31,9 @@ struct DCIURLRequestFields {
     /// (`DCIURLErrorDataLengthExceedsMaximum`) before a byte past it is handed over. None: no
     /// limit.
     std::optional<uint64_t> maximumBodySize = std::nullopt;
+    /// A PEM file of the certificate authorities that server certificates must chain to,
+    /// instead of the system's: a company's own, or a test server's. None: the system's.
+    std::optional<std::string> certificateAuthorityFile = std::nullopt;
 };
 
 /// An HTTP or HTTPS request, built by the host and carried by a download action. Immutable
@@ -53,6 +56,7 @@ public:
     double timeoutInterval() const { return fields_.timeoutInterval; }
     bool replaysMethodAcrossOrigins() const { return fields_.replaysMethodAcrossOrigins; }
     const std::optional<uint64_t>& maximumBodySize() const { return fields_.maximumBodySize; }
+    const std::optional<std::string>& certificateAuthorityFile() const { return fields_.certificateAuthorityFile; }
 
     /// "<DCIURLRequest: METHOD URL>", the part log lines show, each cut to 1 KiB with control
     /// characters as "?" and the URL's credentials as "***".

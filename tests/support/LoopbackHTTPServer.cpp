@@ -1,11 +1,14 @@
 #include "support/LoopbackHTTPServer.h"
 
-LoopbackHTTPServer::LoopbackHTTPServer(const std::function<void(httplib::Server&)>& handlers) {
-    handlers(server_);
-    port_ = server_.bind_to_any_port("127.0.0.1");
+LoopbackHTTPServer::LoopbackHTTPServer(const std::function<void(httplib::Server&)>& handlers, const char* certificate,
+                                       const char* key)
+    : certificate_(certificate != nullptr),
+      server_(certificate ? std::make_unique<httplib::SSLServer>(certificate, key) : std::make_unique<httplib::Server>()) {
+    handlers(*server_);
+    port_ = server_->bind_to_any_port("127.0.0.1");
     if (port_ <= 0) return;  // every request then fails to connect, and the test with it
-    thread_ = std::jthread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    thread_ = std::jthread([this] { server_->listen_after_bind(); });
+    while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 LoopbackHTTPServer::~LoopbackHTTPServer() {
@@ -14,7 +17,7 @@ LoopbackHTTPServer::~LoopbackHTTPServer() {
         stopping_ = true;
     }
     stopped_.notify_all();
-    server_.stop();
+    server_->stop();
 }
 
 bool LoopbackHTTPServer::pause(std::chrono::milliseconds duration) {

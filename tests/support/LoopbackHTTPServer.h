@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -13,17 +14,22 @@
 /// registers, stopped and joined when the object goes away.
 class LoopbackHTTPServer {
 public:
-    explicit LoopbackHTTPServer(const std::function<void(httplib::Server&)>& handlers);
+    /// With `certificate` and `key` (PEM files), it serves HTTPS.
+    explicit LoopbackHTTPServer(const std::function<void(httplib::Server&)>& handlers, const char* certificate = nullptr,
+                                const char* key = nullptr);
     ~LoopbackHTTPServer();
 
     /// "http://127.0.0.1:PORT" followed by `path`.
-    std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
+    std::string url(const std::string& path) const {
+        return (certificate_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_) + path;
+    }
     /// Waits, in a handler, for `duration` or until the server stops; answers whether it is
     /// still running, so that a slow handler never holds up the end of a test.
     bool pause(std::chrono::milliseconds duration);
 
 private:
-    httplib::Server server_;
+    const bool certificate_;
+    const std::unique_ptr<httplib::Server> server_;
     int port_ = 0;
     std::mutex mutex_;  // also keeps the server from being copied
     std::condition_variable stopped_;

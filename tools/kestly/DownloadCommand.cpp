@@ -391,6 +391,9 @@ KestlyCommand addDownloadCommand(CLI::App& app) {
     command->add_option("--data", options->request.data,
                         "The request body: TEXT, @FILE for a file's contents, or @- for standard input");
     command->add_option("--timeout", options->request.timeout, "Seconds a request may go without progress [60]");
+    command->add_option("--cacert", options->request.certificateAuthorities,
+                        "Trust the certificate authorities of this PEM file instead of the system's [$CURL_CA_BUNDLE, "
+                        "else $SSL_CERT_FILE]");
     command->add_option("--max-filesize", options->request.maximumSize,
                         "The most a body may have once decoded, in bytes or with K, M, G or T; a larger one fails "
                         "and lands nowhere [4G for a file, 512M for standard output]");

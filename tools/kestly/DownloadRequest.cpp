@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 
@@ -117,6 +118,13 @@ DCIURLRequestFields makeSharedRequestFields(const DownloadRequestOptions& option
     }
     fields.timeoutInterval = options.timeout;
     if (options.maximumSize) fields.maximumBodySize = parseSize(*options.maximumSize);
+    fields.certificateAuthorityFile = options.certificateAuthorities;
+    for (const char* variable : {"CURL_CA_BUNDLE", "SSL_CERT_FILE"}) {
+        const char* file = std::getenv(variable);
+        if (!fields.certificateAuthorityFile && file && *file) fields.certificateAuthorityFile = file;
+    }
+    if (fields.certificateAuthorityFile && access(fields.certificateAuthorityFile->c_str(), R_OK) != 0)
+        throw UsageError{"cannot read " + *fields.certificateAuthorityFile + ": " + std::strerror(errno)};
     return fields;
 }
 

@@ -22,6 +22,9 @@ struct DownloadRequestOptions {
     /// The most a body may have once decoded: a number of bytes, or of KiB, MiB, GiB or TiB
     /// with the suffix K, M, G or T.
     std::optional<std::string> maximumSize;
+    /// The certificate authorities to trust instead of the system's; without it, the file that
+    /// $CURL_CA_BUNDLE or else $SSL_CERT_FILE names, as curl has it.
+    std::optional<std::string> certificateAuthorities;
 };
 
 /// The fields every request shares, checked before any transfer starts: the method must be an

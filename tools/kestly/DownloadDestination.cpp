@@ -53,7 +53,8 @@ std::string unusedNameIn(const std::string& folder) {
 DownloadDestination downloadDestinationFor(const std::string& name) {
     struct stat target;
     if (stat(name.c_str(), &target) == 0) {
-        if (isStandardOutput(target)) return {DownloadDestination::Kind::standardOutput, {}, {}};
+        // A terminal or /dev/null takes the body as well through its name.
+        if (isStandardOutput(target) && !S_ISCHR(target.st_mode)) return {DownloadDestination::Kind::standardOutput, {}, {}};
         if (!S_ISREG(target.st_mode)) return {DownloadDestination::Kind::direct, name, {}};
     }
     std::string file = finalLinkTarget(name);

@@ -258,9 +258,6 @@ void DCIDownloader::signalProgress() {
     progressTimer_.reset();  // last: this may be the timer's own callback
 }
 
-void DCIDownloader::flushProgress() {
-    if (pendingProgress_.load() != 0) DCIRunLoop::main().performSync([this] { handleProgress(); });
-}
 
 void DCIDownloader::handleProgress() {
     const uint64_t bytes = pendingProgress_.exchange(0);
@@ -276,10 +273,23 @@ void DCIDownloader::handleProgress() {
 }
 
 void DCIDownloader::reset() {
-    if (DCIIsMainThread()) {
+    resetAfter([] {});
+}
+
+void DCIDownloader::resetAfter(const std::function<void()>& end) {
+    const auto endThenReset = [&] {
+        try {
+            end();
+        } catch (...) {
+            resetOnMainThread();  // the worker never holds an action that nothing will end
+            throw;
+        }
         resetOnMainThread();
+    };
+    if (DCIIsMainThread()) {
+        endThenReset();
     } else {
-        DCIRunLoop::main().performSync([this] { resetOnMainThread(); });
+        DCIRunLoop::main().performSync(endThenReset);
     }
 }
 

@@ -65,19 +65,6 @@ int writeWhole(int file, std::span<const uint8_t> bytes, Stopped&& stopped) {
     return 0;
 }
 
-// Runs `end`, the last step of an action, then lets the action go even when `end` throws, so
-// that the worker never holds an action that nothing will end.
-template <class End>
-void endThenReset(DCIDownloader& worker, End&& end) {
-    try {
-        end();
-    } catch (...) {
-        worker.reset();
-        throw;
-    }
-    worker.reset();
-}
-
 }  // namespace
 
 std::string DCIDownloader::loggedCurrentURL() const {
@@ -195,8 +182,8 @@ void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didRe
 }
 
 void DCIDownloader::connection(DCIURLConnection&, const DCIError& didFailWithError) {
-    endThenReset(*this, [&] {
-        DCLogError("CONNECTION FAIL %@ (%@)", loggedCurrentURL(), name_);
+    DCLogError("CONNECTION FAIL %@ (%@)", loggedCurrentURL(), name_);
+    resetAfter([&] {
         if (const auto action = currentAction_.load()) {
             action->setContextObject(didFailWithError, kDCIError);
             action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
@@ -206,8 +193,8 @@ void DCIDownloader::connection(DCIURLConnection&, const DCIError& didFailWithErr
 }
 
 void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
-    endThenReset(*this, [&] {
-        DCLogInfo("ACF CONNECTION END %@ (%@)", loggedCurrentURL(), name_);
+    DCLogInfo("ACF CONNECTION END %@ (%@)", loggedCurrentURL(), name_);
+    resetAfter([&] {
         const auto action = currentAction_.load();
         if (!action || isStoppedByHost(action->status())) return;
         action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
@@ -217,7 +204,7 @@ void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
                                      kDCIDownloaderDataKey);
         }
         // The last count the Running action shows is the whole, also when no length was stated.
-        flushProgress();
+        handleProgress();
         action->changeStatus(DCIActionStatusCompleted);
     });
 }

@@ -74,10 +74,9 @@ struct KESTLY_HIDDEN DCIURLConnection::Transfer {
     char errorBuffer[CURL_ERROR_SIZE] = {};
 
     // The loop's thread only.
-    /// The request's time-out of idleness, and what measures it.
+    /// The request's time-out of idleness, and when a byte last moved.
     std::chrono::steady_clock::duration idleLimit;
     std::chrono::steady_clock::time_point lastActivity;
-    std::unique_ptr<DCIRunLoopSource> idleTimer;
     DCIURLHop hop;
     int redirectsFollowed = 0;
     /// Set when the head just received redirects there; its body is skipped.
@@ -161,6 +160,7 @@ private:
     void endFinishedTransfers();
     /// Ends the transfer as timed out once no byte has moved for its time-out.
     void watchIdleness(const std::shared_ptr<Transfer>& transfer);
+    void endIdleTransfers();
     /// Sends the transfer's next request after the redirect it received.
     void follow(const std::shared_ptr<Transfer>& transfer);
     void sweepCancelledTransfers();
@@ -172,6 +172,10 @@ private:
     CURLM* const multi_;
     std::unordered_map<curl_socket_t, std::unique_ptr<DCIRunLoopSource>> sockets_;
     std::unique_ptr<DCIRunLoopSource> timer_;
+    /// libcurl's timer of 0 ms, as a signal.
+    std::unique_ptr<DCIRunLoopSource> timeoutNow_;
+    std::unique_ptr<DCIRunLoopSource> idleTimer_;
+    DCIRunLoop::Clock::duration idleInterval_{};
     std::unordered_map<CURL*, std::shared_ptr<Transfer>> transfers_;
     /// Above zero while libcurl runs, when no handle may be removed.
     int insideCurl_ = 0;

@@ -23,10 +23,13 @@ DCIURLLoader::DCIURLLoader()
         curl_multi_setopt(multi_, CURLMOPT_TIMERDATA, this);
     }
     scheduledSource_ = loop_.addSignalSource([this] { runScheduled(); });
+    timeoutNow_ = loop_.addSignalSource([this] { drive(CURL_SOCKET_TIMEOUT, 0); });
 }
 
 DCIURLLoader::~DCIURLLoader() {
     scheduledSource_.reset();
+    timeoutNow_.reset();
+    idleTimer_.reset();
     timer_.reset();
     if (!multi_) return;
     // The loop may be gone already: libcurl must not ask for sockets or timers any more.
@@ -77,18 +80,29 @@ void DCIURLLoader::add(const std::shared_ptr<Transfer>& transfer) {
 
 void DCIURLLoader::watchIdleness(const std::shared_ptr<Transfer>& transfer) {
     // Looked at four times per time-out, and at least every quarter second, so a stall ends
-    // within a quarter of the time-out, and never more than 0.25 s, past it.
+    // within a quarter of the time-out, and never more than 0.25 s, past it. One timer serves
+    // every transfer of the loop, and stays while transfers follow each other.
     const auto interval = std::min<DCIRunLoop::Clock::duration>(transfer->idleLimit / 4, std::chrono::milliseconds(250));
     transfer->noteActivity();
-    // The timer is the transfer's own and goes with it, so the transfer outlives each call.
-    transfer->idleTimer = loop_.addTimer(interval, true, [this, watched = transfer.get()] {
-        if (watched->canceled || DCIRunLoop::Clock::now() - watched->lastActivity < watched->idleLimit) return;
-        const auto found = transfers_.find(watched->easy);
-        if (found == transfers_.end()) return;
-        const std::shared_ptr<Transfer> idle = found->second;
-        detach(idle->easy);
-        idle->tellEnd(DCIError(kDCIURLErrorDomain, DCIURLErrorTimedOut, "no byte moved within the time-out"));
-    });
+    if (idleTimer_ && interval >= idleInterval_) return;
+    idleInterval_ = interval;
+    idleTimer_ = loop_.addTimer(interval, true, [this] { endIdleTransfers(); });
+}
+
+void DCIURLLoader::endIdleTransfers() {
+    if (transfers_.empty()) {
+        idleTimer_.reset();  // last: this is the timer's own callback
+        return;
+    }
+    const auto now = DCIRunLoop::Clock::now();
+    std::vector<std::shared_ptr<Transfer>> idle;
+    for (const auto& [easy, transfer] : transfers_) {
+        if (!transfer->canceled && now - transfer->lastActivity >= transfer->idleLimit) idle.push_back(transfer);
+    }
+    for (const auto& transfer : idle) {
+        detach(transfer->easy);
+        transfer->tellEnd(DCIError(kDCIURLErrorDomain, DCIURLErrorTimedOut, "no byte moved within the time-out"));
+    }
 }
 
 void DCIURLLoader::remove(Transfer& transfer) {
@@ -127,8 +141,11 @@ int DCIURLLoader::socketCallback(CURL*, curl_socket_t socket, int what, void* us
 
 int DCIURLLoader::timerCallback(CURLM*, long milliseconds, void* userData) {
     auto& loader = *static_cast<DCIURLLoader*>(userData);
-    if (milliseconds < 0) {
+    if (milliseconds <= 0) {
         loader.timer_.reset();
+        // At once: a signal costs the loop less than arming its timer, and libcurl asks for
+        // this several times per transfer.
+        if (milliseconds == 0) loader.timeoutNow_->signal();
     } else {
         loader.timer_ = loader.loop_.addTimer(std::chrono::milliseconds(milliseconds), false,
                                               [&loader] { loader.drive(CURL_SOCKET_TIMEOUT, 0); });

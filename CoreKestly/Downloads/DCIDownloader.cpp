@@ -59,12 +59,15 @@ void postWorkerEvent(uint64_t type, const std::shared_ptr<DCIDownloader>& worker
 // directory then fails to open, a device such as /dev/null takes the body, and a FIFO without
 // a reader fails instead of blocking the worker.
 int replaceWithEmptyFile(const std::string& path) {
+    constexpr int kNewFile = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    // Most destinations are new: one call makes them.
+    if (const int file = open(path.c_str(), kNewFile, 0666); file >= 0 || errno != EEXIST) return file;
     struct stat status;
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         return open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK);
     }
     unlink(path.c_str());
-    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666);
+    return open(path.c_str(), kNewFile, 0666);
 }
 
 }  // namespace

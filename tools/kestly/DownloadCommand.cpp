@@ -178,13 +178,14 @@ private:
             bodies_->ended(*item.body);
             bytes = bodies_->received(*item.body);
         }
-        // Only a file has a size to tell; a device such as /dev/null as the destination has none.
+        // Only a file has a size to tell, which only the JSON line tells; a device such as
+        // /dev/null as the destination has none.
         struct stat fileStatus;
         const auto& destination = item.destination;
         const bool staged = destination && destination->kind == DownloadDestination::Kind::staged;
         const bool direct = destination && destination->kind == DownloadDestination::Kind::direct;
         const std::string* written = staged ? &destination->staging : direct ? &destination->path : nullptr;
-        if (written && lstat(written->c_str(), &fileStatus) == 0 && S_ISREG(fileStatus.st_mode))
+        if (json_ && written && lstat(written->c_str(), &fileStatus) == 0 && S_ISREG(fileStatus.st_mode))
             bytes = static_cast<uint64_t>(fileStatus.st_size);
         std::optional<std::string> placingError;
         if (staged) {

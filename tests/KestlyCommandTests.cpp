@@ -227,11 +227,11 @@ TEST(KestlyDownloadCommandTests, AnInterruptLeavesNoStagingFileAndTheOldFiles) {
         SCOPED_TRACE(signal);
         const TemporaryDirectory folder;
         const std::string kept = folder.writeFile("u0", "old");
-        std::string command = "exec " + shellQuoted(kestlyProgram()) + " download --workers 4 -d " + shellQuoted(folder.path());
+        std::string command =
+            "exec >/dev/null " + shellQuoted(kestlyProgram()) + " download --workers 4 -d " + shellQuoted(folder.path());
         for (int i = 0; i < 20; ++i) command += " " + server.url("/u" + std::to_string(i));
         const pid_t child = fork();
-        if (child == 0) {
-            dup2(open("/dev/null", O_WRONLY), STDOUT_FILENO);  // only what is safe after fork in a threaded process
+        if (child == 0) {  // only what is safe after fork in a threaded process
             execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             _exit(127);
         }

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 
@@ -31,19 +30,6 @@ bool hasLineBreakOrNull(std::string_view text) {
     return text.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
 }
 
-// A method is an HTTP token; anything else (spaces, line breaks) would rewrite the request line.
-bool isToken(std::string_view text) {
-    constexpr std::string_view kSymbols = "!#$%&'*+-.^_`|~";
-    return !text.empty() && std::ranges::all_of(text, [&](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) || kSymbols.find(c) != std::string_view::npos;
-    });
-}
-
-bool equalIgnoringCase(std::string_view a, std::string_view b) {
-    return std::ranges::equal(a, b, [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
-}
-
-
 std::string_view trimmed(std::string_view text) {
     const auto first = text.find_first_not_of(" \t\r\n");
     if (first == std::string_view::npos) return {};
@@ -54,7 +40,7 @@ std::string_view trimmed(std::string_view text) {
 bool decidesTheBody(std::string_view name) {
     return std::ranges::any_of(std::initializer_list<std::string_view>{"Location", "ETag", "Content-Encoding",
                                                                        "Content-Length", "Content-Type"},
-                               [&](std::string_view field) { return equalIgnoringCase(name, field); });
+                               [&](std::string_view field) { return DCIHeaderFieldNamesEqual(name, field); });
 }
 
 void keepHeaderField(Transfer& transfer, std::string_view line, size_t colon) {
@@ -238,7 +224,8 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
         }
     }
     const std::string& method = request->HTTPMethod();
-    if (!isToken(method)) {
+    // Anything but a token (spaces, line breaks) would rewrite the request line.
+    if (!DCIIsHTTPToken(method)) {
         setupError =
             DCIError(kDCIURLErrorDomain, DCIURLErrorBadURL, "the method " + DCILoggedText(method) + " is no HTTP token");
         return;
@@ -389,7 +376,7 @@ std::string DCIURLResponse::description() const {
     for (size_t i = 0; i < allHeaderFields_.size() && i < kDescribedHeaderFields; ++i) {
         const auto& [name, value] = allHeaderFields_[i];
         const std::string shown = DCIHeaderFieldIsSecret(name)                ? "***"
-                                  : equalIgnoringCase(name, "Location") ? DCIURLWithoutCredentials(value)
+                                  : DCIHeaderFieldNamesEqual(name, "Location") ? DCIURLWithoutCredentials(value)
                                                                         : value;
         text += "\n    " + DCILoggedText(name, kDescribedFieldBytes) + " = " + DCILoggedText(shown, kDescribedFieldBytes) + ";";
     }

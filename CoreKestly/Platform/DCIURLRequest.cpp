@@ -5,19 +5,22 @@
 #include <algorithm>
 #include <cctype>
 
-namespace {
+bool DCIIsHTTPToken(std::string_view text) {
+    constexpr std::string_view kSymbols = "!#$%&'*+-.^_`|~";
+    return !text.empty() && std::ranges::all_of(text, [&](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || kSymbols.find(c) != std::string_view::npos;
+    });
+}
 
-bool equalIgnoringASCIICase(std::string_view a, std::string_view b) {
+bool DCIHeaderFieldNamesEqual(std::string_view a, std::string_view b) {
     return std::ranges::equal(a, b,
                               [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
 }
 
-}  // namespace
-
 std::optional<std::string> DCIHeaderFieldValue(const std::vector<std::pair<std::string, std::string>>& fields,
                                                std::string_view name) {
     for (const auto& [fieldName, value] : fields) {
-        if (equalIgnoringASCIICase(fieldName, name)) return value;
+        if (DCIHeaderFieldNamesEqual(fieldName, name)) return value;
     }
     return std::nullopt;
 }
@@ -33,8 +36,8 @@ std::string DCIURLWithoutCredentials(std::string_view URL) {
 }
 
 bool DCIHeaderFieldIsSecret(std::string_view name) {
-    return equalIgnoringASCIICase(name, "Authorization") || equalIgnoringASCIICase(name, "Proxy-Authorization") ||
-           equalIgnoringASCIICase(name, "Cookie") || equalIgnoringASCIICase(name, "Set-Cookie");
+    return DCIHeaderFieldNamesEqual(name, "Authorization") || DCIHeaderFieldNamesEqual(name, "Proxy-Authorization") ||
+           DCIHeaderFieldNamesEqual(name, "Cookie") || DCIHeaderFieldNamesEqual(name, "Set-Cookie");
 }
 
 std::shared_ptr<DCIURLRequest> DCIURLRequest::requestWithURL(std::string URL) {

@@ -67,6 +67,13 @@ private:
     const DCIURLRequestFields fields_;
 };
 
+/// Whether `text` is an HTTP token, as a method must be: letters, digits and !#$%&'*+-.^_`|~.
+KESTLY_EXPORT bool DCIIsHTTPToken(std::string_view text);
+
+/// Whether two header field names are the same, compared as HTTP compares them: without regard
+/// to ASCII case.
+KESTLY_EXPORT bool DCIHeaderFieldNamesEqual(std::string_view a, std::string_view b);
+
 /// The value of the first field named `name` among `fields`, names compared as HTTP compares
 /// them: without regard to ASCII case.
 KESTLY_EXPORT std::optional<std::string> DCIHeaderFieldValue(const std::vector<std::pair<std::string, std::string>>& fields,

@@ -2,11 +2,11 @@
 
 LoopbackHTTPServer::LoopbackHTTPServer(const std::function<void(httplib::Server&)>& handlers, const char* certificate,
                                        const char* key)
-    : certificate_(certificate != nullptr),
-      server_(certificate ? std::make_unique<httplib::SSLServer>(certificate, key) : std::make_unique<httplib::Server>()) {
+    : server_(certificate ? std::make_unique<httplib::SSLServer>(certificate, key) : std::make_unique<httplib::Server>()) {
     handlers(*server_);
-    port_ = server_->bind_to_any_port("127.0.0.1");
-    if (port_ <= 0) return;  // every request then fails to connect, and the test with it
+    const int port = server_->bind_to_any_port("127.0.0.1");
+    origin_ = (certificate ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port);
+    if (port <= 0) return;  // every request then fails to connect, and the test with it
     thread_ = std::jthread([this] { server_->listen_after_bind(); });
     while (!server_->is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }

@@ -19,18 +19,15 @@ public:
                                 const char* key = nullptr);
     ~LoopbackHTTPServer();
 
-    /// "http://127.0.0.1:PORT" followed by `path`.
-    std::string url(const std::string& path) const {
-        return (certificate_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_) + path;
-    }
+    /// "http://127.0.0.1:PORT" (or https) followed by `path`.
+    std::string url(const std::string& path) const { return origin_ + path; }
     /// Waits, in a handler, for `duration` or until the server stops; answers whether it is
     /// still running, so that a slow handler never holds up the end of a test.
     bool pause(std::chrono::milliseconds duration);
 
 private:
-    const bool certificate_;
     const std::unique_ptr<httplib::Server> server_;
-    int port_ = 0;
+    std::string origin_;
     std::mutex mutex_;  // also keeps the server from being copied
     std::condition_variable stopped_;
     bool stopping_ = false;

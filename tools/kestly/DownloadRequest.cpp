@@ -42,13 +42,6 @@ uint64_t parseSize(const std::string& text) {
 // the disk whatever its size.
 constexpr size_t kMaximumReadBody = size_t{64} << 20;
 
-bool isToken(std::string_view text) {
-    constexpr std::string_view kSymbols = "!#$%&'*+-.^_`|~";
-    return !text.empty() && std::ranges::all_of(text, [&](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) || kSymbols.find(c) != std::string_view::npos;
-    });
-}
-
 bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
     return text.size() >= prefix.size() &&
            std::ranges::equal(text.substr(0, prefix.size()), prefix,
@@ -109,7 +102,7 @@ void setBodyFromFile(DCIURLRequestFields& fields, const std::string& name) {
 DCIURLRequestFields makeSharedRequestFields(const DownloadRequestOptions& options) {
     DCIURLRequestFields fields;
     fields.HTTPMethod = !options.method.empty() ? options.method : options.data ? "POST" : "GET";
-    if (!isToken(fields.HTTPMethod)) throw UsageError{"the method is no HTTP token: " + fields.HTTPMethod};
+    if (!DCIIsHTTPToken(fields.HTTPMethod)) throw UsageError{"the method is no HTTP token: " + fields.HTTPMethod};
     for (const auto& header : options.headers) fields.HTTPHeaderFields.push_back(parseHeader(header));
     if (options.data && options.data->starts_with('@')) {
         setBodyFromFile(fields, options.data->substr(1));

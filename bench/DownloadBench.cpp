@@ -97,7 +97,8 @@ void compare(const char* what, double bytes, const std::vector<std::string>& kes
         best(curlSeconds, timeProgram(curlCommand));
     }
     const auto rate = [&](double seconds) { return seconds > 0 ? bytes / seconds / (1 << 20) : 0; };
-    std::printf("%-34s kestly %8.1f MiB/s (%.3f s)   curl %8.1f MiB/s (%.3f s)   ratio %.2f\n", what,
+    // The ratio is of speeds: kestly's time is its inverse times curl's.
+    std::printf("%-34s kestly %8.1f MiB/s (%.3f s)   curl %8.1f MiB/s (%.3f s)   speed ratio %.2f\n", what,
                 rate(kestlySeconds), kestlySeconds, rate(curlSeconds), curlSeconds,
                 curlSeconds > 0 && kestlySeconds > 0 ? curlSeconds / kestlySeconds : 0);
 }

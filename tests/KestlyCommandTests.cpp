@@ -172,7 +172,7 @@ TEST(KestlyFindCommandTests, PrintsExactAbsolutePathsAndExitsAsDocumented) {
     folder.writeFile("a\\b.wav", "abc");
     folder.writeFile("line\nbreak.wav", "abc");
     const std::string corrupt = folder.writeFile("corrupt.db", "PLOCATE");
-    for (int i = 0; i < 500; ++i) folder.makeFolder("many/" + std::to_string(i));  // more than a millisecond's scan
+    for (int i = 0; i < 20000; ++i) fs::create_directories(folder / ("many/" + std::to_string(i % 100) + "/" + std::to_string(i)));  // a scan far longer than the millisecond waited
     const fs::path started = fs::current_path();
     fs::current_path(folder.path());
     const struct { std::string arguments; int status; std::string output; } runs[] = {

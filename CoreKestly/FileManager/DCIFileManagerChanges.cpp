@@ -142,7 +142,8 @@ void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> 
         treeChanges = {oldRoot->gatherFiles(), newRoot->gatherFiles(), inPathOrder(folderSetFromSet(oldFolders, newFolders)),
                        inPathOrder(folderSetFromSet(newFolders, oldFolders))};
     }
-    reportChanges(std::move(treeChanges), unsettledAfter);
+    // A stop cut this pass's hashing short: what it found is no longer told.
+    if (runIsCurrent(generation)) reportChanges(std::move(treeChanges), unsettledAfter);
 }
 
 bool DCIFileManager::relistChangedFolders(const std::shared_ptr<DCIFolderObject>& root,

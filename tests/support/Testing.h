@@ -40,6 +40,16 @@
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
+/// Whether this build runs under AddressSanitizer or ThreadSanitizer, whose shadow memory and
+/// quarantine make every program of the build take several times the memory it would.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kUnderMemorySanitizer = true;
+#elif defined(__has_feature)
+inline constexpr bool kUnderMemorySanitizer = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+inline constexpr bool kUnderMemorySanitizer = false;
+#endif
+
 /// Runs `body(i)` once on each of `count` threads, `i` from 0; the threads are joined when the
 /// returned vector goes, at once if it is not kept.
 template <class Body>

@@ -40,12 +40,12 @@ DCISHACache::~DCISHACache() {
 }
 
 std::map<std::string, DCISHACacheRecord> DCISHACache::shaCache() const {
-    std::shared_lock lock(accessMutex_);
+    std::unique_lock lock(accessMutex_);
     return {shaCache_.begin(), shaCache_.end()};
 }
 
 bool DCISHACache::dirty() const {
-    std::shared_lock lock(accessMutex_);
+    std::unique_lock lock(accessMutex_);
     return !unsavedPaths_.empty();
 }
 
@@ -108,7 +108,7 @@ std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& p
 std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& path, const DCIFileStamp& stamp, bool eco,
                                                             Answers answers) {
     {
-        std::shared_lock lock(accessMutex_);
+        std::unique_lock lock(accessMutex_);
         const auto found = shaCache_.find(path);
         if (found != shaCache_.end() && found->second.stamp == stamp && answers(found->second)) {
             return found->second;
@@ -188,6 +188,11 @@ void DCISHACache::moveRecord(const std::string& from, const std::string& to) {
 
 std::optional<DCISHACacheRecord> DCISHACache::recordOfRenamedFile(const std::string& path, const DCIFileStamp& stamp,
                                                                   Answers answers) {
+    {
+        // Most misses are new files: they look under the shared lock only.
+        std::unique_lock lookup(accessMutex_);
+        if (!byIdentity_.contains({stamp.device, stamp.inode})) return std::nullopt;
+    }
     std::unique_lock lock(accessMutex_);
     const auto known = byIdentity_.find({stamp.device, stamp.inode});
     if (known == byIdentity_.end()) return std::nullopt;
@@ -260,6 +265,6 @@ std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> DCISHACach
 }
 
 std::string DCISHACache::description() const {
-    std::shared_lock lock(accessMutex_);
+    std::unique_lock lock(accessMutex_);
     return DCIFormat("<DCISHACache: %@, %lu records>", shaCachePath_, shaCache_.size());
 }

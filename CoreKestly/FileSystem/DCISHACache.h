@@ -13,7 +13,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -67,8 +66,10 @@ struct DCISHACacheRecord {
 /// When the file cannot be opened at all (no folder, no permission) the cache works in
 /// memory only and says so once in the log.
 ///
-/// Threads: lookups from any number of threads run side by side; a change (a new record, a
-/// load, the hand-over of changes to `persist`) runs alone and briefly. A miss hashes the
+/// Threads: any number of threads may ask at once. A lookup or a change (a new record, a
+/// load, the hand-over of changes to `persist`) holds the cache's lock only for the table
+/// operation itself: a plain mutex, since a reader-writer lock made two threads hashing
+/// small files wake each other on every record, at twice the time of one. A miss hashes the
 /// file and calls the calculator without holding any lock, so a long hash never holds back
 /// other lookups or changes, and the calculator may call back into the cache. Two threads
 /// that miss on one path both hash it; the record stored last wins. Writes to the file run
@@ -182,7 +183,7 @@ private:
     mutable std::mutex calculatorMutex_;
     DCISasIDCalculator sasIDCalculator_;
 
-    mutable std::shared_mutex accessMutex_;  // guards the two members below
+    mutable std::mutex accessMutex_;  // guards the members below
     std::unordered_map<std::string, DCISHACacheRecord> shaCache_;
     // Which path holds the hashed record of each file; keys point into `shaCache_`.
     std::unordered_map<DCIFileIdentity, const std::string*, DCIFileIdentityHash> byIdentity_;

@@ -61,10 +61,17 @@ private:
     int descriptor_;
 };
 
+// The SHA-256 implementation, fetched once: OpenSSL 3 looks up the algorithm of `EVP_sha256()`
+// at every initialisation, under a lock that threads hashing small files at once queue on.
+const EVP_MD* sha256() {
+    static const std::unique_ptr<EVP_MD, void (*)(EVP_MD*)> fetched(EVP_MD_fetch(nullptr, "SHA256", nullptr), EVP_MD_free);
+    return fetched ? fetched.get() : EVP_sha256();
+}
+
 class Sha256Digest {
 public:
     Sha256Digest() : context_(EVP_MD_CTX_new()) {
-        if (context_ && EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1) context_.reset();
+        if (context_ && EVP_DigestInit_ex(context_.get(), sha256(), nullptr) != 1) context_.reset();
     }
 
     bool isValid() const { return context_ != nullptr; }

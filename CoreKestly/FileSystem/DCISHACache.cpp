@@ -188,11 +188,6 @@ void DCISHACache::moveRecord(const std::string& from, const std::string& to) {
 
 std::optional<DCISHACacheRecord> DCISHACache::recordOfRenamedFile(const std::string& path, const DCIFileStamp& stamp,
                                                                   Answers answers) {
-    {
-        // Most misses are new files: they look under the shared lock only.
-        std::unique_lock lookup(accessMutex_);
-        if (!byIdentity_.contains({stamp.device, stamp.inode})) return std::nullopt;
-    }
     std::unique_lock lock(accessMutex_);
     const auto known = byIdentity_.find({stamp.device, stamp.inode});
     if (known == byIdentity_.end()) return std::nullopt;

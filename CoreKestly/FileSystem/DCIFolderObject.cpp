@@ -58,7 +58,7 @@ std::shared_ptr<DCIFolderObject> DCIFolderObject::makeFolder(const std::string& 
                                                              std::optional<DirectoryIdentity> identity) {
     std::shared_ptr<DCIFolderObject> folder(new DCIFolderObject(path, parent, std::move(fileQueries), identity));
     if (!folder->exists()) return nullptr;
-    folder->buildSubtree();
+    folder->buildFileAndFolderList();
     return folder;
 }
 
@@ -75,14 +75,12 @@ DCIFolderObject::Walk DCIFolderObject::walkFromHere() const {
     return walk;
 }
 
-void DCIFolderObject::buildSubtree() {
+void DCIFolderObject::buildFileAndFolderList() {
     Walk walk = walkFromHere();
     list(walk);
     finish(walk);
     metFolderLinks_ = walk.metFolderLinks;
 }
-
-void DCIFolderObject::buildFileAndFolderList() { buildSubtree(); }
 
 void DCIFolderObject::list(Walk& walk) {
     DCIFileDictionary files;
@@ -155,31 +153,9 @@ std::vector<DCIFolderObject::ListedEntry> DCIFolderObject::listEntries() const {
     return entries;
 }
 
-bool DCIFolderObject::generateHashes() {
-    // Snapshots held for the whole walk: a range-for over `*files()` would outlive the
-    // dictionary as soon as an update replaced it.
-    const auto currentSubFolders = subFolders();
-    const auto currentFiles = files();
-    bool everyFileHashed = true;
-    for (const auto& [name, folder] : *currentSubFolders) {
-        if (!folder->generateHashes()) everyFileHashed = false;
-    }
-    const auto queries = fileQueries_.lock();
-    std::vector<std::string> unhashed;
-    for (const auto& [name, file] : *currentFiles) {
-        if (!hashFile(*file, queries.get())) unhashed.push_back(name);
-    }
-    if (unhashed.empty()) return everyFileHashed;
-    // One file that cannot be read must not hold back the rest of the tree: it is left out
-    // until it can be, and a file that vanished meanwhile is gone from the tree as from disk.
-    auto kept = std::make_shared<DCIFileDictionary>(*currentFiles);
-    for (const auto& name : unhashed) kept->erase(name);
-    files_.store(std::move(kept));
-    return false;
-}
+bool DCIFolderObject::generateHashes() { return generateHashes(1); }
 
 bool DCIFolderObject::generateHashes(unsigned threads) {
-    if (threads <= 1) return generateHashes();
     std::vector<std::shared_ptr<DCIFileObject>> files;  // the tree's own objects: no path is copied
     std::vector<std::shared_ptr<const DCIFolderObject>> pending{shared_from_this()};
     while (!pending.empty()) {
@@ -203,6 +179,8 @@ bool DCIFolderObject::generateHashes(unsigned threads) {
         }
         work();
     }
+    // One file that cannot be read must not hold back the rest of the tree: it is left out
+    // until it can be, and a file that vanished meanwhile is gone from the tree as from disk.
     bool everyFileHashed = true;
     for (size_t index = 0; index < files.size(); ++index) {
         if (hashed[index]) continue;

@@ -184,8 +184,6 @@ private:
     void list(Walk& walk);
     /// Lists the folders `walk` reached only through links, and those they reach in turn.
     static void finish(Walk& walk);
-    /// This folder with its subtree, built through a walk of its own.
-    void buildSubtree();
     /// The entries of the directory that can belong to the tree: folders, links to them, and
     /// regular files of interest, each read with one status call.
     std::vector<ListedEntry> listEntries() const;

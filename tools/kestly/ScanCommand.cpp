@@ -71,8 +71,8 @@ DCISasIDCalculator countingCalculator(std::shared_ptr<ReadCounts> reads) {
 // of reading and the time left. Hashing asks from several threads at once.
 class MonitoredQueries : public DCIFileQueries {
 public:
-    MonitoredQueries(std::shared_ptr<DCIFileQueries> queries, std::shared_ptr<const ReadCounts> reads)
-        : queries_(std::move(queries)), reads_(std::move(reads)), showsProgress_(isatty(STDERR_FILENO) == 1) {}
+    explicit MonitoredQueries(std::shared_ptr<DCIFileQueries> queries)
+        : queries_(std::move(queries)), showsProgress_(isatty(STDERR_FILENO) == 1) {}
 
     uint64_t cacheHits() const { return cacheHits_; }
     /// The files about to be hashed.
@@ -130,7 +130,6 @@ private:
     }
 
     const std::shared_ptr<DCIFileQueries> queries_;
-    const std::shared_ptr<const ReadCounts> reads_;
     const bool showsProgress_;
     const Clock::time_point start_ = Clock::now();
     std::mutex progressMutex_;  // guards the two members below
@@ -198,7 +197,7 @@ int scan(const ScanOptions& options) {
     const auto primaryCache = DCISHACache::initWithCachePath(cachePaths.primary, countingCalculator(reads));
     const auto sampleCache = DCISHACache::initWithCachePath(cachePaths.secondary, countingCalculator(reads));
     const auto queries = std::make_shared<MonitoredQueries>(
-        std::make_shared<DCICachedFileQueries>(options.kinds, primaryCache, sampleCache), reads);
+        std::make_shared<DCICachedFileQueries>(options.kinds, primaryCache, sampleCache));
 
     const auto start = Clock::now();
     const auto tree = DCIFolderObject::initWithPath(root, nullptr, queries);

@@ -335,7 +335,7 @@ private:
 
     std::mutex runStateMutex_;  // makes starting, stopping and ending a run each one step
 
-    std::recursive_mutex treeLock_;  // the installation of a new tree against a tree update
+    std::recursive_mutex treeLock_;  // a pass's relisting or new tree against an operation and its tree update
     // The entries file operations changed while a scan was under way, to apply to its tree
     // too; guarded by the tree lock.
     bool journaling_ = false;

@@ -71,22 +71,29 @@ std::shared_ptr<DCIAction> DCIFileManager::queueCreateDirectoryAtPath(const std:
     return action;
 }
 
+// An unqueued operation runs on the host's thread, beside the watcher's passes: it holds the
+// tree from its first change on disk to its tree update, or a pass between the two would
+// report what the operation made as a change of the user's.
 bool DCIFileManager::unqueuedMoveItemAtPath(const std::optional<std::string>& path,
                                             const std::optional<std::string>& toPath) {
     const auto action = moveItemAtPath(path, toPath, false);
+    std::lock_guard lock(treeLock_);
     return action && processFileMoveAction(action, false, false);
 }
 
 bool DCIFileManager::unqueuedCopyItemAtPath(const std::optional<std::string>& path,
                                             const std::optional<std::string>& toPath) {
     const auto action = copyItemAtPath(path, toPath, false);
+    std::lock_guard lock(treeLock_);
     return action && processFileMoveAction(action, false, true);
 }
 
 bool DCIFileManager::unqueuedCreateDirectoryAtPath(const std::optional<std::string>& path) {
     const auto action = createDirectoryAtPath(path, false);
     if (!action) return false;
+    std::unique_lock lock(treeLock_);
     if (processCreateDirectoryAction(action, false)) return true;
+    lock.unlock();
     DCLogError("Error creating directory : %@", action->contextObjectForKey(kDCIError));
     return false;
 }

@@ -1,6 +1,6 @@
 #include "CoreKestly/KestlyUtilities.h"
 
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -2,7 +2,7 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
-#include "CoreKestly/Platform/DCIValue.h"
+#include "CoreKestly/Platform/Values/DCIValue.h"
 
 #include <cstdint>
 #include <optional>

@@ -2,7 +2,7 @@
 // callback ran (an exchange and a wake-up write) against one that finds the source already
 // signalled (the exchange alone), from one thread and from several at once.
 
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 
 #include <benchmark/benchmark.h>
 

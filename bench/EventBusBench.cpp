@@ -3,7 +3,7 @@
 // delivered per second, next to a plain mutex-guarded deque woken through an eventfd.
 
 #include "CoreKestly/Events/DCIEventManager.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 
 #include <benchmark/benchmark.h>
 

@@ -14,7 +14,7 @@
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "CoreKestly/FileManager/DCIFileManager.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 
 #include "support/StandardErrorToNull.h"
 

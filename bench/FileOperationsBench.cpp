@@ -7,7 +7,7 @@
 //
 // The files are made under TMPDIR (else /tmp) and removed at the end.
 
-#include "CoreKestly/Platform/DCIFileOperations.h"
+#include "CoreKestly/Platform/Files/DCIFileOperations.h"
 
 #include <benchmark/benchmark.h>
 

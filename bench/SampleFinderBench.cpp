@@ -8,8 +8,8 @@
 // Making a million files takes a minute or more, so both trees and the database are kept in
 // $TMPDIR/kestly-bench-sample-finder and reused by later runs; delete the folder to start over.
 
-#include "CoreKestly/Platform/DCIMetadataQuery.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/Search/DCIMetadataQuery.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 
 #include <benchmark/benchmark.h>
 

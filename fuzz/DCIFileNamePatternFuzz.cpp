@@ -1,4 +1,4 @@
-#include "CoreKestly/Platform/DCIFileNamePatternInternal.h"
+#include "CoreKestly/Platform/Search/DCIFileNamePatternInternal.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "CoreKestly/Platform/DCIFormat.h"
+#include "CoreKestly/Platform/Values/DCIFormat.h"
 
 #include <cstddef>
 #include <cstdint>

@@ -4,7 +4,7 @@
 // without bound, and no entry may lead out of its folder, whatever the bytes.
 
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
+#include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectItem.h"
 
 #include <cstddef>

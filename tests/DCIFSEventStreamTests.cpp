@@ -1,4 +1,4 @@
-#include "CoreKestly/Platform/DCIFSEventStream.h"
+#include "CoreKestly/Platform/Files/DCIFSEventStream.h"
 
 #include "support/EventRecorder.h"
 #include "support/Testing.h"

@@ -1,7 +1,7 @@
 // Moves and copies on real files: one item under two names, copies that land whole or not at
 // all, paths holding NUL, and the staging names that interrupted copies leave behind.
 
-#include "CoreKestly/Platform/DCIFileOperations.h"
+#include "CoreKestly/Platform/Files/DCIFileOperations.h"
 
 #include "support/Testing.h"
 

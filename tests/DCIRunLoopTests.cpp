@@ -1,4 +1,4 @@
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 
 #include "support/Testing.h"
 

@@ -3,7 +3,7 @@
 #include "CoreKestly/FileSystem/DCISHACache.h"
 
 #include "CoreKestly/FileSystem/KSTFileHash.h"
-#include "CoreKestly/Platform/DCISQLiteDatabaseInternal.h"
+#include "CoreKestly/Platform/Storage/DCISQLiteDatabaseInternal.h"
 #include "support/LogReading.h"
 #include "support/Testing.h"
 

@@ -5,8 +5,8 @@
 
 #include "CoreKestly/FileSystem/DCISHACache.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
-#include "CoreKestly/Platform/DCIMetadataQuery.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/Search/DCIMetadataQuery.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 #include "CoreKestly/SampleFinder/DCIAudioFile.h"
 #include "CoreKestly/SampleFinder/DCISampleFinder.h"
 #include "support/LogReading.h"

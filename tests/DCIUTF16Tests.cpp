@@ -1,4 +1,4 @@
-#include "CoreKestly/Platform/DCIUTF16Internal.h"
+#include "CoreKestly/Platform/Values/DCIUTF16Internal.h"
 
 #include "support/Testing.h"
 

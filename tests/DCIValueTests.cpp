@@ -1,8 +1,8 @@
 // Values, their descriptions, and the formatter that prints them.
 
-#include "CoreKestly/Platform/DCIFormat.h"
+#include "CoreKestly/Platform/Values/DCIFormat.h"
 
-#include "CoreKestly/Platform/DCIValue.h"
+#include "CoreKestly/Platform/Values/DCIValue.h"
 #include "support/Testing.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // Path text, and the small utilities of names, values and folders.
 
 #include "CoreKestly/KestlyUtilities.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include "support/Testing.h"
 

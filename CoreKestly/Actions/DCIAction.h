@@ -2,9 +2,9 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
-#include "CoreKestly/Platform/DCIDate.h"
-#include "CoreKestly/Platform/DCIObject.h"
-#include "CoreKestly/Platform/DCIValue.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
+#include "CoreKestly/Platform/Values/DCIValue.h"
 
 #include <atomic>
 #include <concepts>

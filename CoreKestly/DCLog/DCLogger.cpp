@@ -1,7 +1,7 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 
-#include "CoreKestly/Platform/DCISerialExecutorInternal.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/RunLoop/DCISerialExecutorInternal.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <cerrno>
 #include <chrono>

@@ -2,7 +2,7 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
-#include "CoreKestly/Platform/DCIFormat.h"
+#include "CoreKestly/Platform/Values/DCIFormat.h"
 
 #include <memory>
 #include <string>

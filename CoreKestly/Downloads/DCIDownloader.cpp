@@ -6,8 +6,8 @@
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Events/DCIEventManager.h"
-#include "CoreKestly/Platform/DCIFormat.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
+#include "CoreKestly/Platform/Values/DCIFormat.h"
+#include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

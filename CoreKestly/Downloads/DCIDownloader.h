@@ -4,11 +4,11 @@
 
 #include "CoreKestly/Actions/DCIAction.h"
 #include "CoreKestly/Actions/DCIActionQueue.h"
-#include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
-#include "CoreKestly/Platform/DCIObject.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
-#include "CoreKestly/Platform/DCIURLConnection.h"
-#include "CoreKestly/Platform/DCIURLRequest.h"
+#include "CoreKestly/Platform/RunLoop/DCIAtomicSharedPtr.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
+#include "CoreKestly/Platform/Network/DCIURLConnection.h"
+#include "CoreKestly/Platform/Network/DCIURLRequest.h"
 
 #include <atomic>
 #include <chrono>

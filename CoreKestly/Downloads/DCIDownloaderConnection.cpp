@@ -5,10 +5,10 @@
 
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/DCLog/DCLogger.h"
-#include "CoreKestly/Platform/DCIDate.h"
-#include "CoreKestly/Platform/DCIFormat.h"
-#include "CoreKestly/Platform/DCILocalizedString.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
+#include "CoreKestly/Platform/Values/DCIFormat.h"
+#include "CoreKestly/Platform/Values/DCILocalizedString.h"
+#include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
 
 #include <poll.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 #include "CoreKestly/Events/DCIEvent.h"
 
-#include "CoreKestly/Platform/DCIRecyclingAllocatorInternal.h"
+#include "CoreKestly/Platform/RunLoop/DCIRecyclingAllocatorInternal.h"
 
 std::shared_ptr<DCIEvent> DCIEvent::commonEventWithType(uint64_t type) {
     return initWithCategory(DCIEventCategoryCommon, type);

@@ -2,10 +2,10 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
-#include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
-#include "CoreKestly/Platform/DCIDate.h"
-#include "CoreKestly/Platform/DCIObject.h"
-#include "CoreKestly/Platform/DCIValue.h"
+#include "CoreKestly/Platform/RunLoop/DCIAtomicSharedPtr.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
+#include "CoreKestly/Platform/Values/DCIValue.h"
 
 #include <atomic>
 #include <cstdint>

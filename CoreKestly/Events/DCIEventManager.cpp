@@ -1,8 +1,8 @@
 #include "CoreKestly/Events/DCIEventManager.h"
 
 #include "CoreKestly/DCLog/DCLogger.h"
-#include "CoreKestly/Platform/DCIMPSCQueueInternal.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/RunLoop/DCIMPSCQueueInternal.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 
 #include <algorithm>
 #include <atomic>

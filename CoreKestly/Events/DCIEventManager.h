@@ -3,7 +3,7 @@
 #include "CoreKestly/CoreKestlyExport.h"
 
 #include "CoreKestly/Events/DCIEvent.h"
-#include "CoreKestly/Platform/DCIObject.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
 
 #include <memory>
 

@@ -5,9 +5,9 @@
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
-#include "CoreKestly/Platform/DCIDate.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
+#include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <filesystem>
 #include <system_error>

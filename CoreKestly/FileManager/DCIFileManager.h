@@ -5,9 +5,9 @@
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 #include "CoreKestly/FileSystem/DCISHACache.h"
-#include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
-#include "CoreKestly/Platform/DCIFSEventStream.h"
-#include "CoreKestly/Platform/DCIObject.h"
+#include "CoreKestly/Platform/RunLoop/DCIAtomicSharedPtr.h"
+#include "CoreKestly/Platform/Files/DCIFSEventStream.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
 #include "CoreKestly/SampleFinder/DCISampleFinder.h"
 
 #include <algorithm>

@@ -9,7 +9,7 @@
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Events/DCIEventManager.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <algorithm>
 #include <set>

@@ -7,8 +7,8 @@
 #include "CoreKestly/Actions/DCIActionQueue.h"
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/DCLog/DCLogger.h"
-#include "CoreKestly/Platform/DCIFileOperations.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/DCIFileOperations.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <sys/stat.h>
 

@@ -6,8 +6,8 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Events/DCIEventManager.h"
-#include "CoreKestly/Platform/DCIDate.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <sys/stat.h>
 

@@ -2,7 +2,7 @@
 
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -2,11 +2,11 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
-#include "CoreKestly/Platform/DCIAtomicSharedPtr.h"
+#include "CoreKestly/Platform/RunLoop/DCIAtomicSharedPtr.h"
 #include "CoreKestly/FileSystem/DCIFileStamp.h"
 #include "CoreKestly/FileSystem/DCIPathIdentity.h"
-#include "CoreKestly/Platform/DCIDate.h"
-#include "CoreKestly/Platform/DCIObject.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
 
 #include <atomic>
 #include <cstdint>

@@ -2,7 +2,7 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
-#include "CoreKestly/Platform/DCIDate.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
 
 #include <sys/stat.h>
 

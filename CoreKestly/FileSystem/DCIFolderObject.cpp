@@ -1,7 +1,7 @@
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 
-#include "CoreKestly/Platform/DCIFileOperations.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/DCIFileOperations.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <dirent.h>
 #include <fcntl.h>

@@ -3,9 +3,9 @@
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/FileSystem/DCISHACacheStoreInternal.h"
 #include "CoreKestly/FileSystem/KSTFileHashInternal.h"
-#include "CoreKestly/Platform/DCIFormat.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
-#include "CoreKestly/Platform/DCISerialExecutorInternal.h"
+#include "CoreKestly/Platform/Values/DCIFormat.h"
+#include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
+#include "CoreKestly/Platform/RunLoop/DCISerialExecutorInternal.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -3,8 +3,8 @@
 #include "CoreKestly/CoreKestlyExport.h"
 
 #include "CoreKestly/FileSystem/DCIFileStamp.h"
-#include "CoreKestly/Platform/DCIDate.h"
-#include "CoreKestly/Platform/DCIObject.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
 
 #include <atomic>
 #include <cstdint>

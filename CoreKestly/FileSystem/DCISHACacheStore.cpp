@@ -1,7 +1,7 @@
 #include "CoreKestly/FileSystem/DCISHACacheStoreInternal.h"
 
 #include "CoreKestly/DCLog/DCLogger.h"
-#include "CoreKestly/Platform/DCISQLiteDatabaseInternal.h"
+#include "CoreKestly/Platform/Storage/DCISQLiteDatabaseInternal.h"
 
 #include <ctime>
 #include <filesystem>

@@ -1,6 +1,6 @@
 #include "CoreKestly/Manifest/DCIManifestJSONInternal.h"
 
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
+#include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
 
 #include <cstring>
 #include <exception>

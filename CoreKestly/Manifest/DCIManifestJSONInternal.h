@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CoreKestly/Platform/DCIObject.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,6 +1,6 @@
 #include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <algorithm>
 #include <vector>

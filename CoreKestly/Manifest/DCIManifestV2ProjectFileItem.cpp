@@ -5,9 +5,9 @@
 #include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItemInternal.h"
 #include "CoreKestly/Manifest/DCIManifestValuesInternal.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
-#include "CoreKestly/Platform/DCIUTF16Internal.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
+#include "CoreKestly/Platform/Values/DCIUTF16Internal.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 using nlohmann::json;
 

@@ -2,7 +2,7 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
-#include "CoreKestly/Platform/DCIObject.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
 
 #include <cstdint>
 #include <memory>

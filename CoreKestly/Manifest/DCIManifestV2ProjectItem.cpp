@@ -7,8 +7,8 @@
 #include "CoreKestly/Manifest/DCIManifestPathsInternal.h"
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItemInternal.h"
 #include "CoreKestly/Manifest/DCIManifestValuesInternal.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 using nlohmann::json;
 

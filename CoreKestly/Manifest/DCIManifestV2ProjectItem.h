@@ -3,9 +3,9 @@
 #include "CoreKestly/CoreKestlyExport.h"
 
 #include "CoreKestly/Manifest/DCIManifestV2ProjectFileItem.h"
-#include "CoreKestly/Platform/DCIData.h"
-#include "CoreKestly/Platform/DCIDate.h"
-#include "CoreKestly/Platform/DCIObject.h"
+#include "CoreKestly/Platform/Values/DCIData.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
 
 #include <cstdint>
 #include <memory>

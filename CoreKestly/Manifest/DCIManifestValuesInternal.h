@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CoreKestly/Platform/DCIDate.h"
+#include "CoreKestly/Platform/Values/DCIDate.h"
 
 #include <optional>
 #include <string_view>

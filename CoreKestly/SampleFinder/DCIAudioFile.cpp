@@ -1,6 +1,6 @@
 #include "CoreKestly/SampleFinder/DCIAudioFile.h"
 
-#include "CoreKestly/Platform/DCIFileDescriptor.h"
+#include "CoreKestly/Platform/RunLoop/DCIFileDescriptor.h"
 
 #include <sndfile.h>
 

@@ -2,8 +2,8 @@
 
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/FileSystem/DCIFileQueries.h"
-#include "CoreKestly/Platform/DCILoggedTextInternal.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 #include "CoreKestly/SampleFinder/DCIAudioFile.h"
 #include "CoreKestly/SampleFinder/DCIStoppableHashInternal.h"
 

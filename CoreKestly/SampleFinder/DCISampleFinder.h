@@ -2,8 +2,8 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
-#include "CoreKestly/Platform/DCIMetadataQuery.h"
-#include "CoreKestly/Platform/DCIObject.h"
+#include "CoreKestly/Platform/Search/DCIMetadataQuery.h"
+#include "CoreKestly/Platform/Values/DCIObject.h"
 
 #include <chrono>
 #include <condition_variable>

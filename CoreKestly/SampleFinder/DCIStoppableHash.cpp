@@ -1,6 +1,6 @@
 #include "CoreKestly/SampleFinder/DCIStoppableHashInternal.h"
 
-#include "CoreKestly/Platform/DCIFileDescriptor.h"
+#include "CoreKestly/Platform/RunLoop/DCIFileDescriptor.h"
 
 #include <openssl/evp.h>
 

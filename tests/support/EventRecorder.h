@@ -2,7 +2,7 @@
 
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/Events/DCIEventManager.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "CachePaths.h"
 
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -10,9 +10,9 @@
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/Downloads/DCIDownloader.h"
 #include "CoreKestly/Events/DCIEventManager.h"
-#include "CoreKestly/Platform/DCIFileDescriptor.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/RunLoop/DCIFileDescriptor.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <nlohmann/json.hpp>
 

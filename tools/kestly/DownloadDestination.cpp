@@ -4,7 +4,7 @@
 
 #include "DownloadDestination.h"
 
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

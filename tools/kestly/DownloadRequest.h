@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CoreKestly/Platform/DCIURLRequest.h"
+#include "CoreKestly/Platform/Network/DCIURLRequest.h"
 
 #include <memory>
 #include <optional>

@@ -7,9 +7,9 @@
 
 #include "CoreKestly/FileSystem/DCIFileQueries.h"
 #include "CoreKestly/FileSystem/KSTFileHash.h"
-#include "CoreKestly/Platform/DCIMetadataQuery.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Search/DCIMetadataQuery.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 #include "CoreKestly/SampleFinder/DCISampleFinder.h"
 
 #include <sys/stat.h>

@@ -10,7 +10,7 @@
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
 #include "CoreKestly/FileSystem/DCISHACache.h"
-#include "CoreKestly/Platform/KestlyPath.h"
+#include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <nlohmann/json.hpp>
 

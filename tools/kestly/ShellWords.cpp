@@ -2,7 +2,7 @@
 
 #include "TerminalText.h"
 
-#include "CoreKestly/Platform/DCIUTF16Internal.h"
+#include "CoreKestly/Platform/Values/DCIUTF16Internal.h"
 
 #include <cstdio>
 #include <utility>

@@ -1,6 +1,6 @@
 #include "TerminalText.h"
 
-#include "CoreKestly/Platform/DCIUTF16Internal.h"
+#include "CoreKestly/Platform/Values/DCIUTF16Internal.h"
 
 #include <cstdio>
 

@@ -15,8 +15,8 @@
 #include "CoreKestly/Events/DCIEventManager.h"
 #include "CoreKestly/FileManager/DCIFileManager.h"
 #include "CoreKestly/FileSystem/DCIFileObject.h"
-#include "CoreKestly/Platform/DCIFileDescriptor.h"
-#include "CoreKestly/Platform/DCIRunLoop.h"
+#include "CoreKestly/Platform/RunLoop/DCIFileDescriptor.h"
+#include "CoreKestly/Platform/RunLoop/DCIRunLoop.h"
 
 #include <nlohmann/json.hpp>
 

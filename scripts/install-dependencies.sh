@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
-# Installs with apt-get whatever the build, the tests and the fuzz targets need and the
-# machine does not have yet (Debian 12).
+# Installs with apt-get whatever the build, the tests, the fuzz targets and the Debian
+# packages (dpkg-shlibdeps, file) need and the machine does not have yet (Debian 12).
 set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build ccache pkg-config clang libclang-rt-14-dev
   libssl-dev libsqlite3-dev nlohmann-json3-dev libcli11-dev
   libgtest-dev libbenchmark-dev libcurl4-openssl-dev libcpp-httplib-dev curl
-  libsndfile1-dev libutf8proc-dev plocate
+  libsndfile1-dev libutf8proc-dev plocate dpkg-dev file
 )
 
 missing=()

@@ -17,7 +17,20 @@ done
 [ ${#missing[@]} -eq 0 ] && exit 0
 
 sudo=""
-[ "$(id -u)" -eq 0 ] || sudo="sudo"
+if [ "$(id -u)" -ne 0 ]; then
+  if ! command -v sudo >/dev/null; then
+    cat >&2 <<MESSAGE
+These packages are missing: ${missing[*]}
+Installing them needs root, and sudo is not installed. Run this script again as root, or
+install sudo (as root: apt-get install sudo && adduser $(id -un) sudo, then log in again),
+or install the packages yourself as root:
+  apt-get update && apt-get install -y --no-install-recommends ${missing[*]}
+MESSAGE
+    exit 1
+  fi
+  sudo="sudo"
+fi
 echo "Installing: ${missing[*]}"
 $sudo apt-get update -qq
-DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# sudo resets the environment: the variable is passed through env to reach apt-get.
+$sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -4,4 +4,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/build.sh "$@"
 build_dir=${BUILD_DIR:-build}
+# CTEST_ARGS is split into words on purpose.
+# shellcheck disable=SC2086
 ctest --test-dir "$build_dir" --output-on-failure -j2 ${CTEST_ARGS:-}

@@ -16,6 +16,10 @@ fi
 # Changing the prefix of an existing build rebuilds nothing: only the install rules and the
 # generated package files follow it.
 BUILD_DIR=$build_dir scripts/build.sh -DCMAKE_INSTALL_PREFIX=/usr "$@"
+if [ ! -f "$build_dir/CPackConfig.cmake" ]; then
+  echo "$build_dir builds the static library, which makes no packages: add -DBUILD_SHARED_LIBS=ON" >&2
+  exit 1
+fi
 mkdir -p "$output_dir"
 output_dir=$(cd "$output_dir" && pwd)
 (cd "$build_dir" && cpack -G DEB -B "$output_dir" >/dev/null)

@@ -125,21 +125,47 @@ TEST(DCLogger, AForkedChildLogsAndExits) {
     EXPECT_EQ(log.count("before the fork"), 1u);
 }
 
-TEST(DCLogger, InfoIsSilencedOnlyByVerboseLoggingExactlyNoAndErrorsNever) {
-    struct Case { const char* verbose; bool error, logs; };
-    const Case cases[] = {{"no", false, false}, {nullptr, false, true}, {"NO", false, true},
-                          {"yes", false, true}, {"", false, true},      {"no", true, true}};
+// Every line reaches the log file, unless it is information and VERBOSE_LOGGING is exactly "no";
+// it is echoed, when at or above the minimum level, to the sink or else to standard error.
+TEST(DCLogger, LinesReachTheFileAsVerboseLoggingSaysAndTheEchoAsTheLevelSays) {
+    using enum DCLogLevel;
+    struct Case { const char* verbose; DCLogLevel level, minimum; bool sink, logs, echoes; };
+    const Case cases[] = {{"no", info, info, false, false, false}, {nullptr, info, info, false, true, true},
+                          {"NO", info, info, false, true, true},   {"yes", info, info, false, true, true},
+                          {"", info, info, false, true, true},     {"no", error, info, false, true, true},
+                          {nullptr, info, error, false, true, false}, {nullptr, info, info, true, true, true},
+                          {nullptr, info, error, true, true, false},  {"no", error, error, true, true, true}};
     for (const Case& c : cases) {
         ScopedEnvironment verbose("VERBOSE_LOGGING", c.verbose);
-        const std::string marker = std::string(c.error ? "error" : "info") + " marker " + (c.verbose ? c.verbose : "unset");
+        const std::string marker = "marker " + std::to_string(&c - cases);
         SCOPED_TRACE(marker);
+        std::vector<std::pair<DCLogLevel, std::string>> sunk;
+        DCLogSetSink(c.minimum, c.sink ? DCLogSink([&](auto... line) { sunk.emplace_back(line...); }) : nullptr);
         const LogSince log;
         testing::internal::CaptureStderr();
-        c.error ? DCLogError("%@ %d", marker.c_str(), 17) : DCLogInfo("%@ %d", marker.c_str(), 17);
+        c.level == error ? DCLogError("%@ %d", marker.c_str(), 17) : DCLogInfo("%@ %d", marker.c_str(), 17);
         const std::string echo = testing::internal::GetCapturedStderr();
-        // One entry in the log; one line echoed: time, process name and ids, then the message.
+        DCLogSetSink(info, nullptr);
         EXPECT_EQ(log.count(marker + " 17"), c.logs ? 1u : 0u);
+        // Echoed on standard error as one line: time, process name and ids, then the message.
         const std::regex echoed(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{3} \S+\[\d+:\d+\] )" + marker + " 17\n");
-        EXPECT_TRUE(c.logs ? std::regex_match(echo, echoed) : echo.empty()) << echo;
+        EXPECT_TRUE(c.echoes && !c.sink ? std::regex_match(echo, echoed) : echo.empty()) << echo;
+        EXPECT_EQ(sunk, (c.echoes && c.sink ? decltype(sunk){{c.level, marker + " 17"}} : decltype(sunk){}));
     }
+}
+
+// A sink that logs, replaces itself and throws, while another thread runs it too: nothing
+// deadlocks, and what it logs goes to the log file alone.
+TEST(DCLogger, ASinkThatLogsReplacesItselfAndThrowsHurtsNothing) {
+    const LogSince log;
+    testing::internal::CaptureStderr();
+    DCLogSetSink(DCLogLevel::info, [](DCLogLevel, const std::string& message) {
+        DCLogError("inside the sink, after %@", message);
+        if (message == "replace") DCLogSetSink(DCLogLevel::info, [](DCLogLevel, const std::string&) { throw 1; });
+        throw std::runtime_error("the host's bug");
+    });
+    startThreads(2, [](int t) { for (int i = 0; i < 100; ++i) DCLogError("%@", t == 0 && i == 50 ? "replace" : DCIFormat("t%d", t)); });
+    DCLogSetSink(DCLogLevel::info, nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(std::pair(log.count("inside the sink, after t0"), log.count("inside the sink, after replace")), std::pair(size_t{50}, size_t{1}));
 }

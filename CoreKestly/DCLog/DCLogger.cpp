@@ -15,7 +15,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -68,6 +70,65 @@ std::string localTimeStamp(std::time_t seconds) {
 LoggerRegistry& loggerRegistry() {
     static LoggerRegistry* const registry = new LoggerRegistry;
     return *registry;
+}
+
+/// Where echoed lines go, as `DCLogSetSink` last said. Never destroyed, as the registry.
+struct EchoRoute {
+    std::mutex mutex;  // guards the two members below, and every copy of `sink` being let go
+    DCLogLevel minimum = DCLogLevel::info;
+    std::shared_ptr<const DCLogSink> sink;  // standard error when null
+    /// Notified whenever a call of a sink has let its copy go.
+    std::condition_variable sinkReturned;
+};
+
+EchoRoute& echoRoute() {
+    static EchoRoute* const route = new EchoRoute;
+    return *route;
+}
+
+/// The sink this thread is running, so that what it logs is not echoed again.
+thread_local const DCLogSink* runningSink = nullptr;
+
+/// "yyyy-mm-dd hh:mm:ss.mmm name[pid:tid] message\n".
+std::string stampedLine(const std::string& message) {
+    const auto now = std::chrono::system_clock::now();
+    const auto milliseconds =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    char stamp[64];
+    std::snprintf(stamp, sizeof stamp, "%s.%03lld %s[%d:%ld] ",
+                  localTimeStamp(std::chrono::system_clock::to_time_t(now)).c_str(),
+                  static_cast<long long>(milliseconds), program_invocation_short_name, static_cast<int>(getpid()),
+                  static_cast<long>(::syscall(SYS_gettid)));
+    return stamp + message + "\n";
+}
+
+void echo(DCLogLevel level, const std::string& message) {
+    if (runningSink) return;
+    EchoRoute& route = echoRoute();
+    std::shared_ptr<const DCLogSink> sink;
+    {
+        std::lock_guard lock(route.mutex);
+        if (level < route.minimum) return;
+        sink = route.sink;
+    }
+    if (!sink) {
+        // One write, so that lines of two threads never mix on standard error.
+        writeFully(STDERR_FILENO, stampedLine(message));
+        return;
+    }
+    runningSink = sink.get();
+    try {
+        (*sink)(level, message);
+    } catch (...) {
+        // The host's fault; the line is in the log file all the same.
+    }
+    runningSink = nullptr;
+    {
+        std::lock_guard lock(route.mutex);
+        // The last copy is let go after the lock, as what the sink holds may log as it goes.
+        if (sink.use_count() > 1) sink.reset();
+    }
+    route.sinkReturned.notify_all();
 }
 
 }  // namespace
@@ -123,8 +184,7 @@ DCLogger::DCLogger(const std::string& directory)
         output_->file = ::open(currentLogFileURL_.c_str(),
                                O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
     } else {
-        writeFully(STDERR_FILENO, "kestly: " + directory +
-                                      " is not a directory of this user's own; the log file is off\n");
+        echo(DCLogLevel::error, directory + " is not a directory of this user's own; the log file is off");
     }
     // Installed once, with the first logger: before it, a fork has no logger to care for.
     [[maybe_unused]] static const int forkHandlers = pthread_atfork(prepareForFork, afterForkInParent, afterForkInChild);
@@ -148,6 +208,7 @@ DCLogger::~DCLogger() {
 // file locks are taken around it, so the child finds them free and every file write whole.
 // The child never touches the parent's writer, whose queue the parent goes on writing.
 void DCLogger::prepareForFork() {
+    echoRoute().mutex.lock();
     loggerRegistry().mutex.lock();
     for (DCLogger* logger : loggerRegistry().loggers) logger->output_->fileMutex.lock();
 }
@@ -155,6 +216,7 @@ void DCLogger::prepareForFork() {
 void DCLogger::afterForkInParent() {
     for (DCLogger* logger : loggerRegistry().loggers) logger->output_->fileMutex.unlock();
     loggerRegistry().mutex.unlock();
+    echoRoute().mutex.unlock();
 }
 
 void DCLogger::afterForkInChild() {
@@ -163,6 +225,7 @@ void DCLogger::afterForkInChild() {
         logger->output_->fileMutex.unlock();
     }
     loggerRegistry().mutex.unlock();
+    echoRoute().mutex.unlock();
 }
 
 int DCLogger::logFile() const {
@@ -195,16 +258,20 @@ bool DCLogInfoIsSilenced() {
     return verbose && std::string_view(verbose) == "no";
 }
 
-void DCLogMessage(std::string message) {
-    const auto now = std::chrono::system_clock::now();
-    const auto milliseconds =
-        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-    char stamp[64];
-    std::snprintf(stamp, sizeof stamp, "%s.%03lld %s[%d:%ld] ",
-                  localTimeStamp(std::chrono::system_clock::to_time_t(now)).c_str(),
-                  static_cast<long long>(milliseconds), program_invocation_short_name, static_cast<int>(getpid()),
-                  static_cast<long>(::syscall(SYS_gettid)));
-    // One write, so that lines of two threads never mix on standard error.
-    writeFully(STDERR_FILENO, std::string(stamp) + message + "\n");
+void DCLogSetSink(DCLogLevel minimum, DCLogSink sink) {
+    EchoRoute& route = echoRoute();
+    auto replacement = sink ? std::make_shared<const DCLogSink>(std::move(sink)) : nullptr;
+    std::shared_ptr<const DCLogSink> replaced;  // let go after the lock, as in `echo`
+    std::unique_lock lock(route.mutex);
+    route.minimum = minimum;
+    replaced = std::exchange(route.sink, std::move(replacement));
+    // Every other call of the replaced sink lets its copy go under the lock; this thread's own,
+    // when it runs that sink, cannot.
+    const long ownCopies = replaced && runningSink == replaced.get() ? 2 : 1;
+    route.sinkReturned.wait(lock, [&] { return replaced.use_count() <= ownCopies; });
+}
+
+void DCLogMessage(DCLogLevel level, std::string message) {
+    echo(level, message);
     DCLogger::sharedLogger().log(std::move(message));
 }

@@ -4,6 +4,7 @@
 
 #include "CoreKestly/Platform/Values/DCIFormat.h"
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -16,8 +17,8 @@
 /// When a logger starts, the log of the run before becomes the previous log and an empty
 /// current log is begun, so one generation survives. Nothing about the file is reported
 /// but a folder that is not the user's own: when the file cannot be rotated, opened or
-/// written, entries are silently lost and the standard-error echo of `DCLogInfo` and
-/// `DCLogError` still happens.
+/// written, entries are silently lost and the echo of `DCLogInfo` and `DCLogError` (see
+/// `DCLogSetSink`) still happens.
 ///
 /// The logs tell what the user works on, so they live in a folder only the user can enter,
 /// and are made readable by the user alone (0600) and never opened through a link.
@@ -35,8 +36,8 @@ public:
 
     /// A logger whose files live in `directory`: makes the folder (0700) when it is missing,
     /// rotates the files and starts the writer. Unless the folder is then a real directory
-    /// (not a link) owned by this user, the logger says so once on standard error and writes
-    /// no file.
+    /// (not a link) owned by this user, the logger says so once, as an error echoed as
+    /// `DCLogSetSink` says, and writes no file.
     explicit DCLogger(const std::string& directory);
     /// Writes what is still queued, then stops the writer and closes the file.
     ~DCLogger();
@@ -71,22 +72,43 @@ private:
     const std::unique_ptr<Output> output_;
 };
 
+/// How much a log line matters, least first.
+enum class DCLogLevel { info, error };
+
+/// Where a host routes the library's lines: each line's level and its message, unstamped.
+using DCLogSink = std::function<void(DCLogLevel level, const std::string& message)>;
+
+/// Echoes the lines of `minimum` and above to `sink`, or to standard error when `sink` is empty
+/// (as before the first call, with `minimum` info). The log file is not affected: it gets
+/// every line, whatever the level, unless `VERBOSE_LOGGING` silences it.
+///
+/// The sink runs on the thread that logs, before its `DCLogInfo` or `DCLogError` returns, and
+/// on several threads at once when they log at once: keep it quick and thread-safe, and hand
+/// a line to a user interface through that interface's own queue (`g_idle_add`,
+/// `QMetaObject::invokeMethod`). A line it logs itself, directly or through the library, goes
+/// to the log file only, never back to a sink; an exception it throws is dropped.
+///
+/// Once this returns, the sink it replaced runs no more, so what that sink used may go;
+/// called from inside that sink, it waits for the sink's other calls but not its own. Any
+/// thread.
+KESTLY_EXPORT void DCLogSetSink(DCLogLevel minimum, DCLogSink sink);
+
 /// Whether `DCLogInfo` is silenced: `VERBOSE_LOGGING` is exactly "no". Read at every call.
 KESTLY_EXPORT bool DCLogInfoIsSilenced();
-/// Echoes `message` to standard error as one line stamped with the time, the process name and
-/// ids, and appends it to the shared logger's file.
-KESTLY_EXPORT void DCLogMessage(std::string message);
+/// Echoes `message` (see `DCLogSetSink`), on standard error as one line stamped with the time,
+/// the process name and ids, and appends it to the shared logger's file.
+KESTLY_EXPORT void DCLogMessage(DCLogLevel level, std::string message);
 
 /// Logs information, unless `VERBOSE_LOGGING` is "no". The format takes the platform's
 /// conversions (`%@`, `%d`, `%lu`, `%s`...), see `DCIFormat`.
 template <class... Args>
 void DCLogInfo(std::string_view format, const Args&... args) {
     if (DCLogInfoIsSilenced()) return;
-    DCLogMessage(DCIFormat(format, args...));
+    DCLogMessage(DCLogLevel::info, DCIFormat(format, args...));
 }
 
 /// Logs an error, whatever `VERBOSE_LOGGING` says.
 template <class... Args>
 void DCLogError(std::string_view format, const Args&... args) {
-    DCLogMessage(DCIFormat(format, args...));
+    DCLogMessage(DCLogLevel::error, DCIFormat(format, args...));
 }

@@ -280,7 +280,7 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
                                shellQuoted(folder / "s.sqlite");
     auto watch = [&](const std::string& arguments, const std::string& input) {
         std::ofstream(folder / "input") << input;
-        return runKestly("watch " + arguments + caches + " <" + shellQuoted(folder / "input") + " 2>/dev/null");
+        return runKestly("watch " + arguments + caches + " <" + shellQuoted(folder / "input") + " 2>" + shellQuoted(folder / "errors"));
     };
     // The three lines of an action that runs to completion.
     auto completed = [](const std::string& op, const std::string& paths) {
@@ -295,9 +295,11 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
     for (const auto& [status, code] : {std::pair("Pending", "2"), {"Running", "3"}, {"Completed", "7"}})
         bytesMoved += R"({"event":"ActionStatusChanged","type":11,"op":"move","from":")" + root + "/\uFFFD.wav\",\"fromBytes\":\"" + from +
                       R"(","to":")" + root + "/\uFFFD.wav\",\"toBytes\":\"" + to + R"(","status":")" + status + R"(","statusCode":)" + code + "}\n";
+    // Only -v shows the library's lines.
     struct Case { const char* name; std::string arguments, input; int status; std::string output; };
     const Case cases[] = {
         {"missing root", shellQuoted(folder / "missing"), "", 3, "root removed\nstopped\n"},
+        {"-v", shellQuoted(root) + " -v", "stop\n", 0, "stopped\n"},
         // The mkdir is queued first and must run first, though the queue hands out the newest first.
         {"commands in order", shellQuoted(root),
          "mkdir '" + root + "/D: x'\nmove " + root + "/a.wav '" + root + "/D: x/a.wav'\nstop\n", 0,
@@ -316,6 +318,8 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         SCOPED_TRACE(test.name);
         auto run = watch(test.arguments, test.input);
         EXPECT_EQ(run.status, test.status);
+        const std::string errors = readWholeFile(folder / "errors");
+        EXPECT_EQ(errors.find("] File manager loop completed\n") != std::string::npos, test.arguments.ends_with(" -v")) << errors;
         // Commands may be queued before the ready line or after it, and a stop before it leaves
         // it out: it is checked on its own.
         const std::string ready = test.arguments.ends_with("--json") ? R"({"event":"FileManagerReady","type":1})" "\n" : "ready\n";

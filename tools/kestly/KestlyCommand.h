@@ -12,6 +12,10 @@ struct KestlyCommand {
     std::function<int()> run;
 };
 
+/// Whether kestly shows progress and notices on standard error: it is a terminal and -q was
+/// not given. Errors and the data asked for are shown whatever it says.
+bool showsProgressAndNotices();
+
 // The subcommands; each lives in a file of its own and main.cpp lists them.
 KestlyCommand addHashCommand(CLI::App& app);
 KestlyCommand addScanCommand(CLI::App& app);

@@ -224,6 +224,7 @@ int showManifest(const ManifestOptions& options) {
         std::fprintf(stderr, "kestly: writing the output: %s\n", std::strerror(errno));
         return 2;
     }
+    if (!valid) std::fprintf(stderr, "kestly: %s: not a valid manifest (-v shows what the library found)\n", options.file.c_str());
     return valid ? 0 : 1;
 }
 

@@ -29,7 +29,6 @@
 #include <string>
 #include <thread>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -66,13 +65,13 @@ DCISasIDCalculator countingCalculator(std::shared_ptr<ReadCounts> reads) {
 }
 
 // Passes the tree's questions on to the caches, counting the hashes they answered without
-// reading the file, and, while standard error is a terminal and the scan has taken more than
-// a second, shows how far it has come: entries listed, then files and bytes hashed, the rate
-// of reading and the time left. Hashing asks from several threads at once.
+// reading the file, and, once the scan has taken more than a second, shows how far it has
+// come: entries listed, then files and bytes hashed, the rate of reading and the time left.
+// Hashing asks from several threads at once.
 class MonitoredQueries : public DCIFileQueries {
 public:
     explicit MonitoredQueries(std::shared_ptr<DCIFileQueries> queries)
-        : queries_(std::move(queries)), showsProgress_(isatty(STDERR_FILENO) == 1) {}
+        : queries_(std::move(queries)), showsProgress_(showsProgressAndNotices()) {}
 
     uint64_t cacheHits() const { return cacheHits_; }
     /// The files about to be hashed.

@@ -323,10 +323,10 @@ void readCommands(const std::weak_ptr<CommandRunner>& runner) {
     }
 }
 
-// While standard error is a terminal and a first scan takes more than a second, shows how far
-// its hashing has come, on one line that goes once the manager is ready.
+// While a first scan takes more than a second, shows how far its hashing has come, on one line
+// that goes once the manager is ready.
 std::unique_ptr<DCIRunLoopSource> showFirstScanProgress(const DCIFileManager& manager, const EventPrinter& printer) {
-    if (!isatty(STDERR_FILENO)) return nullptr;
+    if (!showsProgressAndNotices()) return nullptr;
     const auto start = std::chrono::steady_clock::now();
     auto shown = std::make_shared<bool>(false);
     return DCIRunLoop::main().addTimer(std::chrono::milliseconds(250), true, [&manager, &printer, start, shown] {
@@ -386,7 +386,7 @@ int watch(const WatchOptions& options) {
             manager->stop();
         }
     });
-    if (isatty(STDERR_FILENO)) {
+    if (showsProgressAndNotices()) {
         std::fprintf(stderr, "kestly: watching %s; building and hashing its tree first (Ctrl-C stops)\n",
                      terminalText(*root).c_str());
     }

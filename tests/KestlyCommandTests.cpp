@@ -295,10 +295,11 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
     for (const auto& [status, code] : {std::pair("Pending", "2"), {"Running", "3"}, {"Completed", "7"}})
         bytesMoved += R"({"event":"ActionStatusChanged","type":11,"op":"move","from":")" + root + "/\uFFFD.wav\",\"fromBytes\":\"" + from +
                       R"(","to":")" + root + "/\uFFFD.wav\",\"toBytes\":\"" + to + R"(","status":")" + status + R"(","statusCode":)" + code + "}\n";
-    // Only -v shows the library's lines.
-    struct Case { const char* name; std::string arguments, input; int status; std::string output; };
+    // Only -v shows the library's lines; kestly's own errors are looked for.
+    struct Case { const char* name; std::string arguments, input; int status; std::string output, error = ""; };
     const Case cases[] = {
-        {"missing root", shellQuoted(folder / "missing"), "", 3, "root removed\nstopped\n"},
+        {"missing root", shellQuoted(folder / "missing"), "", 3, "", "kestly: " + (folder / "missing") + ": no such folder\n"},
+        {"a file for a root", shellQuoted(root + "/keep.wav"), "stop\n", 3, "", "kestly: " + root + "/keep.wav: not a folder\n"},
         {"-v", shellQuoted(root) + " -v", "stop\n", 0, "stopped\n"},
         // The mkdir is queued first and must run first, though the queue hands out the newest first.
         {"commands in order", shellQuoted(root),
@@ -319,6 +320,7 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         auto run = watch(test.arguments, test.input);
         EXPECT_EQ(run.status, test.status);
         const std::string errors = readWholeFile(folder / "errors");
+        EXPECT_NE(errors.find(test.error), std::string::npos) << errors;
         EXPECT_EQ(errors.find("] File manager loop completed\n") != std::string::npos, test.arguments.ends_with(" -v")) << errors;
         // Commands may be queued before the ready line or after it, and a stop before it leaves
         // it out: it is checked on its own.

@@ -20,15 +20,19 @@
 
 #include <nlohmann/json.hpp>
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <variant>
@@ -345,6 +349,15 @@ std::unique_ptr<DCIRunLoopSource> showFirstScanProgress(const DCIFileManager& ma
     });
 }
 
+// Why `root` cannot be watched, or nothing when it can. The library would watch a missing
+// folder as one removed at once, and a file or a folder it cannot read as an empty folder.
+std::optional<std::string> whyUnwatchable(const std::string& root) {
+    if (DCIFileDescriptor(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))) return std::nullopt;
+    if (errno == ENOENT) return "no such folder";
+    if (errno == ENOTDIR) return "not a folder";
+    return std::string("cannot read the folder: ") + std::strerror(errno);
+}
+
 int watch(const WatchOptions& options) {
     // SIGINT and SIGTERM arrive through a descriptor on the main loop, in every thread made
     // from here on too.
@@ -359,6 +372,10 @@ int watch(const WatchOptions& options) {
     if (!root) {
         std::fprintf(stderr, "kestly: %s: the working folder is gone\n", options.root.c_str());
         return 2;
+    }
+    if (const auto problem = whyUnwatchable(*root)) {
+        std::fprintf(stderr, "kestly: %s: %s\n", terminalText(options.root).c_str(), problem->c_str());
+        return 3;
     }
     CachePaths caches = options.caches;
     if (const int status = completeCachePaths(caches); status != 0) return status;
@@ -407,7 +424,8 @@ KestlyCommand addWatchCommand(CLI::App& app) {
     CLI::App* command = app.add_subcommand(
         "watch", "Watch ROOT and print each change as it is reported; standard input takes file operations "
                  "(move FROM TO, copy FROM TO, mkdir PATH, stop, paths quoted as a shell quotes words; or the same "
-                 "as JSON objects, where fromBytes, toBytes and pathBytes give a path's bytes in base64)");
+                 "as JSON objects, where fromBytes, toBytes and pathBytes give a path's bytes in base64); exit status 0 "
+                 "after a stop, 3 when ROOT is missing, is not a folder, cannot be read or is removed, 2 for a usage error");
     command->add_option("ROOT", options->root, "The folder to watch")->required();
     command->add_option("--primary-ext", options->kinds.primaryExtensions, "Extension of primary files [als]")
         ->allow_extra_args(false);

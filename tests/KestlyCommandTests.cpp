@@ -269,6 +269,9 @@ TEST(DCIManifestV2ProjectCommandTests, TheTableEscapesAndTheExitStatusesHoldThei
         {"manifest /dev/zero", 2}, {"manifest " + file + " >/dev/full", 2},
     };
     for (const auto& [arguments, expected] : runs) EXPECT_EQ(runKestly(arguments + " 2>/dev/null").status, expected) << arguments;
+    // The library's reasons go to its log file; kestly says it in its own words.
+    const std::string bad = folder.writeFile("bad.json", "{");
+    EXPECT_EQ(runKestly("manifest '" + bad + "' 2>&1 >/dev/null").output, "kestly: " + bad + ": not a valid manifest (-v shows what the library found)\n");
 }
 
 TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
@@ -300,7 +303,6 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
     const Case cases[] = {
         {"missing root", shellQuoted(folder / "missing"), "", 3, "", "kestly: " + (folder / "missing") + ": no such folder\n"},
         {"a file for a root", shellQuoted(root + "/keep.wav"), "stop\n", 3, "", "kestly: " + root + "/keep.wav: not a folder\n"},
-        {"-v", shellQuoted(root) + " -v", "stop\n", 0, "stopped\n"},
         // The mkdir is queued first and must run first, though the queue hands out the newest first.
         {"commands in order", shellQuoted(root),
          "mkdir '" + root + "/D: x'\nmove " + root + "/a.wav '" + root + "/D: x/a.wav'\nstop\n", 0,
@@ -311,7 +313,7 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         {"a move named by its bytes", shellQuoted(root) + " --json",
          R"({"op": "move", "fromBytes": ")" + from + R"(", "toBytes": ")" + to + "\"}\nstop\n", 0, bytesMoved + stopped + "\n"},
         // A path holding " -> " or a control character is printed quoted, and read back so.
-        {"quoted paths", shellQuoted(root), "move " + root + "/'x -> y.wav' " + root + "/$'a\\nb'.wav\nstop\n", 0,
+        {"quoted paths, -v", shellQuoted(root) + " -v", "move " + root + "/'x -> y.wav' " + root + "/$'a\\nb'.wav\nstop\n", 0,
          completed("move", "'" + root + "/x -> y.wav' -> '" + root + "/a'$'\\n''b.wav'") + "stopped\n"},
         {"no root", "", "", 2, ""},
     };
@@ -329,6 +331,12 @@ TEST(KestlyWatchCommand, PrintsEventsTakesCommandsInOrderAndExitsAsDocumented) {
         if (test.status == 2) { EXPECT_EQ(readyAt, std::string::npos); }
         if (readyAt != std::string::npos) run.output.erase(readyAt, ready.size());
         EXPECT_EQ(run.output, test.output);
+    }
+    // On a terminal kestly says what it does, unless -q.
+    for (const std::string quiet : {"", "-q "}) {
+        const std::string command = "echo stop | " + shellQuoted(kestlyProgram()) + " watch " + quiet + shellQuoted(root) + caches;
+        EXPECT_EQ(std::system(("script -qfec " + shellQuoted(command) + " /dev/null >" + shellQuoted(folder / "tty")).c_str()), 0);
+        EXPECT_EQ(readWholeFile(folder / "tty").find("kestly: watching") != std::string::npos, quiet.empty());
     }
     EXPECT_TRUE(fs::exists(root + "/D: x/a.wav") && fs::exists(root + "/\xfe.wav") && fs::exists(root + "/a\nb.wav"));
     EXPECT_FALSE(fs::exists(root + "/b.wav"));

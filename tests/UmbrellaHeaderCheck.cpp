@@ -17,7 +17,7 @@ static_assert(complete<DCIAction, DCIActionQueue, DCIActionQueuePlace, DCIAtomic
                        DCIURLConnectionDelegate, DCIURLRequest, DCIURLRequestFields, DCIURLResponse, DCIValue, DCLogger,
                        DCIActionCategory, DCIActionStatus, DCIActionType, DCIEventCategory, DCIEventType,
                        DCIMetadataQueryBackend, DCIMetadataQueryReach, DCIURLErrorCode, DCIKestlyDAW,
-                       DCILocalizedStringTable>);
+                       DCILocalizedStringTable, DCLogLevel, DCLogSink>);
 
 int main() {
     // The free functions a host calls, each named once.
@@ -26,4 +26,5 @@ int main() {
     (void)&KSTSha256ForFileAtPath;
     (void)&DCILocalizedString;
     (void)&RemoveEmptyFoldersUnderPath;
+    (void)&DCLogSetSink;
 }

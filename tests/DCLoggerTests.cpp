@@ -120,11 +120,9 @@ TEST(DCLogger, AForkedChildLogsAndExits) {
 TEST(DCLogger, LinesReachTheFileAsVerboseLoggingSaysAndTheEchoAsTheLevelSays) {
     using enum DCLogLevel;
     struct Case { const char* verbose; DCLogLevel level, minimum; bool sink, logs, echoes; };
-    const Case cases[] = {
-        {"no", info, info, false, false, false}, {nullptr, info, info, false, true, true}, {"NO", info, info, false, true, true},
-        {"yes", info, info, false, true, true}, {"", info, info, false, true, true}, {"no", error, info, false, true, true},
-        {nullptr, info, error, false, true, false}, {nullptr, info, info, true, true, true},
-        {nullptr, info, error, true, true, false}, {"no", error, error, true, true, true}};
+    const Case cases[] = {{"no", info, info, 0, 0, 0}, {nullptr, info, info, 0, 1, 1}, {"NO", info, info, 0, 1, 1}, {"yes", info, info, 0, 1, 1},
+                          {"", info, info, 0, 1, 1}, {"no", error, info, 0, 1, 1}, {nullptr, info, error, 0, 1, 0}, {nullptr, info, info, 1, 1, 1},
+                          {nullptr, info, error, 1, 1, 0}, {"no", error, error, 1, 1, 1}};
     for (const Case& c : cases) {
         ScopedEnvironment verbose("VERBOSE_LOGGING", c.verbose);
         const std::string marker = "marker " + std::to_string(&c - cases);
@@ -158,4 +156,13 @@ TEST(DCLogger, ASinkThatLogsReplacesItselfAndThrowsHurtsNothing) {
     DCLogSetSink(DCLogLevel::info, nullptr);
     EXPECT_EQ(std::tuple(testing::internal::GetCapturedStderr(), log.count("inside the sink, after t0"), log.count("inside the sink, after replace")),
               std::tuple("", size_t{50}, size_t{1}));
+}
+
+// The first line makes the shared logger, which tells the sink it refuses the folder; what the
+// sink logs then must not ask for the logger in the making. A fresh process has no logger yet.
+TEST(DCLoggerDeathTest, ASinkThatLogsAsTheFirstLoggerRefusesItsFolderHurtsNothing) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto sinkThatLogs = [](auto...) { DCLogError("from the sink"); };
+    EXPECT_EXIT(fs::remove(std::getenv("TMPDIR")); setenv("TMPDIR", "/proc/kestly-none", 1); DCLogSetSink(DCLogLevel::error, sinkThatLogs);
+                DCLogInfo("first"); std::exit(0), testing::ExitedWithCode(0), "");
 }

@@ -88,6 +88,9 @@ EchoRoute& echoRoute() {
 
 /// The sink this thread is running, so that what it logs is not echoed again.
 thread_local const DCLogSink* runningSink = nullptr;
+/// Set while a logger tells of the folder it refused. It may be the shared logger in the making,
+/// which a line logged meanwhile (by the sink) would ask for again; no file would take it.
+thread_local bool tellingOfRefusedFolder = false;
 
 /// "yyyy-mm-dd hh:mm:ss.mmm name[pid:tid] message\n".
 std::string stampedLine(const std::string& message) {
@@ -184,7 +187,9 @@ DCLogger::DCLogger(const std::string& directory)
         output_->file = ::open(currentLogFileURL_.c_str(),
                                O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
     } else {
+        tellingOfRefusedFolder = true;
         echo(DCLogLevel::error, directory + " is not a directory of this user's own; the log file is off");
+        tellingOfRefusedFolder = false;
     }
     // Installed once, with the first logger: before it, a fork has no logger to care for.
     [[maybe_unused]] static const int forkHandlers = pthread_atfork(prepareForFork, afterForkInParent, afterForkInChild);
@@ -272,6 +277,7 @@ void DCLogSetSink(DCLogLevel minimum, DCLogSink sink) {
 }
 
 void DCLogMessage(DCLogLevel level, std::string message) {
+    if (tellingOfRefusedFolder) return;
     echo(level, message);
     DCLogger::sharedLogger().log(std::move(message));
 }

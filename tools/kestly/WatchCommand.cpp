@@ -352,7 +352,8 @@ std::unique_ptr<DCIRunLoopSource> showFirstScanProgress(const DCIFileManager& ma
 // Why `root` cannot be watched, or nothing when it can. The library would watch a missing
 // folder as one removed at once, and a file or a folder it cannot read as an empty folder.
 std::optional<std::string> whyUnwatchable(const std::string& root) {
-    if (DCIFileDescriptor(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))) return std::nullopt;
+    const DCIFileDescriptor folder(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder) return std::nullopt;
     if (errno == ENOENT) return "no such folder";
     if (errno == ENOTDIR) return "not a folder";
     return std::string("cannot read the folder: ") + std::strerror(errno);

@@ -42,6 +42,19 @@ protected:
         return DCIDownloader::dataDownloadActionWithRequest(DCIURLRequest::requestWithURL(server.url(path)));
     }
 
+    /// What the host heard of the action, in order: each status it changed to, and "+" for a run
+    /// of progress events, such as "23+7".
+    std::string heard(const std::shared_ptr<DCIAction>& action) const {
+        std::string text;
+        for (const auto& event : recorder->events) {
+            if (event->action() != action) continue;
+            const auto status = event->contextValue(kDCIActionStatusKey);
+            if (status) text += std::to_string(status->int64Value().value_or(-1));
+            else if (!text.ends_with('+')) text += '+';
+        }
+        return text;
+    }
+
     /// Queues the action and pumps the main loop until the worker has ended it and let it go.
     void run(const std::shared_ptr<DCIAction>& action) {
         queue->addAction(action);
@@ -196,21 +209,35 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
     }
 }
 
-TEST_F(DCIDownloaderTest, HostStopsARunningDownloadAtItsNextChunkAndTheWorkerGoesOn) {
-    for (const int64_t stop : {DCIActionStatusCanceled, DCIActionStatusPaused}) {
-        SCOPED_TRACE(stop);
+// Stopped while it runs, or before the main thread's start step, an action keeps the status
+// the host gave it. The worker goes on through actions queued together, taking each as the last
+// ends, and the host hears each one's steps in order, with its own counts.
+TEST_F(DCIDownloaderTest, HostStopsADownloadAndTheWorkerGoesOn) {
+    for (const auto& [stop, beforeStart] : {std::pair(DCIActionStatusCanceled, false),
+                                            {DCIActionStatusPaused, false}, {DCIActionStatusCanceled, true}}) {
+        SCOPED_TRACE(std::to_string(stop) + (beforeStart ? " before its start" : ""));
         const std::string destination = folder / "slow";
         const auto action = DCIDownloader::fileDownloadActionWithRequest(
             DCIURLRequest::requestWithURL(server.url("/slow?chunks=200&gap=20")), destination);
         queue->addAction(action);
-        ASSERT_TRUE(pumpMainLoopUntil([&] { return downloadedSize(action) > 0; }));
+        if (beforeStart) {  // the main loop, where the start step runs, does not run meanwhile
+            for (int tries = 0; worker->currentAction() != action && tries < 5000; ++tries) std::this_thread::sleep_for(1ms);
+        } else {
+            ASSERT_TRUE(pumpMainLoopUntil([&] { return downloadedSize(action) > 0; }));
+        }
         action->changeStatus(stop);
-        const auto next = dataDownload("/reply?status=200&size=10");
-        run(next);
+        std::vector<std::shared_ptr<DCIAction>> next;
+        for (size_t size = 1000; size <= 6000; size += 1000) next.push_back(dataDownload("/reply?status=200&size=" + std::to_string(size)));
+        for (const auto& each : next) queue->addAction(each);
+        std::this_thread::sleep_for(200ms);  // without the main loop: the worker gets bodies before their start steps
+        ASSERT_TRUE(pumpMainLoopUntil([&] { return std::ranges::all_of(next, hasEnded); }));
 
-        EXPECT_EQ(std::tuple(next->status(), action->status()), std::tuple(DCIActionStatusCompleted, stop));
+        EXPECT_EQ(action->status(), stop);
+        EXPECT_TRUE(beforeStart ? heard(action) == "25" : heard(action).starts_with("23+")) << heard(action);
+        for (size_t i = 0; i < next.size(); ++i)
+            EXPECT_EQ(heard(next[i]) + " " + std::to_string(downloadedSize(next[i])), "23+7 " + std::to_string(1000 * (i + 1)));
         const std::string kept = readWholeFile(destination);
-        EXPECT_TRUE(kept.size() > 0 && kept.size() < 200'000) << kept.size();
+        EXPECT_TRUE(kept.size() < 200'000 && (beforeStart || !kept.empty())) << kept.size();
         EXPECT_EQ(kept, pattern(kept.size()));  // the start of what the server sent
     }
 }

@@ -1,4 +1,4 @@
-// The worker's life: its thread and loop, the start of each action, progress and reset.
+// The worker's life: its thread and loop, the start and end of each action, and progress.
 // The connection's callbacks are in DCIDownloaderConnection.cpp.
 
 #include "CoreKestly/Downloads/DCIDownloader.h"
@@ -18,6 +18,7 @@
 #include <exception>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -106,7 +107,6 @@ std::shared_ptr<DCIDownloader> DCIDownloader::initWithQueue(std::shared_ptr<DCIA
     DCIURLConnection::prepareLoading();
     auto worker = std::shared_ptr<DCIDownloader>(
         new DCIDownloader(std::move(queue), DCIFormat("Downloader %lu", downloaderCount.fetch_add(1))));
-    worker->reset();
     try {
         // The thread owns the worker until its loop has ended.
         worker->thread_ = std::thread([worker] { worker->threadMain(); });
@@ -147,7 +147,9 @@ void DCIDownloader::threadMain() {
     try {
         if (currentAction_.load())
             failCurrentAction(DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "the download worker stopped"));
-        postWorkerEvent(DCIEventTypeDownloaderStopped, shared_from_this());
+        // Through the main thread, after the end step of the last action.
+        DCIRunLoop::main().performAsync(
+            [self = shared_from_this()] { postWorkerEvent(DCIEventTypeDownloaderStopped, self); });
     } catch (...) {
         DCLogError("%@ could not tell that it stopped", name_);
     }
@@ -174,7 +176,9 @@ void DCIDownloader::serveQueue() {
         woken = false;
         if (currentAction_.load()) {
             // The slice ends as soon as the action does, so the next one starts at once.
-            loop.runUntil([this] { return !currentAction_.load(); }, kLoopSlice);
+            const auto refused = [this] { return refusedAction_.load() == actionNumber_; };
+            loop.runUntil([&] { return !currentAction_.load() || refused(); }, kLoopSlice);
+            if (currentAction_.load() && refused()) reset();
         } else if (auto action = downloadQueue_->popNextAction()) {
             processAction(action);
         } else {
@@ -219,30 +223,40 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
     }
 
     currentAction_.store(action);
-    // The first bytes of an action are signalled at once.
-    progressTimer_.reset();
-    lastProgressSignal_ = {};
     action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
-    currentDownloadedSize_.store(0);
-    totalDownloadSize_.store(0);
+    started_.store(false);
+    expectedTotal_ = 0;
+    const uint64_t number = ++actionNumber_;
     auto connection = DCIURLConnection::initWithRequest(request, weak_from_this());
     connection_.store(connection);
+    DCLogInfo("ACF CONNECTION START %@ (%@)", DCILoggedText(DCIURLWithoutCredentials(request->URL())), name_);
+    // The request goes out at once. The test of the status and its change to Running happen
+    // together on the main thread, where the host changes statuses too; the worker does not
+    // wait for them.
+    connection->start();
+    DCIRunLoop::main().performAsync(
+        [self = shared_from_this(), action, number] { self->startOnMainThread(action, number); });
+}
 
-    // The test of the status and its change to Running happen together on the main thread,
-    // where the host changes statuses too.
-    DCIRunLoop::main().performSync([&] {
-        if (action->status() != DCIActionStatusPending) {
-            resetOnMainThread();
-            return;
-        }
-        action->changeStatus(DCIActionStatusRunning);
-        DCLogInfo("ACF CONNECTION START %@ (%@)", DCILoggedText(DCIURLWithoutCredentials(request->URL())), name_);
-        connection->start();
-    });
+void DCIDownloader::startOnMainThread(const std::shared_ptr<DCIAction>& action, uint64_t number) {
+    if (action->status() != DCIActionStatusPending) {
+        refusedAction_.store(number);
+        if (const auto wake = wakeSource_.load()) wake->signal();
+        return;
+    }
+    progressAction_ = action;
+    currentDownloadedSize_.store(0);
+    totalDownloadSize_.store(0);
+    action->changeStatus(DCIActionStatusRunning);
+    started_.store(true);
 }
 
 void DCIDownloader::addProgress(uint64_t bytes) {
-    pendingProgress_.fetch_add(bytes);
+    heldProgress_ += bytes;
+    if (!started_.load()) return;
+    // The total first: the main thread reads it after the bytes.
+    totalDownloadSize_.store(expectedTotal_);
+    pendingProgress_.fetch_add(std::exchange(heldProgress_, 0));
     // The main thread is woken at most this often per worker, so that it handles a few dozen
     // ticks a second at full speed rather than one per chunk; the bytes in between are summed,
     // and signalled when the interval ends even if the stream stalls there.
@@ -264,7 +278,7 @@ void DCIDownloader::signalProgress() {
 
 void DCIDownloader::handleProgress() {
     const uint64_t bytes = pendingProgress_.exchange(0);
-    const auto action = currentAction_.load();
+    const auto& action = progressAction_;
     // A tick whose bytes were taken already, by a flush or a reset, has nothing to tell.
     if (!action || bytes == 0) return;
     const uint64_t current = currentDownloadedSize_.fetch_add(bytes) + bytes;
@@ -275,38 +289,39 @@ void DCIDownloader::handleProgress() {
     DCIEventManager::postEvent(std::move(event));
 }
 
-void DCIDownloader::reset() {
-    resetAfter([] {});
-}
-
-void DCIDownloader::resetAfter(const std::function<void()>& end) {
-    const auto endThenReset = [&] {
-        try {
-            end();
-        } catch (...) {
-            resetOnMainThread();  // the worker never holds an action that nothing will end
-            throw;
-        }
-        resetOnMainThread();
-    };
-    if (DCIIsMainThread()) {
-        endThenReset();
-    } else {
-        DCIRunLoop::main().performSync(endThenReset);
-    }
-}
-
-void DCIDownloader::resetOnMainThread() {
-    // Bytes not yet handled belong to the action that ends here: a tick after this reset
-    // counts only the next action's bytes.
-    pendingProgress_.store(0);
+void DCIDownloader::endCurrentAction(Ending ending) {
     const auto action = currentAction_.load();
-    const uint64_t total = totalDownloadSize_.load();
-    if (action && total != 0) updateProgressOnAction(action, total, total);
+    if (const auto current = connection_.load()) current->cancel();
     if (const int file = downloadFile_.exchange(-1); file >= 0) ::close(file);
-    currentAction_.store(nullptr);
     dataReceived_.store(nullptr);
     connection_.store(nullptr);
-    currentDownloadedSize_.store(0);
-    totalDownloadSize_.store(0);
+    currentAction_.store(nullptr);
+    const uint64_t held = std::exchange(heldProgress_, 0);
+    if (!action) return;
+    // Queued behind the action's start step, so the main thread runs the two in order.
+    DCIRunLoop::main().performAsync(
+        [self = shared_from_this(), action, ending = std::move(ending), held, total = expectedTotal_] {
+            self->endOnMainThread(*action, ending, held, total);
+        });
+}
+
+void DCIDownloader::endOnMainThread(DCIAction& action, const Ending& ending, uint64_t heldBytes, uint64_t total) {
+    // Not the action the start step turned Running: it keeps its status.
+    if (progressAction_.get() != &action) return;
+    pendingProgress_.fetch_add(heldBytes);
+    totalDownloadSize_.store(total);
+    const auto letGo = [&] {
+        // Bytes not yet handled belong to the action that ends here: a tick after this counts
+        // only the next action's bytes.
+        pendingProgress_.store(0);
+        if (total != 0) updateProgressOnAction(progressAction_, total, total);
+        progressAction_ = nullptr;
+    };
+    try {
+        if (ending && !isStoppedByHost(action.status())) ending(action);
+    } catch (...) {
+        letGo();  // the sizes are final whatever the ending did
+        throw;
+    }
+    letGo();
 }

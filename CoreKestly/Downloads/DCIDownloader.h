@@ -31,12 +31,17 @@
 /// pauses one by setting its status to `DCIActionStatusCanceled` or `DCIActionStatusPaused`,
 /// which the worker notices at the connection's next callback.
 ///
-/// Threads: the worker's own thread runs its loop and every connection callback. The main
-/// thread runs the start of each action, every `reset` and the progress handler; the worker
-/// waits for those, so the host must keep `DCIRunLoop::main()` running and must never block
-/// it waiting for a download. The thread keeps its worker alive until it ends, after `close`
-/// and the current action, with `DCIEventTypeDownloaderStopped`; a host waits for that event,
-/// and then for `waitUntilStopped`, before it exits.
+/// Threads: the worker's own thread runs its loop, starts each connection and runs every
+/// connection callback. The main thread runs the start step of each action (the test that it
+/// is still Pending and its change to Running), its end step (its final status and sizes) and
+/// the progress handler, so the host must keep `DCIRunLoop::main()` running and must never
+/// block it waiting for a download. The worker hands both steps over without waiting for
+/// them, and the main thread runs each action's steps in order: no progress event of an
+/// action comes before its Running or after its end, and an action whose start step finds it
+/// no longer Pending keeps its status while its connection is cancelled. The thread keeps its
+/// worker alive until it ends, after `close` and the current action, with
+/// `DCIEventTypeDownloaderStopped`, which comes after the end step of the worker's last
+/// action; a host waits for that event, and then for `waitUntilStopped`, before it exits.
 class KESTLY_EXPORT DCIDownloader : public DCIObject,
                       public DCIURLConnectionDelegate,
                       public std::enable_shared_from_this<DCIDownloader> {
@@ -73,11 +78,6 @@ public:
     /// Only once that event has arrived: before, the worker may need the main loop this blocks.
     /// On the worker's own thread it returns at once.
     void waitUntilStopped();
-    /// Ends the worker's hold on its current action, writing the final sizes when a total was
-    /// known, and closes the destination file. Runs on the main thread, waiting for it when
-    /// called elsewhere. The connection callbacks call it at the end of every action.
-    void reset();
-
     uint64_t currentDownloadedSize() const { return currentDownloadedSize_.load(); }
     uint64_t totalDownloadSize() const { return totalDownloadSize_.load(); }
     const std::shared_ptr<DCIActionQueue>& downloadQueue() const { return downloadQueue_; }
@@ -106,13 +106,31 @@ private:
     /// The worker's loop, from its start to `close`; `threadMain` ends the worker however it ends.
     void serveQueue();
     void processAction(const std::shared_ptr<DCIAction>& action);
-    void resetOnMainThread();
+    /// The start step, on the main thread: an action still Pending turns Running and its
+    /// counts start there; for any other the worker is told to let the action numbered
+    /// `number` go.
+    void startOnMainThread(const std::shared_ptr<DCIAction>& action, uint64_t number);
     void handleProgress();
+    /// Counts bytes moved, on the worker's thread, and hands them over with the expected total
+    /// once the start step has run: before it, the main thread's counts are another action's.
     void addProgress(uint64_t bytes);
     void signalProgress();
-    /// Runs `end`, the last step of an action, and then the reset (also when `end` throws), in
-    /// one trip to the main thread: a small body waits for that thread once, not three times.
-    void resetAfter(const std::function<void()>& end);
+
+    /// What the main thread does to end an action: its final status and what goes with it.
+    using Ending = std::function<void(DCIAction&)>;
+    /// On the worker's thread: lets go of the current action (its connection, cancelled, its
+    /// file, closed, and its body), so the next one can start at once, and hands its `ending`
+    /// to the main thread without waiting. There, for an action the start step turned
+    /// Running, the ending runs unless the host cancelled or paused the action, whose status
+    /// then stays as the host set it; then the final sizes are written when a total was known.
+    void endCurrentAction(Ending ending);
+    /// `endCurrentAction` without a status change.
+    void reset() { endCurrentAction(nullptr); }
+    /// `heldBytes` and `total` are the action's counts that the worker had not handed over.
+    void endOnMainThread(DCIAction& action, const Ending& ending, uint64_t heldBytes, uint64_t total);
+    static bool isStoppedByHost(int64_t status) {
+        return status == DCIActionStatusCanceled || status == DCIActionStatusPaused;
+    }
 
     /// The cancel test: when the host cancelled or paused the action, stops the request and
     /// resets. Answers whether the callback must end there.
@@ -135,8 +153,22 @@ private:
     const std::string name_;
     std::atomic<double> lastLogTime_{0};
 
-    /// Bytes counted on the worker's thread that the main thread has not taken yet.
+    /// Bytes counted on the worker's thread that the main thread has not taken yet. They all
+    /// belong to `progressAction_`: the worker adds an action's bytes only once its start
+    /// step has run, which is after the end step that took what was left of the last one's.
     std::atomic<uint64_t> pendingProgress_{0};
+    /// The action whose start step has run and whose end step has not; the main thread only.
+    std::shared_ptr<DCIAction> progressAction_;
+    /// Whether the current action's start step has run; set there, cleared by the worker.
+    std::atomic<bool> started_{false};
+    /// The worker's own counts of the current action, that thread only: bytes held until the
+    /// start step has run, and the expected total.
+    uint64_t heldProgress_ = 0;
+    uint64_t expectedTotal_ = 0;
+    /// The current action's number among those the worker took; that thread only.
+    uint64_t actionNumber_ = 0;
+    /// The number of the action whose start step found it no longer Pending.
+    std::atomic<uint64_t> refusedAction_{0};
     /// When the worker's thread last signalled the progress source; that thread only.
     std::chrono::steady_clock::time_point lastProgressSignal_;
     /// On the main loop; made and released by the worker's thread, which alone signals it.

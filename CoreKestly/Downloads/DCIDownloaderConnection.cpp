@@ -38,8 +38,6 @@ bool isUsableTag(std::string_view tag) {
            std::ranges::none_of(tag, [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
 }
 
-bool isStoppedByHost(int64_t status) { return status == DCIActionStatusCanceled || status == DCIActionStatusPaused; }
-
 // The longest a write waits for a slow reader before it looks at the host's wish again.
 constexpr int kReaderWaitMilliseconds = 500;
 
@@ -77,21 +75,17 @@ std::string DCIDownloader::loggedCurrentURL() const {
 bool DCIDownloader::stopsForHost() {
     const auto action = currentAction_.load();
     if (action && !isStoppedByHost(action->status())) return false;
-    if (const auto current = connection_.load()) current->cancel();
     reset();
     return true;
 }
 
 void DCIDownloader::failCurrentAction(const DCIError& error) {
     DCLogError("%@ Failed download of %@ with error %@", name_, loggedCurrentURL(), error);
-    const auto action = currentAction_.load();
-    if (action) {
-        action->setContextObject(error, kDCIError);
-        action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
-        action->changeStatus(DCIActionStatusFailed);
-    }
-    if (const auto current = connection_.load()) current->cancel();
-    reset();
+    endCurrentAction([this, error](DCIAction& action) {
+        action.setContextObject(error, kDCIError);
+        action.setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+        action.changeStatus(DCIActionStatusFailed);
+    });
 }
 
 void DCIDownloader::logProgressOncePerSecond(const char* format, uint64_t count, uint64_t total) {
@@ -107,7 +101,7 @@ void DCIDownloader::connection(DCIURLConnection&, int64_t didSendBodyData, int64
     if (stopsForHost()) return;
     logProgressOncePerSecond("Uploaded %d bytes of %d (%@)", static_cast<uint64_t>(totalBytesWritten),
                              static_cast<uint64_t>(totalBytesExpectedToWrite));
-    totalDownloadSize_.store(static_cast<uint64_t>(std::max<int64_t>(totalBytesExpectedToWrite, 0)));
+    expectedTotal_ = static_cast<uint64_t>(std::max<int64_t>(totalBytesExpectedToWrite, 0));
     addProgress(static_cast<uint64_t>(std::max<int64_t>(didSendBodyData, 0)));
 }
 
@@ -122,22 +116,22 @@ void DCIDownloader::connection(DCIURLConnection&, const DCIURLResponse& didRecei
         std::string message = DCIFormat(DCILocalizedString("Error: the server failed with error code %lu"), code);
         if (const auto& reason = didReceiveResponse.unfollowedRedirectReason()) message += " (" + *reason + ")";
         DCLogInfo("%@: %@ (%@)", message, didReceiveResponse.description(), name_);
-        action->setContextObject(DCIError("Kestly", kRefusedStatusErrorCode, message), kDCIError);
-        action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
-        // A missing item is an answer, not a failure; its status code is the only sign.
-        action->changeStatus(code == 404 ? DCIActionStatusCompleted : DCIActionStatusFailed);
-        if (const auto current = connection_.load()) current->cancel();
-        reset();
+        endCurrentAction([this, code, message](DCIAction& ended) {
+            ended.setContextObject(DCIError("Kestly", kRefusedStatusErrorCode, message), kDCIError);
+            ended.setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+            // A missing item is an answer, not a failure; its status code is the only sign.
+            ended.changeStatus(code == 404 ? DCIActionStatusCompleted : DCIActionStatusFailed);
+        });
         return;
     }
     if (code != 200) DCLogInfo("%@ Server returned status code of %d - accepting", name_, code);
 
     if (didReceiveResponse.expectedContentLength() > 0) {
-        totalDownloadSize_.fetch_add(static_cast<uint64_t>(didReceiveResponse.expectedContentLength()));
+        expectedTotal_ += static_cast<uint64_t>(didReceiveResponse.expectedContentLength());
     }
     if (downloadFile_.load() < 0) {
         auto buffer = std::make_shared<std::vector<uint8_t>>();
-        buffer->reserve(static_cast<size_t>(std::min(totalDownloadSize_.load(), kLargestReservation)));
+        buffer->reserve(static_cast<size_t>(std::min(expectedTotal_, kLargestReservation)));
         dataReceived_.store(std::move(buffer));
     }
 
@@ -183,28 +177,24 @@ void DCIDownloader::connection(DCIURLConnection&, std::span<const uint8_t> didRe
 
 void DCIDownloader::connection(DCIURLConnection&, const DCIError& didFailWithError) {
     DCLogError("CONNECTION FAIL %@ (%@)", loggedCurrentURL(), name_);
-    resetAfter([&] {
-        if (const auto action = currentAction_.load()) {
-            action->setContextObject(didFailWithError, kDCIError);
-            action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
-            action->changeStatus(DCIActionStatusFailed);
-        }
+    endCurrentAction([this, didFailWithError](DCIAction& action) {
+        action.setContextObject(didFailWithError, kDCIError);
+        action.setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+        action.changeStatus(DCIActionStatusFailed);
     });
 }
 
 void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
     DCLogInfo("ACF CONNECTION END %@ (%@)", loggedCurrentURL(), name_);
-    resetAfter([&] {
-        const auto action = currentAction_.load();
-        if (!action || isStoppedByHost(action->status())) return;
-        action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
-        if (downloadFile_.load() < 0) {
-            auto buffer = dataReceived_.load();
-            action->setContextObject(DCIValue(DCIData(buffer ? std::move(*buffer) : std::vector<uint8_t>())),
-                                     kDCIDownloaderDataKey);
+    const bool handsDataOver = downloadFile_.load() < 0;
+    endCurrentAction([this, handsDataOver, buffer = dataReceived_.load()](DCIAction& action) {
+        action.setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
+        if (handsDataOver) {
+            action.setContextObject(DCIValue(DCIData(buffer ? std::move(*buffer) : std::vector<uint8_t>())),
+                                    kDCIDownloaderDataKey);
         }
         // The last count the Running action shows is the whole, also when no length was stated.
         handleProgress();
-        action->changeStatus(DCIActionStatusCompleted);
+        action.changeStatus(DCIActionStatusCompleted);
     });
 }

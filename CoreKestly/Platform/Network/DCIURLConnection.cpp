@@ -143,6 +143,12 @@ int closeSocket(void* loader, curl_socket_t socket) {
     return close(socket);
 }
 
+// A handle of the loop when made on its thread, as connections are.
+CURL* easyHandleFor(const std::weak_ptr<DCIURLLoader>& loader) {
+    const auto owner = loader.lock();
+    return owner && owner->isCurrent() ? owner->takeEasyHandle() : curl_easy_init();
+}
+
 DCIURLErrorCode errorCodeForResult(CURLcode result) {
     switch (result) {
     case CURLE_OPERATION_TIMEDOUT: return DCIURLErrorTimedOut;
@@ -173,7 +179,7 @@ Transfer::Transfer(std::shared_ptr<const DCIURLRequest> urlRequest, std::weak_pt
     : request(std::move(urlRequest)),
       delegate(std::move(urlDelegate)),
       loader(std::move(urlLoader)),
-      easy(curl_easy_init()) {
+      easy(easyHandleFor(loader)) {
     if (!easy) {
         setupError = DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "libcurl could not make a transfer");
         return;
@@ -317,7 +323,12 @@ std::optional<DCIError> Transfer::followRedirect() {
 }
 
 Transfer::~Transfer() {
-    if (easy) curl_easy_cleanup(easy);
+    // Out of the multi handle by now: the loader holds every transfer it loads.
+    if (const auto owner = loader.lock(); easy && owner && owner->isCurrent()) {
+        owner->recycle(easy);
+    } else if (easy) {
+        curl_easy_cleanup(easy);
+    }
     curl_slist_free_all(headerList);
     if (bodyFile >= 0) close(bodyFile);
 }

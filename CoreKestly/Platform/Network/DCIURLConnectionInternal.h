@@ -143,6 +143,14 @@ public:
     void remove(Transfer& transfer);
     bool isCurrent() const { return std::this_thread::get_id() == ownerThread_; }
 
+    /// The loop's thread: an easy handle for a new transfer, one that an ended transfer left
+    /// if there is one. Reused, a handle keeps its buffers, so a transfer of a small body
+    /// costs no allocation of libcurl's 256 KiB buffer and no setup of the handle.
+    CURL* takeEasyHandle();
+    /// The loop's thread: takes back the handle of a transfer that let go of it, its options
+    /// reset.
+    void recycle(CURL* easy);
+
     /// Stops watching a socket libcurl is about to close.
     void forgetSocket(curl_socket_t socket) { sockets_.erase(socket); }
 
@@ -177,6 +185,7 @@ private:
     std::unique_ptr<DCIRunLoopSource> idleTimer_;
     DCIRunLoop::Clock::duration idleInterval_{};
     std::unordered_map<CURL*, std::shared_ptr<Transfer>> transfers_;
+    std::vector<CURL*> idleHandles_;
     /// Above zero while libcurl runs, when no handle may be removed.
     int insideCurl_ = 0;
 

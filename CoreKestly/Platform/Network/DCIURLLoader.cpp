@@ -6,6 +6,11 @@
 
 using Transfer = DCIURLConnection::Transfer;
 
+namespace {
+// As many as one loop's transfers usually overlap; more are cleaned up.
+constexpr size_t kMaximumIdleHandles = 4;
+}  // namespace
+
 std::shared_ptr<DCIURLLoader> DCIURLLoader::current() {
     // Made after the thread's run loop, so released before it when the thread ends.
     thread_local std::shared_ptr<DCIURLLoader> loader(new DCIURLLoader());
@@ -37,8 +42,25 @@ DCIURLLoader::~DCIURLLoader() {
     curl_multi_setopt(multi_, CURLMOPT_TIMERFUNCTION, nullptr);
     for (const auto& [easy, transfer] : transfers_) curl_multi_remove_handle(multi_, easy);
     transfers_.clear();
+    for (CURL* easy : idleHandles_) curl_easy_cleanup(easy);
     sockets_.clear();
     curl_multi_cleanup(multi_);
+}
+
+CURL* DCIURLLoader::takeEasyHandle() {
+    if (idleHandles_.empty()) return curl_easy_init();
+    CURL* const easy = idleHandles_.back();
+    idleHandles_.pop_back();
+    return easy;
+}
+
+void DCIURLLoader::recycle(CURL* easy) {
+    if (idleHandles_.size() == kMaximumIdleHandles) {
+        curl_easy_cleanup(easy);
+        return;
+    }
+    curl_easy_reset(easy);
+    idleHandles_.push_back(easy);
 }
 
 void DCIURLLoader::schedule(const std::shared_ptr<Transfer>& transfer) {

@@ -270,6 +270,26 @@ TEST_F(DCIDownloaderTest, RedirectsCarryMethodBodyAndCredentialsOnlyWhereHTTPAll
     }
 }
 
+// A worker's transfers share its libcurl handles: what one request trusts, the next does not.
+TEST_F(DCIDownloaderTest, ACertificateTrustedForOneRequestIsNotForTheNext) {
+    const std::string certificate = folder / "cert.pem", key = folder / "key.pem";
+    ASSERT_EQ(std::system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 -subj "
+                           "/CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " + key + " -out " + certificate +
+                           " 2>/dev/null").c_str()), 0);
+    const LoopbackHTTPServer secure([](httplib::Server& http) {
+        http.Get("/a", [](const auto&, httplib::Response& response) { response.set_content("a", "text/plain"); });
+    }, certificate.c_str(), key.c_str());
+    DCIURLRequestFields trusting;
+    trusting.URL = secure.url("/a");
+    trusting.certificateAuthorityFile = certificate;
+    trusting.HTTPHeaderFields = {{"Connection", "close"}};  // or the server would wait for it to end
+    const auto trusted = DCIDownloader::dataDownloadActionWithRequest(DCIURLRequest::requestWithFields(trusting));
+    const auto next = DCIDownloader::dataDownloadActionWithRequest(DCIURLRequest::requestWithURL(secure.url("/a")));
+    run(trusted);
+    run(next);
+    EXPECT_EQ(std::tuple(trusted->status(), next->status()), std::tuple(DCIActionStatusCompleted, DCIActionStatusFailed));
+}
+
 // The destination is opened without blocking; a reader that falls behind slows the body down.
 TEST_F(DCIDownloaderTest, AFIFOWithASlowReaderGetsTheWholeBody) {
     const std::string fifo = folder / "fifo";

@@ -52,12 +52,15 @@ std::string unusedNameIn(const std::string& folder) {
 
 DownloadDestination downloadDestinationFor(const std::string& name) {
     struct stat target;
-    if (stat(name.c_str(), &target) == 0) {
+    // Most names are new files or plain ones: no link to follow, and one call tells.
+    const bool found = lstat(name.c_str(), &target) == 0;
+    const bool link = found && S_ISLNK(target.st_mode);
+    if (link ? stat(name.c_str(), &target) == 0 : found) {
         // A terminal or /dev/null takes the body as well through its name.
         if (isStandardOutput(target) && !S_ISCHR(target.st_mode)) return {DownloadDestination::Kind::standardOutput, {}, {}};
         if (!S_ISREG(target.st_mode)) return {DownloadDestination::Kind::direct, name, {}};
     }
-    std::string file = finalLinkTarget(name);
+    std::string file = link ? finalLinkTarget(name) : name;
     std::string staging = unusedNameIn(KestlyPath::deletingLastComponent(file));
     return {DownloadDestination::Kind::staged, std::move(file), std::move(staging)};
 }

@@ -42,15 +42,13 @@ protected:
         return DCIDownloader::dataDownloadActionWithRequest(DCIURLRequest::requestWithURL(server.url(path)));
     }
 
-    /// What the host heard of the action, in order: each status it changed to, and "+" for a run
-    /// of progress events, such as "23+7".
+    /// What the host heard of the action, in order: each status it took, and "+" for a run of
+    /// progress events, such as "23+7".
     std::string heard(const std::shared_ptr<DCIAction>& action) const {
         std::string text;
         for (const auto& event : recorder->events) {
-            if (event->action() != action) continue;
             const auto status = event->contextValue(kDCIActionStatusKey);
-            if (status) text += std::to_string(status->int64Value().value_or(-1));
-            else if (!text.ends_with('+')) text += '+';
+            if (event->action() == action && (status || !text.ends_with('+'))) text += status ? status->description() : "+";
         }
         return text;
     }
@@ -211,7 +209,7 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
 
 // Stopped while it runs, or before the main thread's start step, an action keeps the status
 // the host gave it. The worker goes on through actions queued together, taking each as the last
-// ends, and the host hears each one's steps in order, with its own counts.
+// ends, and the host hears each one's steps in order.
 TEST_F(DCIDownloaderTest, HostStopsADownloadAndTheWorkerGoesOn) {
     for (const auto& [stop, beforeStart] : {std::pair(DCIActionStatusCanceled, false),
                                             {DCIActionStatusPaused, false}, {DCIActionStatusCanceled, true}}) {
@@ -220,22 +218,17 @@ TEST_F(DCIDownloaderTest, HostStopsADownloadAndTheWorkerGoesOn) {
         const auto action = DCIDownloader::fileDownloadActionWithRequest(
             DCIURLRequest::requestWithURL(server.url("/slow?chunks=200&gap=20")), destination);
         queue->addAction(action);
-        if (beforeStart) {  // the main loop, where the start step runs, does not run meanwhile
-            for (int tries = 0; worker->currentAction() != action && tries < 5000; ++tries) std::this_thread::sleep_for(1ms);
-        } else {
-            ASSERT_TRUE(pumpMainLoopUntil([&] { return downloadedSize(action) > 0; }));
-        }
+        // Before its start step: the main loop, where that step runs, does not run meanwhile.
+        for (int tries = 0; beforeStart && worker->currentAction() != action && tries < 5000; ++tries) std::this_thread::sleep_for(1ms);
+        ASSERT_TRUE(beforeStart || pumpMainLoopUntil([&] { return downloadedSize(action) > 0; }));
         action->changeStatus(stop);
-        std::vector<std::shared_ptr<DCIAction>> next;
-        for (size_t size = 1000; size <= 6000; size += 1000) next.push_back(dataDownload("/reply?status=200&size=" + std::to_string(size)));
-        for (const auto& each : next) queue->addAction(each);
+        std::vector<std::shared_ptr<DCIAction>> next(6);
+        for (auto& each : next) queue->addAction(each = dataDownload("/reply?status=200&size=1000"));
         std::this_thread::sleep_for(200ms);  // without the main loop: the worker gets bodies before their start steps
         ASSERT_TRUE(pumpMainLoopUntil([&] { return std::ranges::all_of(next, hasEnded); }));
 
-        EXPECT_EQ(action->status(), stop);
-        EXPECT_TRUE(beforeStart ? heard(action) == "25" : heard(action).starts_with("23+")) << heard(action);
-        for (size_t i = 0; i < next.size(); ++i)
-            EXPECT_EQ(heard(next[i]) + " " + std::to_string(downloadedSize(next[i])), "23+7 " + std::to_string(1000 * (i + 1)));
+        EXPECT_TRUE(action->status() == stop && (beforeStart ? heard(action) == "25" : heard(action).starts_with("23+")));
+        for (const auto& each : next) EXPECT_EQ(heard(each), "23+7");
         const std::string kept = readWholeFile(destination);
         EXPECT_TRUE(kept.size() < 200'000 && (beforeStart || !kept.empty())) << kept.size();
         EXPECT_EQ(kept, pattern(kept.size()));  // the start of what the server sent
@@ -268,26 +261,6 @@ TEST_F(DCIDownloaderTest, RedirectsCarryMethodBodyAndCredentialsOnlyWhereHTTPAll
         const bool refused = error && statusCode && error->description().find("another origin") != std::string::npos;
         EXPECT_EQ(data ? std::string(data->data()->stringView()) : refused ? statusCode->description() : "?", answer);
     }
-}
-
-// A worker's transfers share its libcurl handles: what one request trusts, the next does not.
-TEST_F(DCIDownloaderTest, ACertificateTrustedForOneRequestIsNotForTheNext) {
-    const std::string certificate = folder / "cert.pem", key = folder / "key.pem";
-    ASSERT_EQ(std::system(("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 -subj "
-                           "/CN=127.0.0.1 -addext subjectAltName=IP:127.0.0.1 -keyout " + key + " -out " + certificate +
-                           " 2>/dev/null").c_str()), 0);
-    const LoopbackHTTPServer secure([](httplib::Server& http) {
-        http.Get("/a", [](const auto&, httplib::Response& response) { response.set_content("a", "text/plain"); });
-    }, certificate.c_str(), key.c_str());
-    DCIURLRequestFields trusting;
-    trusting.URL = secure.url("/a");
-    trusting.certificateAuthorityFile = certificate;
-    trusting.HTTPHeaderFields = {{"Connection", "close"}};  // or the server would wait for it to end
-    const auto trusted = DCIDownloader::dataDownloadActionWithRequest(DCIURLRequest::requestWithFields(trusting));
-    const auto next = DCIDownloader::dataDownloadActionWithRequest(DCIURLRequest::requestWithURL(secure.url("/a")));
-    run(trusted);
-    run(next);
-    EXPECT_EQ(std::tuple(trusted->status(), next->status()), std::tuple(DCIActionStatusCompleted, DCIActionStatusFailed));
 }
 
 // The destination is opened without blocking; a reader that falls behind slows the body down.

@@ -230,12 +230,12 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
     auto connection = DCIURLConnection::initWithRequest(request, weak_from_this());
     connection_.store(connection);
     DCLogInfo("ACF CONNECTION START %@ (%@)", DCILoggedText(DCIURLWithoutCredentials(request->URL())), name_);
-    // The request goes out at once. The test of the status and its change to Running happen
-    // together on the main thread, where the host changes statuses too; the worker does not
-    // wait for them.
-    connection->start();
+    // The test of the status and its change to Running happen together on the main thread,
+    // where the host changes statuses too; the worker does not wait for them, and the request
+    // goes out at once. The start step is queued first, ahead of any end step.
     DCIRunLoop::main().performAsync(
         [self = shared_from_this(), action, number] { self->startOnMainThread(action, number); });
+    connection->start();
 }
 
 void DCIDownloader::startOnMainThread(const std::shared_ptr<DCIAction>& action, uint64_t number) {

@@ -161,7 +161,10 @@ private:
     static int timerCallback(CURLM* multi, long milliseconds, void* loader);
 
     void runScheduled();
+    /// Joins the transfer to the multi handle, or tells its delegate why it cannot load.
     void add(const std::shared_ptr<Transfer>& transfer);
+    /// Joins the transfer to the multi handle; answers why it cannot, telling no one.
+    std::optional<DCIError> attach(const std::shared_ptr<Transfer>& transfer);
     /// Lets libcurl work on `socket` (or its timeouts), then ends finished and cancelled
     /// transfers.
     void drive(curl_socket_t socket, int events);
@@ -178,7 +181,15 @@ private:
     DCIRunLoop& loop_;
     const std::thread::id ownerThread_;
     CURLM* const multi_;
-    std::unordered_map<curl_socket_t, std::unique_ptr<DCIRunLoopSource>> sockets_;
+    /// A socket the loop watches for libcurl. One that libcurl stops watching, as it does
+    /// between the requests of a kept-alive connection, is parked: watched for nothing rather
+    /// than removed, so that the next request on it needs no new source. An error or hang-up
+    /// on a parked socket removes it.
+    struct WatchedSocket {
+        std::unique_ptr<DCIRunLoopSource> source;
+        bool parked = false;
+    };
+    std::unordered_map<curl_socket_t, WatchedSocket> sockets_;
     std::unique_ptr<DCIRunLoopSource> timer_;
     /// libcurl's timer of 0 ms, as a signal.
     std::unique_ptr<DCIRunLoopSource> timeoutNow_;

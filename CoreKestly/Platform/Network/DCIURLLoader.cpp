@@ -64,6 +64,12 @@ void DCIURLLoader::recycle(CURL* easy) {
 }
 
 void DCIURLLoader::schedule(const std::shared_ptr<Transfer>& transfer) {
+    // Started on the loop's own thread, outside libcurl, a transfer that can load joins the
+    // multi handle at once, sparing a pass of the loop; joining tells the delegate nothing.
+    if (isCurrent() && insideCurl_ == 0 && !transfer->canceled && !transfer->setupError &&
+        !transfers_.contains(transfer->easy) && !attach(transfer)) {
+        return;
+    }
     {
         std::lock_guard lock(scheduledMutex_);
         scheduled_.push_back(transfer);
@@ -87,17 +93,18 @@ void DCIURLLoader::runScheduled() {
 }
 
 void DCIURLLoader::add(const std::shared_ptr<Transfer>& transfer) {
-    std::optional<DCIError> refusal = transfer->setupError;
-    if (!refusal && (!multi_ || curl_multi_add_handle(multi_, transfer->easy) != CURLM_OK)) {
-        refusal = DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "libcurl refused the transfer");
-    }
-    if (refusal) {
-        transfer->tellEnd(refusal);
-        return;
+    if (const auto refusal = attach(transfer)) transfer->tellEnd(refusal);
+}
+
+std::optional<DCIError> DCIURLLoader::attach(const std::shared_ptr<Transfer>& transfer) {
+    if (transfer->setupError) return transfer->setupError;
+    if (!multi_ || curl_multi_add_handle(multi_, transfer->easy) != CURLM_OK) {
+        return DCIError(kDCIURLErrorDomain, DCIURLErrorUnknown, "libcurl refused the transfer");
     }
     // libcurl asks for a timer of 0 ms at once: the transfer begins on the loop's next pass.
     transfers_.emplace(transfer->easy, transfer);
     watchIdleness(transfer);
+    return std::nullopt;
 }
 
 void DCIURLLoader::watchIdleness(const std::shared_ptr<Transfer>& transfer) {
@@ -140,16 +147,18 @@ void DCIURLLoader::detach(CURL* easy) {
 
 int DCIURLLoader::socketCallback(CURL*, curl_socket_t socket, int what, void* userData, void*) {
     auto& loader = *static_cast<DCIURLLoader*>(userData);
-    if (what == CURL_POLL_REMOVE) {
-        loader.sockets_.erase(socket);
-        return 0;
-    }
     const uint32_t events = ((what & CURL_POLL_IN) ? EPOLLIN : 0u) | ((what & CURL_POLL_OUT) ? EPOLLOUT : 0u);
     if (const auto found = loader.sockets_.find(socket); found != loader.sockets_.end()) {
-        loader.loop_.modifyFileDescriptorSource(*found->second, events);
+        loader.loop_.modifyFileDescriptorSource(*found->second.source, events);
+        found->second.parked = what == CURL_POLL_REMOVE;
         return 0;
     }
+    if (what == CURL_POLL_REMOVE) return 0;
     auto source = loader.loop_.addFileDescriptorSource(socket, events, [&loader, socket](uint32_t occurred) {
+        if (const auto watched = loader.sockets_.find(socket); watched != loader.sockets_.end() && watched->second.parked) {
+            loader.sockets_.erase(watched);  // libcurl learns of it when it next uses the connection
+            return;
+        }
         int mask = 0;
         if (occurred & (EPOLLIN | EPOLLHUP | EPOLLRDHUP)) mask |= CURL_CSELECT_IN;
         if (occurred & EPOLLOUT) mask |= CURL_CSELECT_OUT;
@@ -157,7 +166,7 @@ int DCIURLLoader::socketCallback(CURL*, curl_socket_t socket, int what, void* us
         loader.drive(socket, mask);
     });
     if (!source) return -1;
-    loader.sockets_.emplace(socket, std::move(source));
+    loader.sockets_.emplace(socket, WatchedSocket{std::move(source)});
     return 0;
 }
 

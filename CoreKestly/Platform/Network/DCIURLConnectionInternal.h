@@ -181,15 +181,7 @@ private:
     DCIRunLoop& loop_;
     const std::thread::id ownerThread_;
     CURLM* const multi_;
-    /// A socket the loop watches for libcurl. One that libcurl stops watching, as it does
-    /// between the requests of a kept-alive connection, is parked: watched for nothing rather
-    /// than removed, so that the next request on it needs no new source. An error or hang-up
-    /// on a parked socket removes it.
-    struct WatchedSocket {
-        std::unique_ptr<DCIRunLoopSource> source;
-        bool parked = false;
-    };
-    std::unordered_map<curl_socket_t, WatchedSocket> sockets_;
+    std::unordered_map<curl_socket_t, std::unique_ptr<DCIRunLoopSource>> sockets_;
     std::unique_ptr<DCIRunLoopSource> timer_;
     /// libcurl's timer of 0 ms, as a signal.
     std::unique_ptr<DCIRunLoopSource> timeoutNow_;

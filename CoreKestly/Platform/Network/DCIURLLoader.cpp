@@ -147,18 +147,18 @@ void DCIURLLoader::detach(CURL* easy) {
 
 int DCIURLLoader::socketCallback(CURL*, curl_socket_t socket, int what, void* userData, void*) {
     auto& loader = *static_cast<DCIURLLoader*>(userData);
-    const uint32_t events = ((what & CURL_POLL_IN) ? EPOLLIN : 0u) | ((what & CURL_POLL_OUT) ? EPOLLOUT : 0u);
-    if (const auto found = loader.sockets_.find(socket); found != loader.sockets_.end()) {
-        loader.loop_.modifyFileDescriptorSource(*found->second.source, events);
-        found->second.parked = what == CURL_POLL_REMOVE;
+    // Removed, not kept for the next request on the connection: libcurl closes some sockets
+    // (its resolver's) without telling, and a number reused would find the old registration.
+    if (what == CURL_POLL_REMOVE) {
+        loader.sockets_.erase(socket);
         return 0;
     }
-    if (what == CURL_POLL_REMOVE) return 0;
+    const uint32_t events = ((what & CURL_POLL_IN) ? EPOLLIN : 0u) | ((what & CURL_POLL_OUT) ? EPOLLOUT : 0u);
+    if (const auto found = loader.sockets_.find(socket); found != loader.sockets_.end()) {
+        loader.loop_.modifyFileDescriptorSource(*found->second, events);
+        return 0;
+    }
     auto source = loader.loop_.addFileDescriptorSource(socket, events, [&loader, socket](uint32_t occurred) {
-        if (const auto watched = loader.sockets_.find(socket); watched != loader.sockets_.end() && watched->second.parked) {
-            loader.sockets_.erase(watched);  // libcurl learns of it when it next uses the connection
-            return;
-        }
         int mask = 0;
         if (occurred & (EPOLLIN | EPOLLHUP | EPOLLRDHUP)) mask |= CURL_CSELECT_IN;
         if (occurred & EPOLLOUT) mask |= CURL_CSELECT_OUT;
@@ -166,7 +166,7 @@ int DCIURLLoader::socketCallback(CURL*, curl_socket_t socket, int what, void* us
         loader.drive(socket, mask);
     });
     if (!source) return -1;
-    loader.sockets_.emplace(socket, WatchedSocket{std::move(source)});
+    loader.sockets_.emplace(socket, std::move(source));
     return 0;
 }
 

@@ -224,7 +224,6 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
 
     currentAction_.store(action);
     action->setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);
-    started_.store(false);
     expectedTotal_ = 0;
     const uint64_t number = ++actionNumber_;
     auto connection = DCIURLConnection::initWithRequest(request, weak_from_this());
@@ -248,12 +247,12 @@ void DCIDownloader::startOnMainThread(const std::shared_ptr<DCIAction>& action, 
     currentDownloadedSize_.store(0);
     totalDownloadSize_.store(0);
     action->changeStatus(DCIActionStatusRunning);
-    started_.store(true);
+    startedAction_.store(number);
 }
 
 void DCIDownloader::addProgress(uint64_t bytes) {
     heldProgress_ += bytes;
-    if (!started_.load()) return;
+    if (startedAction_.load() != actionNumber_) return;
     // The total first: the main thread reads it after the bytes.
     totalDownloadSize_.store(expectedTotal_);
     pendingProgress_.fetch_add(std::exchange(heldProgress_, 0));

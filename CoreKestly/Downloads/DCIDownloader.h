@@ -159,15 +159,16 @@ private:
     std::atomic<uint64_t> pendingProgress_{0};
     /// The action whose start step has run and whose end step has not; the main thread only.
     std::shared_ptr<DCIAction> progressAction_;
-    /// Whether the current action's start step has run; set there, cleared by the worker.
-    std::atomic<bool> started_{false};
     /// The worker's own counts of the current action, that thread only: bytes held until the
     /// start step has run, and the expected total.
     uint64_t heldProgress_ = 0;
     uint64_t expectedTotal_ = 0;
     /// The current action's number among those the worker took; that thread only.
     uint64_t actionNumber_ = 0;
-    /// The number of the action whose start step found it no longer Pending.
+    /// The numbers of the last actions whose start steps ran, and found them Pending or not.
+    /// By number, as the start step of an action that ended already may run while the next
+    /// one loads.
+    std::atomic<uint64_t> startedAction_{0};
     std::atomic<uint64_t> refusedAction_{0};
     /// When the worker's thread last signalled the progress source; that thread only.
     std::chrono::steady_clock::time_point lastProgressSignal_;

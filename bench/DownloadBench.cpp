@@ -1,6 +1,8 @@
 // Downloads over the loopback interface from a local server: `kestly download` against curl on
 // one large file and on many small ones, and what progress costs the main thread. Prints
-// figures; asserts nothing.
+// figures; asserts nothing. Both programs fetch the same URLs from the same server into folders
+// side by side, emptied before each run; the small files are fetched into the temporary folder's
+// file system and, when it is another one, into a tmpfs (/dev/shm), as each costs differently.
 //
 //   DownloadBench [size of the large file in MiB, 1024] [number of small files, 1000]
 
@@ -12,6 +14,8 @@
 #include <httplib.h>
 
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,6 +26,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -82,23 +87,25 @@ double timeProgram(const std::vector<std::string>& arguments) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? seconds : -1;
 }
 
-// The best of a few alternating runs of each, as the machine may be busy with other work.
+// The best of a few runs of each, as the machine may be busy with other work; the two take
+// turns at going first, so that neither always runs on a warmer or a busier machine.
 // `beforeEachRun` empties the output folders, so that neither program finds files to replace.
-void compare(const char* what, double bytes, const std::vector<std::string>& kestlyCommand,
+void compare(const std::string& what, double bytes, const std::vector<std::string>& kestlyCommand,
              const std::vector<std::string>& curlCommand, const std::function<void()>& beforeEachRun = [] {}) {
     double kestlySeconds = -1, curlSeconds = -1;
-    const auto best = [](double& seconds, double run) {
+    const auto best = [&](double& seconds, const std::vector<std::string>& command) {
+        beforeEachRun();
+        const double run = timeProgram(command);
         if (run > 0 && (seconds < 0 || run < seconds)) seconds = run;
     };
-    for (int round = 0; round < 3; ++round) {
-        beforeEachRun();
-        best(kestlySeconds, timeProgram(kestlyCommand));
-        beforeEachRun();
-        best(curlSeconds, timeProgram(curlCommand));
+    for (int round = 0; round < 6; ++round) {
+        if (round % 2 == 0) best(kestlySeconds, kestlyCommand);
+        best(curlSeconds, curlCommand);
+        if (round % 2 == 1) best(kestlySeconds, kestlyCommand);
     }
     const auto rate = [&](double seconds) { return seconds > 0 ? bytes / seconds / (1 << 20) : 0; };
     // The ratio is of speeds: kestly's time is its inverse times curl's.
-    std::printf("%-34s kestly %8.1f MiB/s (%.3f s)   curl %8.1f MiB/s (%.3f s)   speed ratio %.2f\n", what,
+    std::printf("%-40s kestly %8.1f MiB/s (%.3f s)   curl %8.1f MiB/s (%.3f s)   speed ratio %.2f\n", what.c_str(),
                 rate(kestlySeconds), kestlySeconds, rate(curlSeconds), curlSeconds,
                 curlSeconds > 0 && kestlySeconds > 0 ? curlSeconds / kestlySeconds : 0);
 }
@@ -128,7 +135,7 @@ void measureProgressCost(const Server& server, size_t largeSize) {
     worker->close();
     DCIRunLoop::main().runUntil(Clock::now() + std::chrono::milliseconds(100));
     DCIEventManager::removeListener(counter);
-    std::printf("%-34s %8.1f MiB/s in process, %zu progress events in %.3f s: %.0f events/s on the main thread\n",
+    std::printf("%-40s %8.1f MiB/s in process, %zu progress events in %.3f s: %.0f events/s on the main thread\n",
                 "progress cost (one worker)", static_cast<double>(largeSize) / seconds / (1 << 20), counter->events,
                 seconds, static_cast<double>(counter->events) / seconds);
 }
@@ -140,7 +147,7 @@ int main(int argc, char** argv) {
     const size_t smallCount = argc > 2 ? std::stoul(argv[2]) : 1000;
     const Server server(largeSize);
     const std::string kestly = KESTLY_BINARY;
-    const auto folder = std::filesystem::temp_directory_path() / ("kestly-download-bench-" + std::to_string(getpid()));
+    const std::string folderName = "kestly-download-bench-" + std::to_string(getpid());
 
     compare("one large file to /dev/null", static_cast<double>(largeSize),
             {kestly, "download", "-o", "/dev/null", server.url("/large")},
@@ -148,19 +155,29 @@ int main(int argc, char** argv) {
 
     std::vector<std::string> urls;
     for (size_t i = 0; i < smallCount; ++i) urls.push_back(server.url("/small/" + std::to_string(i)));
-    std::vector<std::string> kestlyCommand = {kestly, "download", "--workers", "4", "-d", (folder / "k").string()};
-    std::vector<std::string> curlCommand = {"curl", "-sf", "--parallel", "--parallel-max", "4", "--remote-name-all"};
-    curlCommand.insert(curlCommand.end(), {"--output-dir", (folder / "c").string()});
-    kestlyCommand.insert(kestlyCommand.end(), urls.begin(), urls.end());
-    curlCommand.insert(curlCommand.end(), urls.begin(), urls.end());
-    const auto emptyFolders = [&] {
+    std::vector<std::pair<std::string, std::filesystem::path>> places = {
+        {"temporary folder", std::filesystem::temp_directory_path()}};
+    struct statfs temporary, shared;
+    if (statfs(places[0].second.c_str(), &temporary) == 0 && temporary.f_type != TMPFS_MAGIC &&
+        statfs("/dev/shm", &shared) == 0 && shared.f_type == TMPFS_MAGIC) {
+        places.emplace_back("tmpfs", "/dev/shm");
+    }
+    for (const auto& [place, root] : places) {
+        const auto folder = root / folderName;
+        std::vector<std::string> kestlyCommand = {kestly, "download", "--workers", "4", "-d", (folder / "k").string()};
+        std::vector<std::string> curlCommand = {"curl", "-sf", "--parallel", "--parallel-max", "4", "--remote-name-all"};
+        curlCommand.insert(curlCommand.end(), {"--output-dir", (folder / "c").string()});
+        kestlyCommand.insert(kestlyCommand.end(), urls.begin(), urls.end());
+        curlCommand.insert(curlCommand.end(), urls.begin(), urls.end());
+        const auto emptyFolders = [&] {
+            std::filesystem::remove_all(folder);
+            std::filesystem::create_directories(folder / "k");
+            std::filesystem::create_directories(folder / "c");
+        };
+        compare("small files, 4 at once (" + std::to_string(smallCount) + ", " + place + ")",
+                static_cast<double>(smallCount * kSmallFileSize), kestlyCommand, curlCommand, emptyFolders);
         std::filesystem::remove_all(folder);
-        std::filesystem::create_directories(folder / "k");
-        std::filesystem::create_directories(folder / "c");
-    };
-    compare(("small files, 4 at once (" + std::to_string(smallCount) + ")").c_str(),
-            static_cast<double>(smallCount * kSmallFileSize), kestlyCommand, curlCommand, emptyFolders);
-    std::filesystem::remove_all(folder);
+    }
 
     measureProgressCost(server, largeSize);
     return 0;

@@ -6,6 +6,7 @@
 
 #include "CoreKestly/Platform/Files/KestlyPath.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -67,6 +68,10 @@ DownloadDestination downloadDestinationFor(const std::string& name) {
 
 int putStagedFileInPlace(const DownloadDestination& destination) {
     const char* staging = destination.staging.c_str();
+    // Most destinations are new: one call puts the file there, with the mode it was made with.
+    // A file found there after all, or a file system that cannot tell, takes the long way.
+    if (renameat2(AT_FDCWD, staging, AT_FDCWD, destination.path.c_str(), RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EEXIST && errno != EINVAL) return errno;
     struct stat replaced;
     if (stat(destination.path.c_str(), &replaced) == 0) {
         // Owner first: a change of owner clears the set-ID bits that the mode then restores.

@@ -108,7 +108,7 @@ public:
     };
 
     DownloadMonitor(std::vector<Item> items, std::shared_ptr<OrderedBodies> bodies, bool json)
-        : items_(std::move(items)), bodies_(std::move(bodies)), json_(json), showsBar_(isatty(STDERR_FILENO) == 1) {
+        : items_(std::move(items)), bodies_(std::move(bodies)), json_(json), showsBar_(showsProgressAndNotices()) {
         for (size_t i = 0; i < items_.size(); ++i) indexOf_[items_[i].action.get()] = i;
     }
 
@@ -284,9 +284,9 @@ private:
 };
 
 int download(const DownloadOptions& options) {
-    // The library's information lines would tear the progress bar: they stay quiet unless the
-    // person asked for them.
-    setenv("VERBOSE_LOGGING", "no", 0);
+    // The library's few information lines per URL cost its log file more than a small file's
+    // transfer: they are written only when the person asked to see them.
+    if (!showsLibraryLines()) setenv("VERBOSE_LOGGING", "no", 0);
     // SIGINT and SIGTERM arrive through a descriptor on the main loop, in every thread made
     // from here on too.
     sigset_t stopSignals;

@@ -15,6 +15,8 @@ struct KestlyCommand {
 /// Whether kestly shows progress and notices on standard error: it is a terminal and -q was
 /// not given. Errors and the data asked for are shown whatever it says.
 bool showsProgressAndNotices();
+/// Whether -v asked for the library's own lines on standard error.
+bool showsLibraryLines();
 
 // The subcommands; each lives in a file of its own and main.cpp lists them.
 KestlyCommand addHashCommand(CLI::App& app);

@@ -12,6 +12,7 @@
 namespace {
 
 bool quiet = false;
+bool verbose = false;
 
 }  // namespace
 
@@ -20,12 +21,13 @@ bool showsProgressAndNotices() {
     return terminal && !quiet;
 }
 
+bool showsLibraryLines() { return verbose; }
+
 int main(int argc, char** argv) {
     CLI::App app{"kestly: watch, hash and read sample folders and project manifests, find samples and download, with CoreKestly"};
     app.set_version_flag("--version", std::string("kestly ") + KESTLY_VERSION);
     app.require_subcommand(0, 1);
     app.failure_message(CLI::FailureMessage::help);
-    bool verbose = false;
     auto* quietFlag = app.add_flag("-q,--quiet", quiet, "Show no progress or notices: only the data asked for and errors");
     app.add_flag("-v,--verbose", verbose, "Show the library's own lines on standard error too, as they go to its log file")
         ->excludes(quietFlag);

@@ -5,6 +5,10 @@
 #include "support/LogReading.h"
 #include "support/Testing.h"
 
+#include <poll.h>
+
+#include <set>
+
 namespace {
 
 constexpr uint64_t kTestCategory = 42;
@@ -92,6 +96,54 @@ TEST_F(DCIEventManagerTest, WhatAListenerDoesDuringDeliveryChangesOnlyLaterEvent
     expectTypes(*host, {1, 2, 3});
     EXPECT_EQ(arrivals, (std::vector<std::string>{"leaver1", "host1", "host2", "latecomer2", "host3", "latecomer3"}));
     DCIEventManager::removeListener(latecomer);
+}
+
+// A listener that opens a modal dialog runs the loop again as a host does: it waits on the
+// loop's descriptor and calls runOnce() until the other listener has had every event and a
+// worker's performSync, waiting on the main thread, has returned. A lost wake-up ends the
+// wait; an event held, repeated or out of order fails the arrivals, which mark where each
+// nested loop returned.
+TEST_F(DCIEventManagerTest, AListenerRunningTheLoopAgainGetsTheLaterEventsOnceAndInOrder) {
+    struct Case { const char* name; std::set<uint64_t> nestOn; uint64_t leaveOn, throwOn; std::vector<uint64_t> nesterGets; };
+    const Case cases[] = {
+        {"nests once", {1}, 0, 0, {1, 2, 3, 4}},
+        {"nests in every nested loop", {1, 2, 3}, 0, 0, {1, 2, 3, 4}},
+        {"leaves inside the nested loop", {1}, 2, 0, {1, 2}},
+        {"throws once its nested loops returned", {1, 2}, 0, 1, {1, 2, 3, 4}},
+    };
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        std::string arrivals;
+        const auto nester = addRecorder(), other = addRecorder();
+        std::atomic<bool> served = false;
+        std::jthread worker;
+        other->onEvent = [&](const auto& event) { arrivals += "o" + std::to_string(event->type()); };
+        nester->onEvent = [&](const auto& event) {
+            arrivals += "n" + std::to_string(event->type());
+            if (event->type() == 1) worker = std::jthread([&] {
+                DCIEventManager::postEvent(testEvent(4));
+                DCIRunLoop::main().performSync([&] { served = DCIIsMainThread(); });
+            });
+            if (event->type() == row.leaveOn) DCIEventManager::removeListener(nester);
+            if (!row.nestOn.contains(event->type())) return;
+            while (!served || other->events.size() < 4) {
+                pollfd loop{DCIRunLoop::main().fileDescriptor(), POLLIN, 0};
+                if (!DCIRunLoop::main().runOnce() && poll(&loop, 1, 5'000) != 1) break;
+            }
+            arrivals += served ? ")" : "(not served)";
+            if (event->type() == row.throwOn) throw std::runtime_error("dialog failed");
+        };
+        postTestEvents({1, 2, 3});
+        expectTypes(*other, {1, 2, 3, 4});
+        std::string expected;
+        for (uint64_t type = 1; type <= 4; ++type) {
+            if (std::ranges::count(row.nesterGets, type)) expected += "n" + std::to_string(type);
+            expected += "o" + std::to_string(type);
+        }
+        EXPECT_EQ(arrivals, expected + std::string(row.nestOn.size(), ')'));
+        DCIEventManager::removeListener(nester);
+        DCIEventManager::removeListener(other);
+    }
 }
 
 TEST_F(DCIEventManagerTest, RegistrationRules) {

@@ -63,6 +63,7 @@ public:
         // Nothing queued can be delivered any more; waiting for the main loop to drain it
         // would keep it in memory for as long as that loop is busy or not run at all.
         std::lock_guard consumer(consumerMutex_);
+        released.swap(taken_);
         // An event still being posted is left behind; a drain will find it and drop it.
         if (queue_.take(released, SIZE_MAX).second == Queue::End::Stalled) source_->signal();
     }
@@ -105,12 +106,13 @@ private:
         listenersVersion_.fetch_add(1, std::memory_order_release);
     }
 
-    // The published listeners, unless `held` is already the current copy.
-    void refresh(std::shared_ptr<const Listeners>& held, uint64_t& heldVersion) {
-        if (held && listenersVersion_.load(std::memory_order_acquire) == heldVersion) return;
+    // The published listeners; the copy held is replaced only when they changed.
+    std::shared_ptr<const Listeners> currentListeners() {
+        if (heldListeners_ && listenersVersion_.load(std::memory_order_acquire) == heldVersion_) return heldListeners_;
         std::lock_guard lock(mutex_);
-        held = published_;
-        heldVersion = listenersVersion_.load(std::memory_order_relaxed);
+        heldListeners_ = published_;
+        heldVersion_ = listenersVersion_.load(std::memory_order_relaxed);
+        return heldListeners_;
     }
 
     // On the main thread. Delivers the queued events in order, including those posted by
@@ -119,46 +121,70 @@ private:
     // for ever and starve the rest of the main loop, so a drain hands the loop back after a
     // batch and signals itself to go on.
     //
-    // A drain that has delivered events does not go idle when it runs out: it looks again on
-    // the loop's next pass and goes idle only if that pass finds nothing. Under a stream of
-    // posts the next events are there by then, so the producers keep posting without the
-    // system call that waking an idle drain costs them; the main thread pays one pass instead.
+    // A listener may run the loop again, as a modal dialog does. So where delivery has got to
+    // is kept here rather than on the drain's stack, and a drain signals itself before it
+    // delivers: the nested loop then runs a nested drain, which goes on from the next listener
+    // of the current event, and the outer drain, once its listener returns, goes on from
+    // wherever the nested one stopped. Every listener gets every event once, in order, however
+    // deep the nesting.
+    //
+    // That signal also keeps a drain that has delivered events from going idle when it runs
+    // out: the loop's next pass looks again, and only a drain that delivers nothing goes idle.
+    // Under a stream of posts the next events are there by then, so the producers keep posting
+    // without the system call that waking an idle drain costs them; the main thread pays one
+    // pass instead.
     void drain() {
-        std::shared_ptr<const Listeners> listeners;
-        uint64_t listenersVersion = 0;
-        std::vector<QueuedEvent> batch;  // not a member: a listener may run the loop again
-        bool delivered = false;
-        for (size_t budget = kEventsPerDrain; budget > 0;) {
-            const size_t limit = std::min(budget, kEventsPerTake);
-            auto [taken, end] = take(batch, limit, false);
-            if (taken == 0 && !delivered) std::tie(taken, end) = take(batch, limit, true);
-            delivered = delivered || taken > 0;
-            for (auto& queued : batch) {
-                // An event of a released generation reaches nobody, not even a later bus.
-                if (queued.generation == liveGeneration_.load(std::memory_order_acquire)) {
-                    refresh(listeners, listenersVersion);
-                    for (const auto& entry : *listeners) {
-                        if (const auto listener = entry.lock()) deliver(*listener, queued.event);
-                    }
-                }
-                queued.event.reset();  // events own actions and trees: none outlives its turn
+        bool delivering = false;
+        for (size_t budget = kEventsPerDrain; budget > 0; --budget) {
+            if (!current_.event && !beginNextEvent(delivering)) return;
+            if (!delivering) {
+                source_->signal();
+                delivering = true;
             }
-            batch.clear();
-            // Once the queue was found empty, the next post wakes the loop, also one posted
-            // while the batch was delivered: looking again would take its event and leave the
-            // loop a wake-up with nothing to do. A post caught half-way wakes nobody.
-            if (end == Queue::End::Empty) return;
-            if (end == Queue::End::Stalled) break;
-            budget -= taken;
+            deliverCurrentEvent();
         }
         source_->signal();
     }
 
-    // The lock is held only while events are taken: a listener may remove the last listener,
-    // which empties the queue, while they are delivered.
-    std::pair<size_t, Queue::End> take(std::vector<QueuedEvent>& batch, size_t limit, bool mayGoIdle) {
-        std::lock_guard consumer(consumerMutex_);
-        return queue_.take(batch, limit, mayGoIdle);
+    // Makes the oldest waiting event of the live generation the current one; false when there
+    // is none. Only a drain that has delivered nothing lets the queue go idle.
+    bool beginNextEvent(bool delivering) {
+        for (;;) {
+            QueuedEvent next;  // destroyed unlocked: events own actions and trees
+            {
+                std::lock_guard consumer(consumerMutex_);
+                if (taken_.empty()) {
+                    auto [count, end] = queue_.take(taken_, kEventsPerTake, false);
+                    if (count == 0 && !delivering) std::tie(count, end) = queue_.take(taken_, kEventsPerTake, true);
+                    if (count == 0) {
+                        // Once the queue was found empty, the next post wakes the loop; a post
+                        // caught half-way wakes nobody, so the drain must look again.
+                        if (end == Queue::End::Stalled) source_->signal();
+                        return false;
+                    }
+                    std::reverse(taken_.begin(), taken_.end());  // handed out from the back
+                }
+                next = std::move(taken_.back());
+                taken_.pop_back();
+            }
+            // An event of a released generation reaches nobody, not even a later bus.
+            if (next.generation != liveGeneration_.load(std::memory_order_acquire)) continue;
+            current_ = {std::move(next.event), currentListeners(), 0};
+            return true;
+        }
+    }
+
+    // The position moves on before each listener is called, so that a drain nested in that
+    // listener never hands it the same event again.
+    void deliverCurrentEvent() {
+        while (current_.event) {
+            if (current_.nextListener == current_.listeners->size()) {
+                current_ = {};  // events own actions and trees: none outlives its turn
+                return;
+            }
+            const auto event = current_.event;
+            if (const auto listener = (*current_.listeners)[current_.nextListener++].lock()) deliver(*listener, event);
+        }
     }
 
     static void deliver(DCIEventListener& listener, const std::shared_ptr<DCIEvent>& event) {
@@ -173,8 +199,10 @@ private:
 
     Queue queue_;
     // The queue has one consumer at a time: the drain on the main thread, or the removal of
-    // the last listener on any thread. Posting never takes it.
+    // the last listener on any thread. Posting never takes it. It also guards the events
+    // taken from the queue and not yet delivered, oldest last.
     std::mutex consumerMutex_;
+    std::vector<QueuedEvent> taken_;
     // Read by every post: kept off the line of the consumer's mutex, which every take writes.
     alignas(64) std::atomic<uint64_t> liveGeneration_{kNoGeneration};
     std::unique_ptr<DCIRunLoopSource> source_;
@@ -184,6 +212,17 @@ private:
     uint64_t lastGeneration_ = kNoGeneration;
     Listeners listeners_;
     std::shared_ptr<const Listeners> published_ = std::make_shared<const Listeners>();
+
+    // The main thread's: the event being delivered, the listeners it goes to and the next of
+    // them; and the copy of the listeners the drain holds, with its version.
+    struct Delivery {
+        std::shared_ptr<DCIEvent> event;
+        std::shared_ptr<const Listeners> listeners;
+        size_t nextListener = 0;
+    };
+    Delivery current_;
+    std::shared_ptr<const Listeners> heldListeners_;
+    uint64_t heldVersion_ = 0;
 };
 
 }  // namespace

@@ -27,6 +27,10 @@ public:
 /// Listeners are told apart by address: two listeners that share an owner (aliasing pointers
 /// into one object) are two registrations.
 ///
+/// A listener may run the main loop again (a modal dialog): the nested loop goes on
+/// delivering, the current event to the listeners after this one and then the events after
+/// it, each to each listener once, and the listener's own call resumes when it returns.
+///
 /// Registration does not keep a listener alive: a listener unregisters itself before it is
 /// destroyed (one destroyed while registered is skipped from then on). A listener removed
 /// while an event is being delivered still receives that event and none after it; one added

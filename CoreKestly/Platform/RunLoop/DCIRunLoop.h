@@ -37,8 +37,10 @@ public:
     ~DCIRunLoop();
 
     // Running. Only the loop's own thread runs it (on another thread these calls return at
-    // once); runs may nest (a callback may run the loop again), and `stop()` ends the innermost
-    // one. Each run looks at least once for ready work, even past its deadline.
+    // once); runs may nest (a callback may run the loop again, as a modal dialog does), and
+    // `stop()` ends the innermost one. A nested run goes on with the work the outer pass had
+    // not reached yet, and runs a source signalled again meanwhile inside its own callback.
+    // Each run looks at least once for ready work, even past its deadline.
 
     /// Runs until `stop()`.
     void run();

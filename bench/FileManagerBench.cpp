@@ -9,6 +9,8 @@
 // - a rename storm: 1,000 files renamed in one burst, from the last rename to the last event,
 //   with the number of passes that reported them (bursts of events 0.3 s apart or more);
 // - idle: the process's CPU time and voluntary context switches over 10 s without a change.
+// And first, a stop during a first scan with empty caches, of one file of 8 GB and of 10,000
+// small files: from `stop()` to `waitUntilStopped()`'s return.
 // Roots are made under $TMPDIR and removed at the end, unless kept for the large run.
 
 #include "CoreKestly/Events/DCIEvent.h"
@@ -27,6 +29,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -154,6 +157,29 @@ void measure(const fs::path& scratch, int files, bool withStorm) {
     DCIEventManager::removeListener(recorder);
 }
 
+void measureStop(const fs::path& scratch, const char* what, const fs::path& root) {
+    fs::remove(scratch / "stop-primary.sqlite");
+    fs::remove(scratch / "stop-secondary.sqlite");
+    auto recorder = std::make_shared<Recorder>();
+    DCIEventManager::addListener(recorder);
+    auto manager = DCIFileManager::init();
+    manager->addSecondaryFileExtension("wav");
+    manager->startWatchingRootFolder(root, scratch / "stop-primary.sqlite", scratch / "stop-secondary.sqlite", nullptr);
+    // Nothing reaches the main loop while the tree is hashed: the progress is polled.
+    while (manager->firstScanProgress().files == 0) std::this_thread::sleep_for(10ms);
+    std::this_thread::sleep_for(50ms);  // hashing under way
+    const auto progress = manager->firstScanProgress();
+    const bool hashing = progress.files > progress.filesHashed;
+    const auto stop = Clock::now();
+    manager->stop();
+    manager->waitUntilStopped();
+    const auto waited = Clock::now();
+    waitFor(*recorder, DCIEventTypeFileManagerStopped, 1);
+    std::printf("stop during the first scan of %s%s: waitUntilStopped returned after %.1f ms\n", what,
+                hashing ? "" : " (already hashed)", 1000 * seconds(waited - stop));
+    DCIEventManager::removeListener(recorder);
+}
+
 }  // namespace
 
 int main() {
@@ -168,6 +194,15 @@ int main() {
     fs::create_directories(scratch);
     fs::remove(fs::path(scratch) / "primary.sqlite");
     fs::remove(fs::path(scratch) / "secondary.sqlite");
+    const fs::path oneFile = fs::path(scratch) / "one large file";
+    fs::create_directories(oneFile);
+    std::ofstream(oneFile / "take.wav") << "x";
+    fs::resize_file(oneFile / "take.wav", std::uintmax_t{8} << 30);
+    measureStop(scratch, "one file of 8 GB", oneFile);
+    fs::remove_all(oneFile);
+    const fs::path small = fs::path(scratch) / "root-10000";
+    if (!fs::exists(small)) makeRoot(small, 10'000);
+    measureStop(scratch, "10,000 small files", small);
     measure(scratch, 10'000, true);
     measure(scratch, 100'000, false);
     if (keep) measure(scratch, 1'000'000, false);

@@ -230,6 +230,24 @@ TEST_F(DCIFileManagerTests, AStopIsPromptAndFinal) {
         ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
         EXPECT_EQ(types(), (std::vector<uint64_t>{DCIEventTypeFileManagerReady, DCIEventTypeFileManagerStopped}));
     }
+
+    // A pass still telling of many new files when the stop comes tells nothing once it returned.
+    recorder->events.clear();
+    ASSERT_TRUE(startedOnRoot());
+    std::optional<DCIDate> stoppedAt;
+    recorder->onEvent = [&](const auto&) {
+        if (!stoppedAt) manager->stop();
+        if (!stoppedAt) stoppedAt = DCIDate::now();
+    };
+    for (int i = 0; i < 5000; ++i) write(root, std::to_string(i) + ".wav", std::to_string(i));
+    ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
+    EXPECT_EQ(std::ranges::count_if(recorder->events, [&](const auto& event) { return *event->timestamp() > *stoppedAt; }), 1);
+
+    // shutdown() stops the shared instance.
+    const auto shared = DCIFileManager::sharedFileManager();
+    shared->startWatchingRootFolder(root, directory / "shared.sqlite", directory / "shared-samples.sqlite", nullptr);
+    DCIFileManager::shutdown();
+    EXPECT_TRUE(waitFor(DCIEventTypeFileManagerStopped, 2) && !shared->started());
 }
 
 // A file written without pause (a recording) holds back no other change, and is told once settled.

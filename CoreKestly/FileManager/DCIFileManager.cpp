@@ -36,8 +36,12 @@ std::shared_ptr<DCIFileManager> DCIFileManager::sharedFileManager() {
 
 void DCIFileManager::shutdown() {
     std::shared_ptr<DCIFileManager> dropped;
-    std::lock_guard lock(sharedInstanceMutex);
-    dropped.swap(sharedInstance);
+    {
+        std::lock_guard lock(sharedInstanceMutex);
+        dropped.swap(sharedInstance);
+    }
+    // A watcher left running would go on telling of a root that no instance answers for.
+    if (dropped && dropped->started()) dropped->stop();
 }
 
 std::shared_ptr<DCIFileManager> DCIFileManager::init() {

@@ -28,6 +28,7 @@
 
 class DCIAction;
 class DCIActionQueue;
+class DCIEvent;
 
 /// The watcher of one project root folder. Started on a root, it builds and hashes the tree
 /// of the folders and files of interest below it (through two SHA caches, so unchanged files
@@ -66,7 +67,8 @@ public:
     /// The process's shared instance, made on the first call (and the first after `shutdown`).
     /// Safe to call from several threads at once.
     static std::shared_ptr<DCIFileManager> sharedFileManager();
-    /// Drops the shared instance; a running watcher keeps it alive until its run ends.
+    /// Stops the shared instance when it is started (see `stop`), and drops it; its watcher
+    /// keeps it alive until the run has ended.
     static void shutdown();
     /// A new, unconfigured instance, independent of the shared one.
     static std::shared_ptr<DCIFileManager> init();
@@ -101,8 +103,10 @@ public:
     /// Asks the watcher to end: a hash in progress is cut short, a scan in progress is dropped
     /// and posts nothing, and the watcher's teardown lets the tree go (on its own thread) before
     /// it posts `DCIEventTypeFileManagerStopped`. A start that had not become ready posts no
-    /// `DCIEventTypeFileManagerReady`. Logs "Stop called on DCIFileManager"; when not started,
-    /// posts `DCIEventTypeFileManagerStopped` at once.
+    /// `DCIEventTypeFileManagerReady`. Once it has returned, the run posts nothing but the
+    /// status changes of the file operations under way or still queued, which the teardown
+    /// carries out, and `DCIEventTypeFileManagerStopped`. Logs "Stop called on DCIFileManager";
+    /// when not started, posts `DCIEventTypeFileManagerStopped` at once.
     void stop();
     /// Blocks until the watcher thread of the run in progress, if any, has ended, its caches
     /// written: for a program about to exit after `DCIEventTypeFileManagerStopped`, when the
@@ -242,9 +246,14 @@ private:
     void pointSampleFinderAt(const std::string& rootPath);
     /// `path` standardised, and made absolute against the working folder when relative.
     static std::string absolutePath(const std::string& path);
-    /// Builds, hashes and installs the first tree, or reports a missing root; false when the
-    /// run was stopped meanwhile, which then announces no readiness.
+    /// Builds, hashes and installs the first tree and posts ready, after the event of a missing
+    /// root; a run stopped meanwhile posts neither. Answers whether the run goes on to watch.
     bool buildFirstTree(uint64_t generation, const std::string& rootPath);
+    using Events = std::vector<std::shared_ptr<DCIEvent>>;
+    /// Posts the events while the run `generation` is current, and answers whether it was.
+    /// Called with `runStateMutex_` held, which `stop` takes too: once it has returned, the
+    /// run posts nothing more but its Stopped event.
+    bool postWhileCurrent(uint64_t generation, const Events& events);
     void watchUntilStopped(uint64_t generation);
     /// Wakes the watcher with the stream's `changes`, or only wakes it for nullptr.
     void handOver(DCIFSEventBatch* changes);
@@ -281,16 +290,16 @@ private:
     static void compareListings(const DCIFileDictionary& oldFiles, const DCIFileDictionary& newFiles,
                                 const DCIFolderDictionary& oldFolders, const DCIFolderDictionary& newFolders,
                                 TreeChanges& changes);
-    /// Posts the events of `changes` and keeps the caches to the files of the tree.
-    void reportChanges(TreeChanges changes, std::optional<DCIDate> unsettledAfter);
+    /// The events of `changes`, in order; keeps the caches to the files of the tree.
+    Events reportChanges(TreeChanges changes, std::optional<DCIDate> unsettledAfter);
     /// A file of `newFiles` changed after `unsettledAfter` is still being written: it takes
     /// back its old hash, or leaves the new tree when it is new, so that it is told once settled.
     static void leaveUnsettledFilesAsTheyWere(DCIFileSet& newFiles, const DCIFileSet& oldFiles,
                                               const DCIDate& unsettledAfter);
     static DCIFolderSet folderSetFromSet(const DCIFolderSet& set, const DCIFolderSet& notInSet);
-    static void compareNewFileSet(const DCIFileSet& newFiles, DCIFileSet& oldFiles);
-    /// Posts FileModified for each file of both sets (by path) whose hash changed.
-    static void findModifiedFilesInNewSet(const DCIFileSet& newFiles, const DCIFileSet& oldFiles);
+    static void compareNewFileSet(const DCIFileSet& newFiles, DCIFileSet& oldFiles, Events& told);
+    /// Tells FileModified for each file of both sets (by path) whose hash changed.
+    static void findModifiedFilesInNewSet(const DCIFileSet& newFiles, const DCIFileSet& oldFiles, Events& told);
 
     // File operations (DCIFileManagerOperations.cpp).
     /// An action of `type` with each path under its key; none when a path is missing or relative.
@@ -333,7 +342,7 @@ private:
     bool everythingChanged_ = false;        // guarded by SyncronizeMutex
     std::chrono::steady_clock::time_point latestFSEvent_;  // guarded by SyncronizeMutex
 
-    std::mutex runStateMutex_;  // makes starting, stopping and ending a run each one step
+    std::mutex runStateMutex_;  // makes starting, stopping, ending a run and each of its posts one step
 
     std::recursive_mutex treeLock_;  // a pass's relisting or new tree against an operation and its tree update
     // The entries file operations changed while a scan was under way, to apply to its tree

@@ -8,7 +8,6 @@
 
 #include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/Events/DCIEvent.h"
-#include "CoreKestly/Events/DCIEventManager.h"
 #include "CoreKestly/Platform/Files/KestlyPath.h"
 
 #include <algorithm>
@@ -27,10 +26,10 @@ std::vector<typename Set::value_type> inPathOrder(const Set& set) {
     return members;
 }
 
-void post(DCIEventType type, DCIDictionary context) {
+void tell(std::vector<std::shared_ptr<DCIEvent>>& told, DCIEventType type, DCIDictionary context) {
     auto event = DCIEvent::commonEventWithType(type);
     event->setContext(std::move(context));
-    DCIEventManager::postEvent(std::move(event));
+    told.push_back(std::move(event));
 }
 
 using FolderPointer = std::shared_ptr<DCIFolderObject>;
@@ -143,7 +142,10 @@ void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> 
                        inPathOrder(folderSetFromSet(newFolders, oldFolders))};
     }
     // A stop cut this pass's hashing short: what it found is no longer told.
-    if (runIsCurrent(generation)) reportChanges(std::move(treeChanges), unsettledAfter);
+    if (!runIsCurrent(generation)) return;
+    const auto events = reportChanges(std::move(treeChanges), unsettledAfter);
+    std::lock_guard lock(runStateMutex_);
+    postWhileCurrent(generation, events);
 }
 
 bool DCIFileManager::relistChangedFolders(const std::shared_ptr<DCIFolderObject>& root,
@@ -208,7 +210,8 @@ void DCIFileManager::compareListings(const DCIFileDictionary& oldFiles, const DC
     }
 }
 
-void DCIFileManager::reportChanges(TreeChanges changes, std::optional<DCIDate> unsettledAfter) {
+DCIFileManager::Events DCIFileManager::reportChanges(TreeChanges changes, std::optional<DCIDate> unsettledAfter) {
+    DCIFileManager::Events told;
     DCIFileSet& oldFiles = changes.oldFiles;
     DCIFileSet& newFiles = changes.newFiles;
     if (unsettledAfter) leaveUnsettledFilesAsTheyWere(newFiles, oldFiles, *unsettledAfter);
@@ -224,7 +227,7 @@ void DCIFileManager::reportChanges(TreeChanges changes, std::optional<DCIDate> u
     const auto movedFrom = pairMovedFolders(removed, added);
     for (const auto& top : added) {
         const bool topMoved = movedFrom.contains(top.get());
-        if (!topMoved) post(DCIEventTypeFolderAdded, {{std::string(kDCIFolderObject), top}});
+        if (!topMoved) tell(told, DCIEventTypeFolderAdded, {{std::string(kDCIFolderObject), top}});
         // The folders moved into a new one are told after it, with their files that kept
         // their content, which need no event of their own.
         DCIFolderSet subtree = top->gatherFolders();
@@ -232,8 +235,8 @@ void DCIFileManager::reportChanges(TreeChanges changes, std::optional<DCIDate> u
         for (const auto& folder : inPathOrder(subtree)) {
             const auto moved = movedFrom.find(folder.get());
             if (moved == movedFrom.end()) continue;
-            post(DCIEventTypeFolderMoved, {{std::string(kDCIFolderObject), folder},
-                                           {std::string(kDCIOldFolderObject), moved->second}});
+            tell(told, DCIEventTypeFolderMoved, {{std::string(kDCIFolderObject), folder},
+                                                 {std::string(kDCIOldFolderObject), moved->second}});
             const DCIFileSet oldInside = moved->second->gatherFiles(), newInside = folder->gatherFiles();
             eraseFilesWithHashes(newFiles, newInside, hashesOf(oldInside));
             eraseFilesWithHashes(oldFiles, oldInside, hashesOf(newInside));
@@ -255,7 +258,7 @@ void DCIFileManager::reportChanges(TreeChanges changes, std::optional<DCIDate> u
     for (const auto& gone : removed) {
         if (movedAway.contains(gone.get())) continue;
         for (const auto& file : gone->gatherFiles()) oldFiles.erase(file);
-        post(DCIEventTypeFolderRemoved, {{std::string(kDCIOldFolderObject), gone}});
+        tell(told, DCIEventTypeFolderRemoved, {{std::string(kDCIOldFolderObject), gone}});
     }
 
     // Files at one path in both scans are judged by content alone; the others are paired by
@@ -268,8 +271,9 @@ void DCIFileManager::reportChanges(TreeChanges changes, std::optional<DCIDate> u
     for (const auto& file : newFiles) {
         if (!oldFiles.contains(file)) newOnly.insert(file);
     }
-    compareNewFileSet(newOnly, oldOnly);
-    findModifiedFilesInNewSet(newFiles, oldFiles);
+    compareNewFileSet(newOnly, oldOnly, told);
+    findModifiedFilesInNewSet(newFiles, oldFiles, told);
+    return told;
 }
 
 void DCIFileManager::leaveUnsettledFilesAsTheyWere(DCIFileSet& newFiles, const DCIFileSet& oldFiles,
@@ -303,7 +307,7 @@ DCIFolderSet DCIFileManager::folderSetFromSet(const DCIFolderSet& set, const DCI
     return topmost;
 }
 
-void DCIFileManager::compareNewFileSet(const DCIFileSet& newFiles, DCIFileSet& oldFiles) {
+void DCIFileManager::compareNewFileSet(const DCIFileSet& newFiles, DCIFileSet& oldFiles, DCIFileManager::Events& told) {
     const auto oldInOrder = inPathOrder(oldFiles);
     std::unordered_map<std::string, std::shared_ptr<DCIFileObject>> oldFileByHash;
     for (const auto& file : oldInOrder) {
@@ -313,19 +317,20 @@ void DCIFileManager::compareNewFileSet(const DCIFileSet& newFiles, DCIFileSet& o
         const auto hash = file->fileHash();
         const auto old = hash ? oldFileByHash.find(*hash) : oldFileByHash.end();
         if (old == oldFileByHash.end()) {
-            post(DCIEventTypeFileAdded, {{std::string(kDCIFileObject), file}});
+            tell(told, DCIEventTypeFileAdded, {{std::string(kDCIFileObject), file}});
             continue;
         }
         // The table keeps the match, so each copy of a moved file is told as moved from it.
-        post(DCIEventTypeFileMoved, {{std::string(kDCIFileObject), file}, {std::string(kDCIOldFileObject), old->second}});
+        tell(told, DCIEventTypeFileMoved, {{std::string(kDCIFileObject), file}, {std::string(kDCIOldFileObject), old->second}});
         oldFiles.erase(old->second);
     }
     for (const auto& file : oldInOrder) {
-        if (oldFiles.contains(file)) post(DCIEventTypeFileRemoved, {{std::string(kDCIOldFileObject), file}});
+        if (oldFiles.contains(file)) tell(told, DCIEventTypeFileRemoved, {{std::string(kDCIOldFileObject), file}});
     }
 }
 
-void DCIFileManager::findModifiedFilesInNewSet(const DCIFileSet& newFiles, const DCIFileSet& oldFiles) {
+void DCIFileManager::findModifiedFilesInNewSet(const DCIFileSet& newFiles, const DCIFileSet& oldFiles,
+                                               DCIFileManager::Events& told) {
     DCIFileSet modified;
     for (const auto& old : oldFiles) {
         const auto current = newFiles.find(old);
@@ -333,7 +338,7 @@ void DCIFileManager::findModifiedFilesInNewSet(const DCIFileSet& newFiles, const
         const auto hash = (*current)->fileHash();
         if (hash && hash != old->fileHash()) modified.insert(*current);
     }
-    for (const auto& file : inPathOrder(modified)) post(DCIEventTypeFileModified, {{std::string(kDCIFileObject), file}});
+    for (const auto& file : inPathOrder(modified)) tell(told, DCIEventTypeFileModified, {{std::string(kDCIFileObject), file}});
 }
 
 std::shared_ptr<DCIFolderObject> DCIFileManager::folderWithPath(const std::string& path) const {

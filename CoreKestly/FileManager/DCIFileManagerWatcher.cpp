@@ -102,11 +102,7 @@ void DCIFileManager::threadMain(const std::string& rootPath, uint64_t generation
         [](const std::string& problem) { DCLogError("%@", problem); }, options);
     stream->start();
 
-    if (buildFirstTree(generation, rootPath)) {
-        DCLogInfo("Posting \"We're ready\" from the file manager");
-        post(DCIEventTypeFileManagerReady);
-        if (runIsCurrent(generation)) watchUntilStopped(generation);
-    }
+    if (buildFirstTree(generation, rootPath)) watchUntilStopped(generation);
 
     DCLogInfo("File manager loop completed");
     // The tree goes first, here rather than on the thread that called `stop`: the host finds
@@ -140,13 +136,25 @@ bool DCIFileManager::buildFirstTree(uint64_t generation, const std::string& root
     const bool installed = scanAndInstall(rootPath, generation) != nullptr;
     firstScanUnderWay_ = false;
     scanFiles_ = scanFilesHashed_ = scanBytes_ = scanBytesHashed_ = 0;
-    if (installed) return runIsCurrent(generation);
+    std::vector<std::shared_ptr<DCIEvent>> events;
+    if (!installed) events.push_back(DCIEvent::commonEventWithType(DCIEventTypeRootFolderRemoved));
+    // A start not stopped ends in ready, also when its root was missing.
+    events.push_back(DCIEvent::commonEventWithType(DCIEventTypeFileManagerReady));
     std::lock_guard lock(runStateMutex_);
-    if (!runIsCurrent(generation)) return false;
+    if (!postWhileCurrent(generation, events)) return false;
+    if (installed) {
+        DCLogInfo("Posting \"We're ready\" from the file manager");
+        return true;
+    }
     DCLogInfo("The root folder has been removed while starting");
-    post(DCIEventTypeRootFolderRemoved);
     started_ = false;
-    return true;  // the start still ends in ready, then stopped, as for every start not stopped
+    return false;
+}
+
+bool DCIFileManager::postWhileCurrent(uint64_t generation, const std::vector<std::shared_ptr<DCIEvent>>& events) {
+    if (!runIsCurrent(generation)) return false;
+    for (const auto& event : events) DCIEventManager::postEvent(event);
+    return true;
 }
 
 std::shared_ptr<DCIFolderObject> DCIFileManager::scanAndInstall(const std::string& rootPath, uint64_t generation) {
@@ -200,6 +208,7 @@ void DCIFileManager::watchUntilStopped(uint64_t generation) {
             latest = latestFSEvent_;
         }
         while (processNextFileEvent()) {}
+        if (!runIsCurrent(generation)) return;  // a pass now would be dropped, and only delay the teardown
         if (fsEvents && !pending) {
             pending = true;
             pendingSince = latest;
@@ -221,10 +230,12 @@ void DCIFileManager::watchUntilStopped(uint64_t generation) {
         }
         if (auto cache = primaryFileCache()) cache->persist();
         if (auto cache = sampleCache()) cache->persist();
-        if (!rootExists() && runIsCurrent(generation)) {
-            DCLogInfo("The root folder has been removed");
-            post(DCIEventTypeRootFolderRemoved);
-            return;
+        if (!rootExists()) {
+            std::lock_guard lock(runStateMutex_);
+            if (postWhileCurrent(generation, {DCIEvent::commonEventWithType(DCIEventTypeRootFolderRemoved)})) {
+                DCLogInfo("The root folder has been removed");
+                return;
+            }
         }
         if (!runIsCurrent(generation)) return;
     }

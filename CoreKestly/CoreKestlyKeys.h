@@ -22,6 +22,13 @@ inline constexpr std::string_view kDCIFileManagerFormat = "format";
 /// Action context: the `DCIError` that tells why the action failed.
 inline constexpr std::string_view kDCIError = "DCIError";
 
+// Event context of the first scan's progress: the files of interest found and their bytes,
+// and how many of each are hashed.
+inline constexpr std::string_view kDCIFileManagerScanFilesKey = "scanFiles";
+inline constexpr std::string_view kDCIFileManagerScanFilesHashedKey = "scanFilesHashed";
+inline constexpr std::string_view kDCIFileManagerScanBytesKey = "scanBytes";
+inline constexpr std::string_view kDCIFileManagerScanBytesHashedKey = "scanBytesHashed";
+
 // Event context of a status change: the new status and the one before it.
 inline constexpr std::string_view kDCIActionStatusKey = "DCIActionStatus";
 inline constexpr std::string_view kDCIActionPreviousStatusKey = "DCIActionPreviousStatus";

@@ -281,10 +281,15 @@ void DCIDownloader::handleProgress() {
     // A tick whose bytes were taken already, by a flush or a reset, has nothing to tell.
     if (!action || bytes == 0) return;
     const uint64_t current = currentDownloadedSize_.fetch_add(bytes) + bytes;
-    updateProgressOnAction(action, current, totalDownloadSize_.load());
+    const uint64_t total = totalDownloadSize_.load();
+    updateProgressOnAction(action, current, total);
     if (!sendDownloadProgressEvents.load()) return;
     auto event = DCIEvent::commonEventWithType(DCIEventTypeDownloadProgress);
     event->setAction(action);
+    // The counts of this tick: the action's own have moved on by the time a busy host reads them.
+    DCIDictionary context{{std::string(kDCIDownloaderCurrentDownloadSizeKey), DCIValue(current)}};
+    if (total != 0) context.emplace(kDCIDownloaderTotalDownloadSizeKey, DCIValue(total));
+    event->setContext(std::move(context));
     DCIEventManager::postEvent(std::move(event));
 }
 

@@ -32,7 +32,15 @@ enum DCIEventType : uint64_t {
     DCIEventTypeActionStatusChanged = 11,   ///< kDCIActionStatusKey, kDCIActionPreviousStatusKey; the action
     DCIEventTypeDownloaderStarted = 12,     ///< kDCIDownloaderDownloaderKey
     DCIEventTypeDownloaderStopped = 13,     ///< kDCIDownloaderDownloaderKey
-    DCIEventTypeDownloadProgress = 14,      ///< the download action
+    /// The download action; the counts of this tick: kDCIDownloaderCurrentDownloadSizeKey, the
+    /// bytes sent and received so far, and kDCIDownloaderTotalDownloadSizeKey, those expected,
+    /// absent while the server has not said.
+    DCIEventTypeDownloadProgress = 14,
+    /// How far a run's first scan has come, at most four times a second while it hashes (see
+    /// `DCIFileManager::firstScanProgress`): kDCIFileManagerScanFilesKey and
+    /// kDCIFileManagerScanBytesKey, the files of interest found and their bytes;
+    /// kDCIFileManagerScanFilesHashedKey and kDCIFileManagerScanBytesHashedKey, those hashed.
+    DCIEventTypeFirstScanProgress = 15,
 };
 
 /// Something that happened, told to the host's listeners on the main thread. The poster

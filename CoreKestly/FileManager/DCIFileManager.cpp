@@ -218,6 +218,7 @@ DCIFileIdentifiers DCIFileManager::identifiersForFile(const std::string& path, c
     if (firstScanUnderWay_.load()) {
         ++scanFilesHashed_;
         scanBytesHashed_ += stamp.size;
+        tellFirstScanProgress(run);
     }
     return identifiers;
 }

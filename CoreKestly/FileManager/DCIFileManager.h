@@ -132,7 +132,9 @@ public:
 
     /// How far the first scan of the run under way has come: the files of interest it found
     /// and their bytes, and how many of them are hashed. All zero outside a first scan, and
-    /// the totals zero until the tree is listed. Any thread.
+    /// the totals zero until the tree is listed. Any thread. The same counts come in
+    /// `DCIEventTypeFirstScanProgress` events: once the tree is listed (unless it has no file),
+    /// then at most four times a second while files are hashed.
     struct ScanProgress {
         uint64_t files = 0, filesHashed = 0, bytes = 0, bytesHashed = 0;
     };
@@ -254,6 +256,10 @@ private:
     /// Called with `runStateMutex_` held, which `stop` takes too: once it has returned, the
     /// run posts nothing more but its Stopped event.
     bool postWhileCurrent(uint64_t generation, const Events& events);
+    /// Posts the first scan's progress of the run `generation`, unless one went less than
+    /// `kScanProgressInterval` ago.
+    void tellFirstScanProgress(uint64_t generation);
+    static constexpr std::chrono::milliseconds kScanProgressInterval{250};
     void watchUntilStopped(uint64_t generation);
     /// Wakes the watcher with the stream's `changes`, or only wakes it for nullptr.
     void handOver(DCIFSEventBatch* changes);
@@ -354,6 +360,7 @@ private:
     std::atomic<uint64_t> activeRun_{0};   // the generation of the watcher thread's run, or 0
     std::atomic<bool> firstScanUnderWay_{false};
     std::atomic<uint64_t> scanFiles_{0}, scanFilesHashed_{0}, scanBytes_{0}, scanBytesHashed_{0};
+    std::atomic<std::chrono::steady_clock::rep> scanProgressToldAt_{0};  // 0: not yet in this scan
 
     std::mutex unhashableMutex_;  // guards the member below
     std::unordered_map<std::string, DCIFileStamp> unhashable_;  // files that failed to hash, as they were

@@ -3,6 +3,7 @@
 #include "CoreKestly/FileManager/DCIFileManager.h"
 
 #include "CoreKestly/Actions/DCIActionQueue.h"
+#include "CoreKestly/CoreKestlyKeys.h"
 #include "CoreKestly/DCLog/DCLogger.h"
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Events/DCIEventManager.h"
@@ -132,6 +133,7 @@ void DCIFileManager::pointSampleFinderAt(const std::string& rootPath) {
 bool DCIFileManager::buildFirstTree(uint64_t generation, const std::string& rootPath) {
     // A file that cannot be hashed is left out of the tree, so one bad file never holds back
     // the start; only a missing root or a stop ends it without a tree.
+    scanProgressToldAt_ = 0;
     firstScanUnderWay_ = true;
     const bool installed = scanAndInstall(rootPath, generation) != nullptr;
     firstScanUnderWay_ = false;
@@ -157,6 +159,24 @@ bool DCIFileManager::postWhileCurrent(uint64_t generation, const std::vector<std
     return true;
 }
 
+void DCIFileManager::tellFirstScanProgress(uint64_t generation) {
+    // Hashing threads call this after every file: one claims each interval, the others leave.
+    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    auto toldAt = scanProgressToldAt_.load();
+    const auto interval = std::chrono::duration_cast<std::chrono::steady_clock::duration>(kScanProgressInterval).count();
+    if (toldAt != 0 && now - toldAt < interval) return;
+    if (!scanProgressToldAt_.compare_exchange_strong(toldAt, now)) return;
+    auto event = DCIEvent::commonEventWithType(DCIEventTypeFirstScanProgress);
+    // Read under the lock, so that the counts of successive events never go back.
+    std::lock_guard lock(runStateMutex_);
+    const ScanProgress progress = firstScanProgress();
+    event->setContext(DCIDictionary{{std::string(kDCIFileManagerScanFilesKey), DCIValue(progress.files)},
+                                    {std::string(kDCIFileManagerScanFilesHashedKey), DCIValue(progress.filesHashed)},
+                                    {std::string(kDCIFileManagerScanBytesKey), DCIValue(progress.bytes)},
+                                    {std::string(kDCIFileManagerScanBytesHashedKey), DCIValue(progress.bytesHashed)}});
+    postWhileCurrent(generation, {std::move(event)});
+}
+
 std::shared_ptr<DCIFolderObject> DCIFileManager::scanAndInstall(const std::string& rootPath, uint64_t generation) {
     {
         std::lock_guard lock(treeLock_);
@@ -169,6 +189,7 @@ std::shared_ptr<DCIFolderObject> DCIFileManager::scanAndInstall(const std::strin
         for (const auto& file : files) bytes += file->stamp().size;
         scanBytes_ = bytes;
         scanFiles_ = files.size();
+        if (!files.empty()) tellFirstScanProgress(generation);
     }
     if (tree) tree->generateHashes(hashingThreads_.load());
     std::lock_guard lock(treeLock_);

@@ -206,8 +206,7 @@ TEST_F(DCIDownloaderTest, EndsEachActionAsItsResponseDecides) {
             if (!event->isCommonEventOfType(DCIEventTypeDownloadProgress) || event->action() != action) continue;
             const uint64_t current = event->contextValue(kDCIDownloaderCurrentDownloadSizeKey).value().uint64Value().value();
             const auto total = event->contextValue(kDCIDownloaderTotalDownloadSizeKey);
-            EXPECT_TRUE(current > told && (!total || total->uint64Value() >= current)) << current;
-            told = current;
+            EXPECT_TRUE(current > std::exchange(told, current) && (!total || total->uint64Value() >= current)) << current;
         }
         EXPECT_TRUE(outcome.status != done || told == outcome.currentSize) << told;
 

@@ -240,10 +240,7 @@ TEST_F(DCIFileManagerTests, AStopIsPromptAndFinal) {
     recorder->events.clear();
     ASSERT_TRUE(startedOnRoot());
     std::optional<DCIDate> stoppedAt;
-    recorder->onEvent = [&](const auto&) {
-        if (!stoppedAt) manager->stop();
-        if (!stoppedAt) stoppedAt = DCIDate::now();
-    };
+    recorder->onEvent = [&](const auto&) { if (!stoppedAt) { manager->stop(); stoppedAt = DCIDate::now(); } };
     for (int i = 0; i < 5000; ++i) write(root, std::to_string(i) + ".wav", std::to_string(i));
     ASSERT_TRUE(waitFor(DCIEventTypeFileManagerStopped));
     EXPECT_EQ(std::ranges::count_if(recorder->events, [&](const auto& event) { return *event->timestamp() > *stoppedAt; }), 1);
@@ -374,10 +371,10 @@ TEST_F(DCIFileManagerTests, LookupsAndHashes) {
     // The listed tree is told before a file is hashed.
     const auto progress = std::ranges::find(recorder->events, DCIEventTypeFirstScanProgress, &DCIEvent::type);
     ASSERT_NE(progress, recorder->events.end());
-    std::vector<uint64_t> counts;
-    for (const auto key : {kDCIFileManagerScanFilesKey, kDCIFileManagerScanFilesHashedKey, kDCIFileManagerScanBytesKey,
-                           kDCIFileManagerScanBytesHashedKey}) counts.push_back((*progress)->contextValue(key).value().uint64Value().value());
-    EXPECT_EQ(counts, (std::vector<uint64_t>{2, 0, 4, 0}));
+    const auto count = [&](std::string_view key) { return (*progress)->contextValue(key).value().uint64Value().value(); };
+    EXPECT_EQ(std::tuple(count(kDCIFileManagerScanFilesKey), count(kDCIFileManagerScanFilesHashedKey),
+                         count(kDCIFileManagerScanBytesKey), count(kDCIFileManagerScanBytesHashedKey)),
+              std::tuple(2u, 0u, 4u, 0u));
     EXPECT_EQ(std::tuple(fs::exists(root + "/" + abandoned), fs::exists(root + "/" + underWay), !manager->folderWithPath(underWay)),
               std::tuple(false, true, true));
     const std::pair<std::string, std::optional<std::string>> folders[] = {

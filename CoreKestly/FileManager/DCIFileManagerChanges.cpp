@@ -211,7 +211,7 @@ void DCIFileManager::compareListings(const DCIFileDictionary& oldFiles, const DC
 }
 
 DCIFileManager::Events DCIFileManager::reportChanges(TreeChanges changes, std::optional<DCIDate> unsettledAfter) {
-    DCIFileManager::Events told;
+    Events told;
     DCIFileSet& oldFiles = changes.oldFiles;
     DCIFileSet& newFiles = changes.newFiles;
     if (unsettledAfter) leaveUnsettledFilesAsTheyWere(newFiles, oldFiles, *unsettledAfter);

@@ -314,8 +314,10 @@ TEST_F(DCIFileManagerTests, OperationsUpdateTheTreeAndRefuseWhatTheyCannotDo) {
     EXPECT_TRUE(manager->unqueuedMoveItemAtPath(root + "/deep/er/x.wav", root + "/y.wav"));  // replaces
     EXPECT_FALSE(manager->unqueuedMoveItemAtPath(root + "/y.wav", root + "/missing/x.wav"));
     EXPECT_TRUE(fs::exists(root + "/y.wav"));
-    fs::create_symlink("y.wav", root + "/link.wav");
-    EXPECT_FALSE(manager->unqueuedMoveItemAtPath(root + "/link.wav", root + "/y.wav"));  // y.wav would link to itself
+    // Made outside the root: a link made inside would be a change of the user's, told in time.
+    const std::string link = directory / "link.wav";
+    fs::create_symlink(root + "/y.wav", link);
+    EXPECT_FALSE(manager->unqueuedMoveItemAtPath(link, root + "/y.wav"));  // y.wav would link to itself
     EXPECT_EQ(readWholeFile(root + "/y.wav"), "1");
     EXPECT_TRUE(manager->unqueuedCreateDirectoryAtPath(root + "/deep"));
     EXPECT_FALSE(manager->unqueuedCopyItemAtPath(root + "/deep", root + "/deep/er/inside"));

@@ -20,9 +20,14 @@ namespace {
 
 template <class Set>
 std::vector<typename Set::value_type> inPathOrder(const Set& set) {
-    std::vector<typename Set::value_type> members(set.begin(), set.end());
-    std::sort(members.begin(), members.end(),
-              [](const auto& a, const auto& b) { return a->absolutePath() < b->absolutePath(); });
+    // Each path is built once: a file object makes its path when asked.
+    std::vector<std::pair<std::string, typename Set::value_type>> keyed;
+    keyed.reserve(set.size());
+    for (const auto& member : set) keyed.emplace_back(member->absolutePath(), member);
+    std::ranges::sort(keyed, {}, [](const auto& entry) -> const std::string& { return entry.first; });
+    std::vector<typename Set::value_type> members;
+    members.reserve(keyed.size());
+    for (auto& entry : keyed) members.push_back(std::move(entry.second));
     return members;
 }
 
@@ -35,8 +40,8 @@ void tell(std::vector<std::shared_ptr<DCIEvent>>& told, DCIEventType type, DCIDi
 using FolderPointer = std::shared_ptr<DCIFolderObject>;
 
 // `path` from inside the folder at `folderPath`, which holds it.
-std::string_view pathInside(const std::string& path, const std::string& folderPath) {
-    return std::string_view(path).substr(folderPath.size() + 1);
+std::string pathInside(const std::string& path, const std::string& folderPath) {
+    return path.substr(folderPath.size() + 1);
 }
 
 // How well a folder that appeared stands for one that went: how many of the gone folder's
@@ -62,7 +67,7 @@ std::unordered_map<const DCIFolderObject*, FolderPointer> pairMovedFolders(const
     }
     std::unordered_map<const DCIFolderObject*, FolderPointer> movedFrom;
     for (const auto& gone : removed) {
-        std::unordered_map<std::string, std::vector<std::string_view>> placesByHash;
+        std::unordered_map<std::string, std::vector<std::string>> placesByHash;
         const DCIFileSet goneFiles = gone->gatherFiles();
         for (const auto& file : goneFiles) {
             if (const auto hash = file->fileHash()) {

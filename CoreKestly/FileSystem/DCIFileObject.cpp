@@ -1,41 +1,26 @@
 #include "CoreKestly/FileSystem/DCIFileObject.h"
 
 #include "CoreKestly/FileSystem/DCIFolderObject.h"
-#include "CoreKestly/FileSystem/KSTFileHash.h"
 #include "CoreKestly/Platform/Files/KestlyPath.h"
 
+#include <array>
 #include <fcntl.h>
+#include <functional>
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+DCIFileObject::DCIFileObject(MakeKey, const std::string& name, const std::shared_ptr<DCIFolderObject>& folder)
+    : name_(name), parent_(folder), folderPath_(folder->absolutePath_),
+      compareHash_(DCIPathHash(KestlyPath::appendingComponent(*folderPath_, name_))) {}
 
-std::string pathInFolder(const std::shared_ptr<DCIFolderObject>& folder, const std::string& name) {
-    return folder ? KestlyPath::appendingComponent(folder->absolutePath(), name) : std::string();
+std::shared_ptr<DCIFileObject> DCIFileObject::make(const std::string& name, const std::shared_ptr<DCIFolderObject>& folder) {
+    return std::make_shared<DCIFileObject>(MakeKey(), name, folder);
 }
-
-std::shared_ptr<const std::string> storedString(const std::optional<std::string>& value) {
-    return value ? std::make_shared<const std::string>(*value) : nullptr;
-}
-
-std::optional<std::string> loadedString(const std::shared_ptr<const std::string>& value) {
-    return value ? std::optional<std::string>(*value) : std::nullopt;
-}
-
-DCIDate dateFromSeconds(const std::atomic<int64_t>& seconds) {
-    return DCIDate::dateWithSecondsSince1970(seconds.load(std::memory_order_relaxed));
-}
-
-}  // namespace
-
-DCIFileObject::DCIFileObject(const std::string& name, const std::shared_ptr<DCIFolderObject>& folder)
-    : name_(name), parent_(folder), absolutePath_(pathInFolder(folder, name)),
-      compareHash_(DCIPathHash(absolutePath_)) {}
 
 std::shared_ptr<DCIFileObject> DCIFileObject::initWithFileName(const std::string& name,
                                                                const std::shared_ptr<DCIFolderObject>& inFolder) {
     if (!inFolder) return nullptr;
-    std::shared_ptr<DCIFileObject> file(new DCIFileObject(name, inFolder));
+    auto file = make(name, inFolder);
     return file->updateAttributes() ? file : nullptr;
 }
 
@@ -44,9 +29,10 @@ bool DCIFileObject::updateAttributes() {
     // the tree would fail every hashing pass. Such entries are never opened, since opening a
     // device can act on it; a regular file is asked about instead of opened, which costs one
     // system call less.
+    const std::string path = absolutePath();
     struct stat status;
-    if (stat(absolutePath_.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-    if (faccessat(AT_FDCWD, absolutePath_.c_str(), R_OK, AT_EACCESS) != 0) return false;
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+    if (faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) return false;
     setStatus(status);
     return true;
 }
@@ -55,30 +41,42 @@ std::shared_ptr<DCIFileObject> DCIFileObject::initWithFileName(const std::string
                                                                const std::shared_ptr<DCIFolderObject>& inFolder,
                                                                const struct stat& status) {
     if (!inFolder || !S_ISREG(status.st_mode)) return nullptr;
-    std::shared_ptr<DCIFileObject> file(new DCIFileObject(name, inFolder));
+    auto file = make(name, inFolder);
     file->setStatus(status);
     return file;
 }
 
+std::mutex& DCIFileObject::lock() const {
+    // Enough locks that threads hashing different files seldom meet on one.
+    static std::array<std::mutex, 64> locks;
+    return locks[std::hash<const void*>()(this) / alignof(DCIFileObject) % locks.size()];
+}
+
 void DCIFileObject::setStatus(const struct stat& status) {
-    modifiedSeconds_.store(status.st_mtim.tv_sec, std::memory_order_relaxed);
-    modifiedNanoseconds_.store(static_cast<int32_t>(status.st_mtim.tv_nsec), std::memory_order_relaxed);
-    createdSeconds_.store(status.st_ctim.tv_sec, std::memory_order_relaxed);
-    size_.store(static_cast<uint64_t>(status.st_size), std::memory_order_relaxed);
-    inode_.store(static_cast<uint64_t>(status.st_ino), std::memory_order_relaxed);
-    device_.store(static_cast<uint64_t>(status.st_dev), std::memory_order_relaxed);
+    const Status packed{status.st_mtim.tv_sec, status.st_ctim.tv_sec, static_cast<uint64_t>(status.st_size),
+                        static_cast<uint64_t>(status.st_ino), static_cast<uint64_t>(status.st_dev),
+                        static_cast<uint32_t>(status.st_mtim.tv_nsec)};
+    std::lock_guard guard(lock());
+    status_ = packed;
+}
+
+DCIFileObject::Status DCIFileObject::status() const {
+    std::lock_guard guard(lock());
+    return status_;
 }
 
 DCIFileStamp DCIFileObject::stamp() const {
-    return DCIFileStamp{DCIDate::dateWithSecondsSince1970(modifiedSeconds_.load(std::memory_order_relaxed),
-                                                          modifiedNanoseconds_.load(std::memory_order_relaxed)),
-                        size_.load(std::memory_order_relaxed), inode_.load(std::memory_order_relaxed),
-                        device_.load(std::memory_order_relaxed)};
+    const Status current = status();
+    return DCIFileStamp{DCIDate::dateWithSecondsSince1970(current.modifiedSeconds,
+                                                          static_cast<int32_t>(current.modifiedNanoseconds)),
+                        current.size, current.inode, current.device};
 }
 
-DCIDate DCIFileObject::modifiedDate() const { return dateFromSeconds(modifiedSeconds_); }
+DCIDate DCIFileObject::modifiedDate() const { return DCIDate::dateWithSecondsSince1970(status().modifiedSeconds); }
 
-DCIDate DCIFileObject::createdDate() const { return dateFromSeconds(createdSeconds_); }
+DCIDate DCIFileObject::createdDate() const { return DCIDate::dateWithSecondsSince1970(status().createdSeconds); }
+
+std::string DCIFileObject::absolutePath() const { return KestlyPath::appendingComponent(*folderPath_, name_); }
 
 std::string DCIFileObject::relativePath() const {
     const auto folder = parent();
@@ -94,18 +92,36 @@ std::optional<std::string> DCIFileObject::pathRelativeToFolder(const std::shared
 }
 
 std::optional<std::string> DCIFileObject::fileHash() const {
-    if (auto stored = fileHash_.load()) return *stored;
+    {
+        std::lock_guard guard(lock());
+        if (hasFileHash_) return KSTHexFromDigest(fileHash_);
+    }
     // Two threads may both get here and hash the file; both store the same value.
-    auto computed = KSTSha256ForFileAtPath(absolutePath_);
-    if (computed) fileHash_.store(storedString(computed));
+    auto computed = KSTSha256ForFileAtPath(absolutePath());
+    if (computed) storeHash(KSTDigestFromHex(*computed));
     return computed;
 }
 
-void DCIFileObject::setFileHash(const std::optional<std::string>& fileHash) { fileHash_.store(storedString(fileHash)); }
+void DCIFileObject::setFileHash(const std::optional<std::string>& fileHash) {
+    storeHash(fileHash ? KSTDigestFromHex(*fileHash) : std::nullopt);
+}
 
-std::optional<std::string> DCIFileObject::sasID() const { return loadedString(sasID_.load()); }
+void DCIFileObject::storeHash(const std::optional<KSTSha256Digest>& digest) const {
+    std::lock_guard guard(lock());
+    hasFileHash_ = digest.has_value();
+    fileHash_ = digest.value_or(KSTSha256Digest{});
+}
 
-void DCIFileObject::setSasID(const std::optional<std::string>& sasID) { sasID_.store(storedString(sasID)); }
+std::optional<std::string> DCIFileObject::sasID() const {
+    std::lock_guard guard(lock());
+    return sasID_ ? std::optional<std::string>(*sasID_) : std::nullopt;
+}
+
+void DCIFileObject::setSasID(const std::optional<std::string>& sasID) {
+    auto stored = sasID ? std::make_unique<const std::string>(*sasID) : nullptr;
+    std::lock_guard guard(lock());
+    sasID_.swap(stored);
+}
 
 bool DCIFileObject::isEqual(const DCIObject& other) const {
     const auto* file = dynamic_cast<const DCIFileObject*>(&other);

@@ -2,14 +2,14 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
-#include "CoreKestly/Platform/RunLoop/DCIAtomicSharedPtr.h"
 #include "CoreKestly/FileSystem/DCIFileStamp.h"
 #include "CoreKestly/FileSystem/DCIPathIdentity.h"
+#include "CoreKestly/FileSystem/KSTFileHash.h"
 #include "CoreKestly/Platform/Values/DCIDate.h"
 #include "CoreKestly/Platform/Values/DCIObject.h"
 
-#include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,6 +24,13 @@ class DCIFolderObject;
 /// (renaming a folder above it later changes nothing) and decides identity, so the objects
 /// for one path in two scans of the tree are equal whatever their contents. Content changes
 /// and moves are found by comparing `fileHash()` values.
+///
+/// A library holds one object per file, so an object is kept small: its name, the path of
+/// its folder shared with the folder's other files, the hash as 32 bytes, the stamp packed.
+/// The absolute path and the hash's hex text are built when asked for. An object keeps its
+/// folder's path for as long as it lives, so a host may hold a file object across passes
+/// (an event's, say) and still ask for its path, hash and dates; `parent()` answers only
+/// while that folder is still in some tree someone holds.
 ///
 /// Every accessor may be called from any thread.
 class KESTLY_EXPORT DCIFileObject : public DCIObject {
@@ -58,7 +65,7 @@ public:
     std::shared_ptr<DCIFolderObject> parent() const { return parent_.lock(); }
 
     /// The folder's absolute path joined with `name()`, as it was when the object was made.
-    const std::string& absolutePath() const { return absolutePath_; }
+    std::string absolutePath() const;
     /// The path from the root of the tree: the names of the folders below the root, outermost
     /// first, then `name()`; only `name()` once the folder is gone.
     std::string relativePath() const;
@@ -70,6 +77,7 @@ public:
     /// the calling thread, bypassing every cache, and a result is stored. Nothing when the
     /// file cannot be hashed; the next call tries again.
     std::optional<std::string> fileHash() const;
+    /// Stores a SHA-256 as 64 hex characters; any other text, like nothing, stores no hash.
     void setFileHash(const std::optional<std::string>& fileHash);
     std::optional<std::string> sasID() const;
     void setSasID(const std::optional<std::string>& sasID);
@@ -81,25 +89,44 @@ public:
     bool isEqual(const DCIObject& other) const;
 
     /// The absolute path.
-    std::string description() const override { return absolutePath_; }
+    std::string description() const override { return absolutePath(); }
 
 private:
-    DCIFileObject(const std::string& name, const std::shared_ptr<DCIFolderObject>& folder);
+    struct MakeKey {
+        explicit MakeKey() = default;
+    };
+
+public:
+    /// For `std::make_shared` only, which puts object and count in one allocation.
+    DCIFileObject(MakeKey, const std::string& name, const std::shared_ptr<DCIFolderObject>& folder);
+
+private:
+    /// The stamp and the creation time in 44 bytes rather than a `DCIFileStamp` and a `DCIDate`.
+    struct Status {
+        int64_t modifiedSeconds = 0;
+        int64_t createdSeconds = 0;
+        uint64_t size = 0, inode = 0, device = 0;
+        uint32_t modifiedNanoseconds = 0;
+    };
+
+    static std::shared_ptr<DCIFileObject> make(const std::string& name, const std::shared_ptr<DCIFolderObject>& folder);
+    void setStatus(const struct stat& status);
+    Status status() const;
+    void storeHash(const std::optional<KSTSha256Digest>& digest) const;
+    /// The lock over the mutable members: one of a fixed set that all file objects share, so
+    /// that a million files do not each carry a mutex.
+    std::mutex& lock() const;
 
     const std::string name_;
     const std::weak_ptr<DCIFolderObject> parent_;
-    const std::string absolutePath_;
+    const std::shared_ptr<const std::string> folderPath_;  // the parent's, shared with it
     const uint64_t compareHash_;
-    void setStatus(const struct stat& status);
 
-    std::atomic<int64_t> modifiedSeconds_{0};
-    std::atomic<int32_t> modifiedNanoseconds_{0};
-    std::atomic<int64_t> createdSeconds_{0};
-    std::atomic<uint64_t> size_{0};
-    std::atomic<uint64_t> inode_{0};
-    std::atomic<uint64_t> device_{0};
-    mutable DCIAtomicSharedPtr<const std::string> fileHash_;
-    DCIAtomicSharedPtr<const std::string> sasID_;
+    // Guarded by `lock()`.
+    Status status_;
+    mutable bool hasFileHash_ = false;
+    mutable KSTSha256Digest fileHash_{};
+    std::unique_ptr<const std::string> sasID_;  // none for no `sasID`
 };
 
 /// A snapshot of files, one member per absolute path.

@@ -39,8 +39,8 @@ std::shared_ptr<const Dictionary> replacingEntry(const Dictionary& dictionary, c
 
 DCIFolderObject::DCIFolderObject(const std::string& path, const std::shared_ptr<DCIFolderObject>& parent,
                                  std::weak_ptr<DCIFileQueries> fileQueries, std::optional<DirectoryIdentity> identity)
-    : absolutePath_(path), parent_(parent), fileQueries_(std::move(fileQueries)), identity_(identity),
-      pathHash_(DCIPathHash(absolutePath_)), files_(std::make_shared<const DCIFileDictionary>()),
+    : absolutePath_(std::make_shared<const std::string>(path)), parent_(parent), fileQueries_(std::move(fileQueries)),
+      identity_(identity), pathHash_(DCIPathHash(path)), files_(std::make_shared<const DCIFileDictionary>()),
       subFolders_(std::make_shared<const DCIFolderDictionary>()) {}
 
 std::shared_ptr<DCIFolderObject> DCIFolderObject::initWithPath(const std::string& path,
@@ -64,7 +64,7 @@ std::shared_ptr<DCIFolderObject> DCIFolderObject::makeFolder(const std::string& 
 
 bool DCIFolderObject::exists() const {
     struct stat status;
-    return lstat(absolutePath_.c_str(), &status) == 0;
+    return lstat(absolutePath().c_str(), &status) == 0;
 }
 
 DCIFolderObject::Walk DCIFolderObject::walkFromHere() const {
@@ -92,7 +92,7 @@ void DCIFolderObject::list(Walk& walk) {
     const auto self = shared_from_this();
     for (const auto& entry : entries) {
         if (entry.folderIdentity) {
-            const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, entry.name);
+            const std::string fullPath = KestlyPath::appendingComponent(absolutePath(), entry.name);
             std::shared_ptr<DCIFolderObject> folder(new DCIFolderObject(fullPath, self, fileQueries_, entry.folderIdentity));
             walk.metFolderLinks = walk.metFolderLinks || entry.isLink;
             if (entry.isLink) walk.throughLinks.push_back(folder);
@@ -119,7 +119,7 @@ std::vector<DCIFolderObject::ListedEntry> DCIFolderObject::listEntries() const {
     // holds one directory open at a time, not one per level. Sorted, so that which path
     // lists a folder reached by several never depends on the order of the directory.
     std::vector<ListedEntry> entries;
-    const DirectoryStream directory(opendir(absolutePath_.c_str()));
+    const DirectoryStream directory(opendir(absolutePath().c_str()));
     if (!directory) return entries;
     const int directoryDescriptor = dirfd(directory.get());
     const auto queries = fileQueries_.lock();
@@ -128,13 +128,13 @@ std::vector<DCIFolderObject::ListedEntry> DCIFolderObject::listEntries() const {
         if (!isEntryName(entry->d_name)) continue;
         // A copy under way is no item of the tree until it is in place; one cut short never will be.
         if (DCIFileOperations::isStagingName(entry->d_name)) {
-            if (removesAbandoned) DCIFileOperations::removeAbandonedStagingItem(absolutePath_, entry->d_name);
+            if (removesAbandoned) DCIFileOperations::removeAbandonedStagingItem(absolutePath(), entry->d_name);
             continue;
         }
         // A plain file's name decides first, so a file of no interest costs no status read.
         // Everything is looked at through links, so a link counts as what it leads to and a
         // dangling one as nothing; only folders and regular files can belong to the tree.
-        const bool ofInterest = queries && queries->isFileOfInterest(KestlyPath::appendingComponent(absolutePath_, entry->d_name));
+        const bool ofInterest = queries && queries->isFileOfInterest(KestlyPath::appendingComponent(absolutePath(), entry->d_name));
         if (entry->d_type == DT_REG && !ofInterest) continue;
         bool isLink = entry->d_type == DT_LNK;
         struct stat status;
@@ -201,7 +201,7 @@ bool DCIFolderObject::hashFile(DCIFileObject& file, DCIFileQueries* queries) {
 
 bool DCIFolderObject::updateItemAtSubPath(const std::string& name) {
     if (!isEntryName(name)) return false;
-    const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, name);
+    const std::string fullPath = KestlyPath::appendingComponent(absolutePath(), name);
     const auto currentFiles = files();
     const auto currentSubFolders = subFolders();
 
@@ -237,7 +237,7 @@ bool DCIFolderObject::updateItemAtSubPath(const std::string& name) {
 
 bool DCIFolderObject::replaceItemAtSubPath(const std::string& name) {
     if (!isEntryName(name)) return false;
-    const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, name);
+    const std::string fullPath = KestlyPath::appendingComponent(absolutePath(), name);
     std::shared_ptr<DCIFileObject> file;
     std::shared_ptr<DCIFolderObject> folder;
     struct stat status;
@@ -260,7 +260,7 @@ std::shared_ptr<DCIFolderObject> DCIFolderObject::subFolderMadeByOperation(const
     const auto currentSubFolders = subFolders();
     if (const auto known = currentSubFolders->find(name); known != currentSubFolders->end()) return known->second;
     struct stat status;
-    const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, name);
+    const std::string fullPath = KestlyPath::appendingComponent(absolutePath(), name);
     if (!isEntryName(name) || stat(fullPath.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return nullptr;
     std::shared_ptr<DCIFolderObject> folder(
         new DCIFolderObject(fullPath, shared_from_this(), fileQueries_, DirectoryIdentity{status.st_dev, status.st_ino}));
@@ -275,7 +275,7 @@ DCIFolderRelisting DCIFolderObject::relist() const {
     const auto self = std::const_pointer_cast<DCIFolderObject>(shared_from_this());
     const auto queries = fileQueries_.lock();
     for (const auto& entry : listEntries()) {
-        const std::string fullPath = KestlyPath::appendingComponent(absolutePath_, entry.name);
+        const std::string fullPath = KestlyPath::appendingComponent(absolutePath(), entry.name);
         if (entry.folderIdentity) {
             relisting.metFolderLinks = relisting.metFolderLinks || entry.isLink;
             const auto known = relisting.oldSubFolders->find(entry.name);
@@ -372,7 +372,7 @@ std::shared_ptr<DCIFileObject> DCIFolderObject::findFile(
 std::string DCIFolderObject::relativePath() const {
     const auto folder = parent();
     if (!folder) return "";
-    return KestlyPath::appendingComponent(folder->relativePath(), KestlyPath::lastComponent(absolutePath_));
+    return KestlyPath::appendingComponent(folder->relativePath(), KestlyPath::lastComponent(absolutePath()));
 }
 
 std::shared_ptr<DCIFolderObject> DCIFolderObject::root() const {
@@ -394,7 +394,7 @@ std::optional<std::string> DCIFolderObject::pathRelativeToFolder(const std::shar
             std::string path;
             for (size_t level = 0; level < levelsUp; ++level) path = KestlyPath::appendingComponent(path, "..");
             for (size_t below = meeting; below-- > 0;) {
-                path = KestlyPath::appendingComponent(path, KestlyPath::lastComponent(ownLine[below]->absolutePath_));
+                path = KestlyPath::appendingComponent(path, KestlyPath::lastComponent(ownLine[below]->absolutePath()));
             }
             return path;
         }
@@ -404,5 +404,5 @@ std::optional<std::string> DCIFolderObject::pathRelativeToFolder(const std::shar
 
 bool DCIFolderObject::isEqual(const DCIObject& other) const {
     const auto* folder = dynamic_cast<const DCIFolderObject*>(&other);
-    return folder && folder->pathHash_ == pathHash_ && folder->absolutePath_ == absolutePath_;
+    return folder && folder->pathHash_ == pathHash_ && folder->absolutePath() == absolutePath();
 }

@@ -126,7 +126,7 @@ public:
     /// As `searchForFileWithHash`, comparing the stored `sasID`s.
     std::shared_ptr<DCIFileObject> searchForFileWithSasID(const std::optional<std::string>& sasID) const;
 
-    const std::string& absolutePath() const { return absolutePath_; }
+    const std::string& absolutePath() const { return *absolutePath_; }
     /// The path from the root: "" for the root, else the parent's relative path joined with
     /// this folder's last path component.
     std::string relativePath() const;
@@ -150,7 +150,7 @@ public:
     bool isEqual(const DCIObject& other) const;
 
     /// The absolute path.
-    std::string description() const override { return absolutePath_; }
+    std::string description() const override { return absolutePath(); }
 
 private:
     /// Where a directory lives: what every path to one real folder shares.
@@ -194,7 +194,8 @@ private:
     void collectFiles(DCIFileSet& files) const;
     void collectFolders(DCIFolderSet& folders) const;
 
-    const std::string absolutePath_;
+    friend class DCIFileObject;  // which shares the path below
+    const std::shared_ptr<const std::string> absolutePath_;
     const std::weak_ptr<DCIFolderObject> parent_;
     const std::weak_ptr<DCIFileQueries> fileQueries_;
     const std::optional<DirectoryIdentity> identity_;  // of the directory found at creation

@@ -81,16 +81,10 @@ public:
 
     // The digest as 64 lower-case hex characters, byte 0 first; nothing if OpenSSL fails.
     std::optional<std::string> hexDigest() {
-        std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+        KSTSha256Digest digest{};
         unsigned int length = 0;
-        if (EVP_DigestFinal_ex(context_.get(), digest.data(), &length) != 1) return std::nullopt;
-        static constexpr char kHexDigits[] = "0123456789abcdef";
-        std::string text(2 * length, '\0');
-        for (unsigned int i = 0; i < length; ++i) {
-            text[2 * i] = kHexDigits[digest[i] >> 4];
-            text[2 * i + 1] = kHexDigits[digest[i] & 0x0f];
-        }
-        return text;
+        if (EVP_DigestFinal_ex(context_.get(), digest.data(), &length) != 1 || length != digest.size()) return std::nullopt;
+        return KSTHexFromDigest(digest);
     }
 
 private:
@@ -135,7 +129,35 @@ private:
     std::chrono::nanoseconds workingTime_{};
 };
 
+int hexValue(char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
 }  // namespace
+
+std::string KSTHexFromDigest(const KSTSha256Digest& digest) {
+    static constexpr char kHexDigits[] = "0123456789abcdef";
+    std::string text(2 * digest.size(), '\0');
+    for (size_t i = 0; i < digest.size(); ++i) {
+        text[2 * i] = kHexDigits[digest[i] >> 4];
+        text[2 * i + 1] = kHexDigits[digest[i] & 0x0f];
+    }
+    return text;
+}
+
+std::optional<KSTSha256Digest> KSTDigestFromHex(std::string_view hex) {
+    KSTSha256Digest digest{};
+    if (hex.size() != 2 * digest.size()) return std::nullopt;
+    for (size_t i = 0; i < digest.size(); ++i) {
+        const int high = hexValue(hex[2 * i]), low = hexValue(hex[2 * i + 1]);
+        if (high < 0 || low < 0) return std::nullopt;
+        digest[i] = static_cast<uint8_t>(high << 4 | low);
+    }
+    return digest;
+}
 
 std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path, bool eco, const std::atomic<bool>& stop) {
     const ReadOnlyFile file(path);

@@ -2,8 +2,11 @@
 
 #include "CoreKestly/CoreKestlyExport.h"
 
+#include <array>
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 // The content identity of a file: the SHA-256 of its whole content as 64 lower-case
 // hexadecimal characters, byte 0 of the digest first.
@@ -21,3 +24,11 @@ KESTLY_EXPORT std::optional<std::string> KSTSha256ForFileAtPath(const std::strin
 /// reading and hashing it sleeps 14 ms, and after the last chunk, success or failure, it
 /// sleeps 0.35 of the working time of the last slice. Only the calling thread is slowed.
 KESTLY_EXPORT std::optional<std::string> KSTSha256ForFileAtPathEco(const std::string& path);
+
+/// A SHA-256 digest as its 32 bytes, byte 0 first: how trees and caches hold a hash, at half
+/// the size of its hex text and with no allocation of its own.
+using KSTSha256Digest = std::array<uint8_t, 32>;
+/// The digest as 64 lower-case hex characters, as the functions above answer it.
+KESTLY_EXPORT std::string KSTHexFromDigest(const KSTSha256Digest& digest);
+/// The digest that 64 hex characters (either case) spell; nothing for any other text.
+KESTLY_EXPORT std::optional<KSTSha256Digest> KSTDigestFromHex(std::string_view hex);

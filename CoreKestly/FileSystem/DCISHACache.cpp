@@ -18,6 +18,16 @@ bool holdsSHA(const DCISHACacheRecord& record) { return record.sha.has_value(); 
 // Every record holds a sasID, "" included, so the calculator is asked once per modification.
 bool holdsSasID(const DCISHACacheRecord&) { return true; }
 
+// The most changes one write takes: a first scan's hundred thousand new records are written
+// in batches rather than copied all at once.
+constexpr size_t kMostChangesPerWrite = 4096;
+
+// A path split after its last "/": the key of its folder and its name.
+std::pair<std::string_view, std::string_view> folderAndName(std::string_view path) {
+    const size_t nameStart = path.rfind('/') + 1;  // 0 without a "/"
+    return {path.substr(0, nameStart), path.substr(nameStart)};
+}
+
 }  // namespace
 
 std::shared_ptr<DCISHACache> DCISHACache::initWithCachePath(const std::string& cachePath,
@@ -35,18 +45,44 @@ DCISHACache::DCISHACache(std::string cachePath, DCISasIDCalculator sasIDCalculat
 
 DCISHACache::~DCISHACache() {
     executor_.reset();  // finishes the writes already scheduled
-    const auto changes = takeUnsavedChanges();
-    if (!changes.empty()) store_->write(changes);
+    writeUnsavedChanges();
 }
 
 std::map<std::string, DCISHACacheRecord> DCISHACache::shaCache() const {
+    std::map<std::string, DCISHACacheRecord> records;
     std::unique_lock lock(accessMutex_);
-    return {shaCache_.begin(), shaCache_.end()};
+    for (const auto& [folder, byName] : folders_) {
+        for (const auto& entry : byName) records.emplace(pathOf(entry), answered(entry.second));
+    }
+    return records;
 }
 
 bool DCISHACache::dirty() const {
     std::unique_lock lock(accessMutex_);
-    return !unsavedPaths_.empty();
+    return (unsavedCount_ > 0 || !droppedPaths_.empty()) && !writeScheduled_;
+}
+
+DCISHACache::StoredRecord DCISHACache::stored(const DCISHACacheRecord& record) {
+    StoredRecord stored;
+    stored.modifiedSeconds = record.stamp.mdate.secondsSince1970();
+    stored.modifiedNanoseconds = static_cast<uint32_t>(record.stamp.mdate.nanoseconds());
+    stored.size = record.stamp.size;
+    stored.inode = record.stamp.inode;
+    stored.device = record.stamp.device;
+    // A hash that is no SHA-256 (a damaged row) counts as none: the file is hashed again.
+    const auto digest = record.sha ? KSTDigestFromHex(*record.sha) : std::nullopt;
+    stored.hasSHA = digest.has_value();
+    stored.sha = digest.value_or(KSTSha256Digest{});
+    if (!record.sasID.empty()) stored.sasID = std::make_unique<const std::string>(record.sasID);
+    return stored;
+}
+
+DCISHACacheRecord DCISHACache::answered(const StoredRecord& record) {
+    const DCIFileStamp stamp{DCIDate::dateWithSecondsSince1970(record.modifiedSeconds,
+                                                               static_cast<int32_t>(record.modifiedNanoseconds)),
+                             record.size, record.inode, record.device};
+    return {stamp, record.hasSHA ? std::optional(KSTHexFromDigest(record.sha)) : std::nullopt,
+            record.sasID ? *record.sasID : std::string()};
 }
 
 DCISasIDCalculator DCISHACache::sasIDCalculator() const {
@@ -109,9 +145,9 @@ std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& p
                                                             Answers answers) {
     {
         std::unique_lock lock(accessMutex_);
-        const auto found = shaCache_.find(path);
-        if (found != shaCache_.end() && found->second.stamp == stamp && answers(found->second)) {
-            return found->second;
+        if (const Entry* found = findEntry(path)) {
+            auto record = answered(found->second);
+            if (record.stamp == stamp && answers(record)) return record;
         }
     }
     if (auto renamed = recordOfRenamedFile(path, stamp, answers)) return renamed;
@@ -141,49 +177,51 @@ std::optional<DCIDate> DCISHACache::modificationDateForFile(const std::string& p
 }
 
 void DCISHACache::loadCachedSHAData() {
-    std::vector<std::pair<std::string, DCISHACacheRecord>> stored;
-    executor_->runAndWait([&] { stored = store_->readAllRecords(); });
-
-    std::unique_lock lock(accessMutex_);
-    shaCache_.clear();
-    byIdentity_.clear();
-    unsavedPaths_.clear();
-    shaCache_.reserve(stored.size());
-    for (auto& [path, record] : stored) {
-        const auto current = DCIFileStamp::ofFile(path);
-        // A record written before devices were kept takes the device of the file at its path.
-        if (current && record.stamp.device == 0) {
-            record.stamp.device = current->device;
-            unsavedPaths_.insert(path);
-        }
-        if (current == record.stamp) {
-            putRecord(path, std::move(record));
-        } else {
-            unsavedPaths_.insert(std::move(path));  // removed from the file at the next persist
-        }
-    }
+    const auto forgetAll = [this] {
+        std::unique_lock lock(accessMutex_);
+        folders_.clear();
+        byIdentity_.clear();
+        unsavedCount_ = 0;
+        droppedPaths_.clear();
+    };
+    bool complete = true;
+    // On the executor, after the writes scheduled so far, which take their records from memory.
+    executor_->runAndWait([&] {
+        forgetAll();
+        complete = store_->readAllRecords([&](std::string path, DCISHACacheRecord record) {
+            const auto current = DCIFileStamp::ofFile(path);
+            // A record written before devices were kept takes the device of the file at its path.
+            const bool deviceAdded = current && record.stamp.device == 0;
+            if (deviceAdded) record.stamp.device = current->device;
+            std::unique_lock lock(accessMutex_);
+            if (current == record.stamp) {
+                putRecord(path, stored(record), deviceAdded);
+            } else {
+                droppedPaths_.insert(std::move(path));  // removed from the file at the next write
+            }
+        });
+        if (!complete) forgetAll();
+    });
 }
 
 void DCISHACache::store(const std::string& path, const DCISHACacheRecord& record) {
+    auto compact = stored(record);
     std::unique_lock lock(accessMutex_);
-    putRecord(path, record);
-    unsavedPaths_.insert(path);
+    putRecord(path, std::move(compact), true);
 }
 
 void DCISHACache::forgetFile(const std::string& path) {
     std::unique_lock lock(accessMutex_);
-    if (eraseRecord(path)) unsavedPaths_.insert(path);
+    eraseRecord(path, true);
 }
 
 void DCISHACache::moveRecord(const std::string& from, const std::string& to) {
     std::unique_lock lock(accessMutex_);
-    const auto found = shaCache_.find(from);
-    if (found == shaCache_.end()) return;
-    DCISHACacheRecord record = std::move(found->second);
-    eraseRecord(from);
-    putRecord(to, std::move(record));
-    unsavedPaths_.insert(from);
-    unsavedPaths_.insert(to);
+    Entry* found = findEntry(from);
+    if (!found) return;
+    StoredRecord record = std::move(found->second);
+    eraseRecord(from, true);
+    putRecord(to, std::move(record), true);
 }
 
 std::optional<DCISHACacheRecord> DCISHACache::recordOfRenamedFile(const std::string& path, const DCIFileStamp& stamp,
@@ -191,75 +229,127 @@ std::optional<DCISHACacheRecord> DCISHACache::recordOfRenamedFile(const std::str
     std::unique_lock lock(accessMutex_);
     const auto known = byIdentity_.find({stamp.device, stamp.inode});
     if (known == byIdentity_.end()) return std::nullopt;
-    const std::string otherPath = *known->second;
-    const DCISHACacheRecord record = shaCache_.at(otherPath);
+    const std::string otherPath = pathOf(*known->second);
+    const DCISHACacheRecord record = answered(known->second->second);
     if (record.stamp != stamp || !answers(record)) return std::nullopt;
     // Renamed, the file takes its record along; a hard link, still the same file under the
     // other name too, shares it.
-    if (DCIFileStamp::ofFile(otherPath) != stamp) {
-        eraseRecord(otherPath);
-        unsavedPaths_.insert(otherPath);
-    }
-    putRecord(path, record);
-    unsavedPaths_.insert(path);
+    if (DCIFileStamp::ofFile(otherPath) != stamp) eraseRecord(otherPath, true);
+    putRecord(path, stored(record), true);
     return record;
 }
 
-void DCISHACache::putRecord(const std::string& path, DCISHACacheRecord record) {
-    auto entry = shaCache_.find(path);
-    if (entry == shaCache_.end()) {
-        entry = shaCache_.emplace(path, std::move(record)).first;
-    } else {
-        unindex(*entry);
-        entry->second = std::move(record);
-    }
-    if (entry->second.sha) byIdentity_[{entry->second.stamp.device, entry->second.stamp.inode}] = &entry->first;
+DCISHACache::Entry* DCISHACache::findEntry(std::string_view path) {
+    const auto [folderKey, name] = folderAndName(path);
+    const auto folder = folders_.find(folderKey);
+    if (folder == folders_.end()) return nullptr;
+    const auto entry = folder->second.find(name);
+    return entry == folder->second.end() ? nullptr : &*entry;
 }
 
-bool DCISHACache::eraseRecord(const std::string& path) {
-    const auto found = shaCache_.find(path);
-    if (found == shaCache_.end()) return false;
-    unindex(*found);
-    shaCache_.erase(found);
+void DCISHACache::putRecord(const std::string& path, StoredRecord record, bool unsaved) {
+    const auto [folderKey, name] = folderAndName(path);
+    auto folder = folders_.find(folderKey);
+    if (folder == folders_.end()) folder = folders_.emplace(std::string(folderKey), RecordsByName()).first;
+    record.folder = &folder->first;
+    record.unsaved = false;
+    auto entry = folder->second.find(name);
+    if (entry == folder->second.end()) {
+        entry = folder->second.emplace(std::string(name), std::move(record)).first;
+    } else {
+        unindex(*entry);
+        record.unsaved = entry->second.unsaved;
+        entry->second = std::move(record);
+    }
+    index(*entry);
+    if (unsaved) markUnsaved(*entry);
+}
+
+bool DCISHACache::eraseRecord(const std::string& path, bool unsaved) {
+    const auto [folderKey, name] = folderAndName(path);
+    const auto folder = folders_.find(folderKey);
+    if (folder == folders_.end()) return false;
+    const auto entry = folder->second.find(name);
+    if (entry == folder->second.end()) return false;
+    unindex(*entry);
+    if (entry->second.unsaved) --unsavedCount_;
+    folder->second.erase(entry);
+    if (folder->second.empty()) folders_.erase(folder);
+    if (unsaved) droppedPaths_.insert(path);
     return true;
 }
 
-void DCISHACache::unindex(const std::pair<const std::string, DCISHACacheRecord>& entry) {
-    const auto indexed = byIdentity_.find({entry.second.stamp.device, entry.second.stamp.inode});
-    if (indexed != byIdentity_.end() && indexed->second == &entry.first) byIdentity_.erase(indexed);
+void DCISHACache::markUnsaved(Entry& entry) {
+    if (entry.second.unsaved) return;
+    entry.second.unsaved = true;
+    ++unsavedCount_;
+}
+
+void DCISHACache::index(Entry& entry) {
+    if (entry.second.hasSHA) byIdentity_[{entry.second.device, entry.second.inode}] = &entry;
+}
+
+void DCISHACache::unindex(const Entry& entry) {
+    const auto indexed = byIdentity_.find({entry.second.device, entry.second.inode});
+    if (indexed != byIdentity_.end() && indexed->second == &entry) byIdentity_.erase(indexed);
 }
 
 void DCISHACache::stopHashing() { hashingStopped_ = true; }
 
 void DCISHACache::persist() {
-    auto changes = takeUnsavedChanges();
-    if (changes.empty()) return;
-    executor_->submit([this, changes = std::move(changes)] {
-        if (store_->write(changes)) return;
-        // The in-memory records are the newest, so marking their paths unsaved again is enough
-        // for the next persist to retry.
+    {
         std::unique_lock lock(accessMutex_);
-        for (const auto& change : changes) unsavedPaths_.insert(change.first);
-    });
+        if ((unsavedCount_ == 0 && droppedPaths_.empty()) || writeScheduled_) return;
+        writeScheduled_ = true;
+    }
+    executor_->submit([this] { writeUnsavedChanges(); });
 }
 
 void DCISHACache::waitUntilPersisted() {
     executor_->waitUntilIdle();
 }
 
-std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> DCISHACache::takeUnsavedChanges() {
-    std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> changes;
-    std::unique_lock lock(accessMutex_);
-    changes.reserve(unsavedPaths_.size());
-    for (const auto& path : unsavedPaths_) {
-        const auto found = shaCache_.find(path);
-        changes.emplace_back(path, found == shaCache_.end() ? std::nullopt : std::optional(found->second));
+void DCISHACache::writeUnsavedChanges() {
+    for (;;) {
+        const auto changes = takeUnsavedChanges(kMostChangesPerWrite);
+        if (changes.empty() || store_->write(changes)) {
+            if (changes.empty()) return;
+            continue;
+        }
+        // The in-memory records are the newest, so marking their paths unsaved again is enough
+        // for the next persist to retry.
+        std::unique_lock lock(accessMutex_);
+        for (const auto& change : changes) {
+            if (Entry* entry = findEntry(change.first)) markUnsaved(*entry);
+            else droppedPaths_.insert(change.first);
+        }
+        writeScheduled_ = false;
+        return;
     }
-    unsavedPaths_.clear();
+}
+
+std::vector<DCISHACache::Change> DCISHACache::takeUnsavedChanges(size_t most) {
+    std::vector<Change> changes;
+    std::unique_lock lock(accessMutex_);
+    // Deletions first: a path dropped and then stored again is written after its deletion.
+    while (!droppedPaths_.empty() && changes.size() < most) {
+        changes.emplace_back(std::move(droppedPaths_.extract(droppedPaths_.begin()).value()), std::nullopt);
+    }
+    for (auto folder = folders_.begin(); folder != folders_.end() && unsavedCount_ > 0 && changes.size() < most; ++folder) {
+        for (auto entry = folder->second.begin(); entry != folder->second.end() && changes.size() < most; ++entry) {
+            if (!entry->second.unsaved) continue;
+            entry->second.unsaved = false;
+            --unsavedCount_;
+            changes.emplace_back(pathOf(*entry), answered(entry->second));
+        }
+    }
+    if (changes.empty()) writeScheduled_ = false;
     return changes;
 }
 
 std::string DCISHACache::description() const {
     std::unique_lock lock(accessMutex_);
-    return DCIFormat("<DCISHACache: %@, %lu records>", shaCachePath_, shaCache_.size());
+    size_t records = 0;
+    for (const auto& [folder, byName] : folders_) records += byName.size();
+    return DCIFormat("<DCISHACache: %@, %lu records>", shaCachePath_, records);
 }

@@ -3,6 +3,7 @@
 #include "CoreKestly/CoreKestlyExport.h"
 
 #include "CoreKestly/FileSystem/DCIFileStamp.h"
+#include "CoreKestly/FileSystem/KSTFileHash.h"
 #include "CoreKestly/Platform/Values/DCIDate.h"
 #include "CoreKestly/Platform/Values/DCIObject.h"
 
@@ -14,6 +15,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -159,6 +161,32 @@ public:
 private:
     DCISHACache(std::string cachePath, DCISasIDCalculator sasIDCalculator);
 
+    /// A record as memory holds it, one per file of a library: the stamp packed, the hash as
+    /// 32 bytes, the path split into the key of its folder, shared by the folder's records,
+    /// and its name.
+    struct StoredRecord {
+        int64_t modifiedSeconds = 0;
+        uint32_t modifiedNanoseconds = 0;
+        bool hasSHA = false;
+        bool unsaved = false;  // changed since the last write took it
+        uint64_t size = 0, inode = 0, device = 0;
+        KSTSha256Digest sha{};
+        std::unique_ptr<const std::string> sasID;  // none for ""
+        const std::string* folder = nullptr;       // its key in `folders_`
+    };
+    /// A name and its record, in its folder's table.
+    using Entry = std::pair<const std::string, StoredRecord>;
+    struct TextHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
+    };
+    using RecordsByName = std::unordered_map<std::string, StoredRecord, TextHash, std::equal_to<>>;
+    using Change = std::pair<std::string, std::optional<DCISHACacheRecord>>;
+
+    static StoredRecord stored(const DCISHACacheRecord& record);
+    static DCISHACacheRecord answered(const StoredRecord& record);
+    static std::string pathOf(const Entry& entry) { return *entry.second.folder + entry.first; }
+
     // The record valid for the file's current stamp when `answers` accepts it, else a new
     // record; nothing when there is no regular file, or a miss may not read it.
     using Answers = bool (*)(const DCISHACacheRecord&);
@@ -170,12 +198,18 @@ private:
     // `path`: a rename reads nothing. Nothing when there is none.
     std::optional<DCISHACacheRecord> recordOfRenamedFile(const std::string& path, const DCIFileStamp& stamp,
                                                          Answers answers);
-    // The record table and its identity index change together, under the exclusive lock.
-    void putRecord(const std::string& path, DCISHACacheRecord record);
-    bool eraseRecord(const std::string& path);
-    void unindex(const std::pair<const std::string, DCISHACacheRecord>& entry);
-    // Hands every unsaved change over for writing; the cache is clean afterwards.
-    std::vector<std::pair<std::string, std::optional<DCISHACacheRecord>>> takeUnsavedChanges();
+    // The tables and the identity index change together, under the lock. A record put or
+    // erased with `unsaved` is written (or deleted) by the next write.
+    Entry* findEntry(std::string_view path);
+    void putRecord(const std::string& path, StoredRecord record, bool unsaved);
+    bool eraseRecord(const std::string& path, bool unsaved);
+    void markUnsaved(Entry& entry);
+    void index(Entry& entry);
+    void unindex(const Entry& entry);
+    // Writes, a bounded batch at a time so that a million new records are never copied at
+    // once, until nothing is left unsaved; on the executor's thread, or the destroying one.
+    void writeUnsavedChanges();
+    std::vector<Change> takeUnsavedChanges(size_t most);
 
     const std::string shaCachePath_;
     std::atomic<bool> hashingStopped_{false};
@@ -184,10 +218,13 @@ private:
     DCISasIDCalculator sasIDCalculator_;
 
     mutable std::mutex accessMutex_;  // guards the members below
-    std::unordered_map<std::string, DCISHACacheRecord> shaCache_;
-    // Which path holds the hashed record of each file; keys point into `shaCache_`.
-    std::unordered_map<DCIFileIdentity, const std::string*, DCIFileIdentityHash> byIdentity_;
-    std::unordered_set<std::string> unsavedPaths_;  // changed or dropped since the last scheduled write
+    // The records by the path of their folder (up to and with its last "/"), then by name.
+    std::unordered_map<std::string, RecordsByName, TextHash, std::equal_to<>> folders_;
+    // Which record holds the hash of each file.
+    std::unordered_map<DCIFileIdentity, Entry*, DCIFileIdentityHash> byIdentity_;
+    size_t unsavedCount_ = 0;
+    std::unordered_set<std::string> droppedPaths_;  // to delete from the file at the next write
+    bool writeScheduled_ = false;  // a write on the executor will take every unsaved change
 
     std::unique_ptr<DCISHACacheStore> store_;      // used on the executor's thread, then by the destructor
     std::unique_ptr<DCISerialExecutor> executor_;  // last: its thread stops before the members it uses go

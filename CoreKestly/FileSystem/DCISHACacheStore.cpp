@@ -167,9 +167,8 @@ void DCISHACacheStore::workWithoutFile(const std::string& reason) {
     DCLogError("Unable to open SHA cache %@ (%@); caching in memory only", path_, reason);
 }
 
-std::vector<std::pair<std::string, DCISHACacheRecord>> DCISHACacheStore::readAllRecords() {
-    std::vector<std::pair<std::string, DCISHACacheRecord>> records;
-    if (!database_) return records;
+bool DCISHACacheStore::readAllRecords(const std::function<void(std::string path, DCISHACacheRecord record)>& visit) {
+    if (!database_) return true;
     auto select = database_->prepare(kSelectRecords);
     auto step = select ? select->step() : DCISQLiteStatement::Step::Failed;
     for (; step == DCISQLiteStatement::Step::Row; step = select->step()) {
@@ -177,10 +176,10 @@ std::vector<std::pair<std::string, DCISHACacheRecord>> DCISHACacheStore::readAll
                                  static_cast<uint64_t>(select->columnInt64(3)),
                                  static_cast<uint64_t>(select->columnInt64(4)),
                                  static_cast<uint64_t>(select->columnInt64(7))};
-        records.emplace_back(select->columnText(0).value_or(""),
-                             DCISHACacheRecord{stamp, select->columnText(5), select->columnText(6).value_or("")});
+        visit(select->columnText(0).value_or(""),
+              DCISHACacheRecord{stamp, select->columnText(5), select->columnText(6).value_or("")});
     }
-    if (step == DCISQLiteStatement::Step::Done) return records;
+    if (step == DCISQLiteStatement::Step::Done) return true;
 
     const std::string reason = database_->lastErrorMessage();
     const bool damaged = database_->lastFailure() == DCISQLiteFailure::DamagedFile;
@@ -190,7 +189,7 @@ std::vector<std::pair<std::string, DCISHACacheRecord>> DCISHACacheStore::readAll
     } else {
         DCLogError("Unable to read SHA cache %@: %@", path_, reason);
     }
-    return {};
+    return false;
 }
 
 bool DCISHACacheStore::write(const std::vector<Change>& changes) {

@@ -2,6 +2,7 @@
 
 #include "CoreKestly/FileSystem/DCISHACache.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,8 +31,10 @@ public:
     DCISHACacheStore(const DCISHACacheStore&) = delete;
     DCISHACacheStore& operator=(const DCISHACacheStore&) = delete;
 
-    /// Every record in the file; none when it was found damaged (and set aside) or unreadable.
-    std::vector<std::pair<std::string, DCISHACacheRecord>> readAllRecords();
+    /// Hands every record in the file to `visit`, one at a time, so that a large file is
+    /// never held in memory twice. False when the file was found damaged (and set aside) or
+    /// unreadable part-way: the records already handed over are then not to be trusted.
+    bool readAllRecords(const std::function<void(std::string path, DCISHACacheRecord record)>& visit);
 
     /// Writes all `changes` in one transaction. False, with a log line, when nothing was written.
     bool write(const std::vector<Change>& changes);

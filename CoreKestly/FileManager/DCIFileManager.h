@@ -279,8 +279,9 @@ private:
     // Change detection (DCIFileManagerChanges.cpp).
     /// One pass over the folders that `changes` names, or over the whole tree. With
     /// `unsettledAfter`, a pass that could wait no longer for quiet: a file modified after that
-    /// moment is still being written, and left as the old tree had it.
-    void lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter, const DCIFSEventBatch& changes);
+    /// moment is still being written, and left as the old tree had it. True when it replaced
+    /// the whole tree.
+    bool lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter, const DCIFSEventBatch& changes);
     /// What a pass found, as a whole scan would: the files gone or changed (their old objects)
     /// and the files new or changed (their new ones), the topmost folders removed and added,
     /// in path order. Files present and unchanged in both trees may be in both sets or in neither.

@@ -130,16 +130,17 @@ void eraseFilesWithHashes(DCIFileSet& files, const DCIFileSet& candidates, const
 
 }  // namespace
 
-void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter,
+bool DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> unsettledAfter,
                                     const DCIFSEventBatch& changes) {
     const auto oldRoot = rootFolder();
-    if (!oldRoot) return;
+    if (!oldRoot) return false;
     TreeChanges treeChanges;
     const bool owed = needsFullPass_.exchange(false);
     const bool wholeTree = owed || changes.everything || fullPasses_.load() || oldRoot->metFolderLinks();
-    if (wholeTree || !relistChangedFolders(oldRoot, changes.folders, treeChanges)) {
+    const bool replaced = wholeTree || !relistChangedFolders(oldRoot, changes.folders, treeChanges);
+    if (replaced) {
         const auto newRoot = scanAndInstall(oldRoot->absolutePath(), generation);
-        if (!newRoot) return;
+        if (!newRoot) return false;
         // Gathered only now, so that the operations made during the scan, which it applied to
         // the new tree too, are in both.
         const DCIFolderSet oldFolders = oldRoot->gatherFolders(), newFolders = newRoot->gatherFolders();
@@ -147,10 +148,11 @@ void DCIFileManager::lookForChanges(uint64_t generation, std::optional<DCIDate> 
                        inPathOrder(folderSetFromSet(newFolders, oldFolders))};
     }
     // A stop cut this pass's hashing short: what it found is no longer told.
-    if (!runIsCurrent(generation)) return;
+    if (!runIsCurrent(generation)) return replaced;
     const auto events = reportChanges(std::move(treeChanges), unsettledAfter);
     std::lock_guard lock(runStateMutex_);
     postWhileCurrent(generation, events);
+    return replaced;
 }
 
 bool DCIFileManager::relistChangedFolders(const std::shared_ptr<DCIFolderObject>& root,

@@ -10,6 +10,7 @@
 #include "CoreKestly/Platform/Values/DCIDate.h"
 #include "CoreKestly/Platform/Files/KestlyPath.h"
 
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -17,6 +18,12 @@
 namespace {
 
 void post(uint64_t type) { DCIEventManager::postEvent(DCIEvent::commonEventWithType(type)); }
+
+// A scan of the whole root frees about as much as the tree holds (the tree it replaced, or
+// the first scan's lists), scattered among the blocks still in use. glibc keeps such pages,
+// so a watcher would otherwise stay at the size of two trees for good; handing them back
+// walks every free block, which only whole scans are worth, not each pass over a few folders.
+void returnFreedMemory() { malloc_trim(0); }
 
 }  // namespace
 
@@ -137,6 +144,7 @@ bool DCIFileManager::buildFirstTree(uint64_t generation, const std::string& root
     firstScanUnderWay_ = true;
     const bool installed = scanAndInstall(rootPath, generation) != nullptr;
     firstScanUnderWay_ = false;
+    if (installed) returnFreedMemory();
     scanFiles_ = scanFilesHashed_ = scanBytes_ = scanBytesHashed_ = 0;
     std::vector<std::shared_ptr<DCIEvent>> events;
     if (!installed) events.push_back(DCIEvent::commonEventWithType(DCIEventTypeRootFolderRemoved));
@@ -237,15 +245,14 @@ void DCIFileManager::watchUntilStopped(uint64_t generation) {
         if (pending) {
             const auto now = std::chrono::steady_clock::now();
             if (now - kQuietPeriod > latest) {
-                lookForChanges(generation, std::nullopt, takeChanges());
+                if (lookForChanges(generation, std::nullopt, takeChanges())) returnFreedMemory();
                 pending = false;
             } else if (now - pendingSince >= kLongestPostponement) {
                 // Changes that never go quiet must not hide every other change: what is still
                 // being written waits, the rest is told now.
                 const double quiet = std::chrono::duration<double>(kQuietPeriod).count();
-                lookForChanges(generation,
-                               DCIDate::dateWithTimeIntervalSince1970(DCIDate::now().timeIntervalSince1970() - quiet),
-                               takeChanges());
+                const auto unsettledAfter = DCIDate::dateWithTimeIntervalSince1970(DCIDate::now().timeIntervalSince1970() - quiet);
+                if (lookForChanges(generation, unsettledAfter, takeChanges())) returnFreedMemory();
                 pendingSince = now;
             }
         }

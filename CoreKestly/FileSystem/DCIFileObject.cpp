@@ -14,6 +14,7 @@ DCIFileObject::DCIFileObject(MakeKey, const std::string& name, const std::shared
       compareHash_(DCIPathHash(KestlyPath::appendingComponent(*folderPath_, name_))) {}
 
 std::shared_ptr<DCIFileObject> DCIFileObject::make(const std::string& name, const std::shared_ptr<DCIFolderObject>& folder) {
+    static_assert(sizeof(DCIFileObject) <= 168, "a file object and its count fit the next smaller block of memory");
     return std::make_shared<DCIFileObject>(MakeKey(), name, folder);
 }
 
@@ -53,16 +54,15 @@ std::mutex& DCIFileObject::lock() const {
 }
 
 void DCIFileObject::setStatus(const struct stat& status) {
-    const Status packed{status.st_mtim.tv_sec, status.st_ctim.tv_sec, static_cast<uint64_t>(status.st_size),
-                        static_cast<uint64_t>(status.st_ino), static_cast<uint64_t>(status.st_dev),
-                        static_cast<uint32_t>(status.st_mtim.tv_nsec)};
     std::lock_guard guard(lock());
-    status_ = packed;
+    state_ = Status{status.st_mtim.tv_sec, status.st_ctim.tv_sec, static_cast<uint64_t>(status.st_size),
+                    static_cast<uint64_t>(status.st_ino), static_cast<uint64_t>(status.st_dev),
+                    static_cast<uint32_t>(status.st_mtim.tv_nsec), state_.hasFileHash};
 }
 
 DCIFileObject::Status DCIFileObject::status() const {
     std::lock_guard guard(lock());
-    return status_;
+    return state_;
 }
 
 DCIFileStamp DCIFileObject::stamp() const {
@@ -94,7 +94,7 @@ std::optional<std::string> DCIFileObject::pathRelativeToFolder(const std::shared
 std::optional<std::string> DCIFileObject::fileHash() const {
     {
         std::lock_guard guard(lock());
-        if (hasFileHash_) return KSTHexFromDigest(fileHash_);
+        if (state_.hasFileHash) return KSTHexFromDigest(fileHash_);
     }
     // Two threads may both get here and hash the file; both store the same value.
     auto computed = KSTSha256ForFileAtPath(absolutePath());
@@ -108,7 +108,7 @@ void DCIFileObject::setFileHash(const std::optional<std::string>& fileHash) {
 
 void DCIFileObject::storeHash(const std::optional<KSTSha256Digest>& digest) const {
     std::lock_guard guard(lock());
-    hasFileHash_ = digest.has_value();
+    state_.hasFileHash = digest.has_value();
     fileHash_ = digest.value_or(KSTSha256Digest{});
 }
 

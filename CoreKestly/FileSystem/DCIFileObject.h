@@ -101,12 +101,14 @@ public:
     DCIFileObject(MakeKey, const std::string& name, const std::shared_ptr<DCIFolderObject>& folder);
 
 private:
-    /// The stamp and the creation time in 44 bytes rather than a `DCIFileStamp` and a `DCIDate`.
+    /// The stamp and the creation time in 44 bytes rather than a `DCIFileStamp` and a `DCIDate`,
+    /// and in their padding whether `fileHash_` holds a hash.
     struct Status {
         int64_t modifiedSeconds = 0;
         int64_t createdSeconds = 0;
         uint64_t size = 0, inode = 0, device = 0;
         uint32_t modifiedNanoseconds = 0;
+        bool hasFileHash = false;
     };
 
     static std::shared_ptr<DCIFileObject> make(const std::string& name, const std::shared_ptr<DCIFolderObject>& folder);
@@ -123,8 +125,7 @@ private:
     const uint64_t compareHash_;
 
     // Guarded by `lock()`.
-    Status status_;
-    mutable bool hasFileHash_ = false;
+    mutable Status state_;
     mutable KSTSha256Digest fileHash_{};
     std::unique_ptr<const std::string> sasID_;  // none for no `sasID`
 };

@@ -6,6 +6,9 @@
 #include "CoreKestly/Platform/Files/KestlyPath.h"
 #include "support/Testing.h"
 
+#include <algorithm>
+#include <cctype>
+
 namespace {
 
 template <class Set>
@@ -356,8 +359,15 @@ TEST_F(DCIFolderObjectTests, FileHashIsComputedOnFirstUseAndThenKept) {
     for (const auto& answer : answers) EXPECT_EQ(answer, kSHA256OfABC);
     fs::remove(path);
     EXPECT_EQ(file->fileHash(), kSHA256OfABC) << "a stored hash is not recomputed";
-    file->setFileHash(std::nullopt);
-    EXPECT_EQ(file->fileHash(), std::nullopt);
+    // Held as its 32 bytes: hex of either case reads back in lower case, any other text stores none.
+    std::string upperCase(kSHA256OfABC);
+    std::ranges::transform(upperCase, upperCase.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    const std::vector<std::pair<std::optional<std::string>, std::optional<std::string>>> rows = {
+        {upperCase, kSHA256OfABC}, {"not a hash", std::nullopt}, {std::string(64, 'g'), std::nullopt}, {std::nullopt, std::nullopt}};
+    for (const auto& [given, kept] : rows) {
+        file->setFileHash(given);
+        EXPECT_EQ(file->fileHash(), kept) << given.value_or("none");
+    }
     root.writeFile("kick.wav", "abc");
     EXPECT_EQ(file->fileHash(), kSHA256OfABC) << "a failed computation is tried again";
 }

@@ -227,11 +227,11 @@ TEST_F(SHACacheTest, ANewInstanceKeepsTheRecordsOfUnchangedFiles) {
     reloaded->waitUntilPersisted();
     EXPECT_EQ(storedSasIDs(cachePath), (std::map<std::string, std::string>{{kept, "sas:kept.wav"}, {unknown, ""}}));
 
-    // Writes scheduled before a reload are seen by it.
-    for (int i = 0; i < 200; ++i) reloaded->SHAForFile(folder.writeFile("f" + std::to_string(i), std::to_string(i)));
+    // Writes scheduled before a reload are seen by it, more than one batch of them.
+    for (int i = 0; i < 5000; ++i) reloaded->SHAForFile(folder.writeFile("f" + std::to_string(i), std::to_string(i)));
     reloaded->persist();
     reloaded->loadCachedSHAData();
-    EXPECT_EQ(reloaded->shaCache().size(), 202u);
+    EXPECT_EQ(reloaded->shaCache().size(), 5002u);
     EXPECT_FALSE(reloaded->dirty());
 }
 

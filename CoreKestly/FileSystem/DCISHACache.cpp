@@ -7,16 +7,15 @@
 #include "CoreKestly/Platform/Values/DCILoggedTextInternal.h"
 #include "CoreKestly/Platform/RunLoop/DCISerialExecutorInternal.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
-// A record whose hashing failed has no "sha" and counts as a miss, so it is tried again.
-bool holdsSHA(const DCISHACacheRecord& record) { return record.sha.has_value(); }
-// Every record holds a sasID, "" included, so the calculator is asked once per modification.
-bool holdsSasID(const DCISHACacheRecord&) { return true; }
+// A record whose hashing failed has no "sha" and counts as a miss where a hash is asked for,
+// so it is tried again. Every record holds a sasID, "" included, so the calculator is asked
+// once per modification.
+constexpr bool kNeedsSHA = true;
+constexpr bool kNeedsSasID = false;
 
 // The most changes one write takes: a first scan's hundred thousand new records are written
 // in batches rather than copied all at once.
@@ -51,8 +50,8 @@ DCISHACache::~DCISHACache() {
 std::map<std::string, DCISHACacheRecord> DCISHACache::shaCache() const {
     std::map<std::string, DCISHACacheRecord> records;
     std::unique_lock lock(accessMutex_);
-    for (const auto& [folder, byName] : folders_) {
-        for (const auto& entry : byName) records.emplace(pathOf(entry), answered(entry.second));
+    for (const auto& [key, folder] : folders_) {
+        for (const auto& entry : folder.records) records.emplace(pathOf(entry), answered(entry.second));
     }
     return records;
 }
@@ -104,23 +103,23 @@ std::optional<std::string> DCISHACache::SHAForFileEco(const std::string& path) {
 }
 
 std::optional<std::string> DCISHACache::SHAForFile(const std::string& path, bool eco) {
-    const auto record = currentRecord(path, eco, holdsSHA);
+    const auto record = currentRecord(path, eco, kNeedsSHA);
     return record ? record->sha : std::nullopt;
 }
 
 std::optional<std::string> DCISHACache::SasIDForFile(const std::string& path) {
-    const auto record = currentRecord(path, false, holdsSasID);
+    const auto record = currentRecord(path, false, kNeedsSasID);
     return record ? record->answeredSasID() : std::nullopt;
 }
 
 std::optional<DCISHACacheRecord> DCISHACache::recordForFile(const std::string& path) {
     const auto stamp = DCIFileStamp::ofFile(path);
     if (!stamp) return std::nullopt;
-    return currentRecord(path, *stamp, false, holdsSHA);
+    return currentRecord(path, *stamp, false, kNeedsSHA);
 }
 
 std::optional<DCISHACacheRecord> DCISHACache::recordForFile(const std::string& path, const DCIFileStamp& stamp) {
-    return currentRecord(path, stamp, false, holdsSHA);
+    return currentRecord(path, stamp, false, kNeedsSHA);
 }
 
 std::optional<DCIFileStamp> DCIFileStamp::ofFile(const std::string& path) {
@@ -135,36 +134,35 @@ DCIFileStamp DCIFileStamp::ofStatus(const struct stat& status) {
                         static_cast<uint64_t>(status.st_dev)};
 }
 
-std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& path, bool eco, Answers answers) {
+std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& path, bool eco, bool needsSHA) {
     const auto stamp = DCIFileStamp::ofFile(path);
     if (!stamp) return std::nullopt;
-    return currentRecord(path, *stamp, eco, answers);
+    return currentRecord(path, *stamp, eco, needsSHA);
 }
 
 std::optional<DCISHACacheRecord> DCISHACache::currentRecord(const std::string& path, const DCIFileStamp& stamp, bool eco,
-                                                            Answers answers) {
-    {
-        std::unique_lock lock(accessMutex_);
-        if (const Entry* found = findEntry(path)) {
-            auto record = answered(found->second);
-            if (record.stamp == stamp && answers(record)) return record;
-        }
-    }
-    if (auto renamed = recordOfRenamedFile(path, stamp, answers)) return renamed;
-    // A hit needs only the stamp; a miss is about to read the file, so a file that may not be
-    // read is turned away here, with no record and no log line.
-    if (::faccessat(AT_FDCWD, path.c_str(), R_OK, AT_EACCESS) != 0) return std::nullopt;
-    // Hashing and the calculator run without the lock: a long hash holds back no one.
-    return cacheFile(path, eco, stamp);
+                                                            bool needsSHA) {
+    if (auto known = knownRecord(path, stamp, needsSHA)) return known;
+    // A hit needs only the stamp; a miss reads the file, and one that may not be read is
+    // turned away with no record and no log line. Hashing and the calculator run without the
+    // lock: a long hash holds back no one.
+    return hashAndStore(path, eco, stamp, true);
 }
 
 std::optional<DCISHACacheRecord> DCISHACache::cacheFile(const std::string& path, bool eco,
                                                         const std::optional<DCIFileStamp>& stamp) {
     if (!stamp) return std::nullopt;
-    DCISHACacheRecord record{*stamp, KSTSha256ForFileAtPath(path, eco, hashingStopped_), ""};
+    return hashAndStore(path, eco, *stamp, false);
+}
+
+std::optional<DCISHACacheRecord> DCISHACache::hashAndStore(const std::string& path, bool eco, const DCIFileStamp& stamp,
+                                                           bool refuseUnreadable) {
+    auto hashed = KSTSha256OfFileAtPath(path, eco, hashingStopped_);
+    if (!hashed.opened && refuseUnreadable) return std::nullopt;
     // A hash cut short says nothing about the file: no record, no log line.
-    if (!record.sha && hashingStopped_.load()) return std::nullopt;
-    if (!record.sha) DCLogError("Unable to calcualate SHA for %@", DCILoggedText(path));
+    if (!hashed.sha && hashingStopped_.load()) return std::nullopt;
+    if (!hashed.sha) DCLogError("Unable to calcualate SHA for %@", DCILoggedText(path));
+    DCISHACacheRecord record{stamp, std::move(hashed.sha), ""};
     if (const auto calculator = sasIDCalculator()) record.sasID = calculator(path).value_or("");
     store(path, record);
     return record;
@@ -224,16 +222,24 @@ void DCISHACache::moveRecord(const std::string& from, const std::string& to) {
     putRecord(to, std::move(record), true);
 }
 
-std::optional<DCISHACacheRecord> DCISHACache::recordOfRenamedFile(const std::string& path, const DCIFileStamp& stamp,
-                                                                  Answers answers) {
+bool DCISHACache::answersFor(const StoredRecord& record, const DCIFileStamp& stamp, bool needsSHA) {
+    return (record.hasSHA || !needsSHA) && record.size == stamp.size && record.inode == stamp.inode &&
+           record.device == stamp.device && record.modifiedSeconds == stamp.mdate.secondsSince1970() &&
+           record.modifiedNanoseconds == static_cast<uint32_t>(stamp.mdate.nanoseconds());
+}
+
+std::optional<DCISHACacheRecord> DCISHACache::knownRecord(const std::string& path, const DCIFileStamp& stamp,
+                                                          bool needsSHA) {
     std::unique_lock lock(accessMutex_);
+    if (const Entry* found = findEntry(path); found && answersFor(found->second, stamp, needsSHA)) {
+        return answered(found->second);
+    }
     const auto known = byIdentity_.find({stamp.device, stamp.inode});
-    if (known == byIdentity_.end()) return std::nullopt;
-    const std::string otherPath = pathOf(*known->second);
+    if (known == byIdentity_.end() || !answersFor(known->second->second, stamp, needsSHA)) return std::nullopt;
     const DCISHACacheRecord record = answered(known->second->second);
-    if (record.stamp != stamp || !answers(record)) return std::nullopt;
     // Renamed, the file takes its record along; a hard link, still the same file under the
     // other name too, shares it.
+    const std::string otherPath = pathOf(*known->second);
     if (DCIFileStamp::ofFile(otherPath) != stamp) eraseRecord(otherPath, true);
     putRecord(path, stored(record), true);
     return record;
@@ -243,19 +249,20 @@ DCISHACache::Entry* DCISHACache::findEntry(std::string_view path) {
     const auto [folderKey, name] = folderAndName(path);
     const auto folder = folders_.find(folderKey);
     if (folder == folders_.end()) return nullptr;
-    const auto entry = folder->second.find(name);
-    return entry == folder->second.end() ? nullptr : &*entry;
+    const auto entry = folder->second.records.find(name);
+    return entry == folder->second.records.end() ? nullptr : &*entry;
 }
 
 void DCISHACache::putRecord(const std::string& path, StoredRecord record, bool unsaved) {
     const auto [folderKey, name] = folderAndName(path);
     auto folder = folders_.find(folderKey);
-    if (folder == folders_.end()) folder = folders_.emplace(std::string(folderKey), RecordsByName()).first;
-    record.folder = &folder->first;
+    if (folder == folders_.end()) folder = folders_.emplace(std::string(folderKey), Folder()).first;
+    record.folder = &*folder;
     record.unsaved = false;
-    auto entry = folder->second.find(name);
-    if (entry == folder->second.end()) {
-        entry = folder->second.emplace(std::string(name), std::move(record)).first;
+    RecordsByName& records = folder->second.records;
+    auto entry = records.find(name);
+    if (entry == records.end()) {
+        entry = records.emplace(std::string(name), std::move(record)).first;
     } else {
         unindex(*entry);
         record.unsaved = entry->second.unsaved;
@@ -269,12 +276,16 @@ bool DCISHACache::eraseRecord(const std::string& path, bool unsaved) {
     const auto [folderKey, name] = folderAndName(path);
     const auto folder = folders_.find(folderKey);
     if (folder == folders_.end()) return false;
-    const auto entry = folder->second.find(name);
-    if (entry == folder->second.end()) return false;
+    RecordsByName& records = folder->second.records;
+    const auto entry = records.find(name);
+    if (entry == records.end()) return false;
     unindex(*entry);
-    if (entry->second.unsaved) --unsavedCount_;
-    folder->second.erase(entry);
-    if (folder->second.empty()) folders_.erase(folder);
+    if (entry->second.unsaved) {
+        --unsavedCount_;
+        --folder->second.unsaved;
+    }
+    records.erase(entry);
+    if (records.empty()) folders_.erase(folder);
     if (unsaved) droppedPaths_.insert(path);
     return true;
 }
@@ -282,6 +293,7 @@ bool DCISHACache::eraseRecord(const std::string& path, bool unsaved) {
 void DCISHACache::markUnsaved(Entry& entry) {
     if (entry.second.unsaved) return;
     entry.second.unsaved = true;
+    ++entry.second.folder->second.unsaved;
     ++unsavedCount_;
 }
 
@@ -336,9 +348,11 @@ std::vector<DCISHACache::Change> DCISHACache::takeUnsavedChanges(size_t most) {
         changes.emplace_back(std::move(droppedPaths_.extract(droppedPaths_.begin()).value()), std::nullopt);
     }
     for (auto folder = folders_.begin(); folder != folders_.end() && unsavedCount_ > 0 && changes.size() < most; ++folder) {
-        for (auto entry = folder->second.begin(); entry != folder->second.end() && changes.size() < most; ++entry) {
+        RecordsByName& records = folder->second.records;
+        for (auto entry = records.begin(); entry != records.end() && folder->second.unsaved > 0 && changes.size() < most; ++entry) {
             if (!entry->second.unsaved) continue;
             entry->second.unsaved = false;
+            --folder->second.unsaved;
             --unsavedCount_;
             changes.emplace_back(pathOf(*entry), answered(entry->second));
         }
@@ -350,6 +364,6 @@ std::vector<DCISHACache::Change> DCISHACache::takeUnsavedChanges(size_t most) {
 std::string DCISHACache::description() const {
     std::unique_lock lock(accessMutex_);
     size_t records = 0;
-    for (const auto& [folder, byName] : folders_) records += byName.size();
+    for (const auto& [key, folder] : folders_) records += folder.records.size();
     return DCIFormat("<DCISHACache: %@, %lu records>", shaCachePath_, records);
 }

@@ -164,6 +164,8 @@ private:
     /// A record as memory holds it, one per file of a library: the stamp packed, the hash as
     /// 32 bytes, the path split into the key of its folder, shared by the folder's records,
     /// and its name.
+    struct Folder;
+    using FolderEntry = std::pair<const std::string, Folder>;
     struct StoredRecord {
         int64_t modifiedSeconds = 0;
         uint32_t modifiedNanoseconds = 0;
@@ -172,7 +174,7 @@ private:
         uint64_t size = 0, inode = 0, device = 0;
         KSTSha256Digest sha{};
         std::unique_ptr<const std::string> sasID;  // none for ""
-        const std::string* folder = nullptr;       // its key in `folders_`
+        FolderEntry* folder = nullptr;             // its folder's entry in `folders_`
     };
     /// A name and its record, in its folder's table.
     using Entry = std::pair<const std::string, StoredRecord>;
@@ -181,23 +183,32 @@ private:
         size_t operator()(std::string_view text) const { return std::hash<std::string_view>()(text); }
     };
     using RecordsByName = std::unordered_map<std::string, StoredRecord, TextHash, std::equal_to<>>;
+    /// A folder's records, and how many of them are unsaved, so that a write skips the others.
+    struct Folder {
+        RecordsByName records;
+        size_t unsaved = 0;
+    };
     using Change = std::pair<std::string, std::optional<DCISHACacheRecord>>;
 
     static StoredRecord stored(const DCISHACacheRecord& record);
     static DCISHACacheRecord answered(const StoredRecord& record);
-    static std::string pathOf(const Entry& entry) { return *entry.second.folder + entry.first; }
+    static std::string pathOf(const Entry& entry) { return entry.second.folder->first + entry.first; }
 
-    // The record valid for the file's current stamp when `answers` accepts it, else a new
-    // record; nothing when there is no regular file, or a miss may not read it.
-    using Answers = bool (*)(const DCISHACacheRecord&);
-    std::optional<DCISHACacheRecord> currentRecord(const std::string& path, bool eco, Answers answers);
+    // The record valid for the file's current stamp (holding a hash when `needsSHA`), else a
+    // new record; nothing when there is no regular file, or a miss may not read it.
+    std::optional<DCISHACacheRecord> currentRecord(const std::string& path, bool eco, bool needsSHA);
     std::optional<DCISHACacheRecord> currentRecord(const std::string& path, const DCIFileStamp& stamp, bool eco,
-                                                   Answers answers);
+                                                   bool needsSHA);
+    static bool answersFor(const StoredRecord& record, const DCIFileStamp& stamp, bool needsSHA);
+    // The record of `path`, or else of a file known under another path with the same stamp,
+    // taken over by `path`: a rename reads nothing. Nothing when there is none. One look
+    // under the lock, as every file of a scan asks.
+    std::optional<DCISHACacheRecord> knownRecord(const std::string& path, const DCIFileStamp& stamp, bool needsSHA);
+    // Hashes the file and stores its record; with `refuseUnreadable`, a file that cannot be
+    // opened gets no record.
+    std::optional<DCISHACacheRecord> hashAndStore(const std::string& path, bool eco, const DCIFileStamp& stamp,
+                                                  bool refuseUnreadable);
     void store(const std::string& path, const DCISHACacheRecord& record);
-    // The record of a file known under another path with the same stamp, taken over by
-    // `path`: a rename reads nothing. Nothing when there is none.
-    std::optional<DCISHACacheRecord> recordOfRenamedFile(const std::string& path, const DCIFileStamp& stamp,
-                                                         Answers answers);
     // The tables and the identity index change together, under the lock. A record put or
     // erased with `unsaved` is written (or deleted) by the next write.
     Entry* findEntry(std::string_view path);
@@ -219,7 +230,7 @@ private:
 
     mutable std::mutex accessMutex_;  // guards the members below
     // The records by the path of their folder (up to and with its last "/"), then by name.
-    std::unordered_map<std::string, RecordsByName, TextHash, std::equal_to<>> folders_;
+    std::unordered_map<std::string, Folder, TextHash, std::equal_to<>> folders_;
     // Which record holds the hash of each file.
     std::unordered_map<DCIFileIdentity, Entry*, DCIFileIdentityHash> byIdentity_;
     size_t unsavedCount_ = 0;

@@ -35,7 +35,10 @@ public:
         : descriptor_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK)) {
         struct stat status {};
         if (descriptor_ >= 0 && (::fstat(descriptor_, &status) != 0 || !S_ISREG(status.st_mode))) close();
-        if (descriptor_ >= 0) ::posix_fadvise(descriptor_, 0, 0, POSIX_FADV_SEQUENTIAL);
+        // A file read in one chunk gains nothing from read-ahead advice but the system call.
+        if (descriptor_ >= 0 && status.st_size > static_cast<off_t>(kReadChunkSize)) {
+            ::posix_fadvise(descriptor_, 0, 0, POSIX_FADV_SEQUENTIAL);
+        }
     }
     ~ReadOnlyFile() { close(); }
     ReadOnlyFile(const ReadOnlyFile&) = delete;
@@ -159,14 +162,14 @@ std::optional<KSTSha256Digest> KSTDigestFromHex(std::string_view hex) {
     return digest;
 }
 
-std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path, bool eco, const std::atomic<bool>& stop) {
+KSTFileHashOutcome KSTSha256OfFileAtPath(const std::string& path, bool eco, const std::atomic<bool>& stop) {
     const ReadOnlyFile file(path);
-    if (!file.isOpen()) return std::nullopt;
+    if (!file.isOpen()) return {};
     Sha256Digest digest;
-    if (!digest.isValid()) return std::nullopt;
+    if (!digest.isValid()) return {true, std::nullopt};
     if (!eco) {
-        if (!feedFile(file, digest, [&] { return !stop.load(std::memory_order_relaxed); })) return std::nullopt;
-        return digest.hexDigest();
+        if (!feedFile(file, digest, [&] { return !stop.load(std::memory_order_relaxed); })) return {true, std::nullopt};
+        return {true, digest.hexDigest()};
     }
     EcoPacer pacer;
     const bool complete = feedFile(file, digest, [&] {
@@ -174,16 +177,16 @@ std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path, bool 
         return !stop.load(std::memory_order_relaxed);
     });
     if (!stop.load()) pacer.restAfterLastSlice();  // a failed read rests too: the work was done all the same
-    if (!complete) return std::nullopt;
-    return digest.hexDigest();
+    if (!complete) return {true, std::nullopt};
+    return {true, digest.hexDigest()};
 }
 
 std::optional<std::string> KSTSha256ForFileAtPath(const std::string& path) {
     static const std::atomic<bool> never{false};
-    return KSTSha256ForFileAtPath(path, false, never);
+    return KSTSha256OfFileAtPath(path, false, never).sha;
 }
 
 std::optional<std::string> KSTSha256ForFileAtPathEco(const std::string& path) {
     static const std::atomic<bool> never{false};
-    return KSTSha256ForFileAtPath(path, true, never);
+    return KSTSha256OfFileAtPath(path, true, never).sha;
 }

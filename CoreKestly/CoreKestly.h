@@ -38,6 +38,7 @@
 #include "CoreKestly/Actions/DCIActionQueuePlace.h"
 
 #include "CoreKestly/FileSystem/DCICachedFileQueries.h"
+#include "CoreKestly/FileSystem/DCIEntryDictionary.h"
 #include "CoreKestly/FileSystem/DCIFileObject.h"
 #include "CoreKestly/FileSystem/DCIFileQueries.h"
 #include "CoreKestly/FileSystem/DCIFileStamp.h"

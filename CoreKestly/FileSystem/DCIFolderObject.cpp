@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <string_view>
+#include <type_traits>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -25,14 +26,22 @@ bool isEntryName(std::string_view name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
+// The dictionary as a folder stores it, holding no more memory than its entries need.
+template <class Object>
+std::shared_ptr<const DCIEntryDictionary<Object>> sealed(DCIEntryDictionary<Object>&& dictionary) {
+    dictionary.shrinkToFit();
+    return std::make_shared<const DCIEntryDictionary<Object>>(std::move(dictionary));
+}
+
 // A copy of `dictionary` with `name` bound to `child`, or without `name` when there is no child.
-template <class Dictionary>
-std::shared_ptr<const Dictionary> replacingEntry(const Dictionary& dictionary, const std::string& name,
-                                                 typename Dictionary::mapped_type child) {
-    auto copy = std::make_shared<Dictionary>(dictionary);
-    if (child) (*copy)[name] = std::move(child);
-    else copy->erase(name);
-    return copy;
+template <class Object>
+std::shared_ptr<const DCIEntryDictionary<Object>> replacingEntry(const DCIEntryDictionary<Object>& dictionary,
+                                                                 const std::string& name,
+                                                                 std::type_identity_t<std::shared_ptr<Object>> child) {
+    DCIEntryDictionary<Object> copy(dictionary);
+    copy.erase(name);
+    if (child) copy.insertOrReplace(std::move(child));
+    return sealed(std::move(copy));
 }
 
 }  // namespace
@@ -97,13 +106,13 @@ void DCIFolderObject::list(Walk& walk) {
             walk.metFolderLinks = walk.metFolderLinks || entry.isLink;
             if (entry.isLink) walk.throughLinks.push_back(folder);
             else folder->list(walk);
-            subFolders.emplace(entry.name, std::move(folder));
+            subFolders.insertOrReplace(std::move(folder));
         } else if (auto file = DCIFileObject::initWithFileName(entry.name, self, entry.fileStatus)) {
-            files.emplace(entry.name, std::move(file));
+            files.insertOrReplace(std::move(file));
         }
     }
-    files_.store(std::make_shared<const DCIFileDictionary>(std::move(files)));
-    subFolders_.store(std::make_shared<const DCIFolderDictionary>(std::move(subFolders)));
+    files_.store(sealed(std::move(files)));
+    subFolders_.store(sealed(std::move(subFolders)));
 }
 
 void DCIFolderObject::finish(Walk& walk) {
@@ -280,11 +289,11 @@ DCIFolderRelisting DCIFolderObject::relist() const {
             relisting.metFolderLinks = relisting.metFolderLinks || entry.isLink;
             const auto known = relisting.oldSubFolders->find(entry.name);
             if (known != relisting.oldSubFolders->end() && known->second->identity_ == entry.folderIdentity) {
-                subFolders.emplace(entry.name, known->second);
+                subFolders.insertOrReplace(known->second);
             } else if (auto folder = makeFolder(fullPath, self, fileQueries_, entry.folderIdentity)) {
                 folder->generateHashes();
                 relisting.metFolderLinks = relisting.metFolderLinks || folder->metFolderLinks();
-                subFolders.emplace(entry.name, std::move(folder));
+                subFolders.insertOrReplace(std::move(folder));
             }
             continue;
         }
@@ -293,15 +302,15 @@ DCIFolderRelisting DCIFolderObject::relist() const {
         if (!identifiers.sha) continue;
         const auto known = relisting.oldFiles->find(entry.name);
         if (known != relisting.oldFiles->end() && known->second->fileHash() == identifiers.sha) {
-            files.emplace(entry.name, known->second);
+            files.insertOrReplace(known->second);
         } else if (auto file = DCIFileObject::initWithFileName(entry.name, self, entry.fileStatus)) {
             file->setFileHash(identifiers.sha);
             file->setSasID(identifiers.sasID);
-            files.emplace(entry.name, std::move(file));
+            files.insertOrReplace(std::move(file));
         }
     }
-    relisting.newFiles = std::make_shared<const DCIFileDictionary>(std::move(files));
-    relisting.newSubFolders = std::make_shared<const DCIFolderDictionary>(std::move(subFolders));
+    relisting.newFiles = sealed(std::move(files));
+    relisting.newSubFolders = sealed(std::move(subFolders));
     return relisting;
 }
 
@@ -367,6 +376,11 @@ std::shared_ptr<DCIFileObject> DCIFolderObject::findFile(
         if (auto file = folder->findFile(matches)) return file;
     }
     return nullptr;
+}
+
+std::string_view DCIFolderObject::name() const {
+    const std::string_view path = absolutePath();
+    return path.substr(path.rfind('/') + 1);
 }
 
 std::string DCIFolderObject::relativePath() const {

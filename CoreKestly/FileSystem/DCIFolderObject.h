@@ -3,6 +3,7 @@
 #include "CoreKestly/CoreKestlyExport.h"
 
 #include "CoreKestly/Platform/RunLoop/DCIAtomicSharedPtr.h"
+#include "CoreKestly/FileSystem/DCIEntryDictionary.h"
 #include "CoreKestly/FileSystem/DCIFileObject.h"
 #include "CoreKestly/FileSystem/DCIFileQueries.h"
 #include "CoreKestly/FileSystem/DCIPathIdentity.h"
@@ -11,10 +12,10 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <vector>
 
@@ -23,8 +24,8 @@
 class DCIFolderObject;
 
 /// A folder's direct files of interest or sub-folders, by entry name as the listing spells it.
-using DCIFileDictionary = std::map<std::string, std::shared_ptr<DCIFileObject>, std::less<>>;
-using DCIFolderDictionary = std::map<std::string, std::shared_ptr<DCIFolderObject>, std::less<>>;
+using DCIFileDictionary = DCIEntryDictionary<DCIFileObject>;
+using DCIFolderDictionary = DCIEntryDictionary<DCIFolderObject>;
 
 /// A snapshot of folders, one member per absolute path.
 using DCIFolderSet = std::unordered_set<std::shared_ptr<DCIFolderObject>, DCIIdentityHash, DCIIdentityEqual>;
@@ -127,6 +128,8 @@ public:
     std::shared_ptr<DCIFileObject> searchForFileWithSasID(const std::optional<std::string>& sasID) const;
 
     const std::string& absolutePath() const { return *absolutePath_; }
+    /// The last component of `absolutePath()`: the folder's entry name in its parent.
+    std::string_view name() const;
     /// The path from the root: "" for the root, else the parent's relative path joined with
     /// this folder's last path component.
     std::string relativePath() const;

@@ -58,6 +58,11 @@ struct DCIFolderRelisting {
 /// Threads: a tree is built and changed by one thread at a time; anyone may read it meanwhile.
 /// The dictionaries are replaced, never edited, so a dictionary obtained from `files()` or
 /// `subFolders()` never changes under its holder. The tree takes no lock of its own.
+///
+/// Holding across passes: a host may keep any folder, file or dictionary it was handed for as
+/// long as it likes; each keeps its path and contents (a pass that finds a folder or file
+/// unchanged keeps its object, one that finds it changed makes a new one). What is kept
+/// alive is only what is held: a folder's `parent()` answers while someone holds the parent.
 class KESTLY_EXPORT DCIFolderObject : public DCIObject, public std::enable_shared_from_this<DCIFolderObject> {
 public:
     /// The folder at the absolute `path` under `inFolder` (nullptr for a root), with its whole

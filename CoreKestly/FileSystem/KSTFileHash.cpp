@@ -132,12 +132,19 @@ private:
     std::chrono::nanoseconds workingTime_{};
 };
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
+// The value of each hex digit, either case, and -1 for every other byte: every hash a cache
+// answers is read back into a tree, so this is asked 64 times per file of a scan.
+constexpr std::array<int8_t, 256> kHexValues = [] {
+    std::array<int8_t, 256> values{};
+    values.fill(-1);
+    for (int digit = 0; digit < 10; ++digit) values[static_cast<size_t>('0' + digit)] = static_cast<int8_t>(digit);
+    for (int letter = 0; letter < 6; ++letter) {
+        values[static_cast<size_t>('a' + letter)] = values[static_cast<size_t>('A' + letter)] = static_cast<int8_t>(10 + letter);
+    }
+    return values;
+}();
+
+int hexValue(char c) { return kHexValues[static_cast<unsigned char>(c)]; }
 
 }  // namespace
 

@@ -234,12 +234,12 @@ std::optional<DCISHACacheRecord> DCISHACache::knownRecord(const std::string& pat
     if (const Entry* found = findEntry(path); found && answersFor(found->second, stamp, needsSHA)) {
         return answered(found->second);
     }
-    const auto known = byIdentity_.find({stamp.device, stamp.inode});
-    if (known == byIdentity_.end() || !answersFor(known->second->second, stamp, needsSHA)) return std::nullopt;
-    const DCISHACacheRecord record = answered(known->second->second);
+    const auto known = byIdentity_.find(DCIFileIdentity{stamp.device, stamp.inode});
+    if (known == byIdentity_.end() || !answersFor((*known)->second, stamp, needsSHA)) return std::nullopt;
+    const DCISHACacheRecord record = answered((*known)->second);
     // Renamed, the file takes its record along; a hard link, still the same file under the
     // other name too, shares it.
-    const std::string otherPath = pathOf(*known->second);
+    const std::string otherPath = pathOf(**known);
     if (DCIFileStamp::ofFile(otherPath) != stamp) eraseRecord(otherPath, true);
     putRecord(path, stored(record), true);
     return record;
@@ -298,12 +298,15 @@ void DCISHACache::markUnsaved(Entry& entry) {
 }
 
 void DCISHACache::index(Entry& entry) {
-    if (entry.second.hasSHA) byIdentity_[{entry.second.device, entry.second.inode}] = &entry;
+    if (!entry.second.hasSHA) return;
+    // The record stored last answers for the file.
+    if (const auto indexed = byIdentity_.find(&entry); indexed != byIdentity_.end()) byIdentity_.erase(indexed);
+    byIdentity_.insert(&entry);
 }
 
 void DCISHACache::unindex(const Entry& entry) {
-    const auto indexed = byIdentity_.find({entry.second.device, entry.second.inode});
-    if (indexed != byIdentity_.end() && indexed->second == &entry) byIdentity_.erase(indexed);
+    const auto indexed = byIdentity_.find(&entry);
+    if (indexed != byIdentity_.end() && *indexed == &entry) byIdentity_.erase(indexed);
 }
 
 void DCISHACache::stopHashing() { hashingStopped_ = true; }

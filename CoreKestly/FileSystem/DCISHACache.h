@@ -189,6 +189,17 @@ private:
         size_t unsaved = 0;
     };
     using Change = std::pair<std::string, std::optional<DCISHACacheRecord>>;
+    /// Records hashed and compared by the file they are of, so that a set of them is an index
+    /// by identity at a pointer an entry. Noexcept, so the set keeps no hash in its nodes.
+    struct IdentityOfEntry {
+        using is_transparent = void;
+        static DCIFileIdentity of(const Entry* entry) noexcept { return {entry->second.device, entry->second.inode}; }
+        size_t operator()(const DCIFileIdentity& identity) const noexcept { return DCIFileIdentityHash()(identity); }
+        size_t operator()(const Entry* entry) const noexcept { return (*this)(of(entry)); }
+        bool operator()(const Entry* a, const Entry* b) const noexcept { return of(a) == of(b); }
+        bool operator()(const Entry* a, const DCIFileIdentity& b) const noexcept { return of(a) == b; }
+        bool operator()(const DCIFileIdentity& a, const Entry* b) const noexcept { return a == of(b); }
+    };
 
     static StoredRecord stored(const DCISHACacheRecord& record);
     static DCISHACacheRecord answered(const StoredRecord& record);
@@ -231,8 +242,8 @@ private:
     mutable std::mutex accessMutex_;  // guards the members below
     // The records by the path of their folder (up to and with its last "/"), then by name.
     std::unordered_map<std::string, Folder, TextHash, std::equal_to<>> folders_;
-    // Which record holds the hash of each file.
-    std::unordered_map<DCIFileIdentity, Entry*, DCIFileIdentityHash> byIdentity_;
+    // Which record holds the hash of each file, by the file's identity.
+    std::unordered_set<Entry*, IdentityOfEntry, IdentityOfEntry> byIdentity_;
     size_t unsavedCount_ = 0;
     std::unordered_set<std::string> droppedPaths_;  // to delete from the file at the next write
     bool writeScheduled_ = false;  // a write on the executor will take every unsaved change

@@ -61,16 +61,16 @@ struct DCISHACacheRecord {
 /// The cache file holds one row per path (path, "mdate" in seconds and nanoseconds, size,
 /// inode, "sha", "sasID", device). A cache file of the earliest format, whose records carry
 /// whole seconds only, is emptied with a log line: its files are hashed again; one without
-/// devices takes each record's device from the file still at its path. Every write is one
-/// SQLite transaction (write-ahead log), so a process killed at any moment leaves a file that
-/// loads. A file at the cache path that is not such a database is logged, renamed to
+/// devices takes each record's device from the file still at its path. Records are written
+/// in SQLite transactions of up to 4,096 (write-ahead log), so a process killed at any
+/// moment leaves a file that loads. A file at the cache path that is not such a database is logged, renamed to
 /// "<path>.corrupt-<UTC date and time>" and replaced by an empty cache; nothing is deleted.
 /// When the file cannot be opened at all (no folder, no permission) the cache works in
 /// memory only and says so once in the log.
 ///
 /// Threads: any number of threads may ask at once. A lookup or a change (a new record, a
-/// load, the hand-over of changes to `persist`) holds the cache's lock only for the table
-/// operation itself: a plain mutex, since a reader-writer lock made two threads hashing
+/// record loaded, a write taking its batch of changes) holds the cache's lock only for the
+/// table operation itself: a plain mutex, since a reader-writer lock made two threads hashing
 /// small files wake each other on every record, at twice the time of one. A miss hashes the
 /// file and calls the calculator without holding any lock, so a long hash never holds back
 /// other lookups or changes, and the calculator may call back into the cache. Two threads
@@ -148,8 +148,9 @@ public:
     void loadCachedSHAData();
 
     /// Schedules the write of every change since the last one, returning at once. Does
-    /// nothing when nothing changed. The write is one transaction touching only the changed
-    /// and dropped records. A write that fails is logged and its changes become unsaved again.
+    /// nothing when nothing changed. The write touches only the changed and dropped records,
+    /// in transactions of up to 4,096 of them, and takes the changes made while it runs as
+    /// well. A write that fails is logged and its changes become unsaved again.
     void persist();
 
     /// Blocks until every write scheduled by `persist` before the call has finished.

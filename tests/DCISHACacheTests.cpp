@@ -177,13 +177,21 @@ TEST_F(SHACacheTest, AnswersNothingAndStoresNothingWithoutAFile) {
     // Only a regular file has content: a folder, a FIFO and a device are no files to answer for.
     ASSERT_EQ(mkfifo((folder / "pipe.wav").c_str(), 0600), 0);
     fs::create_symlink("/dev/null", folder / "null.wav");
-    for (const std::string& path : {folder / "missing.wav", std::string(), folder.makeFolder("folder.wav"),
-                                    folder / "pipe.wav", folder / "null.wav"}) {
+    std::vector<std::string> paths{folder / "missing.wav", std::string(), folder.makeFolder("folder.wav"),
+                                   folder / "pipe.wav", folder / "null.wav"};
+    // A file that may not be read is turned away by its open, without a log line.
+    if (geteuid() != 0) {  // permissions do not bind the superuser
+        paths.push_back(folder.writeFile("secret.wav", "secret"));
+        fs::permissions(paths.back(), fs::perms::none);
+    }
+    LogSince log;
+    for (const std::string& path : paths) {
         EXPECT_FALSE(cache->SHAForFile(path)) << path;
         EXPECT_FALSE(cache->SasIDForFile(path)) << path;
     }
     EXPECT_FALSE(cache->cacheFile(folder.writeFile("b.wav", "b"), false, std::nullopt));
     EXPECT_EQ(std::tuple(cache->shaCache().size(), cache->dirty(), calculatorCalls.load()), std::tuple(0u, false, 0));
+    EXPECT_FALSE(log.has("Unable to calcualate SHA"));
 }
 
 // A regular file whose reading fails at once: the first page of the address space is never mapped.

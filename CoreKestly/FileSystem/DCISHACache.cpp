@@ -327,10 +327,8 @@ void DCISHACache::waitUntilPersisted() {
 void DCISHACache::writeUnsavedChanges() {
     for (;;) {
         const auto changes = takeUnsavedChanges(kMostChangesPerWrite);
-        if (changes.empty() || store_->write(changes)) {
-            if (changes.empty()) return;
-            continue;
-        }
+        if (changes.empty()) return;
+        if (store_->write(changes)) continue;
         // The in-memory records are the newest, so marking their paths unsaved again is enough
         // for the next persist to retry.
         std::unique_lock lock(accessMutex_);

@@ -41,11 +41,11 @@ public:
     /// Puts `object` under its name, replacing the entry of that name. Cheapest in name order.
     void insertOrReplace(std::shared_ptr<Object> object) {
         const std::string_view name = object->name();
-        const auto at = lowerBound(name);
-        if (at != entries_.end() && at->first == name) {
-            entries_[static_cast<size_t>(at - entries_.begin())] = {name, std::move(object)};
+        const auto place = lowerBound(name);
+        if (place != entries_.end() && place->first == name) {
+            entries_[static_cast<size_t>(place - entries_.begin())] = {name, std::move(object)};
         } else {
-            entries_.insert(at, {name, std::move(object)});
+            entries_.insert(place, {name, std::move(object)});
         }
     }
     /// Takes out the entry `name`; true when there was one.

@@ -11,7 +11,9 @@
 // - idle: the process's CPU time and voluntary context switches over 10 s without a change.
 // And first, a stop during a first scan with empty caches, of one file of 8 GB and of 10,000
 // small files: from `stop()` to `waitUntilStopped()`'s return.
-// Roots are made under $TMPDIR and removed at the end, unless kept for the large run.
+// Roots are made under $TMPDIR and removed at the end, unless kept for the large run. Each size
+// is measured in a process of its own with caches of its own, so that its memory figures carry
+// nothing of another size's heap or records.
 
 #include "CoreKestly/Events/DCIEvent.h"
 #include "CoreKestly/Events/DCIEventManager.h"
@@ -21,6 +23,8 @@
 #include "support/StandardErrorToNull.h"
 
 #include <malloc.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -96,7 +100,8 @@ void measure(const fs::path& scratch, int files, bool withStorm) {
     DCIEventManager::addListener(recorder);
     auto manager = DCIFileManager::init();
     manager->addSecondaryFileExtension("wav");
-    manager->startWatchingRootFolder(root, scratch / "primary.sqlite", scratch / "secondary.sqlite", nullptr);
+    const std::string caches = (scratch / ("caches-" + std::to_string(files))).string();
+    manager->startWatchingRootFolder(root, caches + "-primary.sqlite", caches + "-secondary.sqlite", nullptr);
     auto& loop = DCIRunLoop::main();
     loop.runUntil([&] { return recorder->count(DCIEventTypeFileManagerReady) > 0; }, 3600s);
     const double readyMegabytes = residentMegabytes(), readyHeap = heapMegabytes();
@@ -184,10 +189,27 @@ void measureStop(const fs::path& scratch, const char* what, const fs::path& root
     DCIEventManager::removeListener(recorder);
 }
 
+// Runs this program again to measure one size; answers whether it succeeded.
+bool measureInProcessOfItsOwn(const fs::path& scratch, int files, bool withStorm) {
+    const std::string count = std::to_string(files), directory = scratch.string();
+    std::vector<char*> arguments = {const_cast<char*>("/proc/self/exe"), const_cast<char*>("--measure"),
+                                    const_cast<char*>(directory.c_str()), const_cast<char*>(count.c_str()),
+                                    const_cast<char*>(withStorm ? "storm" : "calm"), nullptr};
+    std::fflush(stdout);  // this process's lines come first
+    pid_t child;
+    if (posix_spawn(&child, arguments[0], nullptr, nullptr, arguments.data(), environ) != 0) return false;
+    int status = 0;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
     StandardErrorToNull quiet;
+    if (argc == 5 && std::string(argv[1]) == "--measure") {
+        measure(argv[2], std::stoi(argv[3]), std::string(argv[4]) == "storm");
+        return 0;
+    }
     const char* large = std::getenv("KESTLY_BENCH_LARGE");
     const bool keep = large && std::string(large) == "1";
     std::string scratch = (fs::temp_directory_path() / "kestly-file-manager-bench").string();
@@ -196,8 +218,11 @@ int main() {
         if (!mkdtemp(scratch.data())) return 1;
     }
     fs::create_directories(scratch);
-    fs::remove(fs::path(scratch) / "primary.sqlite");
-    fs::remove(fs::path(scratch) / "secondary.sqlite");
+    for (const int files : {10'000, 100'000, 1'000'000}) {
+        for (const char* cache : {"-primary.sqlite", "-secondary.sqlite"}) {
+            fs::remove(fs::path(scratch) / ("caches-" + std::to_string(files) + cache));
+        }
+    }
     const fs::path oneFile = fs::path(scratch) / "one large file";
     fs::create_directories(oneFile);
     std::ofstream(oneFile / "take.wav") << "x";
@@ -207,9 +232,8 @@ int main() {
     const fs::path small = fs::path(scratch) / "root-10000";
     if (!fs::exists(small)) makeRoot(small, 10'000);
     measureStop(scratch, "10,000 small files", small);
-    measure(scratch, 10'000, true);
-    measure(scratch, 100'000, false);
-    if (keep) measure(scratch, 1'000'000, false);
+    bool measured = measureInProcessOfItsOwn(scratch, 10'000, true) && measureInProcessOfItsOwn(scratch, 100'000, false);
+    if (keep) measured = measured && measureInProcessOfItsOwn(scratch, 1'000'000, false);
     if (!keep) fs::remove_all(scratch);
-    return 0;
+    return measured ? 0 : 1;
 }

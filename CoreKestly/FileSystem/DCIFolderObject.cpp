@@ -190,11 +190,18 @@ bool DCIFolderObject::generateHashes(unsigned threads) {
     }
     // One file that cannot be read must not hold back the rest of the tree: it is left out
     // until it can be, and a file that vanished meanwhile is gone from the tree as from disk.
+    // A folder's files are next to each other in `files`, so each folder loses its unhashed
+    // files in one copy of its entries: a stop leaves every file unhashed, and a copy per
+    // file would hold the stop up.
     bool everyFileHashed = true;
-    for (size_t index = 0; index < files.size(); ++index) {
-        if (hashed[index]) continue;
-        everyFileHashed = false;
-        if (const auto folder = files[index]->parent()) folder->removeFile(files[index]->name());
+    for (size_t first = 0, end; first < files.size(); first = end) {
+        const auto folder = files[first]->parent();
+        std::vector<std::string_view> unhashed;
+        for (end = first; end < files.size() && files[end]->parent() == folder; ++end) {
+            if (!hashed[end]) unhashed.push_back(files[end]->name());
+        }
+        everyFileHashed = everyFileHashed && unhashed.empty();
+        if (folder && !unhashed.empty()) folder->removeFiles(unhashed);
     }
     return everyFileHashed;
 }
@@ -321,11 +328,15 @@ bool DCIFolderObject::commit(const DCIFolderRelisting& relisting) {
     return true;
 }
 
-bool DCIFolderObject::removeFile(const std::string& name) {
+bool DCIFolderObject::removeFile(const std::string& name) { return removeFiles({name}); }
+
+bool DCIFolderObject::removeFiles(const std::vector<std::string_view>& names) {
     const auto currentFiles = files();
-    if (!currentFiles->contains(name)) return false;
-    files_.store(replacingEntry(*currentFiles, name, nullptr));
-    return true;
+    DCIFileDictionary remaining(*currentFiles);
+    bool removed = false;
+    for (const auto name : names) removed = remaining.erase(name) || removed;
+    if (removed) files_.store(sealed(std::move(remaining)));
+    return removed;
 }
 
 DCIFileSet DCIFolderObject::gatherFiles() const {

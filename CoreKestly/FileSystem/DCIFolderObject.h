@@ -108,6 +108,8 @@ public:
 
     /// Takes the file `name` out of the tree; true when it was there.
     bool removeFile(const std::string& name);
+    /// Takes the files `names` out of the tree at once; true when one of them was there.
+    bool removeFiles(const std::vector<std::string_view>& names);
 
     /// Lists the folder again, for a pass that looks at changed folders only: a file of interest
     /// whose hash through the queries is unchanged, and a sub-folder that is still the same

@@ -280,6 +280,21 @@ TEST(DCIRunLoopRun, RunOnceNeverWaitsAndTheDescriptorIsReadableWhileWorkIsReady)
     const auto timer = mainLoop().addTimer(5ms, false, [&] { ++ran; });
     EXPECT_TRUE(isReadable(fd, kPatience));
     EXPECT_TRUE(mainLoop().runOnce() && ran == 3);
+
+    // Work the loop's own thread queues during a pass, and work allowed to wait, from any
+    // thread, each make the descriptor readable in the end; what waits keeps its place.
+    std::string order;
+    mainLoop().performAsync([&] { mainLoop().performAsync([&] { order += "queued in a pass,"; }); });
+    EXPECT_TRUE(mainLoop().runOnce() && isReadable(fd));
+    std::thread([&] {
+        mainLoop().performAsync([&] { order += "waited,"; }, 20ms);
+        mainLoop().performAsync([&] { order += "at once"; });
+    }).join();
+    drain(mainLoop());
+    mainLoop().performAsync([&] { order += ",alone"; }, 5ms);
+    EXPECT_TRUE(isReadable(fd, kPatience));
+    drain(mainLoop());
+    EXPECT_EQ(order, "queued in a pass,waited,at once,alone");
 }
 
 TEST(DCIRunLoopCallbacks, AnExceptionIsReportedAndTheLoopGoesOn) {

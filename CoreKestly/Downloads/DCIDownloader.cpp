@@ -35,6 +35,10 @@ constexpr auto kLoopSlice = std::chrono::milliseconds(500);
 
 constexpr auto kProgressTickInterval = std::chrono::milliseconds(25);
 
+// How long an action's start or end step may wait for the main thread: a host sees no
+// difference, and the steps of many small files reach it in a few wake-ups, not two per file.
+constexpr auto kStepLatency = std::chrono::milliseconds(1);
+
 // "Kestly" error codes.
 constexpr int64_t kNoRequestErrorCode = 1;
 
@@ -233,7 +237,7 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
     // where the host changes statuses too; the worker does not wait for them, and the request
     // goes out at once. The start step is queued first, ahead of any end step.
     DCIRunLoop::main().performAsync(
-        [self = shared_from_this(), action, number] { self->startOnMainThread(action, number); });
+        [self = shared_from_this(), action, number] { self->startOnMainThread(action, number); }, kStepLatency);
     connection->start();
 }
 
@@ -252,28 +256,31 @@ void DCIDownloader::startOnMainThread(const std::shared_ptr<DCIAction>& action, 
 
 void DCIDownloader::addProgress(uint64_t bytes) {
     heldProgress_ += bytes;
-    if (startedAction_.load() != actionNumber_) return;
-    // The total first: the main thread reads it after the bytes.
-    totalDownloadSize_.store(expectedTotal_);
-    pendingProgress_.fetch_add(std::exchange(heldProgress_, 0));
-    // The main thread is woken at most this often per worker, so that it handles a few dozen
-    // ticks a second at full speed rather than one per chunk; the bytes in between are summed,
-    // and signalled when the interval ends even if the stream stalls there.
+    passProgressOn();
+}
+
+void DCIDownloader::passProgressOn() {
+    if (heldProgress_ == 0) return;
     const auto now = std::chrono::steady_clock::now();
-    if (now - lastProgressSignal_ >= kProgressTickInterval) {
-        signalProgress();
+    const bool running = startedAction_.load() == actionNumber_;
+    // The main thread is woken at most once a tick per worker, so that it handles a few dozen
+    // ticks a second at full speed rather than one per chunk.
+    if (running && now - lastProgressSignal_ >= kProgressTickInterval) {
+        // The total first: the main thread reads it after the bytes.
+        totalDownloadSize_.store(expectedTotal_);
+        pendingProgress_.fetch_add(std::exchange(heldProgress_, 0));
+        lastProgressSignal_ = now;
+        progressSource_->signal();
     } else if (!progressTimer_) {
-        progressTimer_ = DCIRunLoop::current().addTimer(lastProgressSignal_ + kProgressTickInterval - now, false,
-                                                        [this] { signalProgress(); });
+        // Bytes within a tick, or before the start step has run, are looked at again when the
+        // tick ends even if the stream stalls there: the start step may come after the last.
+        const auto wait = running ? lastProgressSignal_ + kProgressTickInterval - now : kProgressTickInterval;
+        progressTimer_ = DCIRunLoop::current().addTimer(wait, false, [this] {
+            progressTimer_.reset();
+            passProgressOn();
+        });
     }
 }
-
-void DCIDownloader::signalProgress() {
-    lastProgressSignal_ = std::chrono::steady_clock::now();
-    progressSource_->signal();
-    progressTimer_.reset();  // last: this may be the timer's own callback
-}
-
 
 void DCIDownloader::handleProgress() {
     const uint64_t bytes = pendingProgress_.exchange(0);
@@ -306,7 +313,8 @@ void DCIDownloader::endCurrentAction(Ending ending) {
     DCIRunLoop::main().performAsync(
         [self = shared_from_this(), action, ending = std::move(ending), held, total = expectedTotal_] {
             self->endOnMainThread(*action, ending, held, total);
-        });
+        },
+        kStepLatency);
 }
 
 void DCIDownloader::endOnMainThread(DCIAction& action, const Ending& ending, uint64_t heldBytes, uint64_t total) {

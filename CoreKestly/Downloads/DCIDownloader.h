@@ -114,7 +114,8 @@ private:
     /// Counts bytes moved, on the worker's thread, and hands them over with the expected total
     /// once the start step has run: before it, the main thread's counts are another action's.
     void addProgress(uint64_t bytes);
-    void signalProgress();
+    /// Hands the held bytes over, or looks at them again when the tick ends.
+    void passProgressOn();
 
     /// What the main thread does to end an action: its final status and what goes with it.
     using Ending = std::function<void(DCIAction&)>;
@@ -174,7 +175,8 @@ private:
     std::chrono::steady_clock::time_point lastProgressSignal_;
     /// On the main loop; made and released by the worker's thread, which alone signals it.
     std::unique_ptr<DCIRunLoopSource> progressSource_;
-    /// On the worker's loop, while bytes wait for the tick interval to end; that thread only.
+    /// On the worker's loop, while bytes wait for the tick to end or for the start step; that
+    /// thread only.
     std::unique_ptr<DCIRunLoopSource> progressTimer_;
     /// On the worker's loop; `close` signals it to end an idle wait at once.
     DCIAtomicSharedPtr<DCIRunLoopSource> wakeSource_;

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <linux/kcmp.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 #include <future>
 #include <limits>
 #include <string>
+#include <utility>
 
 namespace {
 using Clock = DCIRunLoop::Clock;
@@ -26,8 +28,27 @@ using Entry = DCIRunLoopSourceEntry;
 // epoll reports carry these ids for the loop's own descriptors; sources are numbered after them.
 constexpr uint64_t kWakeId = 0;
 constexpr uint64_t kTimerId = 1;
-constexpr uint64_t kFirstSourceId = 2;
+constexpr uint64_t kClosuresTimerId = 2;
+constexpr uint64_t kFirstSourceId = 3;
 constexpr int kMaxEventsPerPass = 64;
+
+// glibc asks the kernel for the thread's id on every call, and loops ask on every wake-up, so
+// each thread keeps its answer. A forked child's one thread has a new id: it forgets there.
+struct ThreadIdentity {
+    pid_t id = 0;
+    bool isMain = false;
+};
+thread_local ThreadIdentity threadIdentity;
+
+const ThreadIdentity& currentThread() {
+    if (threadIdentity.id == 0) {
+        static const bool forgottenInForkedChild = pthread_atfork(nullptr, nullptr, [] { threadIdentity = {}; }) == 0;
+        (void)forgottenInForkedChild;
+        const pid_t id = gettid();
+        threadIdentity = {id, id == getpid()};
+    }
+    return threadIdentity;
+}
 
 void reportProblem(const std::string& problem) {
     // The logger is built on run loops, so standard error is all a loop has; one write keeps
@@ -83,6 +104,17 @@ Clock::time_point later(Clock::time_point start, Clock::duration interval) {
     return start + interval;
 }
 
+/// Arms a timer descriptor to fire once, at `deadline`.
+void armDeadline(int timerFd, Clock::time_point deadline) {
+    // Both count from the same CLOCK_MONOTONIC origin; zero would disarm, so at least 1 ns.
+    const int64_t ns = std::max<int64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.time_since_epoch()).count(), 1);
+    itimerspec when{};
+    when.it_value.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
+    when.it_value.tv_nsec = static_cast<long>(ns % 1'000'000'000);
+    timerfd_settime(timerFd, TFD_TIMER_ABSTIME, &when, nullptr);
+}
+
 int millisecondsUntil(Clock::time_point deadline) {
     if (deadline == Clock::time_point::max()) return -1;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
@@ -101,7 +133,14 @@ std::shared_ptr<Entry> makeEntry(const std::shared_ptr<DCIRunLoopState>& state, 
 /// callback of this pass, is skipped.
 class Pass {
 public:
-    Pass(DCIRunLoopState& state, bool stoppable) : state_(state), stoppable_(stoppable), number_(++state.passCount) {}
+    Pass(DCIRunLoopState& state, bool stoppable) : state_(state), stoppable_(stoppable), number_(++state.passCount) {
+        ++state_.passDepth;
+        // This pass looks at everything, so a wake-up asked for before it is answered.
+        state_.selfWakePending = false;
+    }
+    ~Pass() { --state_.passDepth; }
+    Pass(const Pass&) = delete;
+    Pass& operator=(const Pass&) = delete;
 
     std::optional<bool> run(int timeoutMs) {
         epoll_event events[kMaxEventsPerPass];
@@ -115,6 +154,7 @@ public:
         for (int i = 0; i < count; ++i) {
             if (events[i].data.u64 == kWakeId) drainCounter(state_.wakeFd);
             if (events[i].data.u64 == kTimerId) drainCounter(state_.timerFd);
+            if (events[i].data.u64 == kClosuresTimerId) drainCounter(state_.closuresTimerFd);
         }
         runClosures();
         runSignalSources();
@@ -135,6 +175,7 @@ private:
         size_t queued;
         {
             std::lock_guard lock(state_.mutex);
+            state_.takeClosures();
             queued = state_.closures.size();
         }
         // Only those queued before the pass: a closure that queues another must not starve the
@@ -249,6 +290,24 @@ private:
     bool ranCallback_ = false;
     bool interrupted_ = false;
 };
+
+/// Held by a run: when the outermost one returns with a wake-up its own thread asked for still
+/// unanswered, the descriptor is made readable for the host's loop, if one watches it; the
+/// loop's next run looks at the pending wake-up itself.
+class WritesPendingSelfWake {
+public:
+    explicit WritesPendingSelfWake(DCIRunLoopState& state) : state_(state) {}
+    ~WritesPendingSelfWake() {
+        if (state_.passDepth > 0 || !state_.selfWakePending || !state_.descriptorShared.load()) return;
+        state_.selfWakePending = false;
+        bumpCounter(state_.wakeFd);
+    }
+    WritesPendingSelfWake(const WritesPendingSelfWake&) = delete;
+    WritesPendingSelfWake& operator=(const WritesPendingSelfWake&) = delete;
+
+private:
+    DCIRunLoopState& state_;
+};
 }  // namespace
 
 // MARK: - State
@@ -258,22 +317,61 @@ DCIRunLoopState::DCIRunLoopState(pid_t owner)
       epollFd(epoll_create1(EPOLL_CLOEXEC)),
       wakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       timerFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
+      closuresTimerFd(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)),
       nextSourceId(kFirstSourceId) {
-    const bool usable = epollFd >= 0 && wakeFd >= 0 && timerFd >= 0 &&
+    const bool usable = epollFd >= 0 && wakeFd >= 0 && timerFd >= 0 && closuresTimerFd >= 0 &&
                         epollControl(epollFd, EPOLL_CTL_ADD, wakeFd, EPOLLIN, kWakeId) &&
-                        epollControl(epollFd, EPOLL_CTL_ADD, timerFd, EPOLLIN, kTimerId);
+                        epollControl(epollFd, EPOLL_CTL_ADD, timerFd, EPOLLIN, kTimerId) &&
+                        epollControl(epollFd, EPOLL_CTL_ADD, closuresTimerFd, EPOLLIN, kClosuresTimerId);
     // Without descriptors every run returns at once; nothing else can be done about it here.
     if (!usable) reportProblem(std::string("cannot create a run loop: ") + std::strerror(errno));
 }
 
 DCIRunLoopState::~DCIRunLoopState() {
-    for (int fd : {epollFd, wakeFd, timerFd})
+    for (int fd : {epollFd, wakeFd, timerFd, closuresTimerFd})
         if (fd >= 0) ::close(fd);
 }
 
-bool DCIRunLoopState::isOwnerThread() const { return gettid() == ownerThread; }
+bool DCIRunLoopState::isOwnerThread() const { return currentThread().id == ownerThread; }
 
-void DCIRunLoopState::wake() const { bumpCounter(wakeFd); }
+void DCIRunLoopState::wake() {
+    // The loop's own thread, inside a pass or with no host loop watching the descriptor, runs
+    // a pass before it waits, and the run does not wait while this is pending: no system call.
+    if (isOwnerThread() && (passDepth > 0 || !descriptorShared.load(std::memory_order_acquire))) {
+        selfWakePending = true;
+        return;
+    }
+    bumpCounter(wakeFd);
+}
+
+void DCIRunLoopState::enqueue(Closure closure, Clock::duration latency) {
+    bool wakesNow = false;
+    std::optional<Clock::time_point> deadline;
+    {
+        std::lock_guard lock(mutex);
+        // Only a closure being dropped by close() can get here; it goes with the loop.
+        if (closed) return;
+        closures.push_back(std::move(closure));
+        if (latency <= Clock::duration::zero()) {
+            wakesNow = !std::exchange(closuresWakeArmed, true);
+        } else if (!closuresWakeArmed && !closuresDeadlineArmed) {
+            closuresDeadlineArmed = true;
+            deadline = later(Clock::now(), latency);
+        }
+    }
+    if (wakesNow) wake();
+    // Armed unlocked, as a system call under the mutex holds up every thread that posts. Two
+    // armings may land out of order; the later deadline then gives way to the earlier one,
+    // which only wakes the loop sooner.
+    if (deadline) armDeadline(closuresTimerFd, *deadline);
+}
+
+void DCIRunLoopState::takeClosures() {
+    closuresWakeArmed = false;
+    // Left armed: disarming here could undo an arming for closures queued after this. A
+    // deadline firing late finds no closure, which costs one spare pass.
+    closuresDeadlineArmed = false;
+}
 
 void DCIRunLoopState::close() {
     std::deque<Closure> droppedClosures;
@@ -297,13 +395,14 @@ void DCIRunLoopState::close() {
 
 bool DCIRunLoopState::runUntil(Clock::time_point deadline, const std::function<bool()>* predicate) {
     if (!isOwnerThread()) return false;
+    const WritesPendingSelfWake pendingWake(*this);
     for (bool firstPass = true;; firstPass = false) {
         if (predicate && (*predicate)()) return true;
         if (stopRequested.exchange(false, std::memory_order_acq_rel)) return false;
         if (!firstPass && Clock::now() >= deadline) return false;
         // Nested in a callback, the work an outer pass has collected but not yet run is ready
         // without the descriptor saying so: the first pass looks without waiting.
-        const bool mayWait = !firstPass || callbacksRunning == 0;
+        const bool mayWait = (!firstPass || callbacksRunning == 0) && !selfWakePending;
         if (!runPass(mayWait ? millisecondsUntil(deadline) : 0, true)) return false;
     }
 }
@@ -338,14 +437,11 @@ void DCIRunLoopState::armTimerDescriptor() {
     itimerspec when{};  // all zero disarms
     const auto earliest = std::min_element(timers.begin(), timers.end(),
                                            [](const auto& a, const auto& b) { return a->deadline < b->deadline; });
-    if (earliest != timers.end()) {
-        // Both count from the same CLOCK_MONOTONIC origin; zero would disarm, so at least 1 ns.
-        const int64_t ns = std::max<int64_t>(
-            std::chrono::duration_cast<std::chrono::nanoseconds>((*earliest)->deadline.time_since_epoch()).count(), 1);
-        when.it_value.tv_sec = static_cast<time_t>(ns / 1'000'000'000);
-        when.it_value.tv_nsec = static_cast<long>(ns % 1'000'000'000);
+    if (earliest == timers.end()) {
+        timerfd_settime(timerFd, TFD_TIMER_ABSTIME, &when, nullptr);
+    } else {
+        armDeadline(timerFd, (*earliest)->deadline);
     }
-    timerfd_settime(timerFd, TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
 // epoll keys a registration by open file *and* descriptor number, and removes it by number.
@@ -401,7 +497,7 @@ DCIRunLoop& DCIRunLoop::main() {
 
 DCIRunLoop& DCIRunLoop::current() {
     if (DCIIsMainThread()) return main();
-    thread_local const std::unique_ptr<DCIRunLoop> loop(new DCIRunLoop(gettid()));
+    thread_local const std::unique_ptr<DCIRunLoop> loop(new DCIRunLoop(currentThread().id));
     return *loop;
 }
 
@@ -419,6 +515,7 @@ bool DCIRunLoop::runUntil(const std::function<bool()>& predicate, Clock::duratio
 
 bool DCIRunLoop::runOnce() {
     if (!state_->isOwnerThread()) return false;
+    const WritesPendingSelfWake pendingWake(*state_);
     return state_->runPass(0, false).value_or(false);
 }
 
@@ -431,19 +528,27 @@ void DCIRunLoop::stop() {
     state->wake();
 }
 
-int DCIRunLoop::fileDescriptor() const { return state_->epollFd; }
+int DCIRunLoop::fileDescriptor() const {
+    DCIRunLoopState& state = *state_;
+    // From now on a host's loop may be what waits: a wake-up the owner kept to itself is
+    // written. Another thread cannot see whether one is pending, and writes in any case.
+    if (!state.descriptorShared.exchange(true, std::memory_order_acq_rel)) {
+        const bool owner = state.isOwnerThread();
+        if (!owner || (state.selfWakePending && state.passDepth == 0)) {
+            if (owner) state.selfWakePending = false;
+            bumpCounter(state.wakeFd);
+        }
+    }
+    return state.epollFd;
+}
 
 bool DCIRunLoop::isCurrent() const { return state_->isOwnerThread(); }
 
-void DCIRunLoop::performAsync(Closure closure) {
+void DCIRunLoop::performAsync(Closure closure) { performAsync(std::move(closure), Clock::duration::zero()); }
+
+void DCIRunLoop::performAsync(Closure closure, Clock::duration latency) {
     const std::shared_ptr<DCIRunLoopState> state = state_;
-    {
-        std::lock_guard lock(state->mutex);
-        // Only a closure being dropped by close() can get here; it goes with the loop.
-        if (state->closed) return;
-        state->closures.push_back(std::move(closure));
-    }
-    state->wake();
+    state->enqueue(std::move(closure), latency);
 }
 
 void DCIRunLoop::performSync(const Closure& closure) {
@@ -506,4 +611,4 @@ void DCIRunLoopSource::signal() {
     if (!entry_->signalled.exchange(true, std::memory_order_acq_rel)) entry_->loop->wake();
 }
 
-bool DCIIsMainThread() { return gettid() == getpid(); }
+bool DCIIsMainThread() { return currentThread().isMain; }

@@ -66,6 +66,10 @@ public:
 
     /// Queues the closure to run on the loop's thread, after the closures queued before it.
     void performAsync(Closure closure);
+    /// As `performAsync`, but the loop may sleep up to `latency` before running it, so that
+    /// closures posted close together, from any threads, run in one wake-up rather than one
+    /// each. For news a person reads, not for work another thread waits on.
+    void performAsync(Closure closure, Clock::duration latency);
     /// Runs the closure on the loop's thread and waits for it; runs it inline when called on
     /// that thread, so it cannot deadlock against itself. The loop must be running (or
     /// `runOnce()` called) for another thread's call to return.

@@ -67,8 +67,13 @@ struct DCIRunLoopState {
     DCIRunLoopState& operator=(const DCIRunLoopState&) = delete;
 
     bool isOwnerThread() const;
-    /// Makes the loop's descriptor readable, so a waiting pass returns and scans for work.
-    void wake() const;
+    /// Makes the loop's descriptor readable, so a waiting pass returns and scans for work. On
+    /// the loop's own thread, inside a pass or while no host watches the descriptor, it only
+    /// notes that the run must look again before it waits; the descriptor is made readable
+    /// once the outermost run returns, if still needed.
+    void wake();
+    /// Queues a closure, to run within `latency` (none: at once).
+    void enqueue(Closure closure, Clock::duration latency);
     /// Detaches every source and drops every queued closure; the loop object is going away.
     void close();
 
@@ -83,8 +88,11 @@ struct DCIRunLoopState {
     /// Detaches a source whose handle is going; off the loop's thread, waits out a running
     /// callback of it.
     void detach(Entry& entry);
-    /// Points the timer descriptor at the earliest deadline; called with the mutex held.
+    /// Points the timer descriptor at the earliest timer's deadline; called with the mutex held.
     void armTimerDescriptor();
+    /// Called with the mutex held by a pass about to run the queued closures: those queued
+    /// from now on need a wake-up of their own.
+    void takeClosures();
 
     // Descriptor sources; called with the mutex held.
 
@@ -106,8 +114,12 @@ struct DCIRunLoopState {
     /// Counts wake-ups: performed closures, raised signals, stops.
     const int wakeFd;
     const int timerFd;
+    /// Fires when closures queued with a latency must run.
+    const int closuresTimerFd;
 
     std::atomic<bool> stopRequested{false};
+    /// Whether `fileDescriptor()` was handed out, so that a host's loop may be what waits.
+    std::atomic<bool> descriptorShared{false};
 
     std::mutex mutex;
     /// Told when a callback returns whose source has been detached meanwhile.
@@ -117,6 +129,10 @@ struct DCIRunLoopState {
     // Guarded by the mutex.
     bool closed = false;
     std::deque<Closure> closures;
+    /// Whether the queued closures have a wake-up on its way; later ones need none.
+    bool closuresWakeArmed = false;
+    /// Whether `closuresTimerFd` is armed for the queued closures that may wait.
+    bool closuresDeadlineArmed = false;
     std::vector<std::shared_ptr<Entry>> signalSources;
     std::vector<std::shared_ptr<Entry>> timers;
     std::unordered_map<uint64_t, std::shared_ptr<Entry>> fileDescriptorSources;
@@ -125,4 +141,8 @@ struct DCIRunLoopState {
     uint64_t passCount = 0;
     /// Callbacks under way on the loop's thread; above zero, a run is nested in one of them.
     int callbacksRunning = 0;
+    /// Passes under way on the loop's thread, nested ones included.
+    int passDepth = 0;
+    /// A wake-up asked for on the loop's own thread during a pass, not yet written.
+    bool selfWakePending = false;
 };

@@ -29,11 +29,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace {
@@ -273,7 +273,7 @@ private:
 
     std::vector<Item> items_;
     const std::shared_ptr<OrderedBodies> bodies_;
-    std::map<const DCIAction*, size_t> indexOf_;
+    std::unordered_map<const DCIAction*, size_t> indexOf_;
     const bool json_;
     const bool showsBar_;
     size_t endedCount_ = 0;

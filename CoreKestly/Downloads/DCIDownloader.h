@@ -160,8 +160,8 @@ private:
     std::atomic<uint64_t> pendingProgress_{0};
     /// The action whose start step has run and whose end step has not; the main thread only.
     std::shared_ptr<DCIAction> progressAction_;
-    /// The worker's own counts of the current action, that thread only: bytes held until the
-    /// start step has run, and the expected total.
+    /// The worker's own counts of the current action, that thread only: bytes not handed over
+    /// yet (before the start step has run, or within a tick), and the expected total.
     uint64_t heldProgress_ = 0;
     uint64_t expectedTotal_ = 0;
     /// The current action's number among those the worker took; that thread only.

@@ -159,10 +159,11 @@ struct DCLogger::Output {
 
 DCLogger& DCLogger::sharedLogger() {
     // Never destroyed: any thread may log until the process ends. What is still queued when
-    // the process exits normally is written by the exit handler.
+    // the process exits normally, or through quick_exit, is written by the exit handler.
     static DCLogger* const logger = [] {
         auto* shared = new DCLogger(perUserTemporaryDirectory());
         std::atexit([] { sharedLogger().flush(); });
+        std::at_quick_exit([] { sharedLogger().flush(); });
         return shared;
     }();
     return *logger;

@@ -367,7 +367,11 @@ int download(const DownloadOptions& options) {
     }
     for (const auto& worker : workers) worker->waitUntilStopped();
     DCIEventManager::removeListener(monitor);
-    return monitor->succeeded() ? 0 : 1;
+    // Every file is closed and in place and every body written: what is left is freeing the
+    // actions and the library's per-thread caches, which took longer than a few small files'
+    // transfers. The library's log still gets what it has queued.
+    std::fflush(nullptr);
+    std::quick_exit(monitor->succeeded() ? 0 : 1);
 }
 
 }  // namespace

@@ -369,7 +369,9 @@ int download(const DownloadOptions& options) {
     DCIEventManager::removeListener(monitor);
     // Every file is closed and in place and every body written: what is left is freeing the
     // actions and the library's per-thread caches, which took longer than a few small files'
-    // transfers. The library's log still gets what it has queued.
+    // transfers. A spool whose transfer never started is the one file to remove first; the
+    // library's log still gets what it has queued.
+    bodies->removeSpools();
     std::fflush(nullptr);
     std::quick_exit(monitor->succeeded() ? 0 : 1);
 }

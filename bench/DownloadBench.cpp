@@ -149,12 +149,18 @@ private:
         return false;
     }
 
-    // A port the system had free a moment ago.
-    static int freePort() {
-        const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    static sockaddr_in loopback(int port) {
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<uint16_t>(port));
+        return address;
+    }
+
+    // A port the system had free a moment ago.
+    static int freePort() {
+        const int probe = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address = loopback(0);
         socklen_t length = sizeof address;
         bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
         getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
@@ -164,11 +170,8 @@ private:
 
     bool accepts() const {
         const int probe = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(static_cast<uint16_t>(port_));
-        const bool connected = connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        const sockaddr_in address = loopback(port_);
+        const bool connected = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
         close(probe);
         return connected;
     }

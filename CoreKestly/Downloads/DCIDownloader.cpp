@@ -232,9 +232,8 @@ void DCIDownloader::processAction(const std::shared_ptr<DCIAction>& action) {
     const uint64_t number = ++actionNumber_;
     auto connection = DCIURLConnection::initWithRequest(request, weak_from_this());
     connection_.store(connection);
-    // The URL is parsed to leave its credentials out: not for a line nobody reads.
-    if (!DCLogInfoIsSilenced())
-        DCLogInfo("ACF CONNECTION START %@ (%@)", DCILoggedText(DCIURLWithoutCredentials(request->URL())), name_);
+    DCLogInfo("ACF CONNECTION START %@ (%@)",
+              [&] { return DCILoggedText(DCIURLWithoutCredentials(request->URL())); }, name_);
     // The test of the status and its change to Running happen together on the main thread,
     // where the host changes statuses too; the worker does not wait for them, and the request
     // goes out at once. The start step is queued first, ahead of any end step.

@@ -185,7 +185,7 @@ void DCIDownloader::connection(DCIURLConnection&, const DCIError& didFailWithErr
 }
 
 void DCIDownloader::connectionDidFinishLoading(DCIURLConnection&) {
-    if (!DCLogInfoIsSilenced()) DCLogInfo("ACF CONNECTION END %@ (%@)", loggedCurrentURL(), name_);
+    DCLogInfo("ACF CONNECTION END %@ (%@)", [this] { return loggedCurrentURL(); }, name_);
     const bool handsDataOver = downloadFile_.load() < 0;
     endCurrentAction([this, handsDataOver, buffer = dataReceived_.load()](DCIAction& action) {
         action.setContextObject(shared_from_this(), kDCIDownloaderDownloaderKey);

@@ -298,9 +298,7 @@ class WritesPendingSelfWake {
 public:
     explicit WritesPendingSelfWake(DCIRunLoopState& state) : state_(state) {}
     ~WritesPendingSelfWake() {
-        if (state_.passDepth > 0 || !state_.selfWakePending || !state_.descriptorShared.load()) return;
-        state_.selfWakePending = false;
-        bumpCounter(state_.wakeFd);
+        if (state_.descriptorShared.load()) state_.writePendingSelfWake();
     }
     WritesPendingSelfWake(const WritesPendingSelfWake&) = delete;
     WritesPendingSelfWake& operator=(const WritesPendingSelfWake&) = delete;
@@ -341,6 +339,12 @@ void DCIRunLoopState::wake() {
         selfWakePending = true;
         return;
     }
+    bumpCounter(wakeFd);
+}
+
+void DCIRunLoopState::writePendingSelfWake() {
+    if (passDepth > 0 || !selfWakePending) return;
+    selfWakePending = false;
     bumpCounter(wakeFd);
 }
 
@@ -434,14 +438,14 @@ void DCIRunLoopState::detach(Entry& entry) {
 }
 
 void DCIRunLoopState::armTimerDescriptor() {
-    itimerspec when{};  // all zero disarms
     const auto earliest = std::min_element(timers.begin(), timers.end(),
                                            [](const auto& a, const auto& b) { return a->deadline < b->deadline; });
-    if (earliest == timers.end()) {
-        timerfd_settime(timerFd, TFD_TIMER_ABSTIME, &when, nullptr);
-    } else {
+    if (earliest != timers.end()) {
         armDeadline(timerFd, (*earliest)->deadline);
+        return;
     }
+    const itimerspec disarmed{};
+    timerfd_settime(timerFd, TFD_TIMER_ABSTIME, &disarmed, nullptr);
 }
 
 // epoll keys a registration by open file *and* descriptor number, and removes it by number.
@@ -533,9 +537,9 @@ int DCIRunLoop::fileDescriptor() const {
     // From now on a host's loop may be what waits: a wake-up the owner kept to itself is
     // written. Another thread cannot see whether one is pending, and writes in any case.
     if (!state.descriptorShared.exchange(true, std::memory_order_acq_rel)) {
-        const bool owner = state.isOwnerThread();
-        if (!owner || (state.selfWakePending && state.passDepth == 0)) {
-            if (owner) state.selfWakePending = false;
+        if (state.isOwnerThread()) {
+            state.writePendingSelfWake();
+        } else {
             bumpCounter(state.wakeFd);
         }
     }

@@ -72,6 +72,9 @@ struct DCIRunLoopState {
     /// notes that the run must look again before it waits; the descriptor is made readable
     /// once the outermost run returns, if still needed.
     void wake();
+    /// On the loop's own thread, outside any pass: makes the descriptor readable for a
+    /// wake-up that `wake` only noted.
+    void writePendingSelfWake();
     /// Queues a closure, to run within `latency` (none: at once).
     void enqueue(Closure closure, Clock::duration latency);
     /// Detaches every source and drops every queued closure; the loop object is going away.
@@ -143,6 +146,6 @@ struct DCIRunLoopState {
     int callbacksRunning = 0;
     /// Passes under way on the loop's thread, nested ones included.
     int passDepth = 0;
-    /// A wake-up asked for on the loop's own thread during a pass, not yet written.
+    /// A wake-up the loop's own thread asked for and `wake` only noted, not yet written.
     bool selfWakePending = false;
 };

@@ -13,6 +13,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <variant>
 
 /// One argument of a printf-style format, captured with its type so the formatter never
@@ -45,6 +46,11 @@ public:
         if (value) *this = DCIFormatArgument(*value);
     }
     DCIFormatArgument(const void* pointer) : value_(pointer) {}
+    /// Text dear to make, such as a URL parsed to leave its credentials out: the function is
+    /// called only when the message is built, so a log line that is off costs nothing.
+    template <std::invocable F>
+        requires std::convertible_to<std::invoke_result_t<const F&>, std::string>
+    DCIFormatArgument(const F& describe) : value_(std::string(describe())) {}
 
     /// nil, a signed or unsigned integer, a double, borrowed text, owned text (an object's
     /// description) or an address.
